@@ -1,0 +1,170 @@
+// Blocking wrappers: see the header for what each one promises.
+//
+// Threads: any; no state. Losses: none.
+#include "tov_utils.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr int MALLOC_RETRY_S = 5;
+static constexpr mode_t PID_FILE_MODE = 0700;
+static constexpr mode_t OPEN_DIR_MODE = 0777;
+
+void safe_sleep_common(int sec, int usec) {
+  timeval left{};
+  left.tv_sec = sec;
+  left.tv_usec = usec;
+  // The kernel leaves the time that remains in `left`, so a signal costs nothing of the sleep.
+  while (select(0, nullptr, nullptr, nullptr, &left) < 0 && errno == EINTR) {
+  }
+}
+
+void safe_sleep(int sec) {
+  safe_sleep_common(sec, 0);
+}
+
+void safe_usleep(int usec) {
+  safe_sleep_common(0, usec);
+}
+
+void *safe_malloc(size_t size) {
+  void *block = malloc(size);
+  while (block == nullptr) {
+    safe_sleep(MALLOC_RETRY_S);
+    block = malloc(size);
+  }
+  return memset(block, 0, size);
+}
+
+// The common part of safe_read() and safe_write(): `transfer` is one call for what remains, at an
+// offset from the beginning.
+template <typename Transfer>
+static ssize_t transfer_all(size_t len, Transfer transfer) {
+  size_t total = 0;
+  while (total < len) {
+    const ssize_t n = transfer(total, len - total);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -1;
+    if (n == 0) break;
+    total += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(total);
+}
+
+ssize_t safe_read(int fd, void *buf, size_t len) {
+  char *bytes = static_cast<char *>(buf);
+  return transfer_all(len, [=](size_t at, size_t left) { return read(fd, bytes + at, left); });
+}
+
+ssize_t safe_write(int fd, const void *buf, size_t len) {
+  const char *bytes = static_cast<const char *>(buf);
+  return transfer_all(len, [=](size_t at, size_t left) { return write(fd, bytes + at, left); });
+}
+
+int tov_read_to_buf(const char *filename, void *buf, int len) {
+  if (len < 1) return -1;
+  char *text = static_cast<char *>(buf);
+  text[0] = '\0';
+
+  tov_fd_t fd(open(filename, O_RDONLY | O_CLOEXEC));
+  if (fd.n < 0) return -1;
+  const ssize_t count = safe_read(fd.n, text, static_cast<size_t>(len) - 1);
+  text[count < 0 ? 0 : count] = '\0';
+  return static_cast<int>(count);
+}
+
+int lock_file(int fd) {
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  return fcntl(fd, F_SETLK, &whole);
+}
+
+int already_running(const char *path) {
+  tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT, PID_FILE_MODE));
+  if (fd.n < 0) return -1;
+  if (lock_file(fd.n) < 0) return -1;
+
+  // The lock alone decides. The number is for people, so a full disk is no reason to refuse.
+  char text[16];
+  const int length = snprintf(text, sizeof text, "%d", getpid());
+  (void)!ftruncate(fd.n, 0);
+  (void)!safe_write(fd.n, text, static_cast<size_t>(length) + 1);
+  return tov_fd_take(fd);
+}
+
+bool tov_parse_int(const char *text, int *out) {
+  char *end = nullptr;
+  const tov_errno_keeper_s keep;
+  const long number = strtol(text, &end, 10);  // out of its own range it gives LONG_MIN, LONG_MAX
+  if (end == text) return false;
+  *out = number > INT_MAX ? INT_MAX : number < INT_MIN ? INT_MIN : static_cast<int>(number);
+  return true;
+}
+
+int tov_atoi(const char *text) {
+  int number = 0;
+  (void)tov_parse_int(text, &number);
+  return number;
+}
+
+// ---- directories ----------------------------------------------------------------------------
+
+// Sets the mode of an existing directory. In a directory that is open to everybody the name may be
+// a planted link; following it would open any directory of the machine to everybody.
+static int open_up_dir(const char *path) {
+  int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  struct stat found;
+  if (lstat(path, &found) < 0) return -errno;
+  if (S_ISLNK(found.st_mode) && found.st_uid != geteuid()) return -ELOOP;
+  if (!S_ISLNK(found.st_mode)) flags |= O_NOFOLLOW;
+
+  tov_fd_t dir(open(path, flags));
+  if (dir.n < 0) return -errno;
+  return fchmod(dir.n, OPEN_DIR_MODE) < 0 ? -errno : 0;
+}
+
+// Makes the missing directories above the last component of `path`, from the top downwards.
+static int make_parents(char *path) {
+  for (char *slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
+    *slash = '\0';
+    const int made = mkdir(path, OPEN_DIR_MODE);
+    const int res = made == 0 ? open_up_dir(path) : errno == EEXIST ? 0 : -errno;
+    *slash = '/';
+    if (res < 0) return res;
+  }
+  return 0;
+}
+
+int tov_make_dir(const char *path) {
+  char local[PATH_MAX];
+  size_t length = strlen(path);
+  if (length == 0) return -ENOENT;
+  if (length >= sizeof local) return -ENAMETOOLONG;
+  memcpy(local, path, length + 1);
+  // A trailing slash would make the kernel follow a link at the end of the path.
+  while (length > 1 && local[length - 1] == '/')
+    local[--length] = '\0';
+
+  int made = mkdir(local, OPEN_DIR_MODE);
+  if (made < 0 && errno == ENOENT) {
+    const int res = make_parents(local);
+    if (res < 0) return res;
+    made = mkdir(local, OPEN_DIR_MODE);
+  }
+  if (made < 0 && errno != EEXIST) return -errno;
+  return open_up_dir(local);
+}
+
+void rtrim(char *str) {
+  size_t length = strlen(str);
+  while (length > 0 && (str[length - 1] == ' ' || str[length - 1] == '\t'))
+    str[--length] = '\0';
+}
