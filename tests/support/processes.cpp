@@ -66,9 +66,9 @@ static void kill_if_in(const NamespaceId &where, pid_t pid) {
   (void)syscall(SYS_pidfd_send_signal, process.n, SIGKILL, nullptr, 0);
 }
 
-size_t end_processes_in(const NamespaceId &where, pid_t spare, Millis limit) {
-  const auto machine = mount_namespace_of(1);
-  if (!machine || *machine == where)
+size_t end_processes_in(const NamespaceId &where, const NamespaceId &machine, pid_t spare,
+                        Millis limit) {
+  if (machine == where || mount_namespace_of(1) == where)
     throw std::logic_error("refusing to end the processes of the machine's own namespace");
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {

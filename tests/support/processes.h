@@ -33,9 +33,11 @@ std::optional<NamespaceId> mount_namespace_of(pid_t pid);
 std::vector<pid_t> processes_in(const NamespaceId &where);
 
 // Kills every process of a namespace but `spare` and waits until none is left.
-// Never touches the caller's own namespace or that of process 1: throws std::logic_error.
+//   machine  the namespace of the machine itself: throws std::logic_error when `where` is that
+//            (process 1 cannot be asked for it, it may be out of reach even for root)
 // Returns how many were still there when `limit` ended (0 is success).
-size_t end_processes_in(const NamespaceId &where, pid_t spare, Millis limit);
+size_t end_processes_in(const NamespaceId &where, const NamespaceId &machine, pid_t spare,
+                        Millis limit);
 
 // The state letter of /proc/PID/stat, or 0 when there is no such process.
 char process_state(pid_t pid);

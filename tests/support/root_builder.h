@@ -25,7 +25,8 @@ struct RootPlan {
   bool data2 = false;           // is there a /data2 (a mount of its own)?
   bool control_groups = false;  // mount /memory and /cpu?
   Console console = Console::NULL_DEVICE;
-  std::vector<std::string> visible;  // directories of the machine that must be seen at their path
+  std::vector<std::string> visible =
+      {};  // directories of the machine that must be seen at their path
 };
 
 // What is left in the caller's hands. The descriptors are close-on-exec.
