@@ -15,18 +15,15 @@
 
 #include "tov.h"
 #include "tov_chain_list.h"
-#include "tov_utils_owner.h"
+#include "tov_chain_lookup.h"
+#include "tov_sys_alive.h"  // TOV_ALIVE_ID_COUNT
 
 extern tov_chains_t tov_chains;        // processes that registered an exit action
 extern tov_chains_t tov_alive_chains;  // threads watched for liveness
 extern tov_chains_t tov_chains_delay;  // exits that wait for a lock to go
 
-enum {
-  // Thread ids from here on have no slot in the shared area of thread liveness.
-  TOV_ALIVE_ID_COUNT = 163840
-};
-
-// Holds a registry's lock; debug builds assert the order above.
+// Holds a registry's lock; debug builds assert the order above. Taking a lock again that this
+// thread holds already is always allowed.
 class tov_chains_guard_s {
  public:
   explicit tov_chains_guard_s(tov_chains_t &chains);
@@ -52,17 +49,21 @@ void tov_init_chains(tov_chains_t *chains);
 // released too. The lock itself stays usable: detached threads may still come for it at shutdown.
 void tov_destroy_chains(tov_chains_t *chains);
 
-// A zeroed record that belongs to the caller until it is linked; never null.
+// A zeroed record that belongs to the caller until it is linked (free(3) if it never is); waits
+// for memory, never null.
 tov_pid_t *tov_chain_new_record(void);
 
-// Links `record` at the head of the bucket of its `pid`. The registry owns it from here on.
+// Links `record` at the head of the bucket of its `pid`, so that it is found before older records
+// of the same id. The registry owns it from here on.
 // Caller holds the lock.
 void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record);
 
-// Unlinks and frees one record. Caller holds the lock.
+// Unlinks and frees one record. A thread's slot in the shared area stays: the caller who wants it
+// gone releases it. Caller holds the lock.
 void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record);
 
-// Moves `record` to the bucket of `new_pid` and stores the id. Caller holds the lock.
+// Moves `record` to the head of the bucket of `new_pid` and stores the id; the count stays. What is
+// named after the old id (the registration file) is removed before this. Caller holds the lock.
 void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid);
 
 // The newest record of `pid`, or null. Caller holds the lock and borrows the record under it.
@@ -83,32 +84,22 @@ void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains);
 void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains);
 
 // Calls `visit(tov_pid_t &)` for every record, buckets 0 to 255 in order, each from its head. The
-// successor is taken before the call, so that `visit` may remove the record it was given. Ends
-// early when `visit` returns false. Caller holds the lock.
+// successor is taken before the call, so that `visit` may remove the record it was given, but no
+// other. Ends early when `visit` returns false. Caller holds the lock.
 template <typename Visit>
-void tov_chain_for_each(tov_chains_t *chains, Visit visit);
-
-// Reads the link /proc/<pid>/exe into `buf` of `size` bytes, zeroed first; no terminator is added
-// beyond the zeroing. Returns 1, or 0 when the link cannot be read.
-int pid_to_proc(pid_t pid, char *buf, int size);
-
-// Looks a program up in a list file: the first line that contains `name` anywhere decides. What
-// follows its last blank - line end included - is copied to `out` (at most size - 1 bytes).
-// Returns 1; 0 when no line matches, the matching line has no blank, `name` is empty, or the file
-// cannot be read.
-int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int size);
-
-// The same for the executable of a process.
-int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size);
+bool tov_chain_for_each_in(tov_chains_t *chains, unsigned int bucket, Visit visit) {
+  for (tov_hlist_node_s *node = chains->pidchain[bucket].first; node != nullptr;) {
+    tov_hlist_node_s *next = node->next;
+    if (!visit(*tov_chain_record(node))) return false;
+    node = next;
+  }
+  return true;
+}
 
 template <typename Visit>
 void tov_chain_for_each(tov_chains_t *chains, Visit visit) {
-  for (tov_hlist_head_s &bucket : chains->pidchain) {
-    for (tov_hlist_node_s *node = bucket.first; node != nullptr;) {
-      tov_hlist_node_s *next = node->next;
-      if (!visit(*tov_chain_record(node))) return;
-      node = next;
-    }
+  for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS; bucket++) {
+    if (!tov_chain_for_each_in(chains, bucket, visit)) return;
   }
 }
 

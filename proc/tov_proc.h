@@ -1,0 +1,42 @@
+// Starting a supervised program again, by its command line or by its start script.
+//
+// One procedure serves both ways (tov_proc_how.h holds what differs): the burst limit, a fork that
+// is retried for ever, the child's set-up, and the search for the process that is now to be
+// supervised, because a listed third-part program may fork itself away. This header brings the
+// module's rooms with it.
+//
+// Threads: the event handler, the start-up rebuild, the delay and sweep threads, and the
+// self-check alarm's handler. All callers hold the lock of `tov_chains`; nothing here takes one.
+#ifndef TOV_PROC_H
+#define TOV_PROC_H
+
+#include <sys/types.h>
+
+#include "tov.h"
+#include "tov_proc_burst.h"
+#include "tov_proc_files.h"
+#include "tov_proc_find.h"
+#include "tov_proc_how.h"
+#include "tov_proc_sched.h"
+#include "tov_proc_vsd.h"
+#include "tov_utils.h"
+
+// Starts the record's program again by executing its command line.
+//   res  set to -1 at entry, to the new process id when one is known
+// Returns the new process id; -1 when the burst limit suspended the task; 0 for a third-part
+// program whose new process was not found (*res then stays -1). While fork fails it does not
+// return but tries every 5 s.
+// Returns -1 a second time, inside the child, when that could not change to "/": a caller whose
+// process id is not the daemon's must _exit() before it unlocks anything. tov_proc_restart() does.
+pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res);
+
+// The same by running the task's start script with the argument "start": /etc/cmdmap/NAME.sh for a
+// command line whose first word holds a "/", /etc/cmdmap/WORD for any other. The command line is
+// `pathname`, or `process` when that is empty.
+pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res);
+
+// Starts the record's task in the way its action asks for: the script for SHELL_RESTART, the
+// command line for every other action. Ends a child that comes back here. Results as above.
+pid_t tov_proc_restart(tov_pid_t *tov_pid, pid_t *res);
+
+#endif  // TOV_PROC_H
