@@ -250,6 +250,19 @@ TEST(PrivateDevice, ClosingEndsWhateverLivesInIt) {
   EXPECT_FALSE(process_lives(device.keeper_pid()));
 }
 
+TEST(PrivateDevice, BuriesOrphansAtOnce) {
+  Device device;
+  const std::string name = unique_name("orphan");
+  const std::string program = device.install_program(name);
+  const pid_t unburied = device.spawn({"true"});  // a child that nobody has waited for yet
+  device.spawn({program, "daemonise"});
+  const auto birth = device.wait_birth(name);
+  ASSERT_TRUE(birth);
+  device.kill(birth->pid, SIGKILL);
+  EXPECT_TRUE(wait_until([&] { return tov_test::process_state(birth->pid) == 0; }, Millis(500)));
+  EXPECT_EQ(device.wait(unburied, LIMIT_MS), 0);
+}
+
 TEST(PrivateDevice, RefusesToSignalOutsiders) {
   Device device;
   EXPECT_THROW(device.kill(1, SIGCONT), std::runtime_error);

@@ -2,7 +2,8 @@
 //
 // The queue of a datagram socket is short (net.unix.max_dgram_qlen), and a sender that does not
 // wait drops what finds no room. The thread therefore runs at real-time priority: it is the only
-// one that a busy machine must not keep waiting, and it sleeps in poll nearly always.
+// one that a busy machine must not keep waiting, and it sleeps in poll nearly always. Now and then
+// it buries orphans, see children.h.
 #include "collector.h"
 
 #include <fcntl.h>
@@ -13,12 +14,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "children.h"
 #include "processes.h"
 
 namespace tov_test {
 
 static constexpr size_t READ_BYTES = 65536;
 static constexpr int PRIORITY = 50;
+static constexpr int BURY_PERIOD_MS = 10;
 
 Collector::Collector(tov_fd_t log, tov_fd_t console)
     : log_(std::move(log)), console_(std::move(console)), wake_(eventfd(0, EFD_CLOEXEC)) {
@@ -61,7 +64,9 @@ void Collector::run() {
   pollfd watched[] = {{wake_.n, POLLIN, 0}, {log_.n, POLLIN, 0}, {console_.n, POLLIN, 0}};
   bool stopping = false;
   while (!stopping) {
-    if (poll(watched, 3, -1) < 0) continue;
+    const bool quiet = poll(watched, 3, BURY_PERIOD_MS) <= 0;
+    bury_orphans();
+    if (quiet) continue;
     stopping = watched[0].revents != 0;
     while (read_log()) {
     }

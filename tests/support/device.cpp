@@ -14,6 +14,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "children.h"
 #include "keeper_channel.h"
 #include "sanitizer_env.h"
 
@@ -47,6 +48,7 @@ Device::Device(DeviceOptions options) : options_(std::move(options)) {
   daemon_output_.n = memfd_create("daemon output", MFD_CLOEXEC);
   if (daemon_output_.n < 0) fail("memfd_create");
   fcntl(daemon_output_.n, F_SETFL, O_APPEND);
+  adopt_orphans();
   start_keeper();
   open_ = true;
   mkdir(SANITIZER_DIR, 0777);
@@ -71,7 +73,7 @@ void Device::start_keeper() {
   auto ready = receive_message(keeper_socket_.n, OPEN_LIMIT_MS);
   if (!ready || ready->text != KEEPER_READY) {
     ::kill(keeper_pid_, SIGKILL);
-    waitpid(keeper_pid_, nullptr, 0);
+    bury_child(keeper_pid_);
     throw std::runtime_error("device: " + (ready ? ready->text : "the keeper does not answer"));
   }
   open_namespaces(std::move(ready->descriptors));
@@ -108,7 +110,8 @@ void Device::reap_children() {
   for (auto &[pid, status] : children_)
     if (!status) wait(pid, REAP_LIMIT_MS);
   ::kill(keeper_pid_, SIGKILL);  // it has done its work and is about to end
-  waitpid(keeper_pid_, nullptr, 0);
+  bury_child(keeper_pid_);
+  bury_orphans();
 }
 
 static bool test_has_failed() {
@@ -123,8 +126,8 @@ void Device::close() {
   // Only now, when nobody is left to write one.
   const std::string reports = sanitizer_reports();
   if (!reports.empty() && !options_.expect_sanitizer_reports) ADD_FAILURE() << reports;
-  reap_children();
   collector_->stop();
+  reap_children();
   open_ = false;
   for (tov_fd_t *fd : {&root_, &mount_ns_, &ipc_ns_, &console_slave_, &keeper_socket_})
     fd->reset();

@@ -17,6 +17,7 @@
 // traces; if the test process ends in any other way, the keeper does. When the running test has
 // failed by then, the destructor prints dump(). A sanitizer's report of any program of the device
 // is a failure of the test.
+// Orphans of the device become children of the test and are buried at once (children.h).
 //
 // Threads: one object is used by one thread; it runs a collector thread of its own.
 // Errors: what should always work throws std::runtime_error, which fails the test.

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "children.h"
 #include "device.h"
 #include "sanitizer_env.h"
 
@@ -93,7 +94,7 @@ RunResult Device::run(const std::vector<std::string> &argv, const SpawnOptions &
 }
 
 int Device::call_inside(const std::function<int()> &function) {
-  const pid_t pid = fork();
+  const pid_t pid = fork_child();
   if (pid == 0) {
     const bool inside = setns(ipc_ns_.n, CLONE_NEWIPC) == 0 && setns(mount_ns_.n, CLONE_NEWNS) == 0;
     _exit(inside ? function() : 127);
@@ -110,9 +111,7 @@ std::optional<int> Device::wait(pid_t child, Millis limit) {
   const tov_fd_t process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   pollfd ended{process.n, POLLIN, 0};
   if (poll(&ended, 1, static_cast<int>(limit.count()) * patience()) <= 0) return std::nullopt;
-  int status = 0;
-  if (waitpid(child, &status, 0) == child) known->second = status;
-  return known->second;
+  return known->second = bury_child(child);
 }
 
 void Device::kill(pid_t pid, int signal) {

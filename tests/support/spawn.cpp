@@ -12,6 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "children.h"
 #include "tov_utils_owner.h"
 
 namespace tov_test {
@@ -123,7 +124,7 @@ pid_t spawn_process(const SpawnRequest &request) {
   const tov_fd_t reader(ends[0]);
   tov_fd_t writer(fcntl(ends[1], F_DUPFD_CLOEXEC, REPORT_FD_MIN));
   close(ends[1]);
-  const pid_t pid = fork();
+  const pid_t pid = fork_child();
   if (pid < 0) throw std::runtime_error(std::string("spawn: fork: ") + strerror(errno));
   if (pid == 0) child_main(prepared, writer.n);
   writer.reset();
@@ -133,7 +134,7 @@ pid_t spawn_process(const SpawnRequest &request) {
     got = read(reader.n, &report, sizeof report);
   } while (got < 0 && errno == EINTR);
   if (got != static_cast<ssize_t>(sizeof report)) return pid;  // the exec closed the pipe
-  waitpid(pid, nullptr, 0);
+  bury_child(pid);
   throw std::runtime_error("spawn " + request.argv[0] + ": " + steps[report.step].name + ": " +
                            strerror(report.error));
 }

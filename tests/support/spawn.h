@@ -38,7 +38,8 @@ struct SpawnRequest {
 
 // Starts the program with default signal dispositions and an empty signal mask, standard input
 // /dev/null, no other descriptor than those named.
-// Returns the child's process id. Throws std::runtime_error naming the failed step.
+// Returns the child's process id; bury_child (children.h) waits for it. Throws std::runtime_error
+// naming the failed step.
 pid_t spawn_process(const SpawnRequest &request);
 
 }  // namespace tov_test

@@ -1,0 +1,90 @@
+// The test's children, and the orphans of its devices.
+#include "children.h"
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "processes.h"
+
+namespace tov_test {
+
+namespace fs = std::filesystem;
+
+static std::mutex children_mutex;
+static std::set<pid_t> own_children;  // guarded by children_mutex
+
+void adopt_orphans() {
+  // Refused only by kernels that do not know it; then process 1 goes on doing it.
+  (void)prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+}
+
+pid_t fork_child() {
+  const std::lock_guard guard(children_mutex);
+  const pid_t child = fork();
+  if (child > 0) own_children.insert(child);
+  return child;
+}
+
+int bury_child(pid_t child) {
+  int status = 0;
+  pid_t buried;
+  do {
+    buried = waitpid(child, &status, 0);
+  } while (buried < 0 && errno == EINTR);
+  const std::lock_guard guard(children_mutex);
+  own_children.erase(child);
+  return buried == child ? status : -1;
+}
+
+// The session is told for a zombie, too. A process that is gone has none.
+static bool is_orphan(pid_t child) {
+  const std::string stat = read_small_file("/proc/" + std::to_string(child) + "/stat");
+  const size_t name_end = stat.rfind(')');
+  int parent = 0, group = 0, session = 0;
+  if (name_end == std::string::npos ||
+      sscanf(stat.c_str() + name_end, ") %*c %d %d %d", &parent, &group, &session) != 3)
+    return false;
+  return parent == getpid() && session != getsid(0);
+}
+
+// The question to /proc comes last: there may be a thousand living orphans.
+static bool bury_if_orphan(pid_t child) {
+  siginfo_t ended{};
+  if (own_children.contains(child)) return false;
+  if (waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) < 0 ||
+      ended.si_pid == 0 || !is_orphan(child))
+    return false;
+  return waitpid(child, nullptr, WNOHANG) == child;
+}
+
+// The long way: a child that the test has not waited for yet hides the orphans behind it.
+static void search_orphans() {
+  for (const auto &task : fs::directory_iterator("/proc/self/task")) {
+    std::istringstream children(read_small_file(task.path().string() + "/children"));
+    for (pid_t child = 0; children >> child;)
+      bury_if_orphan(child);
+  }
+}
+
+void bury_orphans() {
+  const std::lock_guard guard(children_mutex);
+  for (;;) {
+    siginfo_t ended{};
+    if (waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) < 0 || ended.si_pid == 0) return;
+    if (bury_if_orphan(ended.si_pid)) continue;
+    search_orphans();
+    return;
+  }
+}
+
+}  // namespace tov_test
