@@ -3,6 +3,7 @@ add_library(tov_options INTERFACE)
 target_compile_options(tov_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef
   -Wno-format-nonliteral # announcement texts come from tables; the callers' formats are checked
+  -Wno-format-truncation  # fields have fixed sizes; snprintf cutting to them is the rule here
   -Werror
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual>
   -fno-omit-frame-pointer -fstack-protector-strong)
