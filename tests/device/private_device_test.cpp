@@ -1,6 +1,7 @@
 // The private device itself: what it contains, and that nothing of it stays behind.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -280,6 +281,96 @@ TEST(PrivateDevice, SaysWhyAProgramCannotBeStarted) {
   }
 }
 
+TEST(PrivateDevice, StartsNothingOnceClosed) {
+  Device device;
+  device.close();
+  EXPECT_THROW(device.spawn({"true"}), std::runtime_error);
+  EXPECT_FALSE(device.exists("/tmp"));
+}
+
+TEST(PrivateDevice, ForksFailBeyondTheProcessLimit) {
+  Device device;
+  const std::string name = unique_name("limited");
+  const pid_t shell = device.spawn(
+      {"sh", "-c", "while ! test -e /tmp/go; do :; done; sleep 0 && touch /tmp/forked"});
+  if (!device.limit_processes(shell, 1)) GTEST_SKIP() << "no version-1 pids controller";
+  device.write("/tmp/go", "");
+  const auto status = device.wait(shell, LIMIT_MS);
+  ASSERT_TRUE(status);
+  EXPECT_NE(*status, 0);
+  EXPECT_FALSE(device.exists("/tmp/forked"));
+}
+
+// A shell stands for the daemon here: this is about how it is started and watched.
+TEST(PrivateDevice, DaemonOutputAndStatusAreKnown) {
+  Device device;
+  const pid_t pid = device.start_daemon({.env = {{"WORD", "hello"}},
+                                         .args = {"-c", "echo $WORD; read x; exit 9"},
+                                         .program = "/bin/sh"});
+  EXPECT_EQ(device.daemon_pid(), pid);
+  EXPECT_TRUE(device.wait_output("hello\n"));
+  EXPECT_FALSE(device.wait_daemon_ready(LIMIT_MS)) << "it has ended";
+  const auto status = device.wait_daemon(LIMIT_MS);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(WEXITSTATUS(*status), 9);
+  device.start_daemon({.args = {"-c", "echo again; exec sleep 1000"}, .program = "/bin/sh"});
+  EXPECT_TRUE(device.wait_output("hello\nagain\n"));
+  const auto killed = device.kill_daemon(SIGTERM);
+  ASSERT_TRUE(killed);
+  EXPECT_EQ(WTERMSIG(*killed), SIGTERM);
+}
+
+TEST(PrivateDevice, DaemonMayRunOnAScaledClock) {
+  Device device;
+  const int64_t before = tov_test::monotonic_ns();
+  device.start_daemon(
+      {.args = {"-c", "sleep 60; echo done"}, .faketime = "+0 x60", .program = "/bin/sh"});
+  EXPECT_TRUE(device.wait_output("done", Millis(20'000)));
+  EXPECT_GT(tov_test::monotonic_ns() - before, 900'000'000);
+}
+
+TEST(PrivateDevice, ScaledClockDoesNotReachVictims) {
+  Device device;
+  const std::string name = unique_name("clock");
+  const std::string program = device.install_program(name);
+  const int64_t before = tov_test::monotonic_ns();
+  device.start_daemon(
+      {.args = {"-c", "sleep 6; exec " + program}, .faketime = "+0 x60", .program = "/bin/sh"});
+  const auto birth = device.wait_birth(name);
+  ASSERT_TRUE(birth);
+  EXPECT_GT(birth->main_ns, before);
+  EXPECT_LT(birth->main_ns, tov_test::monotonic_ns());
+}
+
+TEST(PrivateDevice, EventLogsAreReadInTheOrderOfTime) {
+  Device device;
+  const std::string base = "/qxos/vsd_common/tov/tov_run_event.log-2026111510";
+  device.write(base + "2600-9",
+               "2026-11-15 102600 000001 second\r\n2026-11-15 102601 000000 third\r\n");
+  device.write(base + "2541-8", "2026-11-15 102541 004512 first\r\n");
+  device.write("/qxos/vsd_common/tov/tov_error_event.log-1", "other\r\n");
+  const auto lines = device.event_log("tov_run_event.log");
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_THAT(lines[0], testing::EndsWith("first"));
+  EXPECT_THAT(lines[2], testing::EndsWith("third"));
+  EXPECT_TRUE(device.wait_event("tov_run_event.log", "second"));
+  EXPECT_FALSE(device.wait_event("tov_run_event.log", "fourth", Millis(0)));
+}
+
+TEST(PrivateDevice, SanitizerReportFailsTheTest) {
+  Device device;
+  device.write("/run/sanitizer/report.1", "ERROR: something bad\n");
+  EXPECT_NONFATAL_FAILURE(device.close(), "something bad");
+}
+
+TEST(PrivateDevice, EndsItsProcessesEvenWithoutKeeper) {
+  Device device;
+  const pid_t pid = device.spawn({"sleep", "1000"});
+  kill(device.keeper_pid(), SIGKILL);
+  EXPECT_NONFATAL_FAILURE(device.close(), "the keeper is gone; 0 processes left");
+  EXPECT_FALSE(process_lives(pid));
+}
+
 // --- What stays behind when the test itself ends badly.
 
 struct Held {
@@ -332,5 +423,5 @@ TEST_P(InterruptedTest, LeavesNothingBehind) {
   close(ends[1]);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, InterruptedTest, testing::Values(SIGKILL, SIGINT, SIGSEGV),
+INSTANTIATE_TEST_SUITE_P(Signals, InterruptedTest, testing::Values(SIGKILL, SIGINT, SIGABRT),
                          [](const auto &row) { return std::string(sigabbrev_np(row.param)); });

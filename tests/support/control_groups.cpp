@@ -23,8 +23,11 @@ static constexpr Millis REMOVE_PAUSE_MS{10};
 // A controller may share its hierarchy with another one; both spellings are tried in turn.
 static constexpr struct {
   const char *name;
+  const char *target;  // in the device
   const char *options[2];
-} hierarchies_wanted[] = {{"memory", {"memory", nullptr}}, {"cpu", {"cpu", "cpu,cpuacct"}}};
+} hierarchies_wanted[] = {{"memory", "/memory", {"memory", nullptr}},
+                          {"cpu", "/cpu", {"cpu", "cpu,cpuacct"}},
+                          {"pids", "/run/pids", {"pids", nullptr}}};
 
 static std::string own_group() {
   return GROUP_PREFIX + std::to_string(getpid());
@@ -72,7 +75,7 @@ std::vector<tov_fd_t> mount_control_groups(const std::string &site, const std::s
   std::vector<tov_fd_t> opened;
   for (const auto &wanted : hierarchies_wanted) {
     const std::string at = site + "/" + wanted.name;
-    const std::string target = root + "/" + wanted.name;
+    const std::string target = root + wanted.target;
     mkdir(at.c_str(), 0755);
     mkdir(target.c_str(), 0755);
     if (!mount_hierarchy(at, wanted.options)) continue;

@@ -148,6 +148,11 @@ class Device {
   // Sends a signal to a process of this device. Throws when `pid` does not live in it.
   void kill(pid_t pid, int signal);
 
+  // Lets a process and all that it starts from now on have at most so many threads together (-1:
+  // any number); a fork beyond that fails with EAGAIN. RLIMIT_NPROC does not stop root.
+  // False when the machine has no version-1 pids controller; the test should then skip.
+  bool limit_processes(pid_t pid, int most);
+
   // Copies a test program (tests/programs/PROGRAM) to /opt/NAME/NAME and returns that path.
   // The name shall be unique_name(...), since it is visible to other devices.
   std::string install_program(const std::string &name, const std::string &program = "victim");

@@ -20,6 +20,7 @@
 namespace tov_test {
 
 static const std::string DAEMON_SOCKET = "/tmp/tov/.tov";
+static const std::string PROCESS_GROUPS = "/run/pids";  // see control_groups.cpp
 static const std::string VICTIM_REPORT = "/data/victim.";
 
 bool RunResult::exited_with(int code) const {
@@ -39,6 +40,8 @@ Environment Device::base_environment() const {
 }
 
 SpawnRequest Device::request(const std::vector<std::string> &argv, const Environment &env) const {
+  // Without the namespaces the program would start on the machine itself.
+  if (!open_) throw std::runtime_error("device: it is closed");
   SpawnRequest wanted;
   Environment all = base_environment();
   for (const auto &[name, value] : env)
@@ -238,6 +241,15 @@ std::vector<Device::Process> Device::processes() const {
 
 bool Device::lives(pid_t pid) const {
   return open_ && pid > 0 && mount_namespace_of(pid) == namespace_;
+}
+
+bool Device::limit_processes(pid_t pid, int most) {
+  if (!exists(PROCESS_GROUPS + "/tasks")) return false;
+  const std::string group = PROCESS_GROUPS + "/limited_" + std::to_string(pid);
+  mkdir(group);
+  append(group + "/pids.max", most < 0 ? "max" : std::to_string(most));
+  append(group + "/cgroup.procs", std::to_string(pid));
+  return true;
 }
 
 bool Device::has_control_groups() const {
