@@ -1,0 +1,118 @@
+// Making, finding and reading the system semaphore.
+//
+// Threads: main makes it before the others start, the watchdog reads it.
+#include "tov_xtach_sem.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include "tov_dbg.h"
+#include "tov_ras_comp_config.h"
+#include "tov_utils.h"
+
+enum {
+  KEY_PROJECT = 1,
+  SEM_MODE = 0754,
+  OPEN_TRIES = 8,  // while the key file is made and removed under our hands
+  RETRY_PAUSE_S = 1
+};
+
+// What semctl(2) takes as its last argument; the C library leaves the definition to the caller.
+union semun_u {
+  int val;
+  semid_ds *buf;
+  unsigned short *array;
+};
+
+int g_tov_sem_id = -1;
+
+static int cached_id(void) {
+  return __atomic_load_n(&g_tov_sem_id, __ATOMIC_RELAXED);
+}
+
+static void cache_id(int id) {
+  __atomic_store_n(&g_tov_sem_id, id, __ATOMIC_RELAXED);
+}
+
+// Opens the key file, making it if need be. Never O_CREAT on one that exists: in a sticky
+// directory the kernel (fs.protected_regular) refuses that even to root when another user owns it.
+static tov_fd_t open_key_file(void) {
+  tov_fd_t fd;
+  for (int tries = 0; tries < OPEN_TRIES; tries++) {
+    fd = tov_fd_t(tov_open_regular(TOV_SEM_KEY_FILE, O_RDWR));
+    if (fd.n >= 0 || errno != ENOENT) return fd;
+    fd = tov_fd_t(tov_open_regular(TOV_SEM_KEY_FILE, O_RDWR | O_CREAT | O_EXCL, SEM_MODE));
+    if (fd.n >= 0 || errno != EEXIST) return fd;
+  }
+  return fd;
+}
+
+// Gives a new semaphore its value; without one it is removed again.
+static int set_zero(int id) {
+  const semun_u value{};
+  if (semctl(id, 0, SETVAL, value) == 0) return 0;
+  TOV_DBG("Set tov sem initial value failed: %s.", strerror(errno));
+  (void)semctl(id, 0, IPC_RMID);
+  return -1;
+}
+
+int tov_sem_init(void) {
+  if (open_key_file().n < 0) {  // closed at once: only the file's existence matters
+    TOV_DBG("Open file %s failed: %s.", TOV_SEM_KEY_FILE, strerror(errno));
+    return -1;
+  }
+  const key_t key = ftok(TOV_SEM_KEY_FILE, KEY_PROJECT);
+  if (key == -1) {
+    TOV_DBG("Get sem file key failed: %s.", strerror(errno));
+    return -1;
+  }
+  const int id = semget(key, 1, IPC_CREAT | IPC_EXCL | SEM_MODE);
+  if (id >= 0) {
+    cache_id(id);
+    return set_zero(id);
+  }
+  if (errno == EEXIST) {
+    TOV_DBG("System tov semaphore already inited.");
+    return 0;
+  }
+  TOV_DBG("Get tov sem on init failed: %s.", strerror(errno));
+  return -1;
+}
+
+int tov_get_sem_id(void) {
+  if (cached_id() != -1) return cached_id();
+
+  key_t key = ftok(TOV_SEM_KEY_FILE, KEY_PROJECT);
+  while (key == -1 && errno == ENOMEM) {
+    safe_sleep(RETRY_PAUSE_S);
+    key = ftok(TOV_SEM_KEY_FILE, KEY_PROJECT);
+  }
+  if (key == -1) {
+    TOV_DBG("Get sem file key failed: %s.", strerror(errno));
+    return -1;
+  }
+  const int id = semget(key, 1, 0);
+  if (id < 0) {
+    TOV_DBG("Get tov sem failed: %s.", strerror(errno));
+    return -1;
+  }
+  cache_id(id);
+  return id;
+}
+
+int tov_get_semval(void) {
+  const int id = tov_get_sem_id();
+  if (id < 0) {
+    TOV_DBG("tov get semid failed!\n");
+    return -1;
+  }
+  const int value = semctl(id, 0, GETVAL);
+  if (value < 0) {
+    TOV_DBG("Get tov sem count failed: %s.", strerror(errno));
+    return -1;
+  }
+  return value;
+}
