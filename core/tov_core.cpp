@@ -31,12 +31,6 @@
 #include "tov_sys_alive.h"
 #include "tov_utils.h"
 #include "tov_xtach_sem.h"
-#ifdef TOV_SANITIZE_ADDRESS
-#include <sanitizer/lsan_interface.h>
-#endif
-#ifdef TOV_COVERAGE
-extern "C" void __gcov_dump(void);
-#endif
 
 enum {
   EXIT_OK = 0,
@@ -60,6 +54,8 @@ static constexpr thread_s threads[] = {
     TOV_THREAD(tov_cnmsg_handle, "tov_cnmsg_handle thread", true),
     TOV_THREAD(tov_process_netlink, "tov_process_netlink thread", true),
     TOV_THREAD(tov_process_domain, "tov_process_domain thread", true),
+    TOV_THREAD(tov_notifer_run, "tov_notifer_run", true),
+    TOV_THREAD(tov_inotify_fork_error, "tov_inotify_fork_error thread", false),
     TOV_THREAD(tov_delay_restart, "tov_delay_restart thread", false),
     TOV_THREAD(tov_proc_stat_check, "tov_proc_stat_check thread", false),
 };
@@ -256,18 +252,6 @@ static void shut_down(daemon_s &daemon) {
   safe_sleep(1);
 }
 
-// Leaves without destructors: the detached threads may still run.
-[[noreturn]] static void leave(int status) {
-  (void)fflush(stdout);
-#ifdef TOV_COVERAGE
-  __gcov_dump();
-#endif
-#ifdef TOV_SANITIZE_ADDRESS
-  __lsan_do_leak_check();
-#endif
-  _exit(status);
-}
-
 int main(int, char **) {
   // A console or a log that reads us gets whole lines at once, and a fork finds nothing to repeat.
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -281,8 +265,8 @@ int main(int, char **) {
     next = step(daemon);
     if (next != GO_ON) break;
   }
-  if (next == REFUSE) leave(EXIT_REFUSED);
+  if (next == REFUSE) tov_core_leave(EXIT_REFUSED);
   run(daemon, next == GO_ON);
   shut_down(daemon);
-  leave(EXIT_OK);
+  tov_core_leave(EXIT_OK);
 }

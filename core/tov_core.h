@@ -9,8 +9,10 @@
 #include "tov_core_delay.h"
 #include "tov_core_events.h"
 #include "tov_core_exit.h"
+#include "tov_core_leave.h"
 #include "tov_core_mass.h"
 #include "tov_core_netlink.h"
+#include "tov_core_notifer.h"
 #include "tov_core_rebuild.h"
 #include "tov_core_running.h"
 #include "tov_core_server.h"
@@ -19,5 +21,6 @@
 #include "tov_core_sweep.h"
 #include "tov_core_third_part.h"
 #include "tov_core_thread.h"
+#include "tov_core_watcher.h"
 
 #endif  // TOV_CORE_H

@@ -17,6 +17,9 @@
 #define TOV_JOURNAL_1 "/tmp/tov/tov.log1"
 #define TOV_JOURNAL_2 "/tmp/tov/tov.log2"
 #define TOV_LOG_DIR "/qxos/vsd_common/tov"
+#define TOV_FORK_REASON_FILE "/data/.fork_error_file"
+#define TOV_EXIT_REASON_FILE "/qxos/vsd/0/tov/exit_reason"
+#define TOV_HA_MIRROR_FILE "/tmp/vsd/0/tov/cfg.txt" /* the switch as it is in force */
 #define TOV_NOTIFY_COUNT_FILE "/data/.tov_notify_count"
 #define TOV_SEM_KEY_FILE "/tmp/.tov_semphore_path"
 
@@ -30,6 +33,7 @@
 #define TOV_THIRD_PART_DIR "/etc/tov/proc"
 #define TOV_THIRD_PART_LIST "/etc/tov/third_part_proc"
 #define TOV_SCRIPT_DIR "/etc/cmdmap"
+#define TOV_HA_CONFIG_FILE "/data/.syshacfg" /* may switch single-process restarts off */
 #define TOV_KILL_DEBUG_FILE "/data/.kill_debug"
 #define TOV_DUMP_CONSOLE_FILE "/tov_dump_msg_console"
 #define TOV_DEBUG_PID_FILE "/data/.tov_debug_pid"
