@@ -8,7 +8,6 @@
 // mounted, and by the client calls that say so; the switches are stored as relaxed atomics.
 #include "tov_dbg.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -42,7 +41,6 @@ void tov_dbg_print(const char *file, int line, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
   const size_t room = sizeof text - length;
-  errno = keep.saved;  // for a "%m"
   length += tov_printed(vsnprintf(text + length, room, format, arguments), room);
   va_end(arguments);
   (void)fwrite(text, 1, length, stdout);  // nobody reads it: nothing to be done

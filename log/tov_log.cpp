@@ -177,7 +177,6 @@ int tov_log_vwith_type(int type, const char *format, va_list arguments) {
   if (stamp < 0) return -1;
   const size_t start = static_cast<size_t>(stamp);
   const size_t room = TEXT_ROOM - start;
-  errno = keep.saved;  // for a "%m"
   const int n = vsnprintf(line + start, room, format, arguments);
   if (n < 1) return -1;
   return write_line(type, line, start + tov_printed(n, room));
