@@ -60,12 +60,11 @@ void Device::start_keeper() {
   keeper_socket_.n = ends[0];
   const tov_fd_t far_end(ends[1]);
   SpawnRequest keeper;
-  keeper.argv = {TOV_BUILD_DIR "/tests/programs/device_keeper",
-                 std::to_string(getpid()),
-                 std::string("--console=") + console_words[static_cast<int>(options_.console)],
-                 "--visible=" TOV_SOURCE_DIR,
-                 "--visible=" TOV_BUILD_DIR,
-                 "--visible=" + options_.binary_dir};
+  keeper.argv = {TOV_BUILD_DIR "/tests/programs/device_keeper", std::to_string(getpid()),
+                 std::string("--console=") + console_words[static_cast<int>(options_.console)]};
+  for (const std::string &visible :
+       {std::string(TOV_SOURCE_DIR), std::string(TOV_BUILD_DIR), options_.binary_dir})
+    keeper.argv.push_back("--visible=" + visible);
   if (options_.data2) keeper.argv.emplace_back("--data2");
   keeper.env = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
   keeper.passed_fd = far_end.n;

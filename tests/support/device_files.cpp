@@ -153,7 +153,7 @@ std::string Device::register_path(int vsd, pid_t pid, const std::string &command
 }
 
 std::string Device::register_file(int vsd, pid_t pid, int action, const std::string &command) {
-  const std::string file = register_path(vsd, pid, command);
+  std::string file = register_path(vsd, pid, command);
   write(file, std::to_string(pid) + "\n" + std::to_string(action) + "\n" + command, 0755);
   return file;
 }

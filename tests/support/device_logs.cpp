@@ -14,6 +14,10 @@ namespace tov_test {
 static const std::string EVENT_DIR = "/qxos/vsd_common/tov";
 static constexpr size_t DUMP_MAX_BYTES = 40'000;  // of one text; the end is the interesting part
 
+static std::string event_path(const std::string &file) {
+  return std::string(EVENT_DIR).append("/").append(file);
+}
+
 static bool contains(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
@@ -55,7 +59,7 @@ std::vector<std::string> Device::event_log(const std::string &name) const {
   std::vector<std::string> all;
   for (const std::string &file : list(EVENT_DIR)) {
     if (!file.starts_with(name)) continue;
-    const auto part = lines(EVENT_DIR + "/" + file);
+    const auto part = lines(event_path(file));
     all.insert(all.end(), part.begin(), part.end());
   }
   // Lines begin with a stamp of fixed width, so their order as texts is their order in time.
@@ -123,7 +127,7 @@ std::string Device::dump() const {
     parts << notice.time_ms << " " << notice.text << "\n";
   section(out, "system log", parts.str());
   for (const std::string &file : list(EVENT_DIR))
-    section(out, file, read(EVENT_DIR + "/" + file));
+    section(out, file, read(event_path(file)));
   for (const std::string &file : list("/data"))
     if (file.starts_with("victim.")) section(out, file, read("/data/" + file));
   section(out, "console", console());

@@ -47,7 +47,7 @@ SpawnRequest Device::request(const std::vector<std::string> &argv, const Environ
   for (const auto &[name, value] : env)
     all[name] = value;
   for (const auto &[name, value] : all)
-    wanted.env.push_back(name + "=" + value);
+    wanted.env.push_back(std::string(name).append("=").append(value));
   wanted.argv = argv;
   wanted.mount_ns_fd = mount_ns_.n;
   wanted.ipc_ns_fd = ipc_ns_.n;
@@ -191,7 +191,7 @@ std::string Device::daemon_output() const {
 
 std::string Device::install_program(const std::string &name, const std::string &program) {
   const std::string from = options_.binary_dir + "/tests/programs/" + program;
-  const std::string inside = "/opt/" + name + "/" + name;
+  std::string inside = "/opt/" + name + "/" + name;
   const tov_fd_t source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat found {};
   if (source.n < 0 || fstat(source.n, &found) < 0)
@@ -205,7 +205,7 @@ std::string Device::install_program(const std::string &name, const std::string &
 }
 
 std::string Device::install_start_script(const std::string &name, const std::string &body) {
-  const std::string inside = "/etc/cmdmap/" + name + ".sh";
+  std::string inside = "/etc/cmdmap/" + name + ".sh";
   write(inside, "#!/bin/sh\n" + body, 0755);
   return inside;
 }

@@ -110,6 +110,7 @@ struct Report {
 
 static std::vector<char *> pointers(const std::vector<std::string> &words) {
   std::vector<char *> out;
+  out.reserve(words.size() + 1);
   for (const std::string &word : words)
     out.push_back(const_cast<char *>(word.c_str()));
   out.push_back(nullptr);

@@ -40,8 +40,6 @@
 
 #include <string>
 
-extern "C" char **environ;
-
 struct Orders {
   int exit_code = -1;
   int signal = 0;
