@@ -1,0 +1,410 @@
+// One request of a client process: exchange, keeping the connection, forks, cancelling.
+#include "tov_rpc.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_daemon.h"
+#include "private_root.h"
+#include "processes.h"
+#include "tov_dbg.h"
+#include "tov_pidfile.h"
+#include "tov_utils.h"
+#include "unit_files.h"
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using tov_test::FakeDaemon;
+using tov_test::Manners;
+using tov_test::RefusingSocket;
+using tov_test::Request;
+
+namespace {
+
+const std::string DB_DIR = "/tmp/vsd/0/tov/db";
+
+int bare_request(TOV_MSG_TYPE type, bool need_ack, bool allow_tov_exit = false) {
+  return tov_rpc(type, nullptr, nullptr, 0, need_ack, allow_tov_exit);
+}
+
+class TovRpc : public testing::Test {
+ protected:
+  TovRpc() {
+    tov_test::enter_private_root();
+    mkdir(TOV_RUN_DIR, 0777);
+    std::filesystem::create_directories(DB_DIR);
+    forget_connection();
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+  }
+  ~TovRpc() override {
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+    tov_rpc_stop_asked = nullptr;
+    forget_connection();
+  }
+  // As in a process that made no request yet.
+  static void forget_connection() {
+    if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
+  }
+  static std::string own_path() { return "/tmp/tov/.socket." + std::to_string(getpid()); }
+};
+
+// ---- the message --------------------------------------------------------------------------------
+
+TEST_F(TovRpc, SendsHeadAndPayloadAndIsAcknowledged) {
+  FakeDaemon daemon;
+  char script[] = "/etc/cmdmap/demo.sh";
+  char payload[] = "0123456789";
+  ASSERT_EQ(tov_rpc(TOV_SHELL_RESTART, script, payload, 10, true, false), 0);
+
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.packet.size(), 268u + 10u);
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
+  EXPECT_EQ(request.head().len, 10);
+  EXPECT_EQ(request.head().pid, 0);
+  EXPECT_STREQ(request.head().pathname, script);
+  EXPECT_EQ(memcmp(request.packet.data() + 268, payload, 10), 0);
+  EXPECT_EQ(request.client, own_path());
+  EXPECT_TRUE(request.answered);
+}
+
+TEST_F(TovRpc, BareHeadIsAValidRequest) {
+  FakeDaemon daemon;
+  ASSERT_EQ(bare_request(TOV_MSG_CONS, true), 0);
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.packet.size(), 268u);
+  EXPECT_STREQ(request.head().pathname, "");
+}
+
+TEST_F(TovRpc, MissingPayloadIsRefused) {
+  CaptureStdout();
+  EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, nullptr, 4, true, true), -1);
+  char byte = 0;
+  EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, &byte, -1, true, true), -1);
+  const std::string printed = GetCapturedStdout();
+  EXPECT_NE(printed.find("[TOV:tov_rpc.cpp:"), std::string::npos);
+  EXPECT_NE(printed.find("]tov_rpc: argument err!\n"), std::string::npos);
+}
+
+TEST_F(TovRpc, LongPathIsCutTo255Characters) {
+  FakeDaemon daemon;
+  std::string path(300, 'p');
+  ASSERT_EQ(tov_rpc(TOV_SHELL_RESTART, path.data(), nullptr, 0, true, false), 0);
+  const Request request = daemon.only_request();
+  EXPECT_EQ(std::string(request.head().pathname), path.substr(0, 255));
+  EXPECT_EQ(request.head().pid, 0);
+}
+
+// ---- the exchange -------------------------------------------------------------------------------
+
+TEST_F(TovRpc, SilentDaemonCountsAsSuccessAfterFiveSeconds) {
+  FakeDaemon daemon(Manners{.answer = false});
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(bare_request(TOV_RESTART, true), 0);
+  EXPECT_GE(steady_clock::now() - begin, 4900ms);
+}
+
+TEST_F(TovRpc, AbsentDaemonFailsAfterFiveSecondsAndLeavesNoPath) {
+  unlink(TOV_SOCKET_PATH);
+  CaptureStdout();
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(bare_request(TOV_RESTART, true), -1);
+  EXPECT_GE(steady_clock::now() - begin, 4900ms);
+  EXPECT_NE(GetCapturedStdout().find("tov_rpc: connect fail(ret:-1)\n"), std::string::npos);
+  EXPECT_NE(access(own_path().c_str(), F_OK), 0);
+  EXPECT_EQ(tov_rpc_sd, -1);
+}
+
+TEST_F(TovRpc, AbsentDaemonIsSuccessForACallerThatAcceptsIt) {
+  RefusingSocket refusing;
+  CaptureStdout();
+  EXPECT_EQ(bare_request(TOV_RESTART, true, true), 0);
+  EXPECT_NE(GetCapturedStdout().find("tov_rpc: connect fail(ret:0)\n"), std::string::npos);
+}
+
+TEST_F(TovRpc, ConnectionThatEndsInsteadOfAnsweringIsAFailure) {
+  FakeDaemon daemon(Manners{.hang_up = 1});
+  CaptureStdout();
+  EXPECT_LT(bare_request(TOV_RESTART, true), 0);
+  EXPECT_NE(GetCapturedStdout().find("tov_rpc: recv ack err(ret:-1, err:"), std::string::npos);
+  EXPECT_EQ(tov_rpc_sd, -1);
+  EXPECT_EQ(bare_request(TOV_RESTART, true), 0) << "the next request connects anew";
+}
+
+TEST_F(TovRpc, TooLargeAMessageFailsInTheSend) {
+  FakeDaemon daemon;
+  std::vector<char> large(8 << 20);
+  CaptureStdout();
+  EXPECT_EQ(
+      tov_rpc(TOV_RESTART, nullptr, large.data(), static_cast<int>(large.size()), true, false), -1);
+  EXPECT_NE(GetCapturedStdout().find("tov_rpc: send fail(ret:-1, err:90,Message too long)\n"),
+            std::string::npos);
+  EXPECT_EQ(tov_rpc_sd, -1);
+}
+
+TEST_F(TovRpc, AnswerOfAStrangerIsSurvived) {
+  for (const size_t size : {size_t{1}, size_t{267}, size_t{268}, size_t{5000}}) {
+    Manners manners;
+    manners.answer_bytes.assign(size, '\xff');
+    FakeDaemon daemon(manners);
+    EXPECT_LT(bare_request(TOV_RESTART, true), 0) << size;  // its length is -1 or it is too short
+  }
+}
+
+// ---- the kept connection
+// --------------------------------------------------------------------------
+
+TEST_F(TovRpc, ConnectionIsKeptAfterSuccess) {
+  FakeDaemon daemon;
+  ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
+  EXPECT_GE(tov_rpc_sd, 0);
+}
+
+TEST_F(TovRpc, EachRequestConnectsAnewUnderTheSamePath) {
+  FakeDaemon daemon;
+  for (int i = 0; i < 3; i++)
+    ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
+  const std::vector<Request> requests = daemon.requests(3);
+  EXPECT_EQ(daemon.connections(), 3u);
+  for (const Request &request : requests)
+    EXPECT_EQ(request.client, own_path());
+}
+
+TEST_F(TovRpc, UnacknowledgedRequestIsAnsweredBeforeTheNextOneHangsUp) {
+  // The daemon does not carry out what it cannot acknowledge, so hanging up at once would lose the
+  // first request.
+  FakeDaemon daemon(Manners{.think = 300ms});
+  const auto begin = steady_clock::now();
+  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
+  EXPECT_LT(steady_clock::now() - begin, 250ms) << "the first one waits for nothing";
+  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
+  const std::vector<Request> requests = daemon.requests(2);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_TRUE(requests[0].answered);
+  EXPECT_TRUE(requests[1].answered);
+}
+
+TEST_F(TovRpc, WaitForAnOutstandingAnswerIsBounded) {
+  FakeDaemon daemon(Manners{.answer = false});
+  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
+  const auto begin = steady_clock::now();
+  ASSERT_EQ(bare_request(TOV_RESET, false), 0);
+  const auto took = steady_clock::now() - begin;
+  EXPECT_GE(took, 4900ms);
+  EXPECT_LT(took, 6s);
+}
+
+TEST_F(TovRpc, SignsOfLifeAreNotWaitedFor) {
+  FakeDaemon daemon(Manners{.answer = false});
+  const auto begin = steady_clock::now();
+  for (int i = 0; i < 5; i++)
+    ASSERT_EQ(bare_request(TOV_RESET, false), 0);
+  EXPECT_LT(steady_clock::now() - begin, 900ms);
+  EXPECT_EQ(daemon.requests(5).size(), 5u);
+}
+
+TEST_F(TovRpc, ThreadsTakeTurns) {
+  static constexpr int THREADS = 8;
+  static constexpr int EACH = 25;
+  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+  FakeDaemon daemon;
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < THREADS; t++) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < EACH; i++) {
+        if (bare_request(TOV_RESTART, true) != 0) failures++;
+      }
+    });
+  }
+  for (std::thread &thread : threads)
+    thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(daemon.requests(THREADS * EACH).size(), static_cast<size_t>(THREADS * EACH));
+}
+
+// ---- retries ------------------------------------------------------------------------------------
+
+TEST_F(TovRpc, PersistentRequestIsRepeatedASecondLater) {
+  FakeDaemon daemon(Manners{.hang_up = 2});
+  const auto begin = steady_clock::now();
+  tov_msg_cons_t payload = {.event = 7, .pid = 1};
+  EXPECT_EQ(tov_rpc_persist(TOV_MSG_CONS, &payload, sizeof payload), 0);
+  EXPECT_GE(steady_clock::now() - begin, 2s);
+  EXPECT_EQ(daemon.requests(3).size(), 3u);
+}
+
+TEST_F(TovRpc, PersistentRequestEndsWithTheDaemonThatMakesIt) {
+  RefusingSocket refusing;
+  static std::atomic<int> asked;
+  asked = 0;
+  tov_rpc_stop_asked = [] { return ++asked > 4; };
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(tov_rpc_persist(TOV_RESTART, nullptr, 0), -1);
+  EXPECT_LT(steady_clock::now() - begin, 10s);
+}
+
+// ---- forks and cancelled threads
+// ------------------------------------------------------------------
+
+// Runs `body` in a forked child; true when it returned true.
+template <typename Body>
+bool in_child(Body body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body() ? 0 : 1);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(TovRpc, ChildOfAForkHasNoConnectionAndMakesItsOwn) {
+  FakeDaemon daemon;
+  ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
+  const int parents = tov_rpc_sd;
+  EXPECT_TRUE(in_child([] { return tov_rpc_sd == -1 && bare_request(TOV_RESTART, true) == 0; }));
+  EXPECT_EQ(tov_rpc_sd, parents);
+  const std::vector<Request> requests = daemon.requests(2);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].client, own_path());
+  EXPECT_NE(requests[1].client, own_path());
+  EXPECT_EQ(bare_request(TOV_RESTART, true), 0) << "the parent goes on";
+}
+
+TEST_F(TovRpc, ForkWhileAnotherThreadWaitsLeavesTheChildFree) {
+#ifdef TOV_SANITIZE_THREAD
+  GTEST_SKIP() << "the thread sanitizer does not support forking with threads";
+#endif
+  FakeDaemon daemon(Manners{.think = 1500ms});
+  std::thread busy([] { bare_request(TOV_RESTART, true); });
+  ASSERT_TRUE(tov_test::wait_until(
+      [] {
+        return pthread_mutex_trylock(&tov_rpc_lock) != 0 ||
+               (pthread_mutex_unlock(&tov_rpc_lock), false);
+      },
+      5s));
+  // Without a fresh lock the child would hang here for ever.
+  EXPECT_TRUE(in_child([] {
+    alarm(30);
+    return bare_request(TOV_RESTART, true) == 0;
+  }));
+  busy.join();
+  EXPECT_EQ(daemon.requests(2).size(), 2u);
+}
+
+TEST_F(TovRpc, ChildOfAForkHoldsNoRegistrationFileOfItsParent) {
+  FakeDaemon daemon;
+  ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
+  ASSERT_EQ(tov_db_create(0, getpid(), RESPAWN, "/opt/forker"), 0);
+  const std::string file = DB_DIR + "/forker." + std::to_string(getpid());
+  // The child meets its parent's lock on the file, and its own attempt does not disturb it.
+  EXPECT_TRUE(in_child([&] {
+    const tov_fd_t fd(open(file.c_str(), O_RDWR | O_CLOEXEC));
+    return fd.n >= 0 && lock_file(fd.n) != 0;
+  }));
+  EXPECT_TRUE(in_child([&] {
+    const tov_fd_t fd(open(file.c_str(), O_RDWR | O_CLOEXEC));
+    return fd.n >= 0 && lock_file(fd.n) != 0;
+  })) << "the first child's end released nothing";
+}
+
+TEST_F(TovRpc, CancelledThreadLeavesTheLockFree) {
+  FakeDaemon daemon(Manners{.think = 500ms});
+  std::atomic<bool> returned{false};
+  std::atomic<bool> begun{false};
+  std::thread doomed([&] {
+    begun = true;
+    bare_request(TOV_RESTART, true);
+    returned = true;
+    for (;;)
+      pause();
+  });
+  tov_test::wait_until([&] { return begun.load(); }, 5s);
+  std::this_thread::sleep_for(100ms);
+  pthread_cancel(doomed.native_handle());
+  doomed.join();
+  EXPECT_TRUE(returned) << "the request was carried through first";
+  EXPECT_EQ(bare_request(TOV_RESTART, true), 0);
+}
+
+// ---- cancelling ---------------------------------------------------------------------------------
+
+class TovCancel : public TovRpc {
+ protected:
+  // The registration file of this very process, whose name follows from its command line.
+  static std::string own_file() {
+    char cmdline[256] = "";
+    char name[256] = "";
+    pid_to_cmdline(getpid(), cmdline, sizeof cmdline);
+    tov_get_db_file_name(0, getpid(), cmdline, name, sizeof name);
+    return name;
+  }
+};
+
+TEST_F(TovCancel, RemovesTheFileAndAsksForRemoval) {
+  FakeDaemon daemon;
+  tov_test::write_file(own_file(), "x");
+  CaptureStdout();
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(tov_cancel_proc(0), 0);
+  EXPECT_GE(steady_clock::now() - begin, 1s);
+  const std::string printed = GetCapturedStdout();
+  EXPECT_NE(printed.find("]tov_cancel_proc:0\n"), std::string::npos);
+  EXPECT_NE(printed.find("]tov_rm_db_file_by_pid unlink file " + own_file() + " ret 0\n"),
+            std::string::npos);
+  EXPECT_NE(access(own_file().c_str(), F_OK), 0);
+
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_CONS));
+  EXPECT_EQ(request.head().len, 8);
+  EXPECT_EQ(request.payload<tov_msg_cons_t>().event, TOV_CONS_DUMP_ALL);
+  EXPECT_EQ(request.payload<tov_msg_cons_t>().pid, getpid());
+}
+
+TEST_F(TovCancel, NegativePidIsRefused) {
+  FakeDaemon daemon;
+  CaptureStdout();
+  EXPECT_EQ(tov_cancel_proc(-4), -1);
+  const std::string printed = GetCapturedStdout();
+  EXPECT_NE(printed.find("]tov_cancel_proc:-4\n"), std::string::npos);
+  EXPECT_NE(printed.find("]The pid you enter is -4 < 0 \n"), std::string::npos);
+  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
+}
+
+TEST_F(TovCancel, VanishedProcessIsWithdrawnWithoutItsFile) {
+  FakeDaemon daemon;
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  waitpid(gone, nullptr, 0);
+  CaptureStdout();
+  EXPECT_EQ(tov_cancel_proc(gone), 0);
+  EXPECT_NE(GetCapturedStdout().find("]tov_rm_db_file_by_pid pid_to_cmdline(" +
+                                     std::to_string(gone) + ") fail\n"),
+            std::string::npos);
+  EXPECT_EQ(daemon.only_request().payload<tov_msg_cons_t>().pid, gone);
+}
+
+TEST_F(TovCancel, IsRepeatedUntilTheDaemonAnswers) {
+  FakeDaemon daemon(Manners{.hang_up = 1});
+  EXPECT_EQ(tov_cancel_proc(0), 0);
+  EXPECT_EQ(daemon.requests(2).size(), 2u);
+}
+
+TEST_F(TovCancel, FailureIsPrinted) {
+  RefusingSocket refusing;
+  tov_rpc_stop_asked = [] { return true; };
+  CaptureStdout();
+  EXPECT_EQ(tov_cancel_proc(0), -1);
+  EXPECT_NE(GetCapturedStdout().find("]tov_cancel_proc: cancel fail: "), std::string::npos);
+}
+
+}  // namespace
