@@ -110,9 +110,12 @@ void tov_pidfile_forget_locks(void) {
 // ---- names ---------------------------------------------------------------------------------
 
 // The program part of a file name; see the header for its rule.
+// (Not by substr(), which can throw: the client library is to need no C++ runtime.)
 static std::string_view program_of(std::string_view cmdline) {
-  const std::string_view word = cmdline.substr(0, cmdline.find(' '));
-  return word.substr(word.rfind('/') + 1);  // npos + 1 is 0: the whole word
+  std::string_view word = cmdline;
+  word.remove_suffix(word.size() - std::min(word.find(' '), word.size()));
+  word.remove_prefix(word.rfind('/') + 1);  // npos + 1 is 0: the whole word
+  return word;
 }
 
 static void file_name(int vsd_id, int pid, std::string_view cmdline, char *out, int size) {

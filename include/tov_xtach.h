@@ -42,7 +42,7 @@ extern "C" {
  * Registers a process: when it ends, the daemon starts it again.   [debug file]
  *   pid   the process, 0: the caller
  *   type  TOV_RESTART: execute its command line again;
- *         TOV_SHELL_RESTART: run its start script with the argument "start"
+ *         TOV_SHELL_RESTART: run its start script /etc/cmdmap/PROGRAM.sh with the argument "start"
  * Writes the registration file /tmp/vsd/DEVICE/tov/db/NAME.PID, locks it and keeps it open for the
  * life of the calling process, then asks the daemon until it acknowledges: 60 attempts, a second
  * apart. Without a daemon the call therefore takes about six minutes.
@@ -53,7 +53,10 @@ TOV_API int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type);
 /*
  * The same with a start script of the caller's choice, sent once, without acknowledgement.
  *                                                                      [debug file]
- *   path  of the script, copied; at most 255 bytes are used
+ *   path  chooses the script: /etc/cmdmap/NAME.sh, where NAME is what follows the last "/" of the
+ *         path's first word; a word without "/" names /etc/cmdmap/WORD, without ".sh". Copied; at
+ *         most 255 bytes are used. Null or empty: chosen by the command line, as with
+ *         reg_process_exit_action().
  * Returns 0 when the request left, -1 when there is no daemon (after about 5 s).
  */
 TOV_API int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type, const char *path);
