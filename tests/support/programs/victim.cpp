@@ -12,6 +12,8 @@
 //   signal=N         send itself a signal       } (default 0)
 //   abort            abort(); with core=1 the core limit is lifted before
 //   exec=PATH        execute another program, with no arguments
+//   until-told       before any of these wait for the file /data/tell.NAME and remove it; who is
+//                    started again waits for the next one
 //   ignore=N         ignore a signal (may be repeated)
 //   child            fork a child that keeps every descriptor and waits
 //   daemonise        fork itself into the background; the child does the rest
@@ -46,6 +48,7 @@ struct Orders {
   long after_ms = 0;
   bool abort = false;
   bool core = false;
+  bool until_told = false;
   bool child = false;
   bool daemonise = false;
   bool thread_exit = false;
@@ -59,6 +62,7 @@ struct Orders {
 
 static Orders orders;
 static std::string report_path;
+static std::string tell_path;
 
 // The system call, not the C library: nothing may come between us and the real clock.
 static int64_t now_ns() {
@@ -233,6 +237,7 @@ static void parse_word(const std::string &word) {
   if (key == "after") orders.after_ms = number;
   if (key == "abort") orders.abort = true;
   if (key == "core") orders.core = true;
+  if (key == "until-told") orders.until_told = true;
   if (key == "exec") orders.exec = value;
   if (key == "ignore") signal(number, SIG_IGN);
   if (key == "child") orders.child = true;
@@ -255,7 +260,14 @@ static void prepare(const std::string &words) {
   if (!orders.print.empty()) dprintf(STDOUT_FILENO, "%s\n", orders.print.c_str());
 }
 
+static void wait_for_word() {
+  static constexpr long ASK_PERIOD_MS = 2;
+  while (unlink(tell_path.c_str()) < 0)
+    sleep_ms(ASK_PERIOD_MS);
+}
+
 static void die_as_told() {
+  if (orders.until_told) wait_for_word();
   if (orders.thread_exit) {
     start_thread(end_later);
     return;
@@ -277,7 +289,9 @@ int main(int argc, char **argv) {
   const std::string fds = open_descriptors();  // before we open any of our own
   const char *named = getenv("VICTIM_REPORT");
   const std::string exe = link_target("/proc/self/exe");
-  report_path = named != nullptr ? named : "/data/victim." + exe.substr(exe.rfind('/') + 1);
+  const std::string name = exe.substr(exe.rfind('/') + 1);
+  report_path = named != nullptr ? named : "/data/victim." + name;
+  tell_path = "/data/tell." + name;
   for (int i = 1; i < argc; i++)
     parse_word(argv[i]);
   const std::string words = joined(argc, argv);
