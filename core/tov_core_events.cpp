@@ -49,6 +49,7 @@ void tov_cn_msg_exec(int pid, int) {
     (void)tov_log_with_type(TOV_LOG_ERROR, "TOV fail to get cmdline,pid:%d\n", pid);
     return;
   }
+  rtrim(program.process);  // as every record's: it is compared with theirs
   // Asked again with the arguments: a listed "/opt/x" does not speak for "/opt/x -d".
   if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, program.process, type, sizeof type)) {
     TOV_DBG("%s is not in tovdb!\n", program.process);

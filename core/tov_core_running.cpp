@@ -36,6 +36,7 @@ bool tov_is_reg_alive_inlock(pid_t pid) {
 int tov_check_process_alive(tov_pid_t *record) {
   char command[COMMAND_SIZE];
   if (pid_to_cmdline(record->pid, command, sizeof command) == nullptr) return -1;
+  rtrim(command);  // as the record was when it was made: an empty last argument reads as a blank
   int vsd_id = get_vsdid(record->pid);
   if ((vsd_id < 0 ? 0 : vsd_id) != record->vsd_id) return -1;
   if (strcmp(record->process, command) != 0) return -1;
