@@ -72,7 +72,17 @@ class TovXtach : public testing::Test {
 TEST_F(TovXtach, RegistrationWritesAndLocksItsFileAndSendsThePayload) {
   FakeDaemon daemon;
   EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
-  EXPECT_EQ(tov_test::read_file(own_file()), expected_file(RESPAWN));
+  const std::string file = own_file();
+  const pid_t other = fork();
+  if (other == 0) {
+    const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
+    _exit(fd >= 0 && lock_file(fd) < 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(other, &status, 0);
+  EXPECT_EQ(status, 0) << "another process must find the file locked";
+  // Only now: reading it here closes a descriptor of it, which drops the lock.
+  EXPECT_EQ(tov_test::read_file(file), expected_file(RESPAWN));
 
   const Request request = daemon.only_request();
   EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESTART));
@@ -85,16 +95,6 @@ TEST_F(TovXtach, RegistrationWritesAndLocksItsFileAndSendsThePayload) {
   EXPECT_EQ(payload.restart_time, 0);
   EXPECT_STREQ(payload.pathname, cmdline_);
   EXPECT_STREQ(payload.grp, "");
-
-  const std::string file = own_file();
-  const pid_t other = fork();
-  if (other == 0) {
-    const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
-    _exit(fd >= 0 && lock_file(fd) < 0 ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(other, &status, 0);
-  EXPECT_EQ(status, 0) << "another process must find the file locked";
 }
 
 TEST_F(TovXtach, SecondRegistrationLeavesOneFileWithTheNewerAction) {
