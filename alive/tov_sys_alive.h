@@ -10,9 +10,10 @@
 // SIGBUS. What is protected:
 // - The daemon (the master) never touches the mapping. It reads and writes single bytes through
 //   the descriptor, where a missing byte reads as zero, and gives a cut object its length back.
-// - A client looks at the length once per tov_sys_isreg_alive_info(), which comes first in every
-//   keep-alive, and restores it there; the thread then finds its bit gone and registers afresh. So
-//   an area that was cut - by accident, or by somebody some time ago - does no harm.
+// - A client looks once per tov_sys_isreg_alive_info(), which comes first in every keep-alive,
+//   whether its bytes are still there, and restores the length if not; the thread then finds its
+//   bit gone and registers afresh. So an area that was cut - by accident, or by somebody some time
+//   ago - does no harm.
 // - What is left: a local user who cuts the object within the some hundred nanoseconds between
 //   that look and the touch kills the client with SIGBUS. Closing that gap would cost each advance
 //   a system call or the host program its signal handler; neither is ours to take.
@@ -73,7 +74,8 @@ int tov_sys_reg_alive_info(int pid);
 int tov_sys_unreg_alive_info(int pid);
 
 // Whether a thread is registered. Maps the area first if need be (not as its master) and restores
-// its length; false also when that fails or the id is out of range.
+// its length; false also when that fails or the id is out of range. In a client one cheap system
+// call.
 bool tov_sys_isreg_alive_info(int pid);
 
 // Advances a thread's sequence: 1 to 255 and round to 1, never 0. In a client one load and one
