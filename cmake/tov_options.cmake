@@ -12,7 +12,7 @@ target_compile_definitions(tov_options INTERFACE _GNU_SOURCE)
 if(TOV_SANITIZE)
   string(REPLACE "," ";" sanitizers "${TOV_SANITIZE}")
   target_compile_options(tov_options INTERFACE
-    -fsanitize=${TOV_SANITIZE} -fno-sanitize-recover=all -O1)
+    -fsanitize=${TOV_SANITIZE} -fno-sanitize-recover=all)
   target_link_options(tov_options INTERFACE -fsanitize=${TOV_SANITIZE})
   foreach(sanitizer IN LISTS sanitizers)
     string(TOUPPER ${sanitizer} name)
