@@ -1,0 +1,80 @@
+// A client that says what it likes: packets byte by byte, without the library.
+#ifndef TOV_TEST_RAW_CLIENT_H
+#define TOV_TEST_RAW_CLIENT_H
+
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+
+#include "tov.h"
+#include "tov_ras_comp_config.h"
+#include "tov_utils_owner.h"
+
+namespace tov_test {
+
+class RawClient {
+ public:
+  RawClient() : sd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {}
+
+  // Returns 0 or errno.
+  int connect() {
+    sockaddr_un at{};
+    at.sun_family = AF_UNIX;
+    strcpy(at.sun_path, TOV_SOCKET_PATH);
+    return ::connect(sd_.n, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0 ? 0 : errno;
+  }
+
+  bool send(const std::string &packet, int flags = 0) {
+    return ::send(sd_.n, packet.data(), packet.size(), MSG_NOSIGNAL | flags) ==
+           static_cast<ssize_t>(packet.size());
+  }
+
+  enum Answer { ACKNOWLEDGED, CLOSED, SILENCE, ODD };
+
+  // What the daemon does within `limit`.
+  Answer answer(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    pollfd asked = {sd_.n, POLLIN, 0};
+    if (poll(&asked, 1, static_cast<int>(limit.count())) <= 0) return SILENCE;
+    char bytes[512];
+    const ssize_t length = recv(sd_.n, bytes, sizeof bytes, 0);
+    if (length <= 0) return CLOSED;  // also ECONNRESET: closed with our packet unread
+    static constexpr char zeroes[sizeof(tov_msg_head_t)] = {};
+    const bool plain = length == sizeof zeroes && memcmp(bytes, zeroes, sizeof zeroes) == 0;
+    return plain ? ACKNOWLEDGED : ODD;
+  }
+
+  int sd() const { return sd_.n; }
+
+ private:
+  tov_fd_t sd_;
+};
+
+// A packet whose head says `type` and `len` and that brings `payload`.
+inline std::string packet(uint32_t type, int32_t len, const std::string &payload,
+                          const std::string &path = "") {
+  tov_msg_head_t head{};
+  head.type = type;
+  head.len = len;
+  memcpy(head.pathname, path.data(), std::min(path.size(), sizeof head.pathname));
+  return std::string(reinterpret_cast<const char *>(&head), sizeof head) + payload;
+}
+
+// A well-formed one.
+inline std::string packet(uint32_t type, const std::string &payload, const std::string &path = "") {
+  return packet(type, static_cast<int32_t>(payload.size()), payload, path);
+}
+
+template <typename Record>
+std::string bytes_of(const Record &record) {
+  return {reinterpret_cast<const char *>(&record), sizeof record};
+}
+
+}  // namespace tov_test
+
+#endif  // TOV_TEST_RAW_CLIENT_H
