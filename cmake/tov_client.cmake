@@ -49,8 +49,10 @@ set_target_properties(tov_shared PROPERTIES
 target_link_options(tov_shared PRIVATE
   -Wl,--version-script=${tov_client_dir}/libtov.map
   -Wl,-Bsymbolic-functions # a host's function of the same name is not called in our place
-  -Wl,--as-needed
-  $<$<NOT:$<BOOL:${TOV_SANITIZE}>>:-Wl,-z,defs>) # a sanitizer's runtime comes with the program
+  -Wl,--as-needed)
+if(NOT TOV_SANITIZE) # a sanitizer's runtime comes with the program
+  target_link_options(tov_shared PRIVATE -Wl,-z,defs)
+endif()
 target_link_libraries(tov_shared PRIVATE tov_options Threads::Threads)
 target_include_directories(tov_shared INTERFACE
   $<BUILD_INTERFACE:${tov_client_dir}/include>
