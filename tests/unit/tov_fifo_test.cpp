@@ -19,6 +19,14 @@
 #include "caught_diagnostics.h"
 #include "tov.h"
 
+// The sanitizers end the program at an impossible allocation unless they are told otherwise.
+extern "C" const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+extern "C" const char *__tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
 namespace {
 
 constexpr uint32_t NEAR_WRAP = 0xFFFFFFFCu;  // four bytes before the indices wrap
@@ -37,7 +45,7 @@ int64_t now_ms() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Nanoseconds of processor time that this thread has used.
+// Microseconds of processor time that this thread has used.
 int64_t thread_cpu_us() {
   timespec used{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
