@@ -319,6 +319,7 @@ TEST_F(TovExitDuplicates, FirstRegistrationGivesWayToAnother) {
 TEST_F(TovExitDuplicates, RestartedTaskGivesWayToALivingOne) {
   const Program program("successor");
   const pid_t living = tov_test::start(program.path);
+  program.birth();
   tov_pid_t *record = add(GONE, program.path);
   record->flags = TOV_FLAG_STARTED;
   const tov_pid_t *other = add(living, program.path);
