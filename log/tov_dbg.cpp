@@ -54,11 +54,7 @@ struct raw_text_s {
   char bytes[LINE_SIZE];
   size_t length = 0;
 
-  void add(const char *text) {
-    const size_t count = strnlen(text, sizeof bytes - length);
-    memcpy(bytes + length, text, count);
-    length += count;
-  }
+  void add(const char *text) { length = tov_append(bytes, length, sizeof bytes, text); }
 
   void add_number(int number) {  // a line number: not negative
     char digits[16];

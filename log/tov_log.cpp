@@ -197,11 +197,8 @@ void tov_log_flush_emergency(void) {
 
 // ---- events of a forked child ---------------------------------------------------------------
 
-// Appends a text to a line, within the room for texts. Async-signal-safe.
 static size_t append_text(char *line, size_t length, const char *text) {
-  const size_t count = strnlen(text, TEXT_ROOM - 1 - length);
-  memcpy(line + length, text, count);
-  return length + count;
+  return tov_append(line, length, TEXT_ROOM - 1, text);
 }
 
 void tov_log_prepare(tov_log_child_line_s *line, const char *beginning) {

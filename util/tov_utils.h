@@ -67,6 +67,15 @@ inline size_t tov_printed(int returned, size_t room) {
   return length < room ? length : room - 1;
 }
 
+// Appends `text`, without its NUL, behind the `length` bytes of `to` until `limit` bytes are
+// filled. Returns the new length. Async-signal-safe, unlike the printf family: for a child between
+// fork and exec.
+inline size_t tov_append(char *to, size_t length, size_t limit, const char *text) {
+  while (length < limit && *text != '\0')
+    to[length++] = *text++;
+  return length;
+}
+
 // Makes a directory of mode 0777 whatever the umask is (mkdir, then chmod), and the missing ones
 // above it in the same way. An existing directory is no error and gets the mode too; existing ones
 // above it are left as they are. A link at the end of the path is followed only when it belongs to

@@ -10,20 +10,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "unit_files.h"
 #include "unit_stdout.h"
+#include "unit_text.h"
 
+using tov_test::matches;
 using tov_test::printed_by;
-
-static bool matches(const std::string &text, const std::string &pattern) {
-  return std::regex_match(text, std::regex(pattern));
-}
 
 namespace {
 
@@ -138,6 +134,7 @@ TEST_F(TovDbg, LinesOfThreadsDoNotMix) {
   constexpr int THREADS = 4, LINES = 300;
   const std::string text = printed_by([] {
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int number = 0; number < THREADS; number++)
       threads.emplace_back([number] {
         const std::string filling(100, static_cast<char>('a' + number));
@@ -147,12 +144,10 @@ TEST_F(TovDbg, LinesOfThreadsDoNotMix) {
     for (std::thread &thread : threads)
       thread.join();
   });
-  std::istringstream lines(text);
-  int count = 0;
-  const std::regex whole("\\[TOV:f.cpp:([0-3])\\](a{100}|b{100}|c{100}|d{100})");
-  for (std::string line; std::getline(lines, line); count++)
-    ASSERT_TRUE(std::regex_match(line, whole)) << line;
-  EXPECT_EQ(count, THREADS * LINES);
+  const std::vector<std::string> lines = tov_test::split_lines(text);
+  EXPECT_EQ(lines.size(), static_cast<size_t>(THREADS) * LINES);
+  for (const std::string &line : lines)
+    ASSERT_TRUE(matches(line, "\\[TOV:f.cpp:([0-3])\\](a{100}|b{100}|c{100}|d{100})")) << line;
 }
 
 // ---- printing from a forked child -----------------------------------------------------------

@@ -31,6 +31,7 @@ class Running {
     int ends[2], ready[2];
     if (pipe2(ends, O_CLOEXEC) != 0 || pipe2(ready, O_CLOEXEC) != 0) abort();
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words)
       argv.push_back(word.data());
     argv.push_back(nullptr);

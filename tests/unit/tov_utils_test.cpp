@@ -24,6 +24,13 @@ static constexpr int64_t MS = 1000000;
 
 static std::atomic<int> signals_seen = 0;
 
+// How many interruptions a test wants to have survived.
+#ifdef TOV_SANITIZE_THREAD
+static constexpr int ENOUGH_SIGNALS = 1;  // that build runs handlers late and several as one
+#else
+static constexpr int ENOUGH_SIGNALS = 3;
+#endif
+
 namespace {
 
 // SIGALRM every few milliseconds while it lives, through a handler that interrupts system calls.
@@ -90,7 +97,7 @@ TEST(TovUtilsSleep, SignalsDoNotShortenMicroseconds) {
   const int64_t start = tov_test::monotonic_ns();
   safe_usleep(60000);
   EXPECT_GE(tov_test::monotonic_ns() - start, 60 * MS);
-  EXPECT_GE(signals_seen, 3);
+  EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
 }
 
 TEST(TovUtilsSleep, SignalsDoNotShortenSeconds) {
@@ -98,7 +105,7 @@ TEST(TovUtilsSleep, SignalsDoNotShortenSeconds) {
   const int64_t start = tov_test::monotonic_ns();
   safe_sleep(1);
   EXPECT_GE(tov_test::monotonic_ns() - start, 1000 * MS);
-  EXPECT_GE(signals_seen, 3);
+  EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
 }
 
 TEST(TovUtilsSleep, AddsSecondsAndMicroseconds) {
@@ -193,7 +200,7 @@ TEST(TovUtilsRead, SignalsAndShortReadsAreResumed) {
   {
     const Interruptions noise(2000);
     EXPECT_EQ(safe_read(pipe.out.n, buf, sizeof buf), 11);
-    EXPECT_GE(signals_seen, 3);
+    EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
   }
   writer.join();
   EXPECT_EQ(std::string(buf, 11), "onetwothree");
@@ -222,7 +229,7 @@ TEST(TovUtilsWrite, SignalsAndShortWritesAreResumed) {
   {
     const Interruptions noise(2000);
     EXPECT_EQ(safe_write(pipe.in.n, sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
-    EXPECT_GE(signals_seen, 3);
+    EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
   }
   pipe.in.reset();
   reader.join();
@@ -430,6 +437,15 @@ TEST(TovUtilsNumber, PrintedLengthIsTheCutOne) {
   EXPECT_EQ(tov_printed(-1, 10), 0u);
 }
 
+TEST(TovUtilsNumber, AppendedTextStaysWithinItsLimit) {
+  char buf[] = "ab######";
+  EXPECT_EQ(tov_append(buf, 2, 6, "cd"), 4u);
+  EXPECT_EQ(tov_append(buf, 4, 6, "efgh"), 6u);
+  EXPECT_EQ(tov_append(buf, 6, 6, "x"), 6u);
+  EXPECT_EQ(tov_append(buf, 6, 8, ""), 6u);
+  EXPECT_STREQ(buf, "abcdef##");
+}
+
 // ---- directories ----------------------------------------------------------------------------
 
 namespace {
@@ -505,7 +521,7 @@ TEST(TovUtilsRtrim, OnlyTrailingBlanksAndTabsGo) {
                {" \t", ""},        {"", ""},          {"abc", "abc"}};
   for (const auto &c : cases) {
     char text[16];
-    strcpy(text, c.before);
+    snprintf(text, sizeof text, "%s", c.before);
     rtrim(text);
     EXPECT_STREQ(text, c.after);
   }
