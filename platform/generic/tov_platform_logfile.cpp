@@ -14,7 +14,6 @@
 // Losses: what a full disk refuses; the ".1" file of the turn before last.
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -42,8 +41,8 @@ struct log_file_s {
   pid_t owner = 0;                    // a forked child leaves the turning to its parent
   off_t limit = 0;                    // bytes; 0: none
   std::atomic<bool> turning = false;  // one thread turns the file, the others go on writing
-  char path[PATH_MAX] = "";
-  char old_path[PATH_MAX] = "";
+  std::string path;
+  std::string old_path;
 };
 
 }  // namespace
@@ -52,20 +51,27 @@ static int open_log(const char *path) {
   return tov_open_regular(path, O_WRONLY | O_CREAT | O_APPEND, LOG_MODE);
 }
 
-int ras_logfile_init(const char *path, int limit_kb, void **handle, int /*reserved_a*/,
-                     int /*reserved_b*/) {
-  if (path == nullptr || handle == nullptr || limit_kb < 0) return EINVAL;
-  std::unique_ptr<log_file_s> file(new (std::nothrow) log_file_s);
-  if (file == nullptr) return ENOMEM;
-  (void)snprintf(file->path, sizeof file->path, "%s", path);
-  const int length = snprintf(file->old_path, sizeof file->old_path, "%s%s", path, OLD_SUFFIX);
-  if (length >= PATH_MAX) return ENAMETOOLONG;
+// Returns 0 or an error number.
+static int open_handle(const char *path, off_t limit, void **handle) {
+  auto file = std::make_unique<log_file_s>();
+  file->path = path;
+  file->old_path = file->path + OLD_SUFFIX;
   file->fd.n = open_log(path);
   if (file->fd.n < 0) return errno;
   file->owner = getpid();
-  file->limit = limit_kb * KILOBYTE;
+  file->limit = limit;
   *handle = file.release();
   return 0;
+}
+
+int ras_logfile_init(const char *path, int limit_kb, void **handle, int /*reserved_a*/,
+                     int /*reserved_b*/) {
+  if (path == nullptr || handle == nullptr || limit_kb < 0) return EINVAL;
+  try {
+    return open_handle(path, limit_kb * KILOBYTE, handle);
+  } catch (const std::bad_alloc &) {
+    return ENOMEM;
+  }
 }
 
 // ---- turning --------------------------------------------------------------------------------
@@ -78,8 +84,8 @@ static bool is_full(const log_file_s &file) {
 // Puts a new file in the place of the full one. When a step fails the old file goes on growing,
 // under whatever name it has by then, and the next line tries again.
 static void turn(const log_file_s &file) {
-  if (rename(file.path, file.old_path) < 0 && errno != ENOENT) return;
-  const tov_fd_t fresh(open_log(file.path));
+  if (rename(file.path.c_str(), file.old_path.c_str()) < 0 && errno != ENOENT) return;
+  const tov_fd_t fresh(open_log(file.path.c_str()));
   if (fresh.n < 0) return;
   (void)dup3(fresh.n, file.fd.n, O_CLOEXEC);
 }
