@@ -220,6 +220,7 @@ static int watch_all(int ep_fd, int listener, int *count) {
 }
 
 static int serve_event(const epoll_event &event, int listener) {
+  errno = 0;  // what the event log names is to be this event's
   if ((event.events & EPOLLIN) == 0) {
     const int err = errno;
     TOV_DBG("%s: event err: %s\n", THREAD_NAME, strerror(err));
@@ -299,7 +300,7 @@ void *tov_process_domain(void * /*arg*/) {
   }
   std::fill(std::begin(tov_clnt_sd), std::end(tov_clnt_sd), -1);
   const int res = serve();
-  const int err = errno;
+  const int err = res == RES_QUIT ? 0 : errno;
   close_clients();
   tov_core_thread_end(THREAD_NAME, res, err);
   return nullptr;

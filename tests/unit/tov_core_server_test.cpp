@@ -370,7 +370,7 @@ TEST_F(TovServer, RandomPacketsCostOnlyTheirSenders) {
     }
   };
   noise(PACKETS / 10);
-  const long before = resident_pages();
+  [[maybe_unused]] const long before = resident_pages();
   noise(PACKETS);
   EXPECT_TRUE(good_client_is_served());
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
