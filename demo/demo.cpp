@@ -22,13 +22,15 @@ static constexpr char NEEDS[] =
     "(CAP_SYS_ADMIN, CAP_NET_ADMIN, CAP_SYS_NICE), the machine's first process-id and network\n"
     "namespaces, and an overlay file system. Containers usually have to be privileged.\n";
 
-static int show(bool shell) {
+// Plays, or hands over to the shell. `opened` tells how far a failure let us come.
+static int show(bool shell, bool *opened) {
   printf(
       "tov, a process supervisor, in a private device: its own files, console and system log.\n"
       "Nothing outside of it is touched; everything in it ends with this program.\n\n"
       "  seconds  who        what\n");
   tov_demo::Stage stage;
   tov_demo::open_scene(stage);
+  *opened = true;
   if (shell) return tov_demo::run_shell(stage);
   const bool good = tov_demo::play(stage);
   stage.device().close();
@@ -45,11 +47,12 @@ int main(int argc, char **argv) {
   }
   int gtest_words = 1;
   testing::InitGoogleTest(&gtest_words, argv);
+  bool opened = false;
   try {
-    return show(shell);
+    return show(shell, &opened);
   } catch (const std::exception &failure) {
     fflush(stdout);
-    fprintf(stderr, "\n%s\n%s", failure.what(), NEEDS);
-    return EXIT_NOT_STARTED;
+    fprintf(stderr, "\n%s\n%s", failure.what(), opened ? "" : NEEDS);
+    return opened ? EXIT_NOT_AS_EXPECTED : EXIT_NOT_STARTED;
   }
 }

@@ -150,11 +150,14 @@ void Narrator::tell() {
 // ---- waiting --------------------------------------------------------------------------------
 
 void Narrator::rest(Millis span) {
-  (void)wait([] { return false; }, span);
+  look_until(monotonic_ns() + span.count() * NS_PER_MS, [] { return false; });
 }
 
 bool Narrator::wait(const std::function<bool()> &holds, Millis limit) {
-  const int64_t end_ns = monotonic_ns() + limit.count() * NS_PER_MS;
+  return look_until(monotonic_ns() + limit.count() * NS_PER_MS * tov_test::patience(), holds);
+}
+
+bool Narrator::look_until(int64_t end_ns, const std::function<bool()> &holds) {
   while (monotonic_ns() < end_ns) {
     tell();
     if (holds()) return true;

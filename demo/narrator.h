@@ -31,7 +31,7 @@ class Narrator {
 
   // Waits and tells meanwhile.
   void rest(tov_test::Millis span);
-  // The same until the condition holds; false when it did not in time.
+  // The same until the condition holds; false when it did not in time. Slow builds get more time.
   bool wait(const std::function<bool()> &holds, tov_test::Millis limit);
 
   const char *bold() const { return colour_ ? "\033[1m" : ""; }
@@ -44,6 +44,7 @@ class Narrator {
     std::string text;
   };
 
+  bool look_until(int64_t end_ns, const std::function<bool()> &holds);
   void tell();
   void take_notices(std::vector<Line> &lines);
   void take_events(std::vector<Line> &lines);

@@ -88,7 +88,8 @@ int64_t Stage::end(Program &program, int signal) {
   narrator_.act("kill -" + std::string(sigabbrev_np(signal)) + " " + id(program.pid) + " (" +
                 program.name + ")");
   const int64_t ended_ns = monotonic_ns();
-  device_.kill(program.pid, signal);
+  // One that did not come back before has no process; its id may be somebody else's by now.
+  if (device_.lives(program.pid)) device_.kill(program.pid, signal);
   return ended_ns;
 }
 

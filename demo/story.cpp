@@ -132,8 +132,9 @@ static void print_row(const Outcome &outcome) {
   else
     snprintf(process, sizeof process, "%d", outcome.before);
   if (outcome.back_ms >= 0) snprintf(back, sizeof back, "%.1f ms", outcome.back_ms);
-  printf("  %-15s  %-15s  %-18s  %10s  %s%s\n", outcome.program.c_str(), outcome.ended_by.c_str(),
-         process, back, outcome.remark.c_str(), outcome.as_expected ? "" : "  NOT AS EXPECTED");
+  const std::string remark = outcome.remark + (outcome.as_expected ? "" : "  NOT AS EXPECTED");
+  printf("  %-15s  %-15s  %-18s  %10s%s%s\n", outcome.program.c_str(), outcome.ended_by.c_str(),
+         process, back, remark.empty() ? "" : "  ", remark.c_str());
 }
 
 static bool summarise(Stage &stage) {
