@@ -24,7 +24,10 @@ enum {
 
 int debug_time(void) {
   if (!tov_file_exists(TOV_DEBUG_TIME_FILE)) return TOV_SELF_CHECK_PERIOD_S;
-  tov_fd_t fd(open(TOV_DEBUG_TIME_FILE, O_RDWR | O_CREAT | O_CLOEXEC, 0754));
+  // O_NONBLOCK: our own descriptor would count as the writer of a FIFO, and a read wait for ever,
+  // with the registry locked.
+  tov_fd_t fd(
+      open(TOV_DEBUG_TIME_FILE, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0754));
   if (fd.n < 0) return -errno;
 
   char text[NUMBER_FILE_SIZE + 1] = {};
