@@ -166,20 +166,20 @@ void __tov_del_pid(tov_chains_t *chains, pid_t pid) {
     next = node->next;
     tov_pid_t *record = tov_chain_record(node);
     if (record->pid != pid) continue;
-    TOV_DBG("%s del pid %d", __func__, pid);
+    TOV_DBG("%s del pid %d\n", __func__, pid);
     tov_chain_remove(chains, record);
   }
 }
 
 void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) {
   if (record == nullptr || chains == nullptr) {
-    TOV_DBG("%s: %s", __func__, strerror(EINVAL));
+    TOV_DBG("%s: %s\n", __func__, strerror(EINVAL));
     return;
   }
   const pid_t parent = record->pid;  // `record` itself may be among those removed
   tov_chain_for_each(chains, [chains, parent](tov_pid_t &child) {
     if (child.ppid != parent) return true;
-    TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!", "tov_del_node_chain", child.pid,
+    TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", "tov_del_node_chain", child.pid,
             child.ppid);
     remove_with_slot(chains, &child);
     return true;

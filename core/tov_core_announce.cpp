@@ -144,7 +144,7 @@ static constexpr journal_file_s journal_files[] = {
        "%%HA-5-HA_RESTART_INFO: Process:%s restarts %d times and new process is %s/%d.\n"},
       script_after},
      TOV_JOURNAL_2,
-     "%s: remove tov_log2 fail: %s"},
+     "%s: remove tov_log2 fail: %s\n"},
     {TOV_JOURNAL_2,
      {{NAME_PID_CODE,
        "%%HA-5-HA_RESTART: Process:%s/%d receives internal event: %04x and restarts.\n"},
@@ -153,7 +153,7 @@ static constexpr journal_file_s journal_files[] = {
        "%%HA-5-HA_RESTART_INFO: Process:[%s] restarts [%d] times and new process is [%s/%d].\n"},
       script_after},
      TOV_JOURNAL_1,
-     "%s: remove tov_log1 fail: %s"},
+     "%s: remove tov_log1 fail: %s\n"},
 };
 
 enum { JOURNAL_RESTARTS = JOURNAL_RESTARTS_PER_FILE * static_cast<int>(std::size(journal_files)) };
@@ -166,7 +166,7 @@ static const journal_file_s *journal_file() {
 
 static int append(const journal_file_s &file, const text_s &text, const tov_restart_news_t &news) {
   if (tov_openlog(file.path) < 0) {
-    TOV_DBG("fail to openlog: %s", strerror(errno));
+    TOV_DBG("fail to openlog: %s\n", strerror(errno));
     return -1;
   }
   char line[TEXT_SIZE];

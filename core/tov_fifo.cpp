@@ -100,7 +100,7 @@ unsigned int __kfifo_out(kfifo *fifo, void *dst, unsigned int len) {
 int tov_cnmsg_fifo_alloc(void) {
   tov_fd_t fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (fd.n < 0 || __kfifo_alloc(&tov_cnmsg_fifo, TOV_CNMSG_FIFO_BYTES, 1) < 0) {
-    TOV_DBG("%s: kfifo_alloc fail!", __func__);
+    TOV_DBG("%s: kfifo_alloc fail!\n", __func__);
     return -1;
   }
   wake_fd = tov_fd_take(fd);
