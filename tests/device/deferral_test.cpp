@@ -1,0 +1,147 @@
+// Restarts that wait because somebody still holds the lock of the dead process's registration file.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "story.h"
+
+using namespace tov_test;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A process of its own that holds the lock of a file: the test must be free to open and close the
+// file, which would drop a lock of its own.
+class LockHolder {
+ public:
+  LockHolder(const Device &device, const std::string &file) {
+    const std::string path = device.path(file);
+    int ready[2];
+    if (pipe2(ready, O_CLOEXEC) < 0) throw std::runtime_error("no pipe");
+    holder_ = fork();
+    if (holder_ == 0) hold(path.c_str(), ready[1]);
+    close(ready[1]);
+    char held = 0;
+    const bool done = read(ready[0], &held, 1) == 1;
+    close(ready[0]);
+    if (!done) throw std::runtime_error(file + " cannot be locked");
+  }
+  LockHolder(const LockHolder &) = delete;
+  LockHolder &operator=(const LockHolder &) = delete;
+  ~LockHolder() { end(); }
+
+  void end() {
+    if (holder_ <= 0) return;
+    kill(holder_, SIGKILL);
+    waitpid(holder_, nullptr, 0);
+    holder_ = -1;
+  }
+
+ private:
+  [[noreturn]] static void hold(const char *path, int ready) {
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (fd < 0 || fcntl(fd, F_SETLK, &whole) < 0 || write(ready, "", 1) != 1) _exit(1);
+    for (;;)
+      pause();
+  }
+
+  pid_t holder_ = -1;
+};
+
+TEST(Deferral, LastsAsLongAsTheFileIsLocked) {
+  Device device;
+  Task task = start_task(device, "deferred");
+  Task bystander = start_task(device, "bystander_deferral");
+  LockHolder holder(device, task.file);
+  device.start_ready_daemon({.env = with_diagnostics(device)});
+  const pid_t dead = task.pid;
+  device.kill(task.pid, SIGKILL);
+  EXPECT_TRUE(device.wait_output("be lock file " + task.file + ", "));
+  pass_events(device, bystander);
+  EXPECT_EQ(device.births(task.name).size(), 1U);
+  EXPECT_EQ(device.count_events(RESTART_LOG, task.name), 0U);
+  EXPECT_TRUE(device.exists(task.file));
+
+  holder.end();
+  const Birth birth = next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, birth.pid));
+  EXPECT_EQ(device.count_events(RESTART_LOG, self_checking(task, dead, 9)), 1U)
+      << "the code of the exit is remembered";
+  EXPECT_THAT(device.daemon_output(), HasSubstr("Succeed to lock file " + task.file + "."));
+  EXPECT_FALSE(device.exists(task.file));
+}
+
+TEST(Deferral, EndsAfterFiveMinutesWhoeverHoldsTheFile) {
+  Device device;
+  Task task = start_task(device, "forced");
+  LockHolder holder(device, task.file);
+  device.start_ready_daemon({.env = with_diagnostics(device), .faketime = "+0 x100"});
+  const pid_t dead = task.pid;
+  const int64_t killed_ns = monotonic_ns();
+  device.kill(task.pid, SIGKILL);
+  const Birth birth = next_birth(device, task);
+  EXPECT_GT(birth.main_ns - killed_ns, 2'980'000'000) << "300 s by the daemon's clock";
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, birth.pid));
+  EXPECT_EQ(device.count_events(RESTART_LOG, self_checking(task, dead, 9)), 1U);
+  EXPECT_THAT(device.daemon_output(), HasSubstr(task.command + "/" + std::to_string(dead) +
+                                                " more than 300s delay restart."));
+  // The sweeps missed the process all the while, and still left the restart to the deferral.
+  EXPECT_THAT(event_texts(device, RESTART_LOG), Contains(exit_lost(task, dead)));
+  EXPECT_EQ(device.births(task.name).size(), 2U);
+}
+
+TEST(Deferral, AppliesToProgramsThatDiedBeforeTheStart) {
+  Device device;
+  Task task = start_task(device, "early_deferred");
+  LockHolder holder(device, task.file);
+  const pid_t dead = task.pid;
+  device.kill(task.pid, SIGKILL);
+  ASSERT_TRUE(device.wait(task.pid, STORY_LIMIT_MS));
+  device.start_ready_daemon();
+  EXPECT_EQ(device.births(task.name).size(), 1U);
+  EXPECT_THAT(event_texts(device, RUN_LOG), ElementsAre("TOV start."));
+  holder.end();
+  const Birth birth = next_birth(device, task);
+  need_event(device, RESTART_LOG, "new id " + named(task, birth.pid));
+  EXPECT_THAT(
+      event_texts(device, RESTART_LOG),
+      ElementsAre("%HA-5-HA_RE_INIT: Job " + named(task, dead) + " will be re-initialized ...",
+                  "%HA-5-HA_RE_INIT_INFO Re-initialized OK: 1 times and new id " +
+                      named(task, birth.pid) + "."));
+}
+
+// Its own threads hold the file of a process whose first thread has ended.
+TEST(Deferral, WaitsForTheOtherThreadsOfTheProcess) {
+  Device device;
+  Task task = start_task(device, "half_dead",
+                         {.words = {"leader-exit", "until-told", "lock=2"}, .registered = false});
+  Task bystander = start_task(device, "bystander_half");
+  device.start_ready_daemon({.env = with_diagnostics(device)});
+  const pid_t old = task.pid;
+  tell(device, task);
+  EXPECT_TRUE(device.wait_output("be lock file " + task.file + ", "));
+  pass_events(device, bystander);
+  EXPECT_EQ(device.births(task.name).size(), 1U);
+  EXPECT_TRUE(device.lives(old));
+
+  device.kill(old, SIGKILL);
+  const Birth birth = next_birth(device, task);
+  EXPECT_FALSE(device.lives(old));
+  EXPECT_TRUE(device.exists(Device::register_path(0, birth.pid, task.command)));
+}
+
+// A stop by signal 15 asks for no lock.
+TEST(Deferral, DoesNotApplyToADeliberateStop) {
+  Device device;
+  Task task = start_task(device, "stopped_deferred");
+  LockHolder holder(device, task.file);
+  device.start_ready_daemon();
+  device.kill(task.pid, SIGTERM);
+  need_event(device, RUN_LOG, killed_by_15(task, task.pid, -1));
+  EXPECT_TRUE(wait_until([&] { return !device.exists(task.file); }, STORY_LIMIT_MS));
+}
