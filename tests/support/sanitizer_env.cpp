@@ -39,7 +39,8 @@ void add_faketime_settings(std::map<std::string, std::string> &env, const std::s
   const std::string library = installed ? found.gl_pathv[0] : "";
   globfree(&found);
   if (!installed) throw std::runtime_error("libfaketimeMT.so.1 is not installed");
-  env["LD_PRELOAD"] = library;
+  // Ours first: see programs/scaled_alarm.c.
+  env["LD_PRELOAD"] = TOV_BUILD_DIR "/tests/programs/libscaled_alarm.so:" + library;
   env["FAKETIME"] = setting;
 }
 

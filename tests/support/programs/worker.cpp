@@ -1,0 +1,156 @@
+// A worker: a supervised program that registers itself, through the client library or by writing
+// its file as the library would.
+//
+// Tests copy or link it under names of their own (NAME: the file name of its executable). It
+// appends to /data/worker.NAME
+//   birth PID      as soon as its registration file is written, before it waits for the daemon
+//   registered PID when the registration call has come back (nothing is registered: at once)
+//   cancelled PID  when a told cancellation has come back
+// and then works until it is killed or told otherwise.
+//
+// Words:
+//   exec           register: execute again
+//   script         register: run the start script again
+//   path=TEXT      register: run the start script that TEXT chooses
+//   file=ACTION    write and lock the registration file with that action, and ask nobody
+//   vsd=N          the device number for that file
+//   watch          have the first thread watched, and give signs of life
+//   daemonise      fork into the background first
+// While /data/loop.NAME exists the worker fails soon after its start, again and again; when
+// /data/cancel.NAME exists it removes that file and withdraws its registration.
+//
+// Linked statically, like the victim and for the same reason.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <tov/tov_xtach.h>
+#include <unistd.h>
+
+#include <string>
+
+static constexpr long TICK_MS = 20;
+static constexpr unsigned int WATCH_ARGUMENT = 2;  // even: a period of 120 s, 5 missed
+
+struct Orders {
+  TOV_MSG_TYPE type = TOV_NORMAL_EXIT;
+  bool by_path = false;
+  std::string path;
+  int file_action = 0;
+  int vsd = 0;
+  bool watch = false;
+  bool daemonise = false;
+};
+
+static Orders orders;
+static std::string words;  // the command line, as the daemon reads it
+static std::string name;
+
+static void report(const char *what) {
+  const std::string path = "/data/worker." + name;
+  const std::string line = std::string(what) + " " + std::to_string(getpid()) + "\n";
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  (void)!write(fd, line.data(), line.size());
+  close(fd);
+}
+
+static bool is_told(const char *what) {
+  return access(("/data/" + std::string(what) + "." + name).c_str(), F_OK) == 0;
+}
+
+static void sleep_ms(long ms) {
+  timespec left{ms / 1000, (ms % 1000) * 1'000'000};
+  while (nanosleep(&left, &left) < 0 && errno == EINTR) {
+  }
+}
+
+static void parse_word(const std::string &word) {
+  const size_t equals = word.find('=');
+  const std::string key = word.substr(0, equals);
+  const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
+  if (key == "exec") orders.type = TOV_RESTART;
+  if (key == "script" || key == "path") orders.type = TOV_SHELL_RESTART;
+  if (key == "path") {
+    orders.by_path = true;
+    orders.path = value;
+  }
+  if (key == "file") orders.file_action = atoi(value.c_str());
+  if (key == "vsd") orders.vsd = atoi(value.c_str());
+  if (key == "watch") orders.watch = true;
+  if (key == "daemonise") orders.daemonise = true;
+}
+
+static void become_daemon() {
+  const pid_t child = fork();
+  if (child != 0) _exit(child < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
+  setsid();
+}
+
+// As the library does it, without asking the daemon. Missing directories stay missing.
+static void write_file() {
+  const std::string path =
+      "/tmp/vsd/" + std::to_string(orders.vsd) + "/tov/db/" + name + "." + std::to_string(getpid());
+  const std::string text =
+      std::to_string(getpid()) + "\n" + std::to_string(orders.file_action) + "\n" + words;
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  if (fd >= 0 && write(fd, text.data(), text.size()) > 0) (void)fcntl(fd, F_SETLK, &whole);
+}
+
+static void register_self() {
+  if (orders.file_action > 0) write_file();
+  report("birth");
+  if (orders.by_path) {
+    (void)reg_process_exit_action_shell(0, orders.type, orders.path.c_str());
+  } else if (orders.type != TOV_NORMAL_EXIT) {
+    (void)reg_process_exit_action(0, orders.type);
+  }
+  if (orders.watch) {
+    (void)tov_client_reg_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
+  }
+  report("registered");
+}
+
+// Fails in one of several ways; which one depends on nothing but the process id.
+static void fail() {
+  switch (getpid() % 3) {
+    case 0:
+      exit(EXIT_FAILURE);
+    case 1:
+      abort();
+    default:
+      raise(SIGSEGV);
+  }
+}
+
+int main(int argc, char **argv) {
+  char exe[256] = "";
+  (void)!readlink("/proc/self/exe", exe, sizeof exe - 1);
+  name = strrchr(exe, '/') + 1;
+  words = exe;
+  for (int i = 1; i < argc; i++) {
+    parse_word(argv[i]);
+    words += std::string(" ") + argv[i];
+  }
+  if (orders.daemonise) become_daemon();
+  register_self();
+  for (;;) {
+    sleep_ms(TICK_MS);
+    if (is_told("loop")) fail();
+    if (orders.watch) {
+      (void)tov_client_reset_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
+    }
+    if (is_told("cancel")) {
+      unlink(("/data/cancel." + name).c_str());
+      (void)tov_cancel_proc(0);
+      report("cancelled");
+    }
+  }
+}
