@@ -1,0 +1,305 @@
+// Minutes of self-checks on a fast clock: crash loops, the waiting time, who comes back when, and
+// when a reload is asked for.
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <thread>
+
+#include "worker.h"
+
+using namespace tov_test;
+
+static constexpr size_t BURST = 4;  // restarts that are made; the next death suspends
+
+// Seconds of the daemon's clock in one of ours.
+static constexpr int FAST = 20;
+static constexpr int FASTER = 60;
+
+static DaemonOptions on_clock(int speed) {
+  return {.faketime = "+0 x" + std::to_string(speed)};
+}
+
+static constexpr int64_t daemon_s(int64_t real_ns, int speed) {
+  return real_ns * speed / 1'000'000'000;
+}
+
+static Millis real_ms(int daemon_seconds, int speed) {
+  return Millis(daemon_seconds * 1000 / speed);
+}
+
+// The two ways to start a task again, as this file's stories tell them apart.
+struct Way {
+  const char *label;
+  int action;
+  const char *wait;  // mnemonics
+  const char *check;
+  const char *info;
+};
+
+static void PrintTo(const Way &way, std::ostream *out) {
+  *out << way.label;
+}
+
+static const Way ways[] = {
+    {"Program", RESPAWN, "HA_WAIT_SELF_CHECK", "HA_SELF_CHECK", "HA_SELF_CHECK_INFO"},
+    {"Script", SHELL_RESTART, "HA_WAIT_SCRIPT_SELF_CHECK", "HA_SCRIPT_SELF_CHECK",
+     "HA_SCRIPT_SELF_CHECK_INFO"},
+};
+
+// A registered victim; a script that starts it again is there if it needs one.
+static Task start_way(Device &device, const std::string &prefix, const Way &way,
+                      const std::vector<std::string> &words = {}) {
+  Task task = start_task(device, prefix, {.words = words, .action = way.action});
+  if (way.action == SHELL_RESTART)
+    device.install_start_script(task.name, "exec " + task.command + "\n");
+  return task;
+}
+
+static std::string says(const Task &task, const Way &way, int minutes) {
+  return std::string(way.wait) + " " + suspended(task, minutes);
+}
+
+// Kills a task until it is suspended for the nth time. On a busy machine a burst may run out of its
+// two minutes; then it takes another one.
+static void suspend(Device &device, Task &task, const Way &way, int minutes, size_t nth = 1) {
+  const std::string text = says(task, way, minutes);
+  for (size_t deaths = 0; deaths < 4 * BURST; deaths++) {
+    device.kill(task.pid, SIGKILL);
+    wait_until(
+        [&] {
+          return device.births(task.name).size() > task.births ||
+                 device.count_events(RESTART_LOG, text) >= nth;
+        },
+        STORY_LIMIT_MS);
+    if (device.count_events(RESTART_LOG, text) >= nth) return;
+    next_birth(device, task);
+  }
+  throw std::runtime_error(task.name + " is not suspended\n" + device.dump());
+}
+
+// ---- a crash loop -----------------------------------------------------------------------------
+
+class CrashLoop : public testing::TestWithParam<Way> {};
+
+INSTANTIATE_TEST_SUITE_P(Ways, CrashLoop, testing::ValuesIn(ways),
+                         [](const auto &row) { return std::string(row.param.label); });
+
+// The program fails by itself whenever it is started: the whole story without a hand from outside.
+TEST_P(CrashLoop, IsSuspendedCheckedOnceAndThenEscalated) {
+  const Way &way = GetParam();
+  Device device;
+  device.write("/debug_time", "60");
+  install_healer(device);
+  Task task = start_way(device, "looping", way, {"exit=3", "after=300"});
+  device.start_ready_daemon(on_clock(FAST));
+
+  need_event(device, RESTART_LOG, says(task, way, 1));
+  EXPECT_TRUE(device.wait_notice(std::string("%HA-5-") + way.wait + ": " + suspended(task, 1)));
+  ASSERT_EQ(device.births(task.name).size(), 1 + BURST);
+  const Birth last = device.births(task.name).back();
+  const auto checked = device.wait_birth(task.name, 2 + BURST);
+  ASSERT_TRUE(checked);
+  EXPECT_GE(daemon_s(checked->main_ns - last.main_ns, FAST), 60);
+  const std::string report = self_check_ok(task, 1, checked->pid);
+  need_event(device, RESTART_LOG, std::string("%HA-5-") + way.info + " " + report);
+  EXPECT_TRUE(device.wait_notice(std::string("%HA-5-") + way.info + ": " + report));
+  EXPECT_EQ(device.count_events(RESTART_LOG, std::string("%HA-5-") + way.check + ":"), 1 + BURST)
+      << "the alarm's restart is not announced before it is made";
+
+  // The check was the first restart of a new burst, so four deaths end that one.
+  need_event(device, RESTART_LOG, says(task, way, 1), 2);
+  EXPECT_EQ(device.births(task.name).size(), 1 + 2 * BURST);
+  const std::string sentence =
+      "tov detect process " + task.command + " can not restart, so restart system.";
+  EXPECT_EQ(asked(device), "<3><0><tov><" + sentence + ">");
+  EXPECT_EQ(device.count_events(RUN_LOG, sentence), 1U);
+
+  // Where nobody reloads the unit, the task gets its next chance.
+  EXPECT_TRUE(device.wait_birth(task.name, 2 + 2 * BURST));
+}
+
+TEST_P(CrashLoop, WaitsFiveMinutesWithoutAPeriodFile) {
+  const Way &way = GetParam();
+  Device device;
+  Task task = start_way(device, "patient", way);
+  device.start_ready_daemon(on_clock(FASTER));
+  suspend(device, task, way, 5);
+  const int64_t suspended_ns = monotonic_ns();
+  const Birth back = next_birth(device, task);
+  // Deadlines are whole seconds and must have passed; the two sights take their time as well.
+  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FASTER), 290);
+  EXPECT_LE(daemon_s(back.main_ns - suspended_ns, FASTER), 330);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, back.pid));
+}
+
+// ---- the waiting time -------------------------------------------------------------------------
+
+TEST(SelfCheckPeriod, IsReadAnewWhenTheAlarmComes) {
+  Device device;
+  device.write("/debug_time", "60");
+  Task task = start_way(device, "prolonged", ways[0]);
+  device.start_ready_daemon(on_clock(FAST));
+  suspend(device, task, ways[0], 1);
+  const int64_t suspended_ns = monotonic_ns();
+  device.write("/debug_time", "100");
+  const Birth back = next_birth(device, task);
+  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FAST), 95);
+}
+
+TEST(SelfCheckPeriod, IsFiveMinutesAgainWhenTheFileIsGone) {
+  Device device;
+  device.write("/debug_time", "60");
+  Task task = start_way(device, "fallback", ways[0]);
+  device.start_ready_daemon(on_clock(FASTER));
+  suspend(device, task, ways[0], 1);
+  const int64_t suspended_ns = monotonic_ns();
+  ASSERT_TRUE(device.remove("/debug_time"));
+  const Birth back = next_birth(device, task);
+  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FASTER), 290);
+}
+
+TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
+  static constexpr int BETWEEN_S = 90;
+  Device device;
+  Task early = start_way(device, "early", ways[0]);
+  Task late = start_way(device, "late", ways[1]);
+  device.start_ready_daemon(on_clock(FASTER));
+  suspend(device, early, ways[0], 5);
+  const int64_t early_ns = monotonic_ns();
+  std::this_thread::sleep_for(real_ms(BETWEEN_S, FASTER));
+  suspend(device, late, ways[1], 5);
+  const Birth first = next_birth(device, early);
+  const Birth second = next_birth(device, late);
+  EXPECT_GE(daemon_s(first.main_ns - early_ns, FASTER), BETWEEN_S + 290)
+      << "the alarm that came for it was put off for the later one";
+  EXPECT_LE(daemon_s(std::abs(second.main_ns - first.main_ns), FASTER), 30);
+}
+
+// ---- duplicates -------------------------------------------------------------------------------
+
+TEST(SelfCheckAlarm, DropsAWaitingTaskThatSomebodyStartedAnew) {
+  Device device;
+  device.write("/debug_time", "60");
+  Task bystander = start_way(device, "bystander_d", ways[0]);
+  device.start_ready_daemon(on_clock(FAST));
+  Task task = start_worker(device, "restarted");
+  for (size_t i = 0; i < BURST; i++) {
+    device.kill(task.pid, SIGKILL);
+    next_worker(device, task);
+  }
+  device.kill(task.pid, SIGKILL);
+  need_event(device, RESTART_LOG, says(task, ways[0], 1));
+  const std::string waiting_file = Device::register_path(0, task.pid, task.command);
+  EXPECT_TRUE(device.exists(waiting_file));
+
+  start_worker(device, task, {"exec"}, RESPAWN);  // by an operator
+  EXPECT_TRUE(wait_until([&] { return !device.exists(waiting_file); }, STORY_LIMIT_MS));
+  pass_events(device, bystander);
+  EXPECT_EQ(worker_reports(device, task, "birth").size(), task.births) << "nothing was started";
+  EXPECT_EQ(device.count_events(RESTART_LOG, "Self-checking OK: 1 times and new id " + task.shown),
+            1U)
+      << "the first restart of the burst only";
+  EXPECT_TRUE(device.lives(task.pid));
+
+  // The new instance is the one that is supervised.
+  const pid_t anew = task.pid;
+  device.kill(anew, SIGKILL);
+  next_worker(device, task);
+  need_event(device, RESTART_LOG, self_checking(task, anew, 9));
+}
+
+// ---- the reload -------------------------------------------------------------------------------
+
+static constexpr char RELOAD[] = "so restart system";
+
+// Two suspensions of a task with its self-check between them.
+static void suspend_twice(Device &device, Task &task) {
+  suspend(device, task, ways[0], 1);
+  next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, task.pid));
+  suspend(device, task, ways[0], 1, 2);
+}
+
+struct Forbidden {
+  const char *label;
+  const char *file;
+  const char *text;
+};
+
+static void PrintTo(const Forbidden &row, std::ostream *out) {
+  *out << row.label;
+}
+
+class Reload : public testing::TestWithParam<Forbidden> {};
+
+static const Forbidden forbidden[] = {
+    {"ByTheOperator", "/tov_no_reboot", ""},
+    {"ByTheMemoryKiller", "/sys/kernel/qx_lowmem_killer/lmk_reboot_status", "0\n"},
+    {"ByTheSwitch", "/data/.syshacfg", "no tov single-process-ha auto-restart enable\n"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Forbidden, Reload, testing::ValuesIn(forbidden),
+                         [](const auto &row) { return std::string(row.param.label); });
+
+TEST_P(Reload, IsNotAskedForWhereItIsForbidden) {
+  Device device;
+  device.write("/debug_time", "60");
+  device.write(GetParam().file, GetParam().text);
+  install_healer(device);
+  Task task = start_way(device, "forbidden", ways[0]);
+  device.start_ready_daemon(on_clock(FAST));
+  suspend_twice(device, task);
+  next_birth(device, task);  // so the decision was made; and the task comes back all the same
+  EXPECT_FALSE(device.exists(ASKED_FILE));
+  EXPECT_EQ(device.count_events(RUN_LOG, RELOAD), 0U);
+}
+
+TEST(Reload, IsNotAskedForTenMinutesAfterTheCheck) {
+  static constexpr int TEN_MINUTES_S = 600;
+  Device device;
+  device.write("/debug_time", "60");
+  install_healer(device);
+  Task task = start_way(device, "recovered", ways[0]);
+  device.start_ready_daemon(on_clock(FASTER));
+  suspend(device, task, ways[0], 1);
+  next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, task.pid));
+  std::this_thread::sleep_for(real_ms(TEN_MINUTES_S + 10, FASTER));
+  suspend(device, task, ways[0], 1, 2);
+  next_birth(device, task);
+  EXPECT_FALSE(device.exists(ASKED_FILE));
+  EXPECT_EQ(device.count_events(RUN_LOG, RELOAD), 0U);
+}
+
+// A check from the time in which the switch was off counts for nothing when it is on again.
+TEST(Reload, CountsOnlyChecksSinceTheSwitchWentOn) {
+  Device device;
+  device.write("/debug_time", "60");
+  device.write("/data/.syshacfg", "no tov single-process-ha auto-restart enable\n");
+  install_healer(device);
+  Task task = start_way(device, "switched", ways[0]);
+  device.start_ready_daemon(on_clock(FAST));
+  suspend(device, task, ways[0], 1);
+  next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, task.pid));
+  device.write("/data/.syshacfg", "");
+  ASSERT_TRUE(wait_until(
+      [&] {
+        return device.read("/tmp/vsd/0/tov/cfg.txt") ==
+               "tov single-process-ha auto-restart enable\r\n";
+      },
+      STORY_LIMIT_MS));
+  suspend(device, task, ways[0], 1, 2);
+  next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, task.pid));
+  EXPECT_FALSE(device.exists(ASKED_FILE));
+
+  // This one began its burst before the switch went on, too: the check's restart opened it.
+  suspend(device, task, ways[0], 1, 3);
+  const std::string sentence =
+      "tov detect process " + task.command + " can not restart, so restart system.";
+  next_birth(device, task);
+  need_event(device, RESTART_LOG, self_check_ok(task, 1, task.pid));
+  suspend(device, task, ways[0], 1, 4);
+  EXPECT_EQ(asked(device), "<3><0><tov><" + sentence + ">");
+}
