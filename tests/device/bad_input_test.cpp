@@ -124,6 +124,11 @@ struct Replacement {
   std::function<void(Device &, const std::string &)> make;
 };
 
+// Names the case; without it the test's name would show its bytes.
+static void PrintTo(const Replacement &row, std::ostream *out) {
+  *out << row.label;
+}
+
 class ReplacedRegistration : public testing::TestWithParam<Replacement> {};
 
 TEST_P(ReplacedRegistration, HoldsNoRestartBack) {
@@ -214,6 +219,11 @@ struct BadPeriod {
   std::function<void(Device &, const std::string &)> make;
   const char *diagnostic;
 };
+
+// Names the case; without it the test's name would show its bytes.
+static void PrintTo(const BadPeriod &row, std::ostream *out) {
+  *out << row.label;
+}
 
 class SelfCheckPeriod : public testing::TestWithParam<BadPeriod> {};
 

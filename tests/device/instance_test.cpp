@@ -75,6 +75,11 @@ struct FileLimit {
   const char *expected;
 };
 
+// Names the case; without it the test's name would show its bytes.
+static void PrintTo(const FileLimit &row, std::ostream *out) {
+  *out << row.label;
+}
+
 class FileLimitTest : public testing::TestWithParam<FileLimit> {};
 
 TEST_P(FileLimitTest, SoftLimitBecomesTheDaemonsOwn) {

@@ -22,6 +22,11 @@ struct Ending {
   unsigned int code;               // as messages print it
 };
 
+// Names the case; without it the test's name would show its bytes.
+static void PrintTo(const Ending &row, std::ostream *out) {
+  *out << row.label;
+}
+
 static const Ending failures[] = {
     {"Signal9", {}, SIGKILL, 0x0009},
     {"Signal10", {}, SIGUSR1, 0x000a},

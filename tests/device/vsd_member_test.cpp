@@ -136,6 +136,11 @@ struct DeleteMarker {
   bool drops;
 };
 
+// Names the case; without it the test's name would show its bytes.
+static void PrintTo(const DeleteMarker &row, std::ostream *out) {
+  *out << row.vsd;
+}
+
 class DeletedDevice : public testing::TestWithParam<DeleteMarker> {};
 
 TEST_P(DeletedDevice, DropsWhoeverDies) {
