@@ -1,0 +1,115 @@
+// The failure of a thread brings the daemon down in good order, and a fresh start supervises on.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/connector.h>
+#include <linux/netlink.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include "story.h"
+#include "tov_utils_owner.h"
+
+using namespace tov_test;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsSupersetOf;
+using testing::Not;
+
+// The reader looks up from its socket every five seconds, the server from its own every ten.
+static constexpr Millis SHUTDOWN_LIMIT_MS{20'000};
+
+static std::string ended(const char *thread, int res, const char *reason, int error) {
+  return std::string("Thread \"") + thread +
+         "\" exit, tov will be restart. res=" + std::to_string(res) + ", " + reason + "(" +
+         std::to_string(error) + ")";
+}
+
+static void expect_shut_down(Device &device) {
+  const auto status = device.wait_daemon(SHUTDOWN_LIMIT_MS);
+  ASSERT_TRUE(status) << device.dump();
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+  EXPECT_EQ(event_texts(device, ERROR_LOG).back(), "TOV exit.");
+}
+
+// A program that lived through it, and one that died while nobody watched.
+static void expect_supervised_on(Device &device, Task &living, Task &died) {
+  device.kill(died.pid, SIGKILL);
+  device.start_ready_daemon();
+  next_birth(device, died);
+  kill_and_return(device, died);
+  kill_and_return(device, living);
+  EXPECT_EQ(device.births(living.name).size(), 2U);
+  EXPECT_EQ(device.births(died.name).size(), 3U);
+}
+
+TEST(ServerThread, ThatCannotBindItsSocketBringsTheDaemonDown) {
+  Device device;
+  Task living = start_task(device, "living_s");
+  Task died = start_task(device, "died_s");
+  device.mkdir("/tmp/tov/.tov");
+  device.start_daemon();
+  expect_shut_down(device);
+  // Whoever ended for the others' sake says so too.
+  EXPECT_THAT(event_texts(device, ERROR_LOG),
+              IsSupersetOf({ended("tov_process_domain", -2, "Address already in use", 98),
+                            std::string("TOV exit.")}));
+  EXPECT_THAT(event_texts(device, RUN_LOG), ElementsAre("TOV start."));
+  EXPECT_TRUE(device.lives(living.pid));
+
+  ASSERT_TRUE(device.remove("/tmp/tov/.tov"));
+  expect_supervised_on(device, living, died);
+}
+
+TEST(ReaderThread, WhoseAddressIsTakenBringsTheDaemonDown) {
+  Device device;
+  Task living = start_task(device, "living_r");
+  Task died = start_task(device, "died_r");
+  // The daemon's id is known before it is the daemon, so its address can be taken.
+  const pid_t pid =
+      device.start_daemon({.args = {"-c", "kill -STOP $$; exec " + device.binary_dir() + "/tov"},
+                           .program = "/bin/sh"});
+  ASSERT_TRUE(wait_until([&] { return process_state(pid) == 'T'; }, STORY_LIMIT_MS));
+  tov_fd_t taken(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = static_cast<uint32_t>(pid);
+  ASSERT_EQ(bind(taken.n, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  device.kill(pid, SIGCONT);
+  expect_shut_down(device);
+  EXPECT_THAT(event_texts(device, ERROR_LOG),
+              Contains(ended("tov_process_netlink", -3, "Address already in use", 98)));
+  taken.reset();
+  expect_supervised_on(device, living, died);
+}
+
+TEST(RealTimeThreads, WithoutThePrivilegeBringTheDaemonDown) {
+  Device device;
+  Task living = start_task(device, "living_p");
+  Task died = start_task(device, "died_p");
+  device.start_daemon({.args = {"--bounding-set=-sys_nice", device.binary_dir() + "/tov"},
+                       .limits = {{RLIMIT_RTPRIO, 0, 0}},
+                       .program = "/usr/bin/setpriv"});
+  expect_shut_down(device);
+  EXPECT_THAT(event_texts(device, ERROR_LOG),
+              IsSupersetOf({ended("tov_cnmsg_handle", -2, "Operation not permitted", 1),
+                            ended("tov_process_netlink", -1, "Operation not permitted", 1),
+                            ended("tov_process_domain", -1, "Operation not permitted", 1)}));
+  EXPECT_THAT(event_texts(device, ERROR_LOG), Not(Contains(testing::HasSubstr("notifer"))))
+      << "the watchdog does without";
+  expect_supervised_on(device, living, died);
+}
+
+TEST(SharedArea, ThatCannotBeMadeKeepsTheDaemonFromStarting) {
+  Device device;
+  Task living = start_task(device, "living_a");
+  Task died = start_task(device, "died_a");
+  device.mkdir("/dev/shm/UTILS-tov-shm-001");
+  device.start_daemon();
+  expect_shut_down(device);
+  EXPECT_THAT(event_texts(device, ERROR_LOG),
+              ElementsAre(testing::MatchesRegex("Init alive info Fail. ret=-[0-9]+"), "TOV exit."));
+  EXPECT_FALSE(device.exists("/tmp/tov/.tov"));
+  ASSERT_TRUE(device.remove("/dev/shm/UTILS-tov-shm-001"));
+  expect_supervised_on(device, living, died);
+}
