@@ -60,7 +60,19 @@
 #define TOV_VSD_QXOS_DIR_FMT "/qxos/vsd/%d"
 #define TOV_VSD_DATA_DIR_FMT "/data/.qxos/vsd/%d"
 #define TOV_VSD_DATA2_DIR_FMT "/data2/.qxos/vsd/%d"
+#define TOV_VSD_DATA2_RUN_DIR_FMT "/data2/var/run/vsd/%d"
+#define TOV_VSD_ETC_DIR_FMT "/etc/vsd/%d"
+#define TOV_VSD_START_TIME_FMT "/tmp/vsd/%d/starttime" /* uptime at the device's creation */
+#define TOV_VSD_MEMORY_GROUP_FMT "/memory/vsd_%d/"     /* version-1 control groups */
+#define TOV_VSD_CPU_GROUP_FMT "/cpu/vsd_%d/"
 #define TOV_DATA2_DIR "/data2/"
+
+/* What a device is started with. */
+#define TOV_VSD_RUN_PARTS "/bin/run-parts"
+#define TOV_VSD_SCRIPT_DIR "/etc/rc.d/rc.vsd/"
+#define TOV_VSD_PROGRAM_DIR "/sbin/"
+#define TOV_VSD_LSM_NODE "/dev/lsm"
+#define TOV_VSD_MMAPIPC_NODE "/dev/mmapipc"
 
 /* Group id of virtual device n: TOV_VSD_GID_BASE + TOV_VSD_GID_STEP * n. */
 #define TOV_VSD_GID_BASE 3000
