@@ -23,6 +23,7 @@
 #include "tov_dbg.h"
 #include "tov_fifo.h"
 #include "tov_log.h"
+#include "tov_opt.h"
 #include "tov_platform.h"
 #include "tov_proc.h"
 #include "tov_ras_comp_config.h"
@@ -61,6 +62,8 @@ static constexpr thread_s threads[] = {
 };
 
 struct daemon_s {
+  int argc;  // the command line
+  char **argv;
   tov_fd_t pid_file;       // open and locked for the daemon's life
   bool has_queue = false;  // the event ring was allocated
   pthread_t started[std::size(threads)] = {};
@@ -94,9 +97,17 @@ static next_e read_debug_switches(daemon_s &) {
   return GO_ON;
 }
 
+// With a tool command this is where the process ends. What the tool starts keeps the caller's
+// signals and working directory.
+static next_e obey_command_line(daemon_s &daemon) {
+  tov_handle_options(daemon.argc, daemon.argv);
+  return GO_ON;
+}
+
 // From here on we are the daemon and no tool: every thread and child starts from this state.
 static next_e hold_signals_back(daemon_s &) {
   tov_signals_block();
+  (void)chdir("/");  // shared by all threads: nothing relies on it, and no mount is held by it
   return GO_ON;
 }
 
@@ -209,6 +220,7 @@ static next_e connect_self_healing(daemon_s &) {
 static constexpr next_e (*start_up[])(daemon_s &) = {
     make_run_directory,
     read_debug_switches,
+    obey_command_line,
     hold_signals_back,
     be_the_only_one,
     note_start_time,
@@ -252,14 +264,13 @@ static void shut_down(daemon_s &daemon) {
   safe_sleep(1);
 }
 
-int main(int, char **) {
+int main(int argc, char **argv) {
   // A console or a log that reads us gets whole lines at once, and a fork finds nothing to repeat.
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);
   // What we inherited must not reach the programs that we start.
   (void)close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-  (void)chdir("/");  // shared by all threads: nothing relies on it, and no mount is held by it
 
-  daemon_s daemon;
+  daemon_s daemon{.argc = argc, .argv = argv, .pid_file = tov_fd_t()};
   next_e next = GO_ON;
   for (auto step : start_up) {
     next = step(daemon);
