@@ -71,7 +71,7 @@ class tov_lines_s {
   size_t begin_ = 0;  // of what was not delivered yet
   size_t end_ = 0;
   char cut_ = '\0';  // the byte under the terminator at begin_
-  char buf_[MAX_LIMIT + 1];
+  char buf_[MAX_LIMIT + 1] = {};
 };
 
 #endif  // TOV_UTILS_LINES_H
