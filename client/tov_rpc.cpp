@@ -93,8 +93,7 @@ static int make_connection() {
 static int exchange_message(tov_msg_head_t *msg, bool need_ack) {
   int ret = tov_inner_send_msg(tov_rpc_sd, msg);
   if (ret != 0) {
-    const int err = errno;
-    TOV_DBG("%s: send fail(ret:%d, err:%d,%s)\n", "tov_rpc", ret, err, strerror(err));
+    TOV_DBG("%s: send fail(ret:%d, err:%d,%s)\n", "tov_rpc", ret, errno, strerror(errno));
     drop_connection();
     return ret;
   }
@@ -103,8 +102,7 @@ static int exchange_message(tov_msg_head_t *msg, bool need_ack) {
 
   ret = tov_wait_msg_ack_timeout(tov_rpc_sd);
   if (ret != 0) {
-    const int err = errno;
-    TOV_DBG("%s: recv ack err(ret:%d, err:%d,%s)\n", "tov_rpc", ret, err, strerror(err));
+    TOV_DBG("%s: recv ack err(ret:%d, err:%d,%s)\n", "tov_rpc", ret, errno, strerror(errno));
     drop_connection();
   }
   return ret;

@@ -51,10 +51,9 @@ static int connect_daemon(int sd) {
   const socklen_t length = tov_rpc_address(&at, TOV_SOCKET_PATH);
   for (int retry = 0;; retry++) {
     if (connect(sd, reinterpret_cast<sockaddr *>(&at), length) == 0) return 0;
-    const int err = errno;
     TOV_DBG("%s: connect refused, wait and retry(sd:%d, retry:%d, err:%d,%s)\n", "tov_connect", sd,
-            retry, err, strerror(err));
-    const bool absent = err == ENOENT || err == ECONNREFUSED;
+            retry, errno, strerror(errno));
+    const bool absent = errno == ENOENT || errno == ECONNREFUSED;
     if (!absent || retry >= TOV_CONNECT_RETRIES || tov_rpc_stopping()) return -1;
     safe_sleep(TOV_CONNECT_PAUSE_S);
   }

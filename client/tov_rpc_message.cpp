@@ -56,11 +56,9 @@ int tov_inner_send_msg(int sd, tov_msg_head_t *msg) {
   } while (sent < 0 && send_again(errno));
   if (sent == static_cast<ssize_t>(size)) return 0;
 
-  const int err = errno;
   TOV_DBG("%s: send msg err(tid:%d, sd:%d, msg_type:%d, msg_len:%d, ret:%d, err:%d, %s)!\n",
           __func__, gettid(), sd, static_cast<int>(msg->type), msg->len, static_cast<int>(sent),
-          err, strerror(err));
-  errno = err;
+          errno, strerror(errno));
   return -1;
 }
 

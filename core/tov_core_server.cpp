@@ -174,15 +174,14 @@ static int drop_client(int sd) {
 
 // ---- one pass ---------------------------------------------------------------------------------
 
-// The functions below return RES_QUIT to go on, or the result that ends the thread, with errno.
+// The functions below return RES_QUIT to go on, or the result that ends the thread, with errno
+// (which diagnostics and owners keep).
 
 static int accept_client(int listener) {
   tov_fd_t client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
   if (client.n < 0) {
-    const int err = errno;
-    TOV_DBG("%s: accept fail: %s\n", THREAD_NAME, strerror(err));
-    errno = err;
-    return err == EINTR ? RES_QUIT : RES_ACCEPT;
+    TOV_DBG("%s: accept fail: %s\n", THREAD_NAME, strerror(errno));
+    return errno == EINTR ? RES_QUIT : RES_ACCEPT;
   }
   int *slot = find_slot(-1);
   if (slot == nullptr) {
@@ -222,9 +221,7 @@ static int watch_all(int ep_fd, int listener, int *count) {
 static int serve_event(const epoll_event &event, int listener) {
   errno = 0;  // what the event log names is to be this event's
   if ((event.events & EPOLLIN) == 0) {
-    const int err = errno;
-    TOV_DBG("%s: event err: %s\n", THREAD_NAME, strerror(err));
-    errno = err;
+    TOV_DBG("%s: event err: %s\n", THREAD_NAME, strerror(errno));
     return RES_EVENT;
   }
   if (event.data.fd == listener) return accept_client(listener);
@@ -235,9 +232,7 @@ static int serve_event(const epoll_event &event, int listener) {
 static int run_pass(int listener) {
   const tov_fd_t ep(epoll_create1(EPOLL_CLOEXEC));
   if (ep.n < 0) {
-    const int err = errno;
-    TOV_DBG("%s: epoll_create err(ret:%d, err:%d)!\n", THREAD_NAME, ep.n, err);
-    errno = err;
+    TOV_DBG("%s: epoll_create err(ret:%d, err:%d)!\n", THREAD_NAME, ep.n, errno);
     return RES_EPOLL;
   }
   int count = 0;
@@ -254,10 +249,9 @@ static int run_pass(int listener) {
 
 // ---- the thread -------------------------------------------------------------------------------
 
-// Prints which step of the set-up failed. Returns `res`, errno kept.
+// Prints which step of the set-up failed. Returns `res`.
 static int setup_failed(const char *step, int res) {
-  tov_errno_keeper_s keep;
-  TOV_DBG("%s: %s fail: %s\n", THREAD_NAME, step, strerror(keep.saved));
+  TOV_DBG("%s: %s fail: %s\n", THREAD_NAME, step, strerror(errno));
   return res;
 }
 

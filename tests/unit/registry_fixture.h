@@ -50,7 +50,7 @@ class IdleProcess {
         [&] {
           char cmdline[4096] = "";
           pid_to_cmdline(pid_, cmdline, sizeof cmdline);
-          return std::string(cmdline).starts_with(program);
+          return std::string(cmdline).starts_with(program + " ");  // executed, and its words set
         },
         std::chrono::seconds(10));
   }
@@ -100,7 +100,12 @@ class RegistryFixture : public testing::Test {
   ~RegistryFixture() override {
     for (tov_chains_t *chains : registries())
       tov_destroy_chains(chains);
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+    set_diagnostics(TOV_DBG_END);
+  }
+
+  // Other threads may be asking for it.
+  static void set_diagnostics(int level) {
+    __atomic_store_n(&g_tov_dbg_level[TOV_MODULE_PUB], level, __ATOMIC_RELAXED);
   }
 
   static std::vector<tov_chains_t *> registries() {

@@ -116,7 +116,7 @@ class TovServerEnd : public tov_test::RegistryFixture {
   TovServerEnd() {
     mkdir(TOV_RUN_DIR, 0777);
     tov_flag_set(quit, 0);
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+    set_diagnostics(TOV_DBG_VERBOSE);
     CaptureStdout();
     descriptors_ = tov_test::open_descriptors();
   }
@@ -272,7 +272,7 @@ TEST_F(TovServerEnd, ClientThatIsNotInTheTableIsMinusTen) {
 }
 
 TEST_F(TovServerEnd, OneClientTooManyIsMinusNine) {
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_ERROR;
+  set_diagnostics(TOV_DBG_ERROR);
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;

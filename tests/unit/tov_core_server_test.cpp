@@ -233,11 +233,11 @@ TEST_F(TovServer, UnterminatedTextsAreCut) {
 }
 
 TEST_F(TovServer, RefusedPacketIsNotAskedAboutAgain) {
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+  set_diagnostics(TOV_DBG_VERBOSE);
   CaptureStdout();
   EXPECT_EQ(answer_to(packet(TOV_RESTART, -5, "")), RawClient::CLOSED);
   EXPECT_EQ(answer_to(packet(77, 0, "")), RawClient::CLOSED);
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+  set_diagnostics(TOV_DBG_END);
   const std::string printed = GetCapturedStdout();
   const auto first = printed.find("recv domain msg with len=-5\r\n");
   ASSERT_NE(first, std::string::npos);

@@ -156,7 +156,7 @@ TEST_F(TovMsg, ProcessThatIsGoneIsRefusedAndTold) {
   auto payload = payload_of(process.pid());
   payload.ppid = 12;
   char script[] = "x";
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+  set_diagnostics(TOV_DBG_VERBOSE);
   CaptureStdout();
   EXPECT_EQ(tov_process_restart(&payload), -1);
   EXPECT_EQ(tov_process_shell_restart(&payload, script), -1);
