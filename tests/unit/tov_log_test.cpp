@@ -1,9 +1,12 @@
 // Event logs: opening, pruning, lines, lines of a forked child.
 #include "tov_log.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <libgen.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -37,6 +40,34 @@ static const std::vector<std::string> names = {
 // Handles live to the end of the process; kept where the leak checker finds them.
 static auto *const all_handles = new std::vector<void *>;
 
+// Calls that hardly ever fail, made to fail. Only the thread of the tests sets the switch.
+static const char *failing = "";
+
+template <typename Function>
+static Function *real(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+// Says so, with errno, when `call` is the one that is to fail.
+static bool fails(const char *call, int error) {
+  if (strcmp(failing, call) != 0) return false;
+  errno = error;
+  return true;
+}
+
+extern "C" int chmod(const char *path, mode_t mode) noexcept {
+  return fails("chmod", EPERM) ? -1 : real<int(const char *, mode_t)>("chmod")(path, mode);
+}
+
+extern "C" int closedir(DIR *dir) {
+  const int res = real<int(DIR *)>("closedir")(dir);
+  return fails("closedir", EIO) ? -1 : res;
+}
+
+extern "C" char *dirname(char *path) noexcept {
+  return fails("dirname", 0) ? nullptr : real<char *(char *)>("dirname")(path);
+}
+
 namespace {
 
 // Begins without a log directory and with closed logs.
@@ -49,6 +80,7 @@ class TovLog : public testing::Test {
     std::fill_n(g_tov_dbg_level, TOV_MODULE_END, TOV_DBG_END);
   }
   void TearDown() override {
+    failing = "";
     all_handles->insert(all_handles->end(), tov_logfile_info, tov_logfile_info + TOV_LOG_TYPE_NUM);
   }
 
@@ -139,6 +171,50 @@ TEST_F(TovLog, FileInThePlaceOfTheDirectoryDisablesAllLogs) {
   const std::string text = printed_by([] { tov_log_init(); });
   EXPECT_NE(text.find("tov_log mkdir /qxos/vsd_common/tov fail: File exists.\n"),
             std::string::npos);
+}
+
+// What opening the logs prints while one call fails, without the tag in front of each line.
+static std::string complaints_without(const char *call) {
+  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+  failing = call;
+  const std::string text = printed_by([] { tov_log_init(); });
+  failing = "";
+  std::string lines;
+  for (const std::string &line : tov_test::split_lines(text)) {
+    EXPECT_TRUE(matches(line, "\\[TOV:tov_log.cpp:[0-9]+\\].*")) << line;
+    lines += line.substr(line.find(']') + 1) + "\n";
+  }
+  return lines;
+}
+
+TEST_F(TovLog, DirectoryThatCannotBeOpenedUpDisablesAllLogs) {
+  EXPECT_EQ(complaints_without("chmod"),
+            "tov_log chmod /qxos/vsd_common/tov fail: Operation not permitted.\n"
+            "tov_log disable all new log.\n");
+  EXPECT_EQ(tov_log_with_type(TOV_LOG_KILL, "x"), -1);
+}
+
+TEST_F(TovLog, DirectoryThatCannotBeClosedIsNoObstacle) {
+  fs::create_directory(LOG_DIR);
+  const std::string text = complaints_without("closedir");
+  EXPECT_TRUE(text.starts_with("tov_log closedir /qxos/vsd_common/tov fail: Input/output error.\n"))
+      << text;
+  EXPECT_EQ(tov_log_with_type(TOV_LOG_KILL, "x"), 0);
+}
+
+TEST_F(TovLog, DirectoryIsCutByHandWhenItsNameCannotBeTold) {
+  fs::create_directory(LOG_DIR);
+  for (int i = 0; i < 12; i++)
+    tov_test::write_file(LOG_DIR + "/tov_kill_process.log-" + std::to_string(i), "old");
+  const std::string complaint =
+      "tov_log_logfile_init fail to get dirname,path:/qxos/vsd_common/tov/";
+  EXPECT_TRUE(
+      matches(complaints_without("dirname"), "(" + complaint + "[a-z_.]+-[0-9]+-[0-9]+\n){6}"));
+  const std::set<std::string> left = tov_test::names_in(LOG_DIR);
+  EXPECT_EQ(std::count_if(
+                left.begin(), left.end(),
+                [](const std::string &name) { return name.starts_with("tov_kill_process.log"); }),
+            10);  // older files are deleted all the same
 }
 
 TEST_F(TovLog, LogThatCannotBeOpenedStaysClosed) {
