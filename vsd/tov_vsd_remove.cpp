@@ -53,7 +53,7 @@ static tov_fd_t open_parent(int dir, std::string *path) {
   if (slash != std::string::npos) {
     parent = path->substr(0, slash + 1);
     path->erase(0, slash + 1);
-    if (path->empty()) *path = ".";  // it was "/"
+    if (path->empty()) path->push_back('.');  // it was "/"
   }
   return tov_fd_t(openat(dir, parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
