@@ -190,6 +190,24 @@ TEST_F(TovPidfile, SecondRegistrationRewritesUnderTheSameLock) {
   EXPECT_FALSE(others_can_lock(FOO_FILE));
 }
 
+// A second descriptor would drop the lock when it, or the first one, is closed. The owner that is
+// set here belongs to the open file and tells whether it still is the same one.
+TEST_F(TovPidfile, FileIsRewrittenThroughTheFirstDescriptor) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  int kept = -1;
+  for (int fd = 3; fd < 1024 && kept < 0; fd++) {
+    char path[256] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (readlink(link.c_str(), path, sizeof path - 1) > 0 && strstr(path, "foo.812") != nullptr)
+      kept = fd;
+  }
+  ASSERT_GE(kept, 0);
+  ASSERT_EQ(fcntl(kept, F_SETOWN, getpid()), 0);
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), 0);
+  EXPECT_EQ(fcntl(kept, F_GETOWN), getpid());
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+}
+
 TEST_F(TovPidfile, ReplacedFileIsLockedAnew) {
   EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
   const int count = descriptor_count();
