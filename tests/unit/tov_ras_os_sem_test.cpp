@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "in_child.h"
+#include "no_semaphores.h"
 #include "private_root.h"
 
 namespace {
@@ -73,7 +74,7 @@ TEST_F(RasOsMutexSem, NullArgumentsAndMissingKeyFile) {
   EXPECT_EQ(id, -7);
 }
 
-TEST_F(RasOsMutexSem, ExistingSetThatCannotBeOpened) {
+TEST_F(RasOsMutexSem, ExistingSetWithoutPermissionFailsWhenUsed) {
   const int key = ftok(KEY_FILE, 1);
   const int empty_handed = semget(key, 1, IPC_CREAT | IPC_EXCL | 0700);
   ASSERT_GE(empty_handed, 0);
@@ -85,6 +86,14 @@ TEST_F(RasOsMutexSem, ExistingSetThatCannotBeOpened) {
     EXPECT_EQ(ras_os_lock_mutex_sem(id), -E2BIG);
     EXPECT_EQ(ras_os_unlock_mutex_sem(id), -ENOEXEC);
   });
+}
+
+TEST_F(RasOsMutexSem, SetThatCannotBeMadeForAnotherReason) {
+  tov_test::no_semaphores_s none;
+  int id = -7;
+  EXPECT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), -EINTR);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(id, -7);
 }
 
 TEST_F(RasOsMutexSem, ProcessesTakeTurns) {

@@ -13,6 +13,7 @@
 
 #include "caught_diagnostics.h"
 #include "in_child.h"
+#include "no_semaphores.h"
 #include "private_root.h"
 
 namespace {
@@ -117,6 +118,14 @@ TEST_F(TovXtachSem, PlantedFilesOfOtherKindsFailTheStartOfTheSemaphore) {
     ASSERT_EQ(system("rm -rf /tmp/.tov_semphore_path"), 0);
   }
   EXPECT_NE(access("/tmp/nobody", F_OK), 0);
+}
+
+TEST_F(TovXtachSem, SemaphoreThatCannotBeMade) {
+  tov_test::no_semaphores_s none;
+  tov_test::in_child([] {
+    EXPECT_EQ(said_by(tov_sem_init, "]Get tov sem on init failed: No space left on device."), -1);
+    EXPECT_EQ(g_tov_sem_id, -1);
+  });
 }
 
 TEST_F(TovXtachSem, KeyFileOfAnotherUserServes) {
