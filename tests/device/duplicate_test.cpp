@@ -100,9 +100,11 @@ TEST(Duplicate, ThatDiesTogetherWithTheOtherLeavesOneInstance) {
   ASSERT_TRUE(device.wait(older.pid, STORY_LIMIT_MS));
   device.start_ready_daemon();
   next_birth(device, older);
+  const pid_t dead = older.pid;
   device.kill(older.pid, SIGKILL);
   device.kill(younger.pid, SIGKILL);
   next_birth(device, older);
+  need_event(device, RESTART_LOG, self_checking(older, dead, 9));
   pass_events(device, bystander);
   EXPECT_EQ(device.births(older.name).size(), 4U);
   EXPECT_FALSE(device.exists(younger.file));

@@ -130,6 +130,8 @@ TEST_F(MassCrash, IsNotMadeOfOtherEndings) {
   EXPECT_EQ(detected(), 0U);
   dump_core(crashing[0]);
   EXPECT_EQ(detected(), 1U);
+  kill_and_return(device, task);
+  EXPECT_EQ(detected(), 1U) << "the rule asks only when a core was dumped";
 }
 
 TEST_F(MassCrash, AsksForNoReloadWhereNoneIsWanted) {
