@@ -1,102 +1,28 @@
-// Creating a device and placing programs in one, with the machine's run-parts and real scripts.
+// Creating a device, with the machine's run-parts and real scripts.
 #include "tov_vsd_create.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <limits.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <map>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include "children.h"
 #include "tov_utils.h"
-#include "tov_vsd.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_vsd.h"
+#include "unit_vsd_device.h"
 
 namespace fs = std::filesystem;
 
+using namespace tov_test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using tov_test::group_of;
-using tov_test::Member;
-using tov_test::Millis;
-using tov_test::mode_of;
-using tov_test::names_in;
-using tov_test::Outcome;
-using tov_test::outcome_of;
-using tov_test::read_file;
-using tov_test::wait_until;
-using tov_test::write_file;
 
-// Of the devices that the platform knows, one whose group hardly anybody uses.
-static constexpr int VSD = 14;
-static const std::string N = std::to_string(VSD);
-static const std::string MEMBERS = "/tmp/vsd/" + N + "/tov";
-static const std::string SCRIPTS = "/etc/rc.d/rc.vsd/";
-static const std::string REPORT = "/data/report";
-
-// Appends what a program is started with to the report, which appears whole.
-static const std::string TELL =
-    "#!/bin/sh\n"
-    "{ echo \"words=$0 $*\"; echo \"cwd=$(pwd -P)\"; echo \"pid=$$\"\n"
-    "  grep ^Groups: /proc/$$/status; env | grep -E '^(QX|DATA|TMPDIR)'; echo umask=$(umask); } "
-    "> /data/report.new; mv /data/report.new /data/report\n";
-
-static void write_script(const std::string &path, const std::string &text) {
-  fs::create_directories(fs::path(path).parent_path());
-  write_file(path, text);
-  ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-}
-
-// Lines of the report by what stands before the first "=" or ":".
-static std::map<std::string, std::string> report() {
-  std::map<std::string, std::string> told;
-  std::istringstream lines(read_file(REPORT));
-  for (std::string line; std::getline(lines, line);) {
-    const size_t at = line.find_first_of("=:");
-    std::string value = line.substr(at + 1);
-    value.erase(0, value.find_first_not_of(" \t"));
-    value.erase(value.find_last_not_of(' ') + 1);
-    told[line.substr(0, at)] = value;
-  }
-  return told;
-}
-
-static bool report_comes() {
-  return wait_until([] { return fs::exists(REPORT); }, Millis(5'000));
-}
-
-class TovVsdCreate : public testing::Test {
- protected:
-  void SetUp() override {
-    tov_test::adopt_orphans();
-    for (const char *name : {"QX_CFG_DIR", "QXOS_DIR", "DATA_QXOS_DIR", "DATA_QXOS_DIR2", "TMPDIR"})
-      unsetenv(name);
-    fs::create_directories(SCRIPTS);
-    ASSERT_EQ(chdir("/etc"), 0);
-  }
-  void TearDown() override {
-    ASSERT_EQ(chdir("/"), 0);
-    for (const std::string &path :
-         {std::string("/tmp/vsd"), std::string("/etc/vsd"), std::string("/data/var"),
-          std::string("/data/.qxos"), std::string("/data2"), std::string("/qx_cfg"),
-          std::string("/qxos"), SCRIPTS, REPORT, std::string("/etc/cmdmap")})
-      fs::remove_all(path);
-    fs::create_directories("/etc/cmdmap");
-  }
-};
+class TovVsdCreate : public VsdDeviceTest {};
 
 // ---- creation -------------------------------------------------------------------------------
 
@@ -273,153 +199,4 @@ TEST_F(TovVsdCreate, ChildReturnsWhenThereIsNoRunDirectory) {
   const auto outcome = outcome_of([] { return create_vsd(VSD); });
   EXPECT_THAT(outcome.results, ElementsAre(-ENOTDIR, 0));
   EXPECT_THAT(outcome.output, HasSubstr("]create_vsd: chdir fail: Not a directory\n"));
-}
-
-// ---- placement ------------------------------------------------------------------------------
-
-static Outcome place(std::string name, int vsd) {
-  return outcome_of([&] { return create_proc_to_vsd(name.data(), vsd); });
-}
-
-class TovVsdPlace : public TovVsdCreate {
- protected:
-  void SetUp() override {
-    TovVsdCreate::SetUp();
-    fs::create_directories(MEMBERS);
-  }
-  void TearDown() override {
-    for (const char *name : {"/sbin/tov_placed", "/sbin/tov_placed.sh"})
-      fs::remove(name);
-    TovVsdCreate::TearDown();
-  }
-};
-
-TEST_F(TovVsdPlace, NumbersOutOfRangeAreRefused) {
-  for (int vsd : {-1, 17, INT_MAX, INT_MIN}) {
-    const auto outcome = place("tov_placed", vsd);
-    EXPECT_THAT(outcome.results, ElementsAre(-EINVAL));
-    EXPECT_THAT(outcome.output,
-                HasSubstr("]create_proc_to_vsd: vsd_no: " + std::to_string(vsd) + " error\n"));
-  }
-}
-
-TEST_F(TovVsdPlace, ProgramStartsInsideTheDevice) {
-  write_script("/sbin/tov_placed", TELL);
-  const auto outcome = place("tov_placed", VSD);
-  EXPECT_THAT(outcome.results, ElementsAre(0)) << "the child ends";
-  EXPECT_THAT(outcome.output, HasSubstr("]create_proc_to_vsd: parent proc: "));
-  EXPECT_THAT(outcome.output, HasSubstr("]create_proc_to_vsd: Setgroups success\n"));
-  ASSERT_TRUE(report_comes());
-  auto told = report();
-  EXPECT_EQ(told["words"], "/sbin/tov_placed");
-  EXPECT_EQ(told["cwd"], "/data/var/run/vsd/" + N);
-  EXPECT_EQ(told["Groups"], std::to_string(group_of(VSD)));
-  EXPECT_EQ(told["QX_CFG_DIR"], "/qx_cfg/vsd/" + N);
-  EXPECT_EQ(told["TMPDIR"], "/tmp/vsd/" + N);
-  EXPECT_EQ(mode_of(MEMBERS + "/" + told["pid"]), 0754U);
-  EXPECT_THAT(names_in(MEMBERS), ElementsAre(told["pid"])) << "no registration directory is made";
-}
-
-TEST_F(TovVsdPlace, JoiningMakesNothingInTheSecondDataTree) {
-  fs::create_directory("/data2");
-  write_script("/sbin/tov_placed", TELL);
-  place("tov_placed", VSD);
-  ASSERT_TRUE(report_comes());
-  EXPECT_THAT(names_in("/data2"), IsEmpty());
-}
-
-TEST_F(TovVsdPlace, ScriptGoesBeforeTheProgram) {
-  write_script("/sbin/tov_placed", "#!/bin/sh\necho wrong > /data/report\n");
-  write_script("/etc/cmdmap/tov_placed.sh", TELL);
-  place("tov_placed", VSD);
-  ASSERT_TRUE(report_comes());
-  EXPECT_EQ(report()["words"], "/etc/cmdmap/tov_placed.sh start");
-  EXPECT_THAT(names_in(MEMBERS), ElementsAre(report()["pid"]));
-}
-
-TEST_F(TovVsdPlace, BaseSystemGivesNothing) {
-  write_script("/sbin/tov_placed", TELL);
-  fs::create_directories("/tmp/vsd/0/tov");
-  EXPECT_THAT(place("tov_placed", 0).results, ElementsAre(0));
-  ASSERT_TRUE(report_comes());
-  auto told = report();
-  EXPECT_EQ(told["cwd"], "/etc") << "the caller's";
-  EXPECT_FALSE(told.contains("QX_CFG_DIR"));
-  EXPECT_FALSE(told.contains("TMPDIR"));
-  EXPECT_NE(told["Groups"], "3000");
-  EXPECT_THAT(names_in("/tmp/vsd/0/tov"), IsEmpty());
-}
-
-TEST_F(TovVsdPlace, UnknownProgram) {
-  const auto outcome = place("tov_placed", VSD);
-  EXPECT_THAT(outcome.results, ElementsAre(0));
-  EXPECT_THAT(outcome.output, HasSubstr("]create_proc_to_vsd: /sbin/tov_placed is not exist.\n"));
-  EXPECT_THAT(names_in(MEMBERS), IsEmpty());
-}
-
-TEST_F(TovVsdPlace, NamesThatAreNoPlainNames) {
-  write_script("/sbin/tov_placed", TELL);
-  for (const std::string &name :
-       {std::string("../sbin/tov_placed"), std::string("/sbin/tov_placed"),
-        std::string("tov_place"), std::string(""), std::string("%s%n"), std::string(5000, 'x')}) {
-    const auto outcome = place(name, VSD);
-    EXPECT_THAT(outcome.results, ElementsAre(0)) << name;
-    EXPECT_THAT(outcome.output,
-                HasSubstr("]create_proc_to_vsd: /sbin/" + name + " is not exist.\n"));
-  }
-  EXPECT_FALSE(fs::exists(REPORT));
-}
-
-TEST_F(TovVsdPlace, ProgramThatCannotRunIsStillRecorded) {
-  write_file("/sbin/tov_placed", "no program");
-  ASSERT_EQ(chmod("/sbin/tov_placed", 0644), 0);
-  EXPECT_THAT(place("tov_placed", VSD).results, ElementsAre(0));
-  EXPECT_EQ(names_in(MEMBERS).size(), 1U);
-}
-
-TEST_F(TovVsdPlace, ChildReturnsWhenItCannotEnter) {
-  write_script("/sbin/tov_placed", TELL);
-  fs::create_directories("/data/var/run/vsd");
-  write_file("/data/var/run/vsd/" + N, "in the way");
-  const auto outcome = place("tov_placed", VSD);
-  EXPECT_THAT(outcome.results, ElementsAre(-ENOTDIR, 0));
-  EXPECT_THAT(outcome.output, HasSubstr("]create_proc_to_vsd: chdir fail: Not a directory\n"));
-  EXPECT_FALSE(fs::exists(REPORT));
-}
-
-TEST_F(TovVsdPlace, ChildReturnsWhenTheMemberCannotBeRecorded) {
-  write_script("/sbin/tov_placed", TELL);
-  fs::remove_all(MEMBERS);
-  write_file(MEMBERS, "in the way");
-  const auto outcome = place("tov_placed", VSD);
-  EXPECT_THAT(outcome.results, ElementsAre(-ENOTDIR, 0));
-  EXPECT_TRUE(report_comes()) << "the program runs all the same";
-}
-
-// ---- questions ------------------------------------------------------------------------------
-
-TEST_F(TovVsdPlace, ScriptsAndProgramsAreLookedForByTheirExactNames) {
-  char name[] = "tov_placed";
-  EXPECT_EQ(check_shell(name), 0);
-  EXPECT_EQ(check_sbin(name), 0);
-  write_file("/etc/cmdmap/tov_placed", "");
-  write_file("/sbin/tov_placed.sh", "");
-  EXPECT_EQ(check_shell(name), 0);
-  EXPECT_EQ(check_sbin(name), 0);
-  write_file("/etc/cmdmap/tov_placed.sh", "");
-  write_file("/sbin/tov_placed", "");
-  EXPECT_EQ(check_shell(name), 1);
-  EXPECT_EQ(check_sbin(name), 1);
-  // One byte longer than a path can be; cut, it would name the script again.
-  std::string endless = std::string(5000, '/') + "tov_placed";
-  EXPECT_EQ(check_shell(endless.data()), 0);
-}
-
-TEST_F(TovVsdPlace, ProgramDirectoryUnreadable) {
-  const auto outcome = outcome_of([] {
-    const rlimit none{0, 0};
-    char name[] = "tov_placed";
-    return setrlimit(RLIMIT_NOFILE, &none) == 0 ? check_sbin(name) : 0;
-  });
-  EXPECT_THAT(outcome.results, ElementsAre(-EMFILE));
 }
