@@ -6,6 +6,7 @@
 //   birth PID      as soon as its registration file is written, before it waits for the daemon
 //   registered PID when the registration call has come back (nothing is registered: at once)
 //   cancelled PID  when a told cancellation has come back
+//   grown PID      when it has all the memory it was told to take
 // and then works until it is killed or told otherwise.
 //
 // Words:
@@ -17,7 +18,8 @@
 //   watch          have the first thread watched, and give signs of life
 //   daemonise      fork into the background first
 // While /data/loop.NAME exists the worker fails soon after its start, again and again; when
-// /data/cancel.NAME exists it removes that file and withdraws its registration.
+// /data/cancel.NAME exists it removes that file and withdraws its registration; when
+// /data/grow.NAME exists it removes that file and takes as many megabytes as it said.
 //
 // Linked statically, like the victim and for the same reason.
 #include <errno.h>
@@ -118,6 +120,20 @@ static void register_self() {
   report("registered");
 }
 
+// Every page is touched; nothing is ever given back.
+static void grow() {
+  static constexpr size_t MEGABYTE = 1024 * 1024;
+  const std::string path = "/data/grow." + name;
+  char text[16] = "";
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  (void)!read(fd, text, sizeof text - 1);
+  close(fd);
+  unlink(path.c_str());
+  for (int left = atoi(text); left > 0; left--)
+    memset(malloc(MEGABYTE), 1, MEGABYTE);
+  report("grown");
+}
+
 // Fails in one of several ways; which one depends on nothing but the process id.
 static void fail() {
   switch (getpid() % 3) {
@@ -144,6 +160,7 @@ int main(int argc, char **argv) {
   for (;;) {
     sleep_ms(TICK_MS);
     if (is_told("loop")) fail();
+    if (is_told("grow")) grow();
     if (orders.watch) {
       (void)tov_client_reset_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
     }

@@ -1,0 +1,185 @@
+// Virtual devices from the command line, beside a running daemon: creation, the list, placement,
+// and a member that comes back inside its device.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "vsd_tool.h"
+
+using namespace tov_test;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
+  Device device;
+  device.start_ready_daemon();
+  std::vector<Task> tasks;
+  for (int vsd = 1; vsd <= 3; vsd++)
+    tasks.push_back(install_member(device, vsd, "listed"));
+
+  const RunResult created = run_tov(device, {"-c", "3"});
+  EXPECT_TRUE(created.exited_with(0));
+  EXPECT_EQ(created.output, "");
+  std::string expected_list;
+  for (int vsd = 1; vsd <= 3; vsd++) {
+    Task &task = tasks[static_cast<size_t>(vsd) - 1];
+    wait_member(device, task, vsd);
+    EXPECT_THAT(device.list(member_dir(vsd)), ElementsAre(std::to_string(task.pid), "db"));
+    EXPECT_EQ(groups_of(task.pid), std::to_string(3000 + 100 * vsd));
+    EXPECT_EQ(working_directory(device, task.pid), "/data/var/run/vsd/" + std::to_string(vsd));
+    EXPECT_TRUE(device.exists("/tmp/vsd/" + std::to_string(vsd) + "/starttime"));
+    EXPECT_TRUE(device.exists(Device::register_path(vsd, task.pid, task.command)));
+  }
+
+  // The daemon has made the directories of all fifteen.
+  const RunResult list = run_tov(device, {"-s"});
+  EXPECT_TRUE(list.exited_with(0));
+  for (int vsd = 1; vsd <= 15; vsd++) {
+    const std::string n = std::to_string(vsd);
+    EXPECT_THAT(list.output, HasSubstr("Vsd_" + n + ": /tmp/vsd/" + n + "/tov/\n"));
+  }
+  for (const Task &task : tasks)
+    EXPECT_THAT(list.output, HasSubstr("\n" + std::to_string(task.pid) + "\n"));
+  EXPECT_THAT(list.output, Not(HasSubstr("Vsd_16")));
+}
+
+TEST(VsdCommands, DevicesCanBeCreatedBeforeThereIsADaemon) {
+  Device device({.data2 = true});
+  const RunResult created = run_tov(device, {"-c", "2"});
+  EXPECT_TRUE(created.exited_with(0));
+  for (int vsd : {1, 2}) {
+    const std::string n = std::to_string(vsd);
+    EXPECT_EQ(device.mode("/tmp/vsd/" + n + "/tov/db"), 0777U);
+    EXPECT_EQ(device.mode("/data2/.qxos/vsd/" + n), 0777U);
+    EXPECT_EQ(device.mode("/data2/var/run/vsd/" + n), 0777U);
+  }
+  EXPECT_THAT(run_tov(device, {"-s"}).output,
+              "Vsd_1: /tmp/vsd/1/tov/\ndb\nVsd_2: /tmp/vsd/2/tov/\ndb\n");
+}
+
+TEST(VsdCommands, MemberComesBackInsideItsDeviceAgainAndAgain) {
+  Device device;
+  device.start_ready_daemon();
+  Task task = install_member(device, 2, "returning");
+  run_tov(device, {"-c", "2"});
+  wait_member(device, task, 2);
+  for (int round = 0; round < 2; round++) {
+    const pid_t dead = task.pid;
+    device.kill(dead, SIGKILL);
+    wait_back(device, task);
+    EXPECT_FALSE(device.exists(member_file(2, dead)));
+    EXPECT_EQ(groups_of(task.pid), "3200");
+    EXPECT_EQ(working_directory(device, task.pid), "/data/var/run/vsd/2");
+    EXPECT_EQ(variable_of(task.pid, "TMPDIR"), "/tmp/vsd/2");
+    EXPECT_EQ(variable_of(task.pid, "QX_CFG_DIR"), "/qx_cfg/vsd/2");
+    EXPECT_EQ(variable_of(task.pid, "DATA_QXOS_DIR"), "/data/.qxos/vsd/2");
+    EXPECT_THAT(device.list(member_dir(2)), ElementsAre(std::to_string(task.pid), "db"));
+    EXPECT_THAT(device.list(member_dir(2) + "/db"),
+                ElementsAre(task.name + "." + std::to_string(task.pid)));
+  }
+}
+
+// ---- placement ------------------------------------------------------------------------------
+
+// A victim that can be placed by its name.
+static std::string install_placeable(Device &device, const std::string &prefix) {
+  const std::string name = unique_name(prefix);
+  device.symlink(device.install_program(name), "/sbin/" + name);
+  return name;
+}
+
+class VsdPlacement : public testing::Test {
+ protected:
+  void SetUp() override {
+    device.start_ready_daemon();
+    ASSERT_TRUE(run_tov(device, {"-c", "1"}).exited_with(0));
+  }
+  Device device;
+};
+
+TEST_F(VsdPlacement, ProgramFromSbin) {
+  const std::string name = install_placeable(device, "placed");
+  const RunResult added = run_tov(device, {"add", name, "1"});
+  EXPECT_TRUE(added.exited_with(ADD_STATUS)) << "a daemon is running already";
+  EXPECT_EQ(added.output, "");
+  const auto birth = device.wait_birth(name);
+  ASSERT_TRUE(birth);
+  EXPECT_EQ(birth->argv, "/sbin/" + name);
+  EXPECT_EQ(birth->groups, "3100");
+  EXPECT_EQ(birth->cwd, "/data/var/run/vsd/1");
+  EXPECT_EQ(birth->env.at("TMPDIR"), "/tmp/vsd/1");
+  EXPECT_EQ(birth->blocked | birth->ignored | birth->caught, 0U);
+  EXPECT_EQ(birth->fds.size(), 3U) << "an inherited descriptor";
+  EXPECT_TRUE(
+      wait_until([&] { return device.exists(member_file(1, birth->pid)); }, STORY_LIMIT_MS));
+  EXPECT_EQ(device.mode(member_file(1, birth->pid)), 0754U);
+}
+
+TEST_F(VsdPlacement, ScriptGoesBeforeTheProgram) {
+  const std::string name = install_placeable(device, "scripted");
+  device.install_start_script(name, "exec /opt/" + name + "/" + name + " by-script \"$@\"\n");
+  run_tov(device, {"add", name, "1"});
+  const auto birth = device.wait_birth(name);
+  ASSERT_TRUE(birth);
+  EXPECT_THAT(birth->argv, testing::EndsWith(" by-script start"));
+  EXPECT_EQ(birth->groups, "3100");
+  EXPECT_TRUE(
+      wait_until([&] { return device.exists(member_file(1, birth->pid)); }, STORY_LIMIT_MS));
+}
+
+TEST_F(VsdPlacement, BaseSystem) {
+  const std::string name = install_placeable(device, "based");
+  const auto before = device.list("/tmp/vsd/0/tov");
+  run_tov(device, {"add", name, "0"});
+  const auto birth = device.wait_birth(name);
+  ASSERT_TRUE(birth);
+  EXPECT_EQ(birth->groups, groups_of(getpid()));
+  EXPECT_EQ(birth->env, (std::map<std::string, std::string>{{"DATA_QXOS_DIR", "/nowhere"}}))
+      << "the caller's";
+  EXPECT_EQ(device.list("/tmp/vsd/0/tov"), before);
+}
+
+TEST_F(VsdPlacement, RefusedNumbersAndNames) {
+  const std::string name = install_placeable(device, "refused");
+  const auto before = device.list(member_dir(1));
+  for (const char *number : {"16", "17", "-1", "99999999999"}) {
+    const RunResult refused = run_tov(device, {"add", name, number});
+    EXPECT_THAT(refused.output, MatchesRegex("vsd -?[0-9]+ is not exist\n"));
+  }
+  device.mkdir("/tmp/vsd/17");
+  EXPECT_THAT(
+      run_tov(device, {"add", name, "17"}).output,
+      MatchesRegex(".TOV:tov_opt.cpp:[0-9]+.add proc = " + name + " to vsd = 17\n fail.\n"));
+  for (const std::string &word : {"../sbin/" + name, "/sbin/" + name, name + "x"})
+    EXPECT_EQ(run_tov(device, {"add", word, "1"}).output, "");
+  EXPECT_EQ(device.list(member_dir(1)), before);
+  EXPECT_THAT(device.births(name), IsEmpty());
+}
+
+TEST_F(VsdPlacement, PlacedProgramThatRegistersComesBackInsideTheDevice) {
+  Task task = install_worker(device, "placed_worker", {"exec"});
+  device.install_start_script(task.name, "exec " + task.command + "\n");
+  run_tov(device, {"add", task.name, "1"});
+  wait_member(device, task, 1);
+  EXPECT_TRUE(wait_until([&] { return device.exists(member_file(1, task.pid)); }, STORY_LIMIT_MS));
+  device.kill(task.pid, SIGKILL);
+  wait_back(device, task);
+  EXPECT_EQ(groups_of(task.pid), "3100");
+  EXPECT_TRUE(device.exists(member_file(1, task.pid)));
+}
+
+// Without a daemon the command becomes one.
+TEST(VsdDaemonStart, AfterAnAdditionOrAPlainWord) {
+  for (const std::vector<std::string> &words :
+       {std::vector<std::string>{"add", "nothing", "9"}, std::vector<std::string>{"word"}}) {
+    Device device;
+    device.start_daemon({.args = words});
+    EXPECT_TRUE(device.wait_daemon_ready());
+    EXPECT_THAT(device.daemon_output(),
+                testing::AnyOf(HasSubstr("vsd 9 is not exist\n"), HasSubstr("]input error!!!")));
+  }
+}

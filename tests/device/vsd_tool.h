@@ -1,0 +1,122 @@
+// What the stories of virtual devices share: the command line, devices with members, what belongs
+// to a device.
+//
+// Groups are the machine's: a deletion signals every process whose groups show the device's number,
+// in whatever private device it lives. These stories therefore run alone (_serial_test).
+#ifndef TOV_TEST_VSD_TOOL_H
+#define TOV_TEST_VSD_TOOL_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "sanitizer_env.h"
+#include "worker.h"
+
+namespace tov_test {
+
+// How the command line ends when it goes on to start the daemon and one is running: after "add".
+inline constexpr int ADD_STATUS = 255;
+inline constexpr char SCRIPT_DIR[] = "/etc/rc.d/rc.vsd/";
+inline constexpr char FAST[] = "+0 x20";  // the 15 s of a deletion in 0.75 s
+
+// With a debug directory that does not exist, so that nothing is said about the variable itself.
+inline SpawnOptions tool_options(const std::string &faketime) {
+  SpawnOptions options;
+  options.env["DATA_QXOS_DIR"] = "/nowhere";
+  if (!faketime.empty()) add_faketime_settings(options.env, faketime);
+  return options;
+}
+
+inline RunResult run_tov(Device &device, std::vector<std::string> words,
+                         const std::string &faketime = {}) {
+  words.insert(words.begin(), device.binary_dir() + "/tov");
+  return device.run(words, tool_options(faketime), Millis(60'000));
+}
+
+// Calls a function that no command reaches (programs/vsd_caller.cpp). Returns what it printed.
+inline std::string call_vsd(Device &device, std::vector<std::string> words,
+                            const std::string &faketime = {}) {
+  words.insert(words.begin(), device.binary_dir() + "/tests/programs/vsd_caller");
+  return device.run(words, tool_options(faketime), Millis(60'000)).output;
+}
+
+inline std::string member_dir(int vsd) {
+  return "/tmp/vsd/" + std::to_string(vsd) + "/tov";
+}
+
+inline std::string member_file(int vsd, pid_t pid) {
+  return member_dir(vsd) + "/" + std::to_string(pid);
+}
+
+// Installs a worker that the start scripts of device `vsd` start, and that registers itself.
+//   prepare  shell commands before it is executed ("trap '' TERM")
+inline Task install_member(Device &device, int vsd, const std::string &prefix,
+                           const std::string &prepare = ":") {
+  Task task = install_worker(device, prefix + std::to_string(vsd) + "_", {"exec"});
+  device.write(SCRIPT_DIR + ("50" + task.name),
+               "#!/bin/sh\ntest \"$TMPDIR\" = /tmp/vsd/" + std::to_string(vsd) + " || exit 0\n(" +
+                   prepare + "; exec " + task.command + ") > /dev/null 2>&1 &\n",
+               0755);
+  return task;
+}
+
+// Waits until the daemon has taken a member in.
+inline void wait_member(Device &device, Task &task, int vsd) {
+  next_worker(device, task);
+  need_event(device, REGISTER_LOG, registered(task, RESPAWN, vsd));
+}
+
+// Waits until a member that has died is back and registered. (That it registers itself again is no
+// news to the daemon, which knows the new process already.)
+inline void wait_back(Device &device, Task &task) {
+  const pid_t dead = task.pid;
+  next_worker(device, task);
+  need_event(device, RESTART_LOG, named(task, dead) + " receives event:0009");
+  need_event(device, RESTART_LOG, "new id " + named(task, task.pid));
+}
+
+// Everything that a device consists of and that exists.
+inline std::set<std::string> traces(const Device &device, int vsd) {
+  const std::string n = std::to_string(vsd);
+  std::set<std::string> found;
+  for (const char *parent :
+       {"/tmp/vsd/", "/etc/vsd/", "/data/var/run/vsd/", "/data/.qxos/vsd/", "/data2/.qxos/vsd/",
+        "/data2/var/run/vsd/", "/qx_cfg/vsd/", "/qxos/vsd/", "/memory/vsd_", "/cpu/vsd_"})
+    if (device.exists(parent + n)) found.insert(parent + n);
+  return found;
+}
+
+// What one asks the kernel about a living process of the device.
+inline std::string groups_of(pid_t pid) {
+  std::string groups = status_field(pid, "Groups");
+  while (groups.ends_with(' '))
+    groups.pop_back();
+  return groups;
+}
+
+inline std::string working_directory(Device &device, pid_t pid) {
+  const std::string link = "/proc/" + std::to_string(pid) + "/cwd";
+  std::string target = device.run({"readlink", link}).output;
+  return target.substr(0, target.find('\n'));
+}
+
+inline std::string variable_of(pid_t pid, const std::string &name) {
+  const std::string all = read_small_file("/proc/" + std::to_string(pid) + "/environ");
+  std::string text = '\0' + all;
+  const size_t at = text.find('\0' + name + "=");
+  if (at == std::string::npos) return {};
+  const size_t begin = at + name.size() + 2;
+  return text.substr(begin, text.find('\0', begin) - begin);
+}
+
+// The progress lines of a deletion.
+inline std::string progress_of(int vsd) {
+  const std::string n = std::to_string(vsd);
+  return "Sending vsd: " + n + " all processes the TERM signal...\nAfter 5s, Sending vsd: " + n +
+         " all processes the KILL signal...\nAfter 10s, Delete vsd: " + n + " OK.\n";
+}
+
+}  // namespace tov_test
+
+#endif  // TOV_TEST_VSD_TOOL_H
