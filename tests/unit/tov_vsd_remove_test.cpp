@@ -168,8 +168,7 @@ TEST_F(TovVsdRemove, LinksInACircleComeToAnEnd) {
 }
 
 // A stranger swaps a directory of his against a link to the machine's files while we remove it. A
-// removal that looked at a name and then opened the name again loses the file within some hundred
-// rounds.
+// removal that looks at a name and then opens the name again loses the file in most runs.
 TEST_F(TovVsdRemove, EntryThatTurnsIntoALinkMeanwhileIsNotFollowed) {
   const std::string name = tree + "/entry";
   const std::string planted = scratch / "planted";
