@@ -23,6 +23,7 @@ enum {
   DELIBERATE_STOP = 15,  // ended by SIGTERM, without a core dump
   ATTRIBUTE_SIZE = 256,
   MEMBER_PATH_SIZE = 64,
+  SCANS_MAX = 10,
 };
 
 // A process to be registered once the lock is gone; pid 0: none.
@@ -107,8 +108,12 @@ static bool handed_over_to_running(tov_pid_t *record, registration_s *later) {
   char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place
   (void)snprintf(key, sizeof key, "%s", record->process);
   pid_t found = 0;
-  // A single scan: the registry is locked.
-  if (tov_proc_to_pid(key, &found, 0) != 1) return false;
+  // Without pauses, since the registry is locked; but a scan that something else's end spoiled has
+  // not said that the program does not run, and a second copy of it would be started.
+  int result = -1;
+  for (int scan = 0; result < 0 && scan < SCANS_MAX; scan++)
+    result = tov_proc_to_pid(key, &found, 0);
+  if (result != 1) return false;
 
   bool by_script = record->action == SHELL_RESTART;
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", "tov_handle_netlink_exit",

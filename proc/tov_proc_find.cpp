@@ -5,26 +5,39 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <vector>
+
 #include "tov_utils.h"
 
 enum {
   COMMAND_SIZE = 1024,
   RETRY_PAUSE_US = 100000,
+  USUAL_PROCESSES = 512,
 };
 
-// One scan of /proc. A process that vanishes between the listing and the look spoils the scan
-// (negative errno): which process it was cannot be said, so the caller scans again.
-static int scan_once(const char *proc, pid_t *pid) {
+// The process ids of the moment. A process that vanishes between the listing and the look spoils
+// the scan (negative errno): which process it was cannot be said, so the caller scans again. On a
+// busy machine something always vanishes; the looks therefore follow the listing at once, and the
+// command lines, which take most of the time, are read afterwards.
+static int list_processes(std::vector<pid_t> *pids) {
   tov_dir_t dir(opendir("/proc"));
   if (!dir) return -errno;
   while (const dirent *entry = readdir(dir.get())) {
     if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
     struct stat status {};
     if (fstatat(dirfd(dir.get()), entry->d_name, &status, 0) < 0) return -errno;
-    if (!S_ISDIR(status.st_mode)) continue;
+    if (S_ISDIR(status.st_mode)) pids->push_back(tov_atoi(entry->d_name));
+  }
+  return 0;
+}
 
+static int scan_once(const char *proc, pid_t *pid) {
+  std::vector<pid_t> pids;
+  pids.reserve(USUAL_PROCESSES);
+  int result = list_processes(&pids);
+  if (result < 0) return result;
+  for (pid_t candidate : pids) {
     char command[COMMAND_SIZE];
-    pid_t candidate = tov_atoi(entry->d_name);
     if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) continue;
     rtrim(command);
     if (strcmp(command, proc) == 0) {
