@@ -38,6 +38,8 @@ target_compile_options(tov_client_objects PRIVATE
   -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions -fno-rtti
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>) # objcopy cannot make unique symbols local
 target_link_libraries(tov_client_objects PRIVATE tov_options)
+# The daemon compiles the same files; one entry each is enough for the tools that read the list.
+set_target_properties(tov_client_objects PROPERTIES EXPORT_COMPILE_COMMANDS OFF)
 
 # ---- shared ----------------------------------------------------------------------------------
 
