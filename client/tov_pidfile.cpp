@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "tov_dbg.h"
 #include "tov_ras_comp_config.h"
@@ -40,7 +41,7 @@ struct kept_s {
   kept_s *next;
   dev_t dev;
   ino_t ino;
-  int fd;  // owned; holds the lock, unless locking failed for want of resources
+  int fd;  // owned; holds the lock, unless locking failed for want of resources. -1: forgotten
   char path[FILE_NAME_SIZE];
 };
 
@@ -93,8 +94,8 @@ static int kept_descriptor(const char *path) {
   kept_s **link = find_kept(path);
   if (*link == nullptr) return -1;
   struct stat status {};
-  const bool same =
-      lstat(path, &status) == 0 && status.st_dev == (*link)->dev && status.st_ino == (*link)->ino;
+  const bool same = (*link)->fd >= 0 && lstat(path, &status) == 0 &&
+                    status.st_dev == (*link)->dev && status.st_ino == (*link)->ino;
   if (same) return (*link)->fd;
   drop_kept(link);
   return -1;
@@ -103,8 +104,10 @@ static int kept_descriptor(const char *path) {
 void tov_pidfile_forget_locks(void) {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   kept_lock = fresh;  // the thread that may have held it does not exist here
-  while (kept_files != nullptr)
-    drop_kept(&kept_files);
+  // The entries stay, without a descriptor: freeing memory is nothing for a child between fork and
+  // exec. Whoever comes upon one later drops it.
+  for (kept_s *entry = kept_files; entry != nullptr; entry = entry->next)
+    tov_fd_t close_it(std::exchange(entry->fd, -1));
 }
 
 // ---- names ---------------------------------------------------------------------------------

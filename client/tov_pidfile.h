@@ -55,8 +55,8 @@ int tov_read_pidfile(const char *path, tov_pid_s *record);
 // program name. Returns 0, or -1 with errno set.
 int tov_rm_pidfile(const tov_pid_s *record);
 
-// For the child of a fork, which inherits descriptors but no locks: closes the copies and empties
-// the table. The parent's locks stay. Async-signal-safe but for free(3); needs no lock, because
+// For the child of a fork, which inherits descriptors but no locks: closes the copies, so that the
+// table holds nothing any more. The parent's locks stay. Async-signal-safe; needs no lock, because
 // only the forking thread exists in the child.
 void tov_pidfile_forget_locks(void);
 
