@@ -4,14 +4,13 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <string>
 #include <thread>
 
+#include "refused_calls.h"
 #include "supervision.h"
 #include "tov_fifo.h"
 
@@ -343,16 +342,23 @@ TEST_F(TovCnmsgHandle, EndsTheDaemonWithALine) {
 
 TEST_F(TovCnmsgHandle, RefusedPriorityEndsTheDaemon) {
   tov_test::in_child([] {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    const __user_cap_data_struct none[2] = {};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
-    const rlimit no_priority{0, 0};
-    setrlimit(RLIMIT_RTPRIO, &no_priority);
+    tov_test::give_up_priorities();
     const std::string said = diagnostics([] { tov_cnmsg_handle(nullptr); });
     EXPECT_THAT(said, HasSubstr("]tov_cnmsg_handle: set priority fail: Operation not permitted\n"));
     EXPECT_EQ(tov_flag_get(quit), 1);
   });
   EXPECT_THAT(events(TOV_LOG_ERROR),
               ElementsAre("Thread \"tov_cnmsg_handle\" exit, tov will be restart. res=-2, "
+                          "Operation not permitted(1)"));
+}
+
+TEST_F(TovCnmsgHandle, RefusedNameEndsTheDaemon) {
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_prctl}, EPERM);
+    tov_cnmsg_handle(nullptr);
+    EXPECT_EQ(tov_flag_get(quit), 1);
+  });
+  EXPECT_THAT(events(TOV_LOG_ERROR),
+              ElementsAre("Thread \"tov_cnmsg_handle\" exit, tov will be restart. res=-1, "
                           "Operation not permitted(1)"));
 }

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <linux/cn_proc.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
@@ -23,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "refused_calls.h"
 #include "supervision.h"
 #include "tov_fifo.h"
 
@@ -528,36 +528,19 @@ TEST_F(TovProcessNetlink, EndOfAThreadIsNotTakenForThatOfItsProcess) {
   EXPECT_THAT(seen, ElementsAre(Event{2, pid, 0}));
 }
 
-TEST_F(TovProcessNetlink, FailedSocketEndsTheDaemon) {
-  Reader reader;
-  ASSERT_TRUE(
-      tov_test::wait_until([&] { return reader.descriptor() >= 0; }, tov_test::Millis(5000)));
-  usleep(100000);  // it is in its first receive now
-  const tov_fd_t nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  ASSERT_GE(dup3(nothing.n, reader.descriptor(), O_CLOEXEC), 0);
-  tov_test::end(tov_test::start("/bin/true"));  // ends the receive that still waits
-  reader.join();
-  EXPECT_EQ(tov_flag_get(quit), 1);
-  EXPECT_THAT(events(TOV_LOG_ERROR),
-              ElementsAre("Thread \"tov_process_netlink\" exit, tov will be restart. res=-5, "
-                          "Socket operation on non-socket(88)"));
+TEST_F(TovProcessNetlink, ThreadWithoutANameEndsAloneAndQuietly) {
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_prctl}, EPERM);
+    EXPECT_THAT(diagnostics([] { tov_process_netlink(nullptr); }),
+                HasSubstr("]tov_process_netlink: Operation not permitted\n"));
+    EXPECT_EQ(tov_flag_get(quit), 0);
+  });
+  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
 }
-
-namespace {
-
-void drop_capabilities() {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  const __user_cap_data_struct none[2] = {};
-  ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
-}
-
-}  // namespace
 
 TEST_F(TovProcessNetlink, RefusedPriorityEndsTheDaemon) {
   tov_test::in_child([] {
-    drop_capabilities();
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_RTPRIO, &none);
+    tov_test::give_up_priorities();
     tov_process_netlink(nullptr);
     EXPECT_EQ(tov_flag_get(quit), 1);
   });
@@ -591,4 +574,37 @@ TEST_F(TovProcessNetlink, TakenPortEndsTheDaemon) {
   EXPECT_THAT(events(TOV_LOG_ERROR),
               ElementsAre("Thread \"tov_process_netlink\" exit, tov will be restart. res=-3, "
                           "Address already in use(98)"));
+}
+
+TEST_F(TovProcessNetlink, RefusedSubscriptionEndsTheDaemon) {
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_sendto}, ENOBUFS);
+    tov_process_netlink(nullptr);
+    EXPECT_EQ(tov_flag_get(quit), 1);
+  });
+  EXPECT_THAT(events(TOV_LOG_ERROR),
+              ElementsAre("Thread \"tov_process_netlink\" exit, tov will be restart. res=-4, No "
+                          "buffer space available(105)"));
+}
+
+TEST_F(TovProcessNetlink, FailedSocketEndsTheDaemon) {
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_recvfrom}, ENOTCONN);
+    tov_process_netlink(nullptr);
+    EXPECT_EQ(tov_flag_get(quit), 1);
+  });
+  EXPECT_THAT(events(TOV_LOG_ERROR),
+              ElementsAre("Thread \"tov_process_netlink\" exit, tov will be restart. res=-5, "
+                          "Transport endpoint is not connected(107)"));
+}
+
+TEST_F(TovProcessNetlink, RefusedOptionsAreOnlyToldAbout) {
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_setsockopt}, EPERM);
+    tov_flag_set(quit, 1);  // it ends as soon as it has begun
+    const std::string said = diagnostics([] { tov_process_netlink(nullptr); });
+    EXPECT_THAT(said, HasSubstr("]socket set recvbuffer error\n"));
+    EXPECT_THAT(said, HasSubstr("]socket set recv timeout error\n"));
+  });
+  EXPECT_THAT(events(TOV_LOG_ERROR), ElementsAre(HasSubstr("res=0, ")));
 }

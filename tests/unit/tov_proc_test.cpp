@@ -6,23 +6,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "refused_calls.h"
 #include "supervision.h"
 #include "tov_proc_child.h"
 #include "tov_proc_sched.h"
@@ -38,6 +35,7 @@ using tov_test::GONE;
 using tov_test::Millis;
 using tov_test::Program;
 using tov_test::read_file;
+using tov_test::refuse;
 using tov_test::TemporaryFile;
 using tov_test::write_file;
 
@@ -99,21 +97,6 @@ class TovSpawnThirdPart : public TovSpawn {};
 class TovSpawnDevice : public TovSpawn {};
 class TovShellSpawn : public TovSpawn {};
 class TovProcRestart : public TovSpawn {};
-
-// Makes system calls of this process, and of its children, fail with an error number. For good:
-// in a forked child only.
-void refuse(std::initializer_list<long> calls, int error) {
-  std::vector<sock_filter> program;
-  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)));
-  for (const long call : calls) {
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call), 0, 1));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)));
-  }
-  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
-  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter, 0, 0), 0);
-}
 
 void refuse_forks() {
   refuse({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN);

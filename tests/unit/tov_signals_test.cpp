@@ -25,6 +25,14 @@ using tov_test::TemporaryFile;
 static constexpr char DORVIK_MARKER[] = "/etc/tov/dorvik";
 static constexpr int PERIOD_S = 300;
 
+#ifdef TOV_SANITIZE_THREAD
+// The alarm's handler does what no handler may do in general; it is let in only where the thread
+// that it interrupts holds nothing (tov_signals.h), which this remark cannot know.
+extern "C" const char *__tsan_default_options() {
+  return "report_signal_unsafe=0";
+}
+#endif
+
 namespace {
 
 class TovSetupSignals : public tov_test::Supervision {};
@@ -81,8 +89,10 @@ TEST_F(TovSetupSignals, EverythingIsIgnoredButThree) {
                                                   : SIG_IGN;
       EXPECT_EQ(action.sa_handler, expected) << number;
       EXPECT_NE(action.sa_flags & SA_RESTART, 0) << number;
+#ifndef TOV_SANITIZE_THREAD  // its own handlers stand before ours and block everything
       for (int masked = 1; masked <= 64; masked++)
         EXPECT_NE(sigismember(&action.sa_mask, masked), 1) << number << " blocks " << masked;
+#endif
     }
   });
 }
