@@ -35,6 +35,7 @@ static void expect_shut_down(Device &device) {
 // A program that lived through it, and one that died while nobody watched.
 static void expect_supervised_on(Device &device, Task &living, Task &died) {
   device.kill(died.pid, SIGKILL);
+  ASSERT_TRUE(device.wait(died.pid, STORY_LIMIT_MS));  // its report must not come to the daemon
   device.start_ready_daemon();
   next_birth(device, died);
   kill_and_return(device, died);
