@@ -28,7 +28,7 @@ TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
   for (int vsd = 1; vsd <= 3; vsd++) {
     Task &task = tasks[static_cast<size_t>(vsd) - 1];
     wait_member(device, task, vsd);
-    EXPECT_THAT(device.list(member_dir(vsd)), ElementsAre(std::to_string(task.pid), "db"));
+    EXPECT_THAT(members(device, vsd), ElementsAre(std::to_string(task.pid), "db"));
     EXPECT_EQ(groups_of(task.pid), std::to_string(3000 + 100 * vsd));
     EXPECT_EQ(working_directory(device, task.pid), "/data/var/run/vsd/" + std::to_string(vsd));
     EXPECT_TRUE(device.exists("/tmp/vsd/" + std::to_string(vsd) + "/starttime"));
@@ -77,7 +77,7 @@ TEST(VsdCommands, MemberComesBackInsideItsDeviceAgainAndAgain) {
     EXPECT_EQ(variable_of(task.pid, "TMPDIR"), "/tmp/vsd/2");
     EXPECT_EQ(variable_of(task.pid, "QX_CFG_DIR"), "/qx_cfg/vsd/2");
     EXPECT_EQ(variable_of(task.pid, "DATA_QXOS_DIR"), "/data/.qxos/vsd/2");
-    EXPECT_THAT(device.list(member_dir(2)), ElementsAre(std::to_string(task.pid), "db"));
+    EXPECT_THAT(members(device, 2), ElementsAre(std::to_string(task.pid), "db"));
     EXPECT_THAT(device.list(member_dir(2) + "/db"),
                 ElementsAre(task.name + "." + std::to_string(task.pid)));
   }
@@ -145,7 +145,7 @@ TEST_F(VsdPlacement, BaseSystem) {
 
 TEST_F(VsdPlacement, RefusedNumbersAndNames) {
   const std::string name = install_placeable(device, "refused");
-  const auto before = device.list(member_dir(1));
+  const auto before = members(device, 1);
   for (const char *number : {"16", "17", "-1", "99999999999"}) {
     const RunResult refused = run_tov(device, {"add", name, number});
     EXPECT_THAT(refused.output, MatchesRegex("vsd -?[0-9]+ is not exist\n"));
@@ -156,7 +156,7 @@ TEST_F(VsdPlacement, RefusedNumbersAndNames) {
       MatchesRegex(".TOV:tov_opt.cpp:[0-9]+.add proc = " + name + " to vsd = 17\n fail.\n"));
   for (const std::string &word : {"../sbin/" + name, "/sbin/" + name, name + "x"})
     EXPECT_EQ(run_tov(device, {"add", word, "1"}).output, "");
-  EXPECT_EQ(device.list(member_dir(1)), before);
+  EXPECT_EQ(members(device, 1), before);
   EXPECT_THAT(device.births(name), IsEmpty());
 }
 

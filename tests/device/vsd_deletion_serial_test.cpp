@@ -91,12 +91,12 @@ TEST(VsdDeletion, NeighbourLivesOnUntouched) {
   wait_member(device, ended, 1);
   wait_member(device, neighbour, 2);
   const auto before = traces(device, 2);
-  const auto members = device.list(member_dir(2));
+  const auto recorded = members(device, 2);
   EXPECT_EQ(run_tov(device, {"-d", "1"}, FAST).output, progress_of(1));
   EXPECT_THAT(traces(device, 1), IsEmpty());
   EXPECT_TRUE(device.lives(neighbour.pid));
   EXPECT_EQ(traces(device, 2), before);
-  EXPECT_EQ(device.list(member_dir(2)), members);
+  EXPECT_EQ(members(device, 2), recorded);
   EXPECT_TRUE(device.exists(Device::register_path(2, neighbour.pid, neighbour.command)));
   expect_gone_for_good(device, ended, neighbour);
 }
@@ -171,7 +171,7 @@ TEST(VsdReload, MembersEndAndTheScriptsRunAgain) {
   EXPECT_FALSE(device.lives(first));
   EXPECT_EQ(traces(device, 1), before);
   EXPECT_EQ(device.read("/data/.qxos/vsd/1/settings"), "kept");
-  EXPECT_THAT(device.list(member_dir(1)), testing::ElementsAre(std::to_string(task.pid), "db"));
+  EXPECT_THAT(members(device, 1), testing::ElementsAre(std::to_string(task.pid), "db"));
   EXPECT_EQ(device.count_events(RESTART_LOG, task.name), 0U)
       << "the scripts did it, not the daemon";
 }

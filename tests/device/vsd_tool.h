@@ -49,6 +49,18 @@ inline std::string member_file(int vsd, pid_t pid) {
   return member_dir(vsd) + "/" + std::to_string(pid);
 }
 
+// The names in a member directory, without the processes of other private devices that happen to
+// carry the same group.
+inline std::vector<std::string> members(const Device &device, int vsd) {
+  std::vector<std::string> names;
+  for (const std::string &name : device.list(member_dir(vsd))) {
+    const bool process = name.find_first_not_of("0123456789") == std::string::npos;
+    if (!process || !process_lives(std::stoi(name)) || device.lives(std::stoi(name)))
+      names.push_back(name);
+  }
+  return names;
+}
+
 // Installs a worker that the start scripts of device `vsd` start, and that registers itself.
 //   prepare  shell commands before it is executed ("trap '' TERM")
 inline Task install_member(Device &device, int vsd, const std::string &prefix,

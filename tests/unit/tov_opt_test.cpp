@@ -59,15 +59,14 @@ static std::string executable() {
 }
 
 static Outcome run_tov(std::vector<std::string> words,
-                       std::map<std::string, std::string> env = {}) {
+                       const std::map<std::string, std::string> &env = {}) {
   const std::string program = executable();
   const tov_fd_t output(memfd_create("output", MFD_CLOEXEC));
   const tov_fd_t errors(memfd_create("errors", MFD_CLOEXEC));
   words.insert(words.begin(), "tov");
-  std::vector<char *> argv;
-  for (std::string &word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
+  std::vector<char *> argv(words.size() + 1, nullptr);
+  for (size_t i = 0; i < words.size(); i++)
+    argv[i] = words[i].data();
   const pid_t child = fork();
   if (child == 0) {
     dup2(output.n, STDOUT_FILENO);
