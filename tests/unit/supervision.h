@@ -101,6 +101,7 @@ inline pid_t start(const std::string &command) {
   for (std::string word; text >> word;)
     words.push_back(word);
   std::vector<char *> argv;
+  argv.reserve(words.size() + 1);
   for (std::string &word : words)
     argv.push_back(word.data());
   argv.push_back(nullptr);
@@ -245,7 +246,7 @@ class Supervision : public testing::Test {
 
   // Writes the file of a record as its process would have done; nobody holds its lock.
   static std::string write_file_of(const tov_pid_t &record) {
-    const std::string path = file_of(record);
+    std::string path = file_of(record);
     write_file(path, std::to_string(record.pid) + "\n" + std::to_string(record.action) + "\n" +
                          record.process);
     return path;

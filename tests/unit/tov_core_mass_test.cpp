@@ -17,7 +17,6 @@ using testing::IsEmpty;
 using tov_test::GONE;
 using tov_test::SelfHealing;
 using tov_test::TemporaryFile;
-using tov_test::write_file;
 
 static constexpr int DUMPED_BY_SEGV = 11 | 0x80;
 static constexpr int KILLED_BY_SEGV = 11;

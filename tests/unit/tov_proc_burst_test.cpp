@@ -17,7 +17,6 @@ using testing::IsEmpty;
 using tov_test::GONE;
 using tov_test::SelfHealing;
 using tov_test::TemporaryFile;
-using tov_test::write_file;
 
 static constexpr char DORVIK_MARKER[] = "/etc/tov/dorvik";
 
