@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <functional>
 
 #include "story.h"
@@ -333,8 +334,9 @@ TEST(PlantedFile, InThePlaceOfTheForkRecordIsRemovedAndNotFollowed) {
   Task task = start_task(device, "beside_plant");
   device.start_ready_daemon();
   device.write("/srv/precious", "untouched");
-  device.remove("/tmp/tov/forkfile");
-  device.symlink("/srv/precious", "/tmp/tov/forkfile");
+  // In one step: the daemon makes the file anew as soon as it is missed.
+  device.symlink("/srv/precious", "/tmp/tov/planted");
+  std::filesystem::rename(device.path("/tmp/tov/planted"), device.path("/tmp/tov/forkfile"));
   kill_and_return(device, task);
   EXPECT_EQ(device.read("/srv/precious"), "untouched");
   EXPECT_TRUE(wait_until(

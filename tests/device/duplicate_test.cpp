@@ -5,7 +5,6 @@
 #include "story.h"
 
 using namespace tov_test;
-using testing::ElementsAre;
 
 // The older instance was there first; the second one is `younger`.
 struct Pair {
@@ -22,7 +21,9 @@ static Pair start_pair(Device &device, const std::string &prefix) {
 
 TEST(Duplicate, OfALivingInstanceIsDroppedWhenItEnds) {
   Device device;
-  auto [older, younger] = start_pair(device, "pair");
+  Pair pair = start_pair(device, "pair");
+  Task &older = pair.older;
+  Task &younger = pair.younger;
   Task bystander = start_task(device, "bystander_dup");
   device.start_ready_daemon({.env = with_diagnostics(device)});
   device.kill(older.pid, SIGKILL);
@@ -39,7 +40,9 @@ TEST(Duplicate, OfALivingInstanceIsDroppedWhenItEnds) {
 
 TEST(Duplicate, IsDroppedWhicheverOfTheTwoEnds) {
   Device device;
-  auto [older, younger] = start_pair(device, "pair_reversed");
+  Pair pair = start_pair(device, "pair_reversed");
+  Task &older = pair.older;
+  Task &younger = pair.younger;
   device.start_ready_daemon();
   device.kill(younger.pid, SIGKILL);
   ASSERT_TRUE(wait_until([&] { return !device.exists(younger.file); }, STORY_LIMIT_MS));
@@ -77,7 +80,9 @@ TEST(Duplicate, WithOtherArgumentsIsNone) {
 // A task that the daemon has started itself gives way to one that was started beside it.
 TEST(Duplicate, OfATaskThatWasBroughtBackStaysInCharge) {
   Device device;
-  auto [older, younger] = start_pair(device, "pair_restarted");
+  Pair pair = start_pair(device, "pair_restarted");
+  Task &older = pair.older;
+  Task &younger = pair.younger;
   Task bystander = start_task(device, "bystander_pair");
   device.kill(older.pid, SIGKILL);
   ASSERT_TRUE(device.wait(older.pid, STORY_LIMIT_MS));
@@ -94,7 +99,9 @@ TEST(Duplicate, OfATaskThatWasBroughtBackStaysInCharge) {
 
 TEST(Duplicate, ThatDiesTogetherWithTheOtherLeavesOneInstance) {
   Device device;
-  auto [older, younger] = start_pair(device, "pair_dead");
+  Pair pair = start_pair(device, "pair_dead");
+  Task &older = pair.older;
+  Task &younger = pair.younger;
   Task bystander = start_task(device, "bystander_both");
   device.kill(older.pid, SIGKILL);
   ASSERT_TRUE(device.wait(older.pid, STORY_LIMIT_MS));

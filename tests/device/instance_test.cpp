@@ -10,9 +10,6 @@
 using namespace tov_test;
 using testing::Contains;
 using testing::ContainsRegex;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 
 // ---- single instance --------------------------------------------------------------------------

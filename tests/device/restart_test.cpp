@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include "story.h"
@@ -178,7 +179,7 @@ TEST(NewProcess, FindsACleanPlaceToRun) {
   EXPECT_EQ(birth.caught, 0U);
   EXPECT_EQ(birth.policy, SCHED_OTHER);
   EXPECT_EQ(birth.priority, 0);
-  EXPECT_EQ(birth.nice, 0);
+  EXPECT_EQ(birth.nice, getpriority(PRIO_PROCESS, 0)) << "as the daemon, and so as the test";
   EXPECT_EQ(birth.nofile, 2304) << "the daemon's own limit";
   EXPECT_EQ(birth.env, (std::map<std::string, std::string>{})) << "variables of no device";
 }

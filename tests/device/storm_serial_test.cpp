@@ -63,6 +63,7 @@ TEST(Storm, OfRegisteredProgramsBringsEveryOneBack) {
   static constexpr int MANY = 60;
   Device device;
   std::vector<Task> tasks;
+  tasks.reserve(MANY);
   for (int i = 0; i < MANY; i++)
     tasks.push_back(start_task(device, "crowd" + std::to_string(i) + "_"));
   device.start_ready_daemon();

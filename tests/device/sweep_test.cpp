@@ -57,7 +57,7 @@ class SweepClock {
 static std::string install_slow_start(Device &device) {
   static constexpr pid_t NOBODY = 5'000'000;  // the kernel gives out no such id
   static constexpr int PROGRAMS = 10;
-  const std::string name = unique_name("slow_start");
+  std::string name = unique_name("slow_start");
   const std::string command = device.install_program(name) + " exit=0";
   for (pid_t pid = NOBODY; pid < NOBODY + PROGRAMS; pid++)
     device.register_file(15, pid, NORMAL_EXIT, command);

@@ -26,7 +26,7 @@ static Task start_member(Device &device, const std::string &prefix, int vsd,
   device.mkdir("/data/var/run/vsd/" + std::to_string(vsd), 0777);
   options.vsd = vsd;
   options.spawn.groups = {{group_of(vsd)}};
-  const Task task = start_task(device, prefix, options);
+  Task task = start_task(device, prefix, options);
   device.write(marker(vsd, task.pid), "");
   return task;
 }
