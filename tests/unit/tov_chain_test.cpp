@@ -343,6 +343,7 @@ TEST_F(TovChain, ThreadsTakeTurns) {
   constexpr int THREADS = 4;
   constexpr int ROUNDS = 500;
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   for (int t = 0; t < THREADS; t++)
     threads.emplace_back([t] {
       for (int i = 0; i < ROUNDS; i++) {

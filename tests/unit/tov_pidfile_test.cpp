@@ -461,6 +461,7 @@ TEST_F(TovPidfile, ThreadsRegisterSideBySide) {
   constexpr int ROUNDS = 50;
   const int before = descriptor_count();
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   for (int t = 0; t < THREADS; t++)
     threads.emplace_back([t] {
       tov_pid_t own{};

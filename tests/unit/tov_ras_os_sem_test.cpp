@@ -31,7 +31,7 @@ constexpr uid_t NOBODY = 65534;
 
 class RasOsMutexSem : public testing::Test {
  protected:
-  void SetUp() override { std::ofstream{KEY_FILE}; }
+  void SetUp() override { std::ofstream(KEY_FILE).close(); }
   void TearDown() override {
     const int id = semget(ftok(KEY_FILE, 1), 0, 0);
     if (id >= 0) semctl(id, 0, IPC_RMID);
@@ -100,7 +100,7 @@ TEST_F(RasOsMutexSem, ProcessesTakeTurns) {
   int id = -1;
   ASSERT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), 0);
   ASSERT_EQ(ras_os_lock_mutex_sem(id), 0);
-  std::ofstream{"/tmp/turns"};
+  std::ofstream("/tmp/turns").close();
   tov_test::helper_process_s waiter([id] {
     if (fork() == 0) {
       EXPECT_EQ(ras_os_lock_mutex_sem(id), 0);

@@ -64,7 +64,7 @@ TEST_F(TovVsdMarker, ExistingMarkerKeepsItsContent) {
 
 TEST_F(TovVsdMarker, ProbesLeaveTheMarker) {
   ASSERT_EQ(dev_mon_restart(), 0);
-  std::ofstream{DEBUG_LOG};
+  std::ofstream(DEBUG_LOG).close();
   for (int i = 0; i < 2; i++) {
     EXPECT_EQ(del_dev_mon_log(), 0);
     EXPECT_EQ(debug_log(), 0);
@@ -98,7 +98,7 @@ TEST_F(TovVsdMarker, FifoDoesNotHoldTheCaller) {
 }
 
 TEST_F(TovVsdMarker, RemovalOfALinkLeavesItsTarget) {
-  std::ofstream{"/tmp/target"};
+  std::ofstream("/tmp/target").close();
   ASSERT_EQ(symlink("/tmp/target", DEV_MON), 0);
   EXPECT_EQ(del_dev_mon_restart(), 0);
   EXPECT_FALSE(exists(DEV_MON));
@@ -106,8 +106,8 @@ TEST_F(TovVsdMarker, RemovalOfALinkLeavesItsTarget) {
 }
 
 TEST_F(TovVsdMarker, RemovalThatFailsIsTold) {
-  std::ofstream{DEV_MON};
-  std::ofstream{"/tmp/mounted"};
+  std::ofstream(DEV_MON).close();
+  std::ofstream("/tmp/mounted").close();
   ASSERT_EQ(mount("/tmp/mounted", DEV_MON, nullptr, MS_BIND, nullptr), 0);
   EXPECT_EQ(del_dev_mon_restart(), -EBUSY);
   ASSERT_EQ(umount(DEV_MON), 0);
