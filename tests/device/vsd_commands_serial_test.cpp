@@ -6,13 +6,11 @@
 #include "vsd_tool.h"
 
 using namespace tov_test;
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
-using testing::UnorderedElementsAre;
 
 TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
   Device device;
@@ -24,7 +22,6 @@ TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
   const RunResult created = run_tov(device, {"-c", "3"});
   EXPECT_TRUE(created.exited_with(0));
   EXPECT_EQ(created.output, "");
-  std::string expected_list;
   for (int vsd = 1; vsd <= 3; vsd++) {
     Task &task = tasks[static_cast<size_t>(vsd) - 1];
     wait_member(device, task, vsd);
@@ -42,8 +39,10 @@ TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
     const std::string n = std::to_string(vsd);
     EXPECT_THAT(list.output, HasSubstr("Vsd_" + n + ": /tmp/vsd/" + n + "/tov/\n"));
   }
-  for (const Task &task : tasks)
-    EXPECT_THAT(list.output, HasSubstr("\n" + std::to_string(task.pid) + "\n"));
+  for (const Task &task : tasks) {
+    const std::string pid = std::to_string(task.pid);
+    EXPECT_THAT(list.output, HasSubstr("\n" + pid + "\n"));
+  }
   EXPECT_THAT(list.output, Not(HasSubstr("Vsd_16")));
 }
 
@@ -87,7 +86,7 @@ TEST(VsdCommands, MemberComesBackInsideItsDeviceAgainAndAgain) {
 
 // A victim that can be placed by its name.
 static std::string install_placeable(Device &device, const std::string &prefix) {
-  const std::string name = unique_name(prefix);
+  std::string name = unique_name(prefix);
   device.symlink(device.install_program(name), "/sbin/" + name);
   return name;
 }

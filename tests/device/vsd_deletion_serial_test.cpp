@@ -108,9 +108,8 @@ TEST(VsdDeletion, MembersThatAreBeingRestartedGoToo) {
   device.start_ready_daemon();
   Task bystander = start_worker(device, "bystander_restless");
   std::vector<Task> tasks;
-  for (int i = 0; i < 4; i++)
-    tasks.push_back(
-        install_member(device, 1, "restless" + std::string(1, static_cast<char>('a' + i))));
+  for (const char *name : {"restless_a", "restless_b", "restless_c", "restless_d"})
+    tasks.push_back(install_member(device, 1, name));
   run_tov(device, {"-c", "1"});
   for (Task &task : tasks)
     wait_member(device, task, 1);
