@@ -29,8 +29,8 @@ class TovRebuildChains : public tov_test::Supervision {
   // Writes a registration file; returns its path.
   static std::string leave(pid_t pid, int action, const std::string &command, int device = 0) {
     const std::string program = command.substr(0, command.find(' '));
-    const std::string path = "/tmp/vsd/" + std::to_string(device) + "/tov/db/" +
-                             program.substr(program.rfind('/') + 1) + "." + std::to_string(pid);
+    std::string path = "/tmp/vsd/" + std::to_string(device) + "/tov/db/" +
+                       program.substr(program.rfind('/') + 1) + "." + std::to_string(pid);
     write_file(path, std::to_string(pid) + "\n" + std::to_string(action) + "\n" + command);
     return path;
   }
