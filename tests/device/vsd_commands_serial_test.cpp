@@ -36,8 +36,9 @@ TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
   const RunResult list = run_tov(device, {"-s"});
   EXPECT_TRUE(list.exited_with(0));
   for (int vsd = 1; vsd <= 15; vsd++) {
-    const std::string n = std::to_string(vsd);
-    EXPECT_THAT(list.output, HasSubstr("Vsd_" + n + ": /tmp/vsd/" + n + "/tov/\n"));
+    char heading[64];
+    (void)snprintf(heading, sizeof heading, "Vsd_%d: /tmp/vsd/%d/tov/\n", vsd, vsd);
+    EXPECT_THAT(list.output, HasSubstr(heading));
   }
   for (const Task &task : tasks) {
     const std::string pid = std::to_string(task.pid);
