@@ -14,6 +14,7 @@
 #include <future>
 #include <string>
 
+#include "refused_calls.h"
 #include "supervision.h"
 #include "tov_proc_sched.h"
 
@@ -42,26 +43,7 @@ class TovHandleExit : public tov_test::Supervision {
 class TovExitDuplicates : public TovHandleExit {};
 class TovExitStops : public TovHandleExit {};
 class TovExitDeferral : public TovHandleExit {};
-
-class TovExitThirdPart : public TovHandleExit {
- protected:
-  // Lets a listed task end while another instance of it runs, and says what was told. The search
-  // for that instance is a single look at the machine's processes, and one that vanishes meanwhile
-  // spoils it; the task is then started again, so a busy machine gets some more attempts.
-  std::string end_beside_running(const std::string &command, int action) {
-    std::string said;
-    for (int attempt = 0; attempt < 10; attempt++) {
-      tov_pid_t *record = add(GONE, command, action);
-      said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-      if (count() == 0) break;
-      tov_test::end(record->pid);
-      tov_destroy_chains(&tov_chains);
-      (void)notices();
-    }
-    EXPECT_EQ(count(), 0);
-    return said;
-  }
-};
+class TovExitThirdPart : public TovHandleExit {};
 
 // Holds the lock on a registration file as a process that has not ended yet does.
 helper_process_s holder_of(const std::string &path) {
@@ -497,6 +479,17 @@ TEST_F(TovExitDeferral, LockEndsWithTheProcessThatHeldIt) {
   EXPECT_EQ(tov_proc_is_exit(record), 1);
 }
 
+TEST_F(TovExitDeferral, LockThatCannotBeAskedForIsNoReason) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  write_file_of(*record);
+  tov_test::in_child([&] {
+    tov_test::refuse({SYS_fcntl}, ENOLCK);
+    EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
+                HasSubstr("]Failed to lock file /tmp/vsd/0/tov/db/a.5000000, No locks "
+                          "available.\n"));
+  });
+}
+
 TEST_F(TovExitDeferral, NoRecordIsNoReason) {
   EXPECT_EQ(tov_proc_restart_delay(nullptr), 0);
 }
@@ -552,12 +545,14 @@ TEST_F(TovExitThirdPart, ProgramThatSomebodyBroughtBackIsRegisteredInstead) {
   const Program program("brought");
   write_file(TOV_THIRD_PART_LIST, program.path + " -d TOV_RESTART\n");
   const pid_t found = tov_test::start(program.path + " -d");
-  const std::string file = "/tmp/vsd/0/tov/db/" + program.name + ".5000000";
-  write_file(file, "5000000\n2\n" + program.path + " -d");
+  program.birth();
+  const std::string file = write_file_of(*add(GONE, program.path + " -d"));
   FakeDaemon server;
-  const std::string said = end_beside_running(program.path + " -d", RESPAWN);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
 
+  EXPECT_EQ(count(), 0);
   EXPECT_FALSE(exists(file));
+  EXPECT_EQ(program.births().size(), 1u);
   const auto request = server.only_request();
   EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESTART));
   EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
@@ -572,8 +567,9 @@ TEST_F(TovExitThirdPart, ScriptTaskIsRegisteredAsOne) {
   const Program program("script");
   write_file(TOV_THIRD_PART_LIST, program.path + " TOV_SHELL_RESTART\n");
   const pid_t found = tov_test::start(program.path);
+  add(GONE, program.path, SHELL_RESTART);
   FakeDaemon server;
-  const std::string said = end_beside_running(program.path, SHELL_RESTART);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
   const auto request = server.only_request();
   EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
   EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
@@ -587,23 +583,15 @@ TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
   const Program program("unlocked");
   write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
   tov_test::start(program.path);
+  add(GONE, program.path);
   FakeDaemon server({.think = std::chrono::milliseconds(500)});
-  for (int attempt = 0; attempt < 10; attempt++) {
-    add(GONE, program.path);
-    auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-    // Asking for the record takes the lock, so with the lock held this would last as long as the
-    // whole handling.
-    EXPECT_TRUE(
-        tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
-    const auto state = handled.wait_for(std::chrono::seconds(0));
-    handled.wait();
-    if (count() == 0) {
-      EXPECT_EQ(state, std::future_status::timeout);
-      return;
-    }
-    tov_destroy_chains(&tov_chains);  // started again: see above
-  }
-  FAIL() << "the running instance was never found";
+  auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  // Asking for the record takes the lock, so with the lock held this would last as long as the
+  // whole handling.
+  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
+  EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  handled.wait();
+  EXPECT_EQ(count(), 0);
 }
 
 TEST_F(TovExitThirdPart, ProgramThatIsNotRunningIsStartedAgain) {
