@@ -130,7 +130,7 @@ static void FloorOpenConnection(benchmark::State &state) {
   const Floor floor;
   const tov_fd_t sd(floor_connection());
   Times times(state);
-  for (auto _ : state)
+  for ([[maybe_unused]] auto _ : state)
     times.take([&] { floor_exchange(sd.n); });
 }
 BENCHMARK(FloorOpenConnection)->UseManualTime();
@@ -138,7 +138,7 @@ BENCHMARK(FloorOpenConnection)->UseManualTime();
 static void FloorFreshConnection(benchmark::State &state) {
   const Floor floor;
   Times times(state);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     times.take([] {
       const tov_fd_t sd(floor_connection());
       floor_exchange(sd.n);
@@ -154,7 +154,7 @@ BENCHMARK(FloorFreshConnection)->UseManualTime();
 static void RequestRoundTrip(benchmark::State &state) {
   tov_msg_cons_t payload = {.event = 99, .pid = 0};
   Times times(state);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     times.take([&] { tov_rpc(TOV_MSG_CONS, nullptr, &payload, sizeof payload, true, false); });
   }
 }
@@ -166,7 +166,7 @@ static void RegistrationRoundTrip(benchmark::State &state) {
   tov_msg_xtach_t payload{};
   payload.pid = getpid();
   Times times(state);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     times.take([&] { tov_rpc(TOV_RESTART, nullptr, &payload, sizeof payload, true, false); });
   }
 }
@@ -175,7 +175,7 @@ BENCHMARK(RegistrationRoundTrip)->UseManualTime();
 // The whole call, with the registration file.
 static void RegistrationCall(benchmark::State &state) {
   Times times(state);
-  for (auto _ : state)
+  for ([[maybe_unused]] auto _ : state)
     times.take([] { reg_process_exit_action(0, TOV_RESTART); });
 }
 BENCHMARK(RegistrationCall)->UseManualTime();
@@ -225,7 +225,7 @@ class Clients {
 
 // From the opening of the gate until the last of them stands in the registry.
 static void ThousandClientsAtOnce(benchmark::State &state) {
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     tov_destroy_chains(&tov_chains);
     Clients clients;
     const auto begin = steady_clock::now();
@@ -245,7 +245,7 @@ BENCHMARK(ThousandClientsAtOnce)->UseManualTime()->Iterations(5)->Unit(benchmark
 
 // What no sign of life can do without: who is calling, and whether there is an exemption file.
 static void FloorKeepAlive(benchmark::State &state) {
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(getpid());
     benchmark::DoNotOptimize(gettid());
     benchmark::DoNotOptimize(open(TOV_DEBUG_PID_FILE, O_RDONLY | O_CLOEXEC));
@@ -255,7 +255,7 @@ BENCHMARK(FloorKeepAlive);
 
 static void SharedByte(benchmark::State &state) {
   const pid_t tid = gettid();
-  for (auto _ : state)
+  for ([[maybe_unused]] auto _ : state)
     tov_sys_update_alive_seq(tid);
 }
 BENCHMARK(SharedByte);
@@ -264,7 +264,7 @@ static void keep_alive(benchmark::State &state) {
   const pid_t pid = getpid();
   const pid_t tid = gettid();
   tov_sys_reg_alive_info(tid);
-  for (auto _ : state)
+  for ([[maybe_unused]] auto _ : state)
     tov_client_reset_thread_notify(pid, tid, 120, 5);
 }
 

@@ -6,6 +6,7 @@
 #define TOV_TEST_FAKE_DAEMON_H
 
 #include <poll.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -62,7 +63,7 @@ class FakeDaemon {
     listener_ = tov_fd_t(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un at{};
     at.sun_family = AF_UNIX;
-    strcpy(at.sun_path, TOV_SOCKET_PATH);
+    snprintf(at.sun_path, sizeof at.sun_path, "%s", TOV_SOCKET_PATH);
     const auto length =
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(at.sun_path));
     if (bind(listener_.n, reinterpret_cast<sockaddr *>(&at), length) < 0 ||
@@ -165,7 +166,7 @@ class RefusingSocket {
     unlink(TOV_SOCKET_PATH);
     sockaddr_un at{};
     at.sun_family = AF_UNIX;
-    strcpy(at.sun_path, TOV_SOCKET_PATH);
+    snprintf(at.sun_path, sizeof at.sun_path, "%s", TOV_SOCKET_PATH);
     if (bind(fd_.n, reinterpret_cast<sockaddr *>(&at), sizeof at) < 0 || listen(fd_.n, 8) < 0)
       throw std::runtime_error(std::string("refusing socket: ") + strerror(errno));
   }

@@ -104,27 +104,29 @@ TEST_F(InstalledClient, TreeMayBeMoved) {
 }
 
 TEST_F(InstalledClient, HeadersAreStrictCAndCxx) {
-  tov_test::write_file(*tree_ / "only.c", "#include <tov/tov_xtach.h>\nint nothing;\n");
-  tov_test::write_file(*tree_ / "first.c", "#include <tov/tov.h>\nint nothing;\n");
-  for (const char *name : {"only.c", "first.c"}) {
-    const std::string source = *tree_ / name;
-    const std::string include = " -fsyntax-only -I" + prefix() + "/include ";
-    run("cc" + STRICT + include + source);
-    for (const char *standard : {"c++11", "c++17", "c++20"}) {
-      run("c++ -x c++ -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -std=" +
-          std::string(standard) + include + source);
+  static const std::string WITH = " -fsyntax-only -I" + prefix() + "/include ";
+  const auto compile = [](const std::string &compiler, const std::string &source) {
+    run(compiler + WITH + source);
+  };
+  for (const std::string header : {"tov.h", "tov_xtach.h"}) {
+    const std::string source = *tree_ / header + ".c";
+    tov_test::write_file(source, "#include <tov/" + header + ">\nint nothing;\n");
+    compile("cc" + STRICT, source);
+    for (const std::string standard : {"c++11", "c++17", "c++20"}) {
+      compile("c++ -x c++ -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror -std=" + standard, source);
     }
   }
 }
 
 TEST_F(InstalledClient, ExamplesCompileAsTheySay) {
-  const std::string examples = prefix() + "/share/doc/tov/examples/";
-  const std::string flags = " " + pkg_config("--cflags --libs");
-  run("cc -Wall -Werror" + INSTRUMENTED + " " + examples + "supervised_c.c" + flags +
-      " -D_GNU_SOURCE -o " + *tree_ / "a");
-  for (const char *name : {"supervised_cpp.cpp", "watched_worker.cpp"}) {
-    run("c++ -Wall -Werror" + INSTRUMENTED + " " + examples + name + flags + " -o " + *tree_ / "b");
-  }
+  const std::string warnings = " -Wall -Wextra -Werror" + INSTRUMENTED + " ";
+  const std::string rest = " " + pkg_config("--cflags --libs") + " -o " + *tree_ / "example";
+  const auto compile = [&](const std::string &compiler, const std::string &name) {
+    run(compiler + warnings + prefix() + "/share/doc/tov/examples/" + name + rest);
+  };
+  compile("cc -D_GNU_SOURCE", "supervised_c.c");
+  compile("c++", "supervised_cpp.cpp");
+  compile("c++", "watched_worker.cpp");
 }
 
 }  // namespace

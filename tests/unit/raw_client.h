@@ -3,6 +3,7 @@
 #define TOV_TEST_RAW_CLIENT_H
 
 #include <poll.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -26,7 +27,7 @@ class RawClient {
   int connect() {
     sockaddr_un at{};
     at.sun_family = AF_UNIX;
-    strcpy(at.sun_path, TOV_SOCKET_PATH);
+    snprintf(at.sun_path, sizeof at.sun_path, "%s", TOV_SOCKET_PATH);
     return ::connect(sd_.n, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0 ? 0 : errno;
   }
 

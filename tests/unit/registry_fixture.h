@@ -37,6 +37,7 @@ class IdleProcess {
   // One that runs `words`.
   explicit IdleProcess(const std::vector<const char *> &words) {
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (const char *word : words)
       argv.push_back(const_cast<char *>(word));
     argv.push_back(nullptr);

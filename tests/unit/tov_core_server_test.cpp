@@ -162,6 +162,7 @@ TEST_F(TovServer, LibraryAndServerUnderstandEachOther) {
 TEST_F(TovServer, RequestsSentInABurstOnFreshConnectionsAreAllCarriedOut) {
   // None waits for its acknowledgement, and each next one closes the connection of the last.
   std::vector<std::unique_ptr<IdleProcess>> processes;
+  processes.reserve(20);
   for (int i = 0; i < 20; i++)
     processes.push_back(std::make_unique<IdleProcess>());
   for (const auto &process : processes) {

@@ -25,6 +25,12 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// Fills a text field of a record.
+template <size_t SIZE>
+void set_text(char (&field)[SIZE], const char *text) {
+  snprintf(field, SIZE, "%s", text);
+}
+
 class TovMsg : public tov_test::RegistryFixture {
  protected:
   static tov_msg_xtach_t payload_of(pid_t pid) {
@@ -32,8 +38,8 @@ class TovMsg : public tov_test::RegistryFixture {
     payload.pid = pid;
     payload.vsd_id = 3;
     payload.restart_time = 9;
-    strcpy(payload.pathname, "/client/own reading");
-    strcpy(payload.grp, "test-1");
+    set_text(payload.pathname, "/client/own reading");
+    set_text(payload.grp, "test-1");
     return payload;
   }
   static tov_msg_xtach_t thread_payload(pid_t tid, pid_t ppid) {
@@ -54,8 +60,8 @@ class TovMsg : public tov_test::RegistryFixture {
     record->ppid = ppid;
     record->vsd_id = 0;
     record->action = RESPAWN;
-    strcpy(record->process, process);
-    strcpy(record->pathname, path);
+    set_text(record->process, process);
+    set_text(record->pathname, path);
     const tov_chains_guard_t hold(chains);
     tov_chain_insert(&chains, record);
   }
@@ -144,7 +150,7 @@ TEST_F(TovMsg, UnterminatedTextsEndAtTheirFields) {
 TEST_F(TovMsg, PercentSignsOfAClientAreNoFormat) {
   const IdleProcess process;
   auto payload = payload_of(process.pid());
-  strcpy(payload.pathname, "/opt/f%n%s%s%s");
+  set_text(payload.pathname, "/opt/f%n%s%s%s");
   ASSERT_EQ(tov_process_restart(&payload), 0);
   EXPECT_NE(events(TOV_LOG_REG_RESTART)[0].find("process:/opt/f%n%s%s%s pid:"), std::string::npos);
 }
@@ -408,9 +414,10 @@ TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
   std::this_thread::sleep_for(200ms);
   const bool free_meanwhile = pthread_mutex_trylock(&tov_chains.lock) == 0;
   if (free_meanwhile) pthread_mutex_unlock(&tov_chains.lock);
+  static constexpr size_t ALL = 199 * 1000;
   size_t total = 0;
   char buf[65536];
-  while (total < 199 * 1000) {
+  while (total < ALL) {
     const ssize_t count = read(pipe_ends[0], buf, sizeof buf);
     if (count <= 0) break;
     total += static_cast<size_t>(count);
@@ -426,7 +433,7 @@ TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
   drain.join();
   close(pipe_ends[0]);
   EXPECT_TRUE(free_meanwhile);
-  EXPECT_GE(total, 199u * 1000u);
+  EXPECT_GE(total, ALL);
 }
 
 }  // namespace

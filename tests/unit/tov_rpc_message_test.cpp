@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <memory>
@@ -56,7 +57,7 @@ Message make_message(uint32_t type, const std::string &payload) {
   Message msg(static_cast<tov_msg_head_t *>(calloc(1, TOV_MSG_HEAD_SIZE + payload.size() + 1)));
   msg->type = type;
   msg->len = static_cast<int32_t>(payload.size());
-  memcpy(msg->data, payload.data(), payload.size());
+  std::copy(payload.begin(), payload.end(), msg->data);
   return msg;
 }
 
@@ -109,7 +110,7 @@ class TovRpcMessage : public testing::Test {
 
 TEST_F(TovRpcMessage, TravelsAsOnePacketOfHeadAndPayload) {
   const Message msg = make_message(TOV_SHELL_RESTART, "payload");
-  strcpy(msg->pathname, "/etc/cmdmap/x.sh");
+  snprintf(msg->pathname, sizeof msg->pathname, "/etc/cmdmap/x.sh");
   ASSERT_EQ(tov_inner_send_msg(sds_[0], msg.get()), 0);
 
   char bytes[512];

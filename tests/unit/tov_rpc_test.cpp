@@ -214,15 +214,16 @@ TEST_F(TovRpc, SignsOfLifeAreNotWaitedFor) {
 }
 
 TEST_F(TovRpc, ThreadsTakeTurns) {
-  static constexpr int THREADS = 8;
-  static constexpr int EACH = 25;
+  static constexpr size_t THREADS = 8;
+  static constexpr size_t EACH = 25;
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
   FakeDaemon daemon;
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   std::atomic<int> failures{0};
-  for (int t = 0; t < THREADS; t++) {
+  for (size_t t = 0; t < THREADS; t++) {
     threads.emplace_back([&] {
-      for (int i = 0; i < EACH; i++) {
+      for (size_t i = 0; i < EACH; i++) {
         if (bare_request(TOV_RESTART, true) != 0) failures++;
       }
     });
@@ -230,7 +231,7 @@ TEST_F(TovRpc, ThreadsTakeTurns) {
   for (std::thread &thread : threads)
     thread.join();
   EXPECT_EQ(failures, 0);
-  EXPECT_EQ(daemon.requests(THREADS * EACH).size(), static_cast<size_t>(THREADS * EACH));
+  EXPECT_EQ(daemon.requests(THREADS * EACH).size(), THREADS * EACH);
 }
 
 // ---- retries ------------------------------------------------------------------------------------

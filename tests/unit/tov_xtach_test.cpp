@@ -160,6 +160,7 @@ TEST_F(TovXtach, ThreadsRegisterSideBySide) {
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
   FakeDaemon daemon;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; i++) {
     threads.emplace_back([] {
       for (int n = 0; n < 10; n++)
