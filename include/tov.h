@@ -167,13 +167,16 @@ enum {
 };
 
 /* Head of every message; `len` bytes of payload follow it in the same packet. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no flexible array, its compilers do */
 typedef struct tov_msg_head_s {
   uint32_t type; /* TOV_MSG_TYPE */
   int32_t len;
   char pathname[TOV_PATHNAME_SIZE]; /* start script of a TOV_SHELL_RESTART, otherwise empty */
   int32_t pid;                      /* 0; nobody reads it */
-  __extension__ char data[];
+  char data[];
 } tov_msg_head_t;
+#pragma GCC diagnostic pop
 
 /* Payload of the types 1 to 4. */
 typedef struct tov_msg_xtach_s {
