@@ -21,7 +21,8 @@ static constexpr struct {
     // The preloaded clock library comes before the sanitizer's, which is all right for it.
     {"ASAN_OPTIONS", "verify_asan_link_order=0"},
     {"UBSAN_OPTIONS", "print_stacktrace=1"},
-    {"TSAN_OPTIONS", "second_deadlock_stack=1"},
+    // A program that leaves is gone at once; by default the sanitizer waits a second for reports.
+    {"TSAN_OPTIONS", "second_deadlock_stack=1:atexit_sleep_ms=0"},
 };
 
 void add_sanitizer_settings(std::map<std::string, std::string> &env) {
