@@ -108,7 +108,7 @@ TEST(StartScript, ThatLeavesItsProgramInTheBackgroundIsNotMissed) {
   Device device;
   device.start_ready_daemon();
   Task bystander = start_worker(device, "bystander_bg");
-  Task task = install_worker(device, "background", {"script"});
+  Task task = install_worker(device, "left_behind", {"script"});
   device.write("/etc/cmdmap/" + task.name + ".sh",
                task.program + " script &\nuntil test -e /data/go; do sleep 0.01; done\n");
   start_worker(device, task, {"script"}, SHELL_RESTART);

@@ -16,7 +16,8 @@
 //   file=ACTION    write and lock the registration file with that action, and ask nobody
 //   vsd=N          the device number for that file
 //   watch          have the first thread watched, and give signs of life
-//   daemonise      fork into the background first
+//   daemonise      fork into the background first; so does every worker whose name holds
+//                  "background", for tests of programs without words
 // While /data/loop.NAME exists the worker fails soon after its start, again and again; when
 // /data/cancel.NAME exists it removes that file and withdraws its registration; when
 // /data/grow.NAME exists it removes that file and takes as many megabytes as it said.
@@ -155,7 +156,7 @@ int main(int argc, char **argv) {
     parse_word(argv[i]);
     words += std::string(" ") + argv[i];
   }
-  if (orders.daemonise) become_daemon();
+  if (orders.daemonise || name.find("background") != std::string::npos) become_daemon();
   register_self();
   for (;;) {
     sleep_ms(TICK_MS);

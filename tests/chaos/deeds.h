@@ -1,0 +1,23 @@
+// The deeds of a chaos run: one random disturbance at a time, and what it means for the model.
+#ifndef TOV_CHAOS_DEEDS_H
+#define TOV_CHAOS_DEEDS_H
+
+#include <sys/types.h>
+
+#include "run.h"
+
+namespace tov_chaos {
+
+// Does one deed to a program, to the daemon or to its files; chosen by weight. Some find nobody to
+// do it to and do nothing.
+void do_deed(Run &run);
+
+// Goes on with what takes its time: loops end, pauses end, the older of two instances goes.
+void carry_on(Run &run);
+
+// Ends one instance, and what that means: the program comes back, or it does not.
+void end_instance(Run &run, Program &program, pid_t pid, int signal);
+
+}  // namespace tov_chaos
+
+#endif  // TOV_CHAOS_DEEDS_H

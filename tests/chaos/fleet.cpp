@@ -1,0 +1,234 @@
+#include "fleet.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+#include "tov.h"
+
+namespace tov_chaos {
+
+static constexpr int VSDS = 16;
+static constexpr gid_t VSD_GROUP = 3000;
+static constexpr gid_t VSD_GROUP_STEP = 100;
+static constexpr Millis STEADY_AFTER_MS{300};
+// A registration is acknowledged before it is carried out, which may have to wait for a restart.
+static constexpr Millis STEADY_AFTER_START_MS{1'500};
+static constexpr Millis LISTED_WITHIN_MS{3'000};
+static constexpr size_t HISTORY = 40;
+
+static const Kind kinds[] = {
+    {"executed", By::LIBRARY, true, false, 0, {"exec"}, 22},
+    {"scripted", By::LIBRARY, true, true, 0, {"script"}, 12},
+    {"pathed", By::LIBRARY, true, true, 0, {"path=/anywhere/"}, 6},
+    {"watched", By::LIBRARY, true, false, 0, {"exec", "watch"}, 10},
+    {"member9", By::LIBRARY, true, false, 9, {"exec"}, 5},
+    {"member11", By::LIBRARY, true, true, 11, {"script"}, 3},
+    {"filed", By::FILE, true, false, 0, {"file=2"}, 10},
+    {"filedscript", By::FILE, true, true, 0, {"file=3"}, 6},
+    {"expected", By::FILE, false, false, 0, {"file=1"}, 4},
+    {"ignored", By::FILE, false, false, 0, {"file=4"}, 3},
+    {"listed", By::LIST, true, false, 0, {}, 6},
+    {"background", By::LIST, true, false, 0, {}, 4},  // the name is the order, see worker.cpp
+    {"listedscript", By::LIST, true, true, 0, {"words"}, 5},
+    {"stranger", By::NOBODY, false, false, 0, {}, 4},
+};
+
+int64_t now_ns() {
+  return tov_test::monotonic_ns();
+}
+
+static int64_t ns(Millis length) {
+  return std::chrono::nanoseconds(length).count() * tov_test::patience();
+}
+
+// ---- installation ---------------------------------------------------------------------------
+
+static Program make_program(const Kind &kind, int number) {
+  char digits[8];
+  snprintf(digits, sizeof digits, "%03d", number);
+  Program program;
+  program.kind = &kind;
+  // No name may be a part of another: the daemon's lists are searched for substrings.
+  program.name = tov_test::unique_name(std::string("ch_") + kind.label + "_" + digits + "_");
+  program.path = "/opt/" + program.name + "/" + program.name;
+  program.command = program.path;
+  for (const std::string &word : kind.words)
+    program.command += " " + word + (word.ends_with("/") ? program.name : "");
+  return program;
+}
+
+Fleet::Fleet(Device &device, size_t size) : device_(device) {
+  int number = 0;
+  for (size_t round = 0; programs.size() < size; round++)
+    for (const Kind &kind : kinds)
+      if (static_cast<int>(round) < kind.share && programs.size() < size)
+        programs.push_back(make_program(kind, number++));
+}
+
+static void link_program(Device &device, const Program &first, const Program &program) {
+  device.mkdir("/opt/" + program.name);
+  if (link(device.path(first.path).c_str(), device.path(program.path).c_str()) < 0)
+    throw std::runtime_error("link " + program.path + ": " + strerror(errno));
+}
+
+void Fleet::install() {
+  device_.install_program(programs[0].name, "worker");
+  for (const Program &program : programs) {
+    const Kind &kind = *program.kind;
+    if (&program != &programs[0]) link_program(device_, programs[0], program);
+    if (kind.by_script)
+      device_.install_start_script(program.name, "exec " + program.command + "\n");
+    if (kind.by == By::LIST)
+      device_.write("/etc/tov/proc/" + program.name,
+                    program.command + (kind.by_script ? " TOV_SHELL_RESTART" : " TOV_RESTART"));
+    if (kind.vsd > 0) device_.mkdir("/data/var/run/vsd/" + std::to_string(kind.vsd), 0777);
+  }
+}
+
+// ---- life -----------------------------------------------------------------------------------
+
+void Fleet::start(Program &program) {
+  std::istringstream text(program.command);
+  std::vector<std::string> argv;
+  for (std::string word; text >> word;)
+    argv.push_back(word);
+  tov_test::SpawnOptions options;
+  options.limits = {{RLIMIT_CORE, 0, 0}};
+  if (program.kind->vsd > 0)
+    options.groups = {{VSD_GROUP + VSD_GROUP_STEP * static_cast<gid_t>(program.kind->vsd)}};
+  const pid_t child = device_.spawn(argv, options);
+  children_.push_back(child);
+  program.should_run = true;
+  program.fresh = true;
+  program.condemned = 0;
+  program.changed_ns = now_ns();
+  note(program, "started as " + std::to_string(child));
+}
+
+void Fleet::take_report(Program &program, const std::string &what, pid_t pid) {
+  note(program, what + " " + std::to_string(pid));
+  program.changed_ns = now_ns();
+  if (what == "birth") {
+    program.born.insert(pid);
+    program.registered.erase(pid);
+    program.pid = pid;
+  }
+  if (what == "registered") {
+    program.registered.insert(pid);
+    if (program.kind->by == By::LIBRARY) program.supervised = true;
+  }
+  if (what == "cancelled") {
+    program.cancelling = false;
+    program.supervised = false;
+  }
+}
+
+// Only whole lines: the rest comes with the next call.
+void Fleet::read_reports(Program &program) {
+  const std::string text = device_.read("/data/worker." + program.name);
+  size_t end;
+  while ((end = text.find('\n', program.reports_read)) != std::string::npos) {
+    const std::string line = text.substr(program.reports_read, end - program.reports_read);
+    program.reports_read = end + 1;
+    const size_t blank = line.find(' ');
+    take_report(program, line.substr(0, blank), std::stoi(line.substr(blank + 1)));
+  }
+}
+
+void Fleet::read_reports() {
+  std::erase_if(children_, [&](pid_t child) { return device_.wait(child, Millis(0)).has_value(); });
+  for (Program &program : programs) {
+    read_reports(program);
+    if (program.kind->by != By::LIST || !program.fresh || program.supervised) continue;
+    // The daemon's own registration of it shows in the file.
+    if (program.pid != 0 && device_.exists(registration_path(program, program.pid))) {
+      program.supervised = true;
+      note(program, "is registered");
+    } else if (now_ns() - program.changed_ns > ns(LISTED_WITHIN_MS)) {
+      program.uncertain = true;
+    }
+  }
+}
+
+bool Fleet::steady(const Program &program) const {
+  const bool busy = program.looping || program.uncertain || program.cancelling ||
+                    program.doubled != 0 || program.wake_ns != 0;
+  if (busy || !program.should_run || program.pid == 0 || program.condemned == program.pid)
+    return false;
+  if (!program.registered.contains(program.pid)) return false;
+  if (program.fresh && program.kind->by == By::LIST && !program.supervised) return false;
+  const Millis margin = program.fresh ? STEADY_AFTER_START_MS : STEADY_AFTER_MS;
+  if (now_ns() - program.changed_ns < ns(margin)) return false;
+  return device_.lives(program.pid) && tov_test::command_line(program.pid) == program.command;
+}
+
+void Fleet::loop(Program &program, bool on) {
+  if (program.looping == on) return;
+  program.looping = on;
+  program.changed_ns = now_ns();
+  note(program, on ? "begins to loop" : "stops looping");
+  if (on)
+    device_.write("/data/loop." + program.name, "");
+  else
+    device_.remove("/data/loop." + program.name);
+}
+
+void Fleet::pause(Program &program, Millis length) {
+  device_.kill(program.pid, SIGSTOP);
+  program.wake_ns = now_ns() + ns(length);
+  note(program, "paused");
+}
+
+void Fleet::wake(bool all) {
+  for (Program &program : programs) {
+    if (program.wake_ns == 0 || (!all && program.wake_ns > now_ns())) continue;
+    program.wake_ns = 0;
+    if (device_.lives(program.pid)) device_.kill(program.pid, SIGCONT);
+    note(program, "woken");
+  }
+}
+
+// ---- what is there --------------------------------------------------------------------------
+
+std::vector<pid_t> Fleet::instances(const Program &program,
+                                    const std::vector<Device::Process> &processes) {
+  std::vector<pid_t> pids;
+  for (const auto &process : processes)
+    if (process.command == program.command) pids.push_back(process.pid);
+  return pids;
+}
+
+std::string Fleet::registration_path(const Program &program, pid_t pid) const {
+  return Device::register_path(program.kind->vsd, pid, program.command);
+}
+
+std::vector<RegistrationFile> Fleet::registration_files() const {
+  std::vector<RegistrationFile> files;
+  for (int vsd = 0; vsd < VSDS; vsd++) {
+    const std::string directory = "/tmp/vsd/" + std::to_string(vsd) + "/tov/db";
+    for (const std::string &name : device_.list(directory)) {
+      RegistrationFile file{vsd, directory + "/" + name, 0, {}};
+      std::istringstream text(device_.read(file.path));
+      int action = 0;
+      if (text >> file.pid >> action && text.get() == '\n' && std::getline(text, file.command))
+        files.push_back(std::move(file));
+    }
+  }
+  return files;
+}
+
+void Fleet::note(Program &program, const std::string &text) const {
+  char stamp[32];
+  snprintf(stamp, sizeof stamp, "%10.3f ", static_cast<double>(now_ns()) / 1e9);
+  program.history.push_back(stamp + text);
+  if (program.history.size() > HISTORY) program.history.pop_front();
+}
+
+}  // namespace tov_chaos

@@ -1,0 +1,138 @@
+// The programs of a chaos run: what they are, what should become of them, and what is seen of them.
+//
+// All are workers (support/programs/worker.cpp) under names of their own, linked to one file so
+// that a hundred of them cost no memory.
+#ifndef TOV_CHAOS_FLEET_H
+#define TOV_CHAOS_FLEET_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "device.h"
+
+namespace tov_chaos {
+
+using tov_test::Device;
+using tov_test::Millis;
+
+// The only source of chance: a run is repeated by its seed, as far as the machine's timing goes.
+class Chance {
+ public:
+  explicit Chance(uint64_t seed) : engine_(seed) {}
+  // 0 to `count` - 1
+  size_t below(size_t count) {
+    return std::uniform_int_distribution<size_t>(0, count - 1)(engine_);
+  }
+  int between(int low, int high) { return std::uniform_int_distribution<int>(low, high)(engine_); }
+  template <typename List>
+  auto &pick(List &list) {
+    return list[below(std::size(list))];
+  }
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+// Who makes a program known to the daemon.
+enum class By {
+  NOBODY,   // a stranger, which must never be started by the daemon
+  LIBRARY,  // itself, by a client call
+  FILE,     // itself, by its registration file alone: known from the daemon's next start on
+  LIST,     // the daemon, when the program is executed
+};
+
+struct Kind {
+  const char *label;
+  By by;
+  bool comes_back;  // after any end but that by signal 15
+  bool by_script;
+  int vsd;
+  std::vector<std::string> words;
+  int share;  // of a hundred programs
+};
+
+struct Program {
+  const Kind *kind = nullptr;
+  std::string name;
+  std::string path;
+  std::string command;
+
+  // The model: what must be true once everything has settled.
+  bool should_run = false;
+  bool supervised = false;  // the daemon knows it, dead or alive
+
+  // What is under way; nothing is done to a program that is not steady().
+  pid_t pid = 0;           // latest instance that reported its birth
+  int64_t changed_ns = 0;  // time of the latest report
+  bool fresh = false;      // started by us, so the daemon may not know it yet
+  pid_t condemned = 0;     // instance to which something deadly was done
+  bool looping = false;
+  bool uncertain = false;  // whether the daemon knows it turns out at its next start
+  bool cancelling = false;
+  bool may_double = false;  // the daemon's death left two registrations behind
+  pid_t doubled = 0;        // the older of two instances that we started on purpose
+  int64_t wake_ns = 0;      // paused until then; 0: it is not
+
+  std::set<pid_t> born;
+  std::set<pid_t> registered;
+  size_t reports_read = 0;
+  std::deque<std::string> history;  // for the report of a failure
+};
+
+struct RegistrationFile {
+  int vsd;
+  std::string path;
+  pid_t pid;
+  std::string command;
+};
+
+class Fleet {
+ public:
+  Fleet(Device &device, size_t size);
+
+  // Puts programs, scripts and lists into the device. Before the first daemon.
+  void install();
+  // Starts an instance as a child of ours.
+  void start(Program &program);
+  // Takes in what the instances have reported since the last call; buries our dead children.
+  void read_reports();
+  // Whether the program runs undisturbed and everybody knows of it.
+  bool steady(const Program &program) const;
+
+  std::vector<Device::Process> processes() const { return device_.processes(); }
+  static std::vector<pid_t> instances(const Program &program,
+                                      const std::vector<Device::Process> &processes);
+  // What a fresh daemon will find.
+  std::vector<RegistrationFile> registration_files() const;
+  std::string registration_path(const Program &program, pid_t pid) const;
+
+  // Lets a program fail again and again, or no longer.
+  void loop(Program &program, bool on);
+  void pause(Program &program, Millis length);
+  // Wakes those whose time has come, or all.
+  void wake(bool all);
+
+  void note(Program &program, const std::string &text) const;
+
+  std::vector<Program> programs;
+
+ private:
+  void read_reports(Program &program);
+  void take_report(Program &program, const std::string &what, pid_t pid);
+
+  Device &device_;
+  std::vector<pid_t> children_;  // not yet buried
+};
+
+int64_t now_ns();
+
+}  // namespace tov_chaos
+
+#endif  // TOV_CHAOS_FLEET_H

@@ -1,0 +1,129 @@
+// Second copies: the daemon removes the registration file of a dead process only after it has
+// started the successor. Killed between the two it leaves a file that names a dead process beside
+// a living successor, and its own successor starts the program again. The same happens when an
+// operator started a program whose earlier registration still lay there. Both instances are then
+// registered; the first of them that ends is not started again.
+#include "upheaval.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+
+#include "deeds.h"
+
+namespace tov_chaos {
+
+static constexpr Millis QUIET_LIMIT_MS{10'000};
+static constexpr Millis LAST_WORDS_MS{100};
+static constexpr Millis LAST_FAILURE_MS{80};
+static constexpr Millis READY_LIMIT_MS{20'000};
+
+// Has every process that a daemon forked become what it is to be, and told so?
+static bool is_quiet(Run &run) {
+  run.fleet.read_reports();
+  const auto processes = run.fleet.processes();
+  const std::string daemon = run.device.binary_dir() + "/tov";
+  for (const auto &process : processes)
+    if (process.command == daemon || process.command.starts_with("/bin/sh /etc/cmdmap/"))
+      return false;
+  for (const Program &program : run.fleet.programs)
+    for (const pid_t pid : Fleet::instances(program, processes))
+      if (!program.born.contains(pid)) return false;
+  return true;
+}
+
+struct Stock {
+  std::vector<pid_t> living;
+  size_t dead_files = 0;
+  bool living_has_file = false;
+  bool asks_still = false;  // a living instance whose registration call has not come back
+};
+
+static Stock count(const Program &program, const std::vector<Device::Process> &processes,
+                   const std::vector<RegistrationFile> &files) {
+  Stock stock;
+  stock.living = Fleet::instances(program, processes);
+  for (const RegistrationFile &file : files) {
+    if (file.command != program.command) continue;
+    if (std::find(stock.living.begin(), stock.living.end(), file.pid) != stock.living.end())
+      stock.living_has_file = true;
+    else
+      stock.dead_files++;
+  }
+  for (const pid_t pid : stock.living)
+    if (program.kind->by == By::LIBRARY && !program.registered.contains(pid))
+      stock.asks_still = true;
+  return stock;
+}
+
+static void take_stock(Run &run) {
+  const auto processes = run.fleet.processes();
+  const auto files = run.fleet.registration_files();
+  for (Program &program : run.fleet.programs) {
+    const Stock stock = count(program, processes, files);
+    const size_t coming = stock.living.size() + stock.dead_files;
+    program.should_run = coming > 0;
+    program.supervised = stock.living_has_file || stock.dead_files > 0 || stock.asks_still;
+    program.may_double = coming > 1;
+    if (coming > 1) {
+      run.counts[program.doubled != 0 ? "doubled still" : "two registrations left"]++;
+    }
+    program.uncertain = false;
+    program.fresh = false;
+    program.doubled = 0;
+    run.fleet.note(program, "stock: " + std::to_string(stock.living.size()) + " living, " +
+                                std::to_string(stock.dead_files) + " dead files" +
+                                (stock.living_has_file ? ", living registered" : "") +
+                                (stock.asks_still ? ", living asks" : ""));
+  }
+}
+
+void kill_daemon(Run &run) {
+  run.blind = false;
+  if (const auto status = run.device.wait_daemon(Millis(0)))
+    throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));
+  run.device.kill_daemon();
+  run.counts["daemon killed"]++;
+  for (Program &program : run.fleet.programs)
+    run.fleet.loop(program, false);
+  run.fleet.wake(true);
+  std::this_thread::sleep_for(LAST_FAILURE_MS);
+  if (!tov_test::wait_until([&] { return is_quiet(run); }, QUIET_LIMIT_MS))
+    throw std::runtime_error("without a daemon the programs do not come to rest");
+  std::this_thread::sleep_for(LAST_WORDS_MS);
+  run.fleet.read_reports();
+  take_stock(run);
+}
+
+// Ends all instances but the newest.
+static void end_second_copies(Run &run, Program &program) {
+  std::vector<pid_t> pids;
+  const bool both = tov_test::wait_until(
+      [&] {
+        run.fleet.read_reports();
+        pids = Fleet::instances(program, run.fleet.processes());
+        return pids.size() > 1 && std::all_of(pids.begin(), pids.end(), [&](pid_t pid) {
+                 return program.registered.contains(pid);
+               });
+      },
+      QUIET_LIMIT_MS);
+  if (!both) return;
+  run.counts["second copy ended"]++;
+  for (const pid_t pid : pids) {
+    if (pid == program.pid) continue;
+    run.device.kill(pid, SIGKILL);
+    run.fleet.note(program, "second copy " + std::to_string(pid) + " ended");
+  }
+}
+
+void start_daemon(Run &run) {
+  run.device.start_daemon(run.daemon_options());
+  if (!run.device.wait_daemon_ready(READY_LIMIT_MS))
+    throw std::runtime_error("the daemon does not come up");
+  for (Program &program : run.fleet.programs)
+    if (program.may_double) end_second_copies(run, program);
+}
+
+}  // namespace tov_chaos

@@ -1,0 +1,21 @@
+// The daemon's sudden death and its successor.
+//
+// While there is no daemon nothing changes, so this is where the model is brought in line with what
+// the rules say about registrations: what the fresh daemon finds in files decides what it knows,
+// and every registered program that it finds dead is started, whatever its action.
+#ifndef TOV_CHAOS_UPHEAVAL_H
+#define TOV_CHAOS_UPHEAVAL_H
+
+#include "run.h"
+
+namespace tov_chaos {
+
+// Kills the daemon, waits until nothing moves any more and takes stock.
+void kill_daemon(Run &run);
+
+// Starts a daemon, and ends the second copies that it had to start (see upheaval.cpp).
+void start_daemon(Run &run);
+
+}  // namespace tov_chaos
+
+#endif  // TOV_CHAOS_UPHEAVAL_H
