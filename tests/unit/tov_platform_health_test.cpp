@@ -87,7 +87,8 @@ class TovHealth : public testing::Test {
     refused_kills.clear();
   }
   void TearDown() override {
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    // To the last one: a hook that is still at work would be taken for the next test's.
+    while (waitpid(-1, nullptr, 0) > 0) {
     }
     fs::remove_all(HOOK);
   }
