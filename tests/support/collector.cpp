@@ -37,21 +37,21 @@ void Collector::stop() {
 
 bool Collector::read_log() {
   char text[READ_BYTES];
+  const std::lock_guard guard(mutex_);  // before the packet is taken, so that order is kept
   const ssize_t got = recv(log_.n, text, sizeof text, MSG_DONTWAIT);
   if (got < 0) return false;
   Notice notice{monotonic_ns() / 1'000'000, std::string(text, static_cast<size_t>(got))};
   while (!notice.text.empty() && (notice.text.back() == '\n' || notice.text.back() == '\0'))
     notice.text.pop_back();
-  const std::lock_guard guard(mutex_);
   notices_.push_back(std::move(notice));
   return true;
 }
 
 bool Collector::read_console() {
   char text[READ_BYTES];
+  const std::lock_guard guard(mutex_);
   const ssize_t got = read(console_.n, text, sizeof text);
   if (got <= 0) return false;
-  const std::lock_guard guard(mutex_);
   console_text_.append(text, static_cast<size_t>(got));
   return true;
 }
@@ -70,17 +70,21 @@ void Collector::run() {
     stopping = watched[0].revents != 0;
     while (read_log()) {
     }
-    while (console_.n >= 0 && read_console()) {
+    while (read_console()) {
     }
   }
 }
 
-std::vector<Notice> Collector::notices() const {
+std::vector<Notice> Collector::notices() {
+  while (read_log()) {
+  }
   const std::lock_guard guard(mutex_);
   return notices_;
 }
 
-std::string Collector::console() const {
+std::string Collector::console() {
+  while (read_console()) {
+  }
   const std::lock_guard guard(mutex_);
   return console_text_;
 }

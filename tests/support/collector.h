@@ -19,7 +19,8 @@ struct Notice {
 };
 
 // Owns the two descriptors and one thread. The accessors may be called from any thread and return
-// copies.
+// copies. They take in first what has arrived: who saw what a program did after it spoke also finds
+// what it said.
 class Collector {
  public:
   // log      a bound datagram socket
@@ -31,8 +32,8 @@ class Collector {
   ~Collector() { stop(); }
 
   void stop();
-  std::vector<Notice> notices() const;
-  std::string console() const;
+  std::vector<Notice> notices();
+  std::string console();
 
  private:
   void run();
@@ -42,7 +43,7 @@ class Collector {
   tov_fd_t log_;
   tov_fd_t console_;
   tov_fd_t wake_;
-  mutable std::mutex mutex_;  // guards the two below
+  std::mutex mutex_;  // guards the two below and the order of what is read
   std::vector<Notice> notices_;
   std::string console_text_;
   std::thread thread_;
