@@ -1,8 +1,9 @@
 // The registration server: the thread that takes clients' requests.
 //
 // The table of client descriptors is the record of who is connected; the epoll instance is made
-// anew from it in every pass. That costs a little for each pass and saves all bookkeeping between
-// two records: an event can never belong to a descriptor that was closed and given out again.
+// anew from it in every pass. That costs a little for each connected client and saves all
+// bookkeeping between two records: an event can never belong to a descriptor that was closed and
+// given out again.
 // Events are level-triggered and each descriptor is asked for one request a pass, so a client that
 // sends without pause cannot keep the others out.
 //
@@ -14,6 +15,8 @@
 #include "tov_core_server.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -25,7 +28,6 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
-#include <utility>
 
 #include "tov_core_state.h"
 #include "tov_core_thread.h"
@@ -43,7 +45,8 @@ static constexpr mode_t SOCKET_MODE = 0777;  // every user's processes may regis
 enum {
   TOV_LISTEN_BACKLOG = 2048,
   TOV_EVENT_NUM = TOV_CLIENT_NUM + 1,  // the listening socket has one too
-  TOV_WAIT_MS = 10000                  // bounds how late `quit` is noticed
+  TOV_WAIT_MS = 10000,                 // bounds how late `quit` is noticed
+  FD_PATH_SIZE = 32                    // "/proc/self/fd/%d"
 };
 
 // Why the thread ends; the numbers stand in the event log.
@@ -61,7 +64,6 @@ enum result_e {
   RES_LOST = -10
 };
 
-static int tov_clnt_sd[TOV_CLIENT_NUM];  // -1: a free slot
 static epoll_event tov_ep_eset[TOV_EVENT_NUM];
 
 struct free_received_s {
@@ -120,11 +122,16 @@ static int refuse_type(int type) {
   return -1;
 }
 
+// Says what came of a request. Nobody else hears of it: the client was acknowledged before.
+static void print_result(int type, int err) {
+  TOV_DBG("%s type:%d err:%d\n", "tov_dispatch_domain_msg", type, err);
+}
+
 void tov_dispatch_domain_msg(int type, char *pathname, [[maybe_unused]] int sd, void *data) {
   const auto *known = std::find_if(std::begin(handlers), std::end(handlers),
                                    [type](const auto &row) { return row.type == type; });
-  const int err = known != std::end(handlers) ? known->handle(pathname, data) : refuse_type(type);
-  TOV_DBG("%s type:%d err:%d\n", __func__, type, err);
+  print_result(type,
+               known != std::end(handlers) ? known->handle(pathname, data) : refuse_type(type));
 }
 
 int tov_recv_domain_msg(int sd) {
@@ -145,30 +152,27 @@ int tov_recv_domain_msg(int sd) {
   const int type = static_cast<int>(msg->type);
   if (tov_msg_check_payload(type, msg->len) == 0) {
     tov_dispatch_domain_msg(type, msg->pathname, sd, msg->data);
+  } else {
+    print_result(type, -1);
   }
   return 0;
 }
 
-// ---- the table of clients ---------------------------------------------------------------------
-
-static int *find_slot(int sd) {
-  int *slot = std::find(std::begin(tov_clnt_sd), std::end(tov_clnt_sd), sd);
-  return slot == std::end(tov_clnt_sd) ? nullptr : slot;
-}
+// ---- clients ----------------------------------------------------------------------------------
 
 static void close_clients() {
-  for (int &sd : tov_clnt_sd) {
-    if (sd >= 0) close(std::exchange(sd, -1));
+  for (const int sd : tov_clients()) {
+    if (sd >= 0) close(sd);
   }
+  tov_clients_init();
 }
 
 static int drop_client(int sd) {
-  int *slot = find_slot(sd);
-  if (slot == nullptr) {
+  if (!tov_clients_remove(sd)) {
     TOV_DBG("%s: logic err, clnt_sd:%d lost!\n", THREAD_NAME, sd);
     return RES_LOST;
   }
-  close(std::exchange(*slot, -1));
+  close(sd);
   return RES_QUIT;
 }
 
@@ -183,12 +187,11 @@ static int accept_client(int listener) {
     TOV_DBG("%s: accept fail: %s\n", THREAD_NAME, strerror(errno));
     return errno == EINTR ? RES_QUIT : RES_ACCEPT;
   }
-  int *slot = find_slot(-1);
-  if (slot == nullptr) {
+  if (!tov_clients_add(client.n)) {
     TOV_DBG("%s: logic err, clnt_sd full, now_sd:%d!\n", THREAD_NAME, client.n);
     return RES_FULL;
   }
-  *slot = tov_fd_take(client);
+  (void)tov_fd_take(client);  // the table's from here on
   return RES_QUIT;
 }
 
@@ -209,7 +212,7 @@ static int watch(int ep_fd, int fd, int failure) {
 static int watch_all(int ep_fd, int listener, int *count) {
   int res = watch(ep_fd, listener, RES_WATCH_LISTENER);
   *count = 1;
-  for (const int sd : tov_clnt_sd) {
+  for (const int sd : tov_clients()) {
     if (res != RES_QUIT) break;
     if (sd < 0) continue;
     res = watch(ep_fd, sd, RES_WATCH_CLIENT);
@@ -239,7 +242,7 @@ static int run_pass(int listener) {
   int res = watch_all(ep.n, listener, &count);
   if (res != RES_QUIT) return res;
 
-  std::fill(std::begin(tov_ep_eset), std::end(tov_ep_eset), epoll_event{});
+  std::fill_n(tov_ep_eset, count, epoll_event{});
   // Only a signal can make it fail (-1): the next pass waits again.
   const int ready = epoll_wait(ep.n, tov_ep_eset, count, TOV_WAIT_MS);
   for (int i = 0; i < ready && res == RES_QUIT; i++)
@@ -255,6 +258,18 @@ static int setup_failed(const char *step, int res) {
   return res;
 }
 
+// Lets everybody connect; bind() left what the umask allows. The directory is open to strangers,
+// who may have put something else in the socket's place since: a path would lead to that, and
+// through a link anywhere. So what is there is opened first and changed only if it is a socket.
+static void open_to_everybody() {
+  const tov_fd_t found(open(TOV_SOCKET_PATH, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (found.n < 0 || fstat(found.n, &status) < 0 || !S_ISSOCK(status.st_mode)) return;
+  char self[FD_PATH_SIZE];  // fchmod() refuses a descriptor of this kind
+  (void)snprintf(self, sizeof self, "/proc/self/fd/%d", found.n);
+  (void)chmod(self, SOCKET_MODE);
+}
+
 // Makes the listening socket. What stands at its path, usually the socket of an earlier daemon, is
 // removed first.
 static int open_listener(tov_fd_t *listener) {
@@ -267,7 +282,7 @@ static int open_listener(tov_fd_t *listener) {
   if (bind(listener->n, reinterpret_cast<sockaddr *>(&at), length) < 0) {
     return setup_failed("bind sk_unix", RES_BIND);
   }
-  chmod(TOV_SOCKET_PATH, SOCKET_MODE);  // bind() left what the umask allows
+  open_to_everybody();
   if (listen(listener->n, TOV_LISTEN_BACKLOG) < 0)
     return setup_failed("listen sk_unix", RES_LISTEN);
   return RES_QUIT;
@@ -292,7 +307,7 @@ void *tov_process_domain(void * /*arg*/) {
     TOV_DBG("%s: %s\n", THREAD_NAME, strerror(errno));
     return nullptr;
   }
-  std::fill(std::begin(tov_clnt_sd), std::end(tov_clnt_sd), -1);
+  tov_clients_init();
   const int res = serve();
   const int err = res == RES_QUIT ? 0 : errno;
   close_clients();

@@ -12,10 +12,7 @@
 #define TOV_CORE_SERVER_H
 
 #include "tov.h"
-
-enum {
-  TOV_CLIENT_NUM = 2048  // connected clients at once
-};
+#include "tov_core_clients.h"
 
 // Thread body; the parameter is ignored and the result is null. Runs at real-time priority 99 until
 // `quit` is set, which it notices within 10 s, or its machinery fails; sets `quit` itself when it

@@ -1,5 +1,6 @@
 // How the registration server ends: each failure of its own machinery has its number in the event
 // log, `quit` is set, and everything it held is closed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <stdarg.h>
@@ -71,9 +72,25 @@ extern "C" int epoll_ctl(int ep, int op, int fd, epoll_event *event) noexcept {
   return fails(which, ENOMEM) ? -1 : static_cast<int>(syscall(SYS_epoll_ctl, ep, op, fd, event));
 }
 
+// A value that no event has, left by each wait in the records that it was not given.
+static constexpr uint64_t UNTOUCHED = 0x5245434f52442121;
+static std::atomic<bool> left_mark{false};
+static std::atomic<int> marks_lost{0};
+static std::atomic<int> records_not_cleared{0};
+
+static void look_at_records(epoll_event *events, int count) {
+  epoll_event &last = events[TOV_CLIENT_NUM];  // there is one more for the listening socket
+  if (count > TOV_CLIENT_NUM) return;
+  if (left_mark.exchange(true) && last.data.u64 != UNTOUCHED) marks_lost++;
+  last.data.u64 = UNTOUCHED;
+  for (int i = 0; i < count; i++)
+    if (events[i].events != 0 || events[i].data.u64 != 0) records_not_cleared++;
+}
+
 extern "C" int epoll_wait(int ep, epoll_event *events, int count, int timeout) {
   asked_events = count;
   asked_timeout = timeout;
+  look_at_records(events, count);
   const long ready = syscall(SYS_epoll_pwait, ep, events, count, timeout, nullptr, 0);
   if (ready > 0 && fails(EVENT_WITHOUT_INPUT, 0)) events[0].events = EPOLLERR | EPOLLHUP;
   if (ready > 0 && fails(EVENT_OF_A_STRANGER, 0)) events[0].data.fd = 1 << 20;
@@ -95,6 +112,15 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
 extern "C" int listen(int sd, int backlog) noexcept {
   EXPECT_EQ(backlog, 2048);
   return fails(LISTEN, EADDRINUSE) ? -1 : static_cast<int>(syscall(SYS_listen, sd, backlog));
+}
+
+// What a stranger does in the instant after the socket was made; null: nothing.
+static std::atomic<void (*)()> after_bind{nullptr};
+
+extern "C" int bind(int sd, const sockaddr *at, socklen_t length) noexcept {
+  const int res = static_cast<int>(syscall(SYS_bind, sd, at, length));
+  if (void (*stranger)() = after_bind.exchange(nullptr); stranger != nullptr) stranger();
+  return res;
 }
 
 extern "C" int prctl(int option, ...) noexcept {
@@ -209,6 +235,67 @@ TEST_F(TovServerEnd, DirectoryAtTheSocketPathIsMinusTwo) {
   EXPECT_NE(printed().find("]tov_process_domain: bind sk_unix fail: Address already in use\n"),
             std::string::npos);
 }
+
+// ---- what it touches ----------------------------------------------------------------------------
+
+constexpr char PRECIOUS[] = "/tmp/tov_precious";
+
+mode_t mode_of(const char *path) {
+  struct stat found {};
+  return lstat(path, &found) == 0 ? found.st_mode & 07777u : 0;
+}
+
+TEST_F(TovServerEnd, LinkPlantedAtTheSocketPathChangesNoOtherFilesMode) {
+  const tov_fd_t precious(open(PRECIOUS, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  ASSERT_EQ(fchmod(precious.n, 0600), 0);
+  // A symbolic link leads away, and so does a second name of the file itself.
+  for (void (*plant)() : {+[] { (void)!symlink(PRECIOUS, TOV_SOCKET_PATH); },
+                          +[] { (void)!link(PRECIOUS, TOV_SOCKET_PATH); }}) {
+    static void (*planted)();
+    planted = plant;
+    after_bind = [] {
+      unlink(TOV_SOCKET_PATH);
+      planted();
+    };
+    // Nobody can connect to it; it ends when it next looks, after the failure of its first wait.
+    failure = EPOLL_CREATE;
+    ServerThread server;
+    server.join();
+    EXPECT_EQ(mode_of(PRECIOUS), 0600u);
+    unlink(TOV_SOCKET_PATH);
+  }
+  unlink(PRECIOUS);
+}
+
+TEST_F(TovServerEnd, SocketIsOpenToEverybodyWhateverTheUmask) {
+  const mode_t before = umask(0077);
+  {
+    ServerThread server;
+    EXPECT_TRUE(server.up());
+    EXPECT_EQ(mode_of(TOV_SOCKET_PATH), 0777u);
+  }
+  umask(before);
+}
+
+TEST_F(TovServerEnd, PassTouchesTheRecordsOfItsClientsAlone) {
+  marks_lost = 0;
+  records_not_cleared = 0;
+  left_mark = false;
+  ServerThread server;
+  ASSERT_TRUE(server.up());
+  for (int i = 0; i < 10; i++) {
+    RawClient client;
+    ASSERT_EQ(client.connect(), 0);
+    ASSERT_TRUE(client.send(tov_test::packet(77, 0, "")));
+    EXPECT_EQ(client.answer(), RawClient::CLOSED);
+  }
+  server.stop();
+  EXPECT_TRUE(left_mark);
+  EXPECT_EQ(marks_lost, 0) << "records beyond the clients' were written";
+  EXPECT_EQ(records_not_cleared, 0);
+}
+
+// ---- results ------------------------------------------------------------------------------------
 
 TEST_F(TovServerEnd, ListenRefusedIsMinusThree) {
   start_with(LISTEN);

@@ -221,6 +221,36 @@ TEST_F(TovServer, ShortRecordsAreAcknowledgedAndRefused) {
   EXPECT_EQ(count_of(tov_chains) + count_of(tov_alive_chains), 0);
 }
 
+TEST_F(TovServer, ResultOfAShortRecordIsToldLikeAnyOther) {
+  static constexpr struct {
+    uint32_t type;
+    int32_t len;
+    const char *handler;
+  } requests[] = {
+      {TOV_RESTART, 319, "tov_process_restart"},
+      {TOV_SHELL_RESTART, 0, "tov_process_shell_restart"},
+      {TOV_MSG_ACK, 4, "tov_notifier_start"},
+      {TOV_MSG_CONS, 7, "tov_process_cons_msg"},
+  };
+  set_diagnostics(TOV_DBG_VERBOSE);
+  CaptureStdout();
+  for (const auto &request : requests) {
+    const std::string payload(static_cast<size_t>(request.len), 'x');
+    EXPECT_EQ(answer_to(packet(request.type, payload)), RawClient::ACKNOWLEDGED);
+  }
+  EXPECT_TRUE(good_client_is_served());  // the requests before it are done
+  set_diagnostics(TOV_DBG_END);
+  const std::string printed = GetCapturedStdout();
+  for (const auto &request : requests) {
+    const std::string type = "type:" + std::to_string(request.type);
+    EXPECT_NE(printed.find("]" + std::string(request.handler) + ": payload too short(" + type +
+                           ", len:" + std::to_string(request.len) + ")!\n"),
+              std::string::npos);
+    EXPECT_NE(printed.find("]tov_dispatch_domain_msg " + type + " err:-1\n"), std::string::npos)
+        << type;
+  }
+}
+
 TEST_F(TovServer, UnterminatedTextsAreCut) {
   const IdleProcess process;
   auto payload = own_payload();
