@@ -18,6 +18,8 @@
 #include "tov_sys_alive.h"
 #include "tov_utils.h"
 
+enum { FILE_NAME_SIZE = 256 };
+
 // A thread id's slot in the shared area, by its number. A negative id would index before it.
 static bool has_slot(pid_t tid) {
   return tid >= 0 && tid < TOV_ALIVE_ID_COUNT;
@@ -82,12 +84,38 @@ static bool insert_process(const tov_msg_xtach_t *payload, int action, const cha
   return true;
 }
 
+// Whether a record is registered under the file name of `wanted`. Caller holds tov_chains.
+static bool has_record_of_file(const tov_pid_t &wanted) {
+  char name[FILE_NAME_SIZE];
+  tov_get_db_file_name(wanted.vsd_id, wanted.pid, wanted.process, name, sizeof name);
+  return !tov_chain_for_each_in(&tov_chains, pidhash(wanted.pid), [&](const tov_pid_t &record) {
+    char other[FILE_NAME_SIZE];
+    tov_get_db_file_name(record.vsd_id, record.pid, record.process, other, sizeof other);
+    return strcmp(name, other) != 0;
+  });
+}
+
+// Removes the registration file of a request that the daemon itself made for a third-part program,
+// if no record came of it: the program was gone, or is registered under another name. Nobody else
+// would ever remove that file or close it. A client's own file is the client's.
+static void drop_vain_file(const tov_msg_xtach_t *payload) {
+  tov_pid_t wanted{};
+  wanted.pid = payload->pid;
+  wanted.vsd_id = payload->vsd_id;
+  memcpy(wanted.process, payload->pathname, strnlen(payload->pathname, TOV_PATHNAME_SIZE));
+  if (!tov_db_is_own(wanted.vsd_id, wanted.pid, wanted.process)) return;
+  tov_chains_guard_t hold(tov_chains);
+  if (!has_record_of_file(wanted)) (void)tov_db_destroy(&wanted);
+}
+
 // Registers a process with an exit action; `script` is null where there is none.
 static int register_process(const char *handler, const tov_msg_xtach_t *payload, int action,
                             const char *script) {
   char process[TOV_PROCESS_SIZE];
-  if (read_process(handler, payload, process) != 0) return -1;
-  if (!insert_process(payload, action, script, process)) return 0;
+  const int gone = read_process(handler, payload, process);
+  const bool inserted = gone == 0 && insert_process(payload, action, script, process);
+  drop_vain_file(payload);
+  if (!inserted) return gone;
   tov_log_with_type(TOV_LOG_REG_RESTART, "register - process:%.*s pid:%d, vsd_id:%d, action:%d\r\n",
                     TOV_PATHNAME_SIZE - 1, payload->pathname, payload->pid, payload->vsd_id,
                     action);

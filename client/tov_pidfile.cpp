@@ -219,6 +219,13 @@ int tov_db_destroy(const tov_pid_s *record) {
   return result;
 }
 
+bool tov_db_is_own(int vsd_id, int pid, const char *cmdline) {
+  char path[FILE_NAME_SIZE];
+  tov_get_db_file_name(vsd_id, pid, cmdline, path, sizeof path);
+  tov_lock_guard_t guard(kept_lock);
+  return kept_descriptor(path) >= 0;
+}
+
 int tov_rm_pidfile(const tov_pid_s *record) {
   char path[FILE_NAME_SIZE];
   snprintf(path, sizeof path, TOV_VSD_OLD_DB_FILE_FMT, record->vsd_id, record->pid);

@@ -44,6 +44,10 @@ void save_vsd_flag(int vsd_id, int pid);
 // Returns 0, or -1 with errno set.
 int tov_db_destroy(const tov_pid_s *record);
 
+// Whether this process wrote the registration file of that name and still holds it. False for a
+// file of anybody else's.
+bool tov_db_is_own(int vsd_id, int pid, const char *cmdline);
+
 // Reads a registration file into `pid`, `action` and `pathname` of `record`, untouched on failure.
 // Only the first 256 bytes count, so long command lines come back cut.
 // Returns 0; -1 (with a diagnostic but for the last) when the file cannot be read, does not begin

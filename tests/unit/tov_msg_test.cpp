@@ -187,6 +187,109 @@ TEST_F(TovMsg, ProcessesZeroAndBelowAreRefused) {
   EXPECT_EQ(count_of(tov_chains) + count_of(tov_alive_chains), 0);
 }
 
+// ---- files of registrations that the daemon makes itself ----------------------------------------
+
+// What the daemon does as the client of a third-part program, up to its request.
+class TovMsgOwnFile : public TovMsg {
+ protected:
+  TovMsgOwnFile() : descriptors_(tov_test::open_descriptors()) {}
+
+  static tov_msg_xtach_t write_own_file(pid_t pid, const char *cmdline) {
+    tov_msg_xtach_t payload{};
+    payload.pid = pid;
+    set_text(payload.pathname, cmdline);
+    EXPECT_EQ(tov_mk_pidfile(&payload, TOV_RESTART), 0);
+    return payload;
+  }
+  static std::string file_of(pid_t pid, const char *name) {
+    return std::string(DB_DIR) + "/" + name + "." + std::to_string(pid);
+  }
+  size_t new_descriptors() const { return tov_test::open_descriptors() - descriptors_; }
+
+ private:
+  size_t descriptors_;
+};
+
+TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneIsRemovedAndClosed) {
+  IdleProcess process;
+  process.end();
+  auto payload = write_own_file(process.pid(), "/opt/brief -x");
+  ASSERT_EQ(new_descriptors(), 1u);
+  EXPECT_EQ(tov_process_restart(&payload), -1);
+  EXPECT_NE(access(file_of(process.pid(), "brief").c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+
+  payload = write_own_file(process.pid(), "/opt/brief -x");
+  char script[] = "";
+  EXPECT_EQ(tov_process_shell_restart(&payload, script), -1);
+  EXPECT_NE(access(file_of(process.pid(), "brief").c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+TEST_F(TovMsgOwnFile, OfAProcessThatIsRegisteredUnderAnotherNameIsRemovedAndClosed) {
+  const IdleProcess process;
+  insert(tov_chains, process.pid(), "/opt/front");
+  auto front = write_own_file(process.pid(), "/opt/front");
+  auto payload = write_own_file(process.pid(), "/opt/other");
+  ASSERT_EQ(new_descriptors(), 2u);
+  EXPECT_EQ(tov_process_restart(&payload), 0);
+  EXPECT_NE(access(file_of(process.pid(), "other").c_str(), F_OK), 0);
+  EXPECT_EQ(access(file_of(process.pid(), "front").c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 1u);
+
+  EXPECT_EQ(tov_process_restart(&front), 0) << "registered already: the file is the record's";
+  EXPECT_EQ(access(file_of(process.pid(), "front").c_str(), F_OK), 0);
+  tov_process_dump_all_msg(process.pid());
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+TEST_F(TovMsgOwnFile, OfARegistrationThatSucceededStays) {
+  const IdleProcess process;
+  auto payload = write_own_file(process.pid(), process.cmdline().c_str());
+  const std::string file = file_of(process.pid(), "unit_tov_msg_test");
+  EXPECT_EQ(tov_process_restart(&payload), 0);
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 1u);
+  tov_process_dump_all_msg(process.pid());
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+TEST_F(TovMsgOwnFile, OfADeadProcessThatIsStillRegisteredStays) {
+  // A stranger may ask again for a program whose restart is under way.
+  IdleProcess process;
+  process.end();
+  auto payload = write_own_file(process.pid(), "/opt/dying -x");
+  insert(tov_chains, process.pid(), "/opt/dying -x");
+  EXPECT_EQ(tov_process_restart(&payload), -1);
+  EXPECT_EQ(access(file_of(process.pid(), "dying").c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 1u);
+  tov_process_dump_all_msg(process.pid());
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+TEST_F(TovMsgOwnFile, FileOfSomebodyElseIsLeftAlone) {
+  IdleProcess process;
+  process.end();
+  const std::string file = file_of(process.pid(), "brief");
+  tov_test::write_file(file, "a client's");
+  auto payload = payload_of(process.pid());
+  payload.vsd_id = 0;
+  set_text(payload.pathname, "/opt/brief");
+  EXPECT_EQ(tov_process_restart(&payload), -1);
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+
+  // Also where it took the place of the daemon's.
+  payload = write_own_file(process.pid(), "/opt/brief");
+  ASSERT_EQ(rename(file.c_str(), (file + ".old").c_str()), 0);
+  tov_test::write_file(file, "a client's");
+  EXPECT_EQ(tov_process_restart(&payload), -1);
+  EXPECT_EQ(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+  unlink(file.c_str());
+  unlink((file + ".old").c_str());
+}
+
 // ---- watching a thread
 // ------------------------------------------------------------------------------
 
