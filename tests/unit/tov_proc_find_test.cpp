@@ -2,6 +2,7 @@
 #include "tov_proc_find.h"
 
 #include <errno.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -11,13 +12,20 @@
 #include <vector>
 
 #include "supervision.h"
+#include "unit_fake_sleep.h"
 
+using testing::ElementsAre;
 using tov_test::Program;
 
 namespace {
 
 class TovProcToPid : public tov_test::Supervision {
  protected:
+  void SetUp() override {
+    Supervision::SetUp();
+    tov_test::note_sleeps(true);
+  }
+
   // A process that vanishes during the only scan spoils it, so that the machine's other business
   // could decide a test; such a scan is made again.
   static int scan(const std::string &command, pid_t *found) {
@@ -88,11 +96,9 @@ TEST_F(TovProcToPid, DeadProcessIsNotFound) {
 TEST_F(TovProcToPid, PausesGrowByATenthOfASecond) {
   char key[] = "/no/such/program";
   pid_t found = 0;
-  const int64_t begun = tov_test::monotonic_ns();
+  tov_test::note_sleeps(false);
   EXPECT_LE(tov_proc_to_pid(key, &found, 3), 0);
-  const int64_t lasted_ms = (tov_test::monotonic_ns() - begun) / 1'000'000;
-  EXPECT_GE(lasted_ms, 100 + 200 + 300);
-  EXPECT_LT(lasted_ms, 600 + 300 * tov_test::patience());
+  EXPECT_THAT(tov_test::fake_sleep.slept_us, ElementsAre(100'000, 200'000, 300'000));
 }
 
 TEST_F(TovProcToPid, ProcessThatComesLaterIsFound) {

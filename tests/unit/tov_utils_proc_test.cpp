@@ -256,10 +256,18 @@ static int64_t time_of_answer(pid_t pid, int expected) {
   return (tov_test::monotonic_ns() - start) / MS;
 }
 
+// Whether an answer came before the pause between two looks, in one of many attempts: a busy
+// machine can make any single one wait.
+static bool seen_at_first_look(pid_t pid) {
+  for (int attempt = 0; attempt < 100; attempt++)
+    if (time_of_answer(pid, 0) < 10) return true;
+  return false;
+}
+
 TEST(TovUtilsLife, RunningAndSleepingAreSeenAtTheFirstLook) {
   const Running cat("/bin/cat", {"cat"});
-  EXPECT_LT(time_of_answer(getpid(), 0), 10);
-  EXPECT_LT(time_of_answer(cat.pid(), 0), 10);
+  EXPECT_TRUE(seen_at_first_look(getpid()));
+  EXPECT_TRUE(seen_at_first_look(cat.pid()));
 }
 
 TEST(TovUtilsLife, StoppedProcessLives) {
