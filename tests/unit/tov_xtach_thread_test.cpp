@@ -194,13 +194,13 @@ TEST_F(TovXtachThread, UnknownThreadRegistersAfreshWithTheCallersNumbers) {
 }
 
 TEST_F(TovXtachThread, SignOfLifeDoesNotWaitForAnotherThreadsRequest) {
-  FakeDaemon daemon(Manners{.think = 1s});
+  FakeDaemon daemon(Manners{.think = 4s});
   tov_sys_reg_alive_info(gettid());
   std::thread busy([] { tov_rpc(TOV_RESTART, nullptr, nullptr, 0, true, true); });
   std::this_thread::sleep_for(200ms);
   const auto begin = steady_clock::now();
   EXPECT_EQ(reset(), 0);
-  EXPECT_LT(steady_clock::now() - begin, 300ms);
+  EXPECT_LT(steady_clock::now() - begin, 2s);
   busy.join();
 }
 
