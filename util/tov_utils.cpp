@@ -15,7 +15,6 @@
 
 static constexpr int MALLOC_RETRY_S = 5;
 static constexpr mode_t PID_FILE_MODE = 0700;
-static constexpr mode_t OPEN_DIR_MODE = 0777;
 
 void safe_sleep_common(int sec, int usec) {
   timeval left{};
@@ -115,54 +114,6 @@ int tov_atoi(const char *text) {
   int number = 0;
   (void)tov_parse_int(text, &number);
   return number;
-}
-
-// ---- directories ----------------------------------------------------------------------------
-
-// Sets the mode of an existing directory. In a directory that is open to everybody the name may be
-// a planted link; following it would open any directory of the machine to everybody.
-static int open_up_dir(const char *path) {
-  int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  struct stat found;
-  if (lstat(path, &found) < 0) return -errno;
-  if (S_ISLNK(found.st_mode) && found.st_uid != geteuid()) return -ELOOP;
-  if (!S_ISLNK(found.st_mode)) flags |= O_NOFOLLOW;
-
-  tov_fd_t dir(open(path, flags));
-  if (dir.n < 0) return -errno;
-  return fchmod(dir.n, OPEN_DIR_MODE) < 0 ? -errno : 0;
-}
-
-// Makes the missing directories above the last component of `path`, from the top downwards.
-static int make_parents(char *path) {
-  for (char *slash = strchr(path + 1, '/'); slash != nullptr; slash = strchr(slash + 1, '/')) {
-    *slash = '\0';
-    const int made = mkdir(path, OPEN_DIR_MODE);
-    const int res = made == 0 ? open_up_dir(path) : errno == EEXIST ? 0 : -errno;
-    *slash = '/';
-    if (res < 0) return res;
-  }
-  return 0;
-}
-
-int tov_make_dir(const char *path) {
-  char local[PATH_MAX];
-  size_t length = strlen(path);
-  if (length == 0) return -ENOENT;
-  if (length >= sizeof local) return -ENAMETOOLONG;
-  memcpy(local, path, length + 1);
-  // A trailing slash would make the kernel follow a link at the end of the path.
-  while (length > 1 && local[length - 1] == '/')
-    local[--length] = '\0';
-
-  int made = mkdir(local, OPEN_DIR_MODE);
-  if (made < 0 && errno == ENOENT) {
-    const int res = make_parents(local);
-    if (res < 0) return res;
-    made = mkdir(local, OPEN_DIR_MODE);
-  }
-  if (made < 0 && errno != EEXIST) return -errno;
-  return open_up_dir(local);
 }
 
 void rtrim(char *str) {

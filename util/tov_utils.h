@@ -1,16 +1,18 @@
 // Blocking wrappers that every other module uses: sleeps that a signal does not shorten, an
 // allocator that never fails, full-length reads and writes, whole-file reads, the single-instance
-// lock, the maker of directories.
+// lock.
 //
 // Nothing here prints or logs: the caller knows the story, so failures are return values only.
 // No state: every function is reentrant and may be called from any thread. The readers of /proc
-// stand in tov_utils_proc.h, the owners of resources in tov_utils_owner.h.
+// stand in tov_utils_proc.h, the maker of directories in tov_utils_dir.h, the owners of resources
+// in tov_utils_owner.h.
 #ifndef TOV_UTILS_H
 #define TOV_UTILS_H
 
 #include <stddef.h>
 #include <sys/types.h>
 
+#include "tov_utils_dir.h"
 #include "tov_utils_file.h"
 #include "tov_utils_owner.h"
 #include "tov_utils_proc.h"
@@ -75,14 +77,6 @@ inline size_t tov_append(char *to, size_t length, size_t limit, const char *text
     to[length++] = *text++;
   return length;
 }
-
-// Makes a directory of mode 0777 whatever the umask is (mkdir, then chmod), and the missing ones
-// above it in the same way. An existing directory is no error and gets the mode too; existing ones
-// above it are left as they are. A link at the end of the path is followed only when it belongs to
-// the caller's own user.
-//   path  absolute, at most PATH_MAX - 1 bytes; trailing slashes do not matter
-// Returns 0 or -errno (-ELOOP: somebody else's link, -ENOTDIR: no directory).
-int tov_make_dir(const char *path);
 
 // Strips trailing blanks and tabs, and only those, in place.
 void rtrim(char *str);

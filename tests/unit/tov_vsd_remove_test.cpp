@@ -190,6 +190,61 @@ TEST_F(TovVsdRemove, EntryThatTurnsIntoALinkMeanwhileIsNotFollowed) {
   EXPECT_THAT(names_in(kept), ElementsAre("file"));
 }
 
+TEST_F(TovVsdRemove, AnotherUsersLinkOnTheWayToTheTreeIsNotFollowed) {
+  fs::create_directories(kept + "/inner/deep");
+  write_file(kept + "/inner/file", "precious");
+  link_to(kept, scratch / "planted", STRANGER);
+  link_to(scratch / "planted", scratch / "own");
+  for (const char *name : {"planted/file", "planted/inner", "planted/inner/", "planted/inner/deep",
+                           "planted//inner/file", "own/inner/file"})
+    EXPECT_EQ(delete_path(scratch / name), -ELOOP) << name;
+  EXPECT_THAT(names_in(kept), ElementsAre("file", "inner"));
+  EXPECT_THAT(names_in(kept + "/inner"), ElementsAre("deep", "file"));
+}
+
+TEST_F(TovVsdRemove, OwnLinkIsNotFollowedOverAnotherUsersDirectoryLink) {
+  fs::create_directory(kept + "/inner");
+  write_file(kept + "/inner/file", "precious");
+  link_to(kept, scratch / "planted", STRANGER);
+  link_to(scratch / "planted/inner", tree + "/absolute");
+  link_to("../planted/inner", tree + "/relative");
+  link_to("../planted/inner/file", tree + "/file");
+  for (const char *name : {"/absolute", "/relative", "/file"})
+    EXPECT_EQ(delete_path(tree + name), -ELOOP) << name;
+  EXPECT_EQ(delete_path(tree), -ENOTEMPTY);
+  EXPECT_THAT(names_in(kept + "/inner"), ElementsAre("file"));
+}
+
+TEST_F(TovVsdRemove, OwnLinksOnTheWayAreFollowed) {
+  fs::create_directory(kept + "/inner");
+  write_file(kept + "/inner/file", "");
+  link_to("kept", scratch / "relative");
+  link_to(scratch / "relative", scratch / "absolute");
+  EXPECT_EQ(delete_path(scratch / "absolute/file"), 0);
+  EXPECT_EQ(delete_path(scratch / "relative/../absolute/inner"), 0);
+  EXPECT_THAT(names_in(kept), IsEmpty());
+}
+
+// The same stranger, with a directory on the way to the tree.
+TEST_F(TovVsdRemove, DirectoryOnTheWayThatTurnsIntoALinkMeanwhileIsNotFollowed) {
+  const std::string way = scratch / "way";
+  const std::string planted = scratch / "planted";
+  fs::create_directory(kept + "/inner");
+  write_file(kept + "/inner/file", "precious");
+  link_to(kept, planted, STRANGER);
+  fs::create_directory(way);
+  std::atomic<bool> stop = false;
+  std::thread stranger([&] {
+    while (!stop)
+      (void)renameat2(AT_FDCWD, way.c_str(), AT_FDCWD, planted.c_str(), RENAME_EXCHANGE);
+  });
+  for (int round = 0; round < 5'000 && exists(kept + "/inner/file"); round++)
+    (void)delete_path(way + "/inner");
+  stop = true;
+  stranger.join();
+  EXPECT_TRUE(exists(kept + "/inner/file"));
+}
+
 // ---- failures -------------------------------------------------------------------------------
 
 TEST_F(TovVsdRemove, TooLongPathsAreRememberedAndTheRestGoes) {
