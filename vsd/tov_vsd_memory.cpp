@@ -116,12 +116,15 @@ static int resident_kb(pid_t pid) {
     (void)TOV_VSD_FAILED(FIND_MAX, "fopen fail");
     return -1;
   }
+  static constexpr char NAME[] = "Name:";  // the program's own choice: it may hold the word, too
+  int rss_kb = 0;
   tov_lines_s lines(status.n, STATUS_LINE_MAX);
   for (const char *line = lines.next(); line != nullptr; line = lines.next()) {
     const char *word = strstr(line, "VmRSS:");
-    if (word != nullptr) return tov_atoi(behind(word, sizeof "VmRSS:"));
+    if (word != nullptr && strncmp(line, NAME, strlen(NAME)) != 0)
+      rss_kb = tov_atoi(behind(word, sizeof "VmRSS:"));
   }
-  return 0;
+  return rss_kb;
 }
 
 static void measure_member(const char *name, largest_s *largest) {

@@ -7,7 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -206,6 +208,22 @@ TEST_F(TovVsdMemory, LargestMemberIsKilled) {
   EXPECT_THAT(said, HasSubstr("]find_max_rss: fopen fail: No such file or directory\n"));
   for (Member *spared : {&small, &middle, &outsider})
     EXPECT_TRUE(spared->is_unharmed());
+}
+
+// A program names itself as it likes, and its name stands in the status file before the figures.
+TEST_F(TovVsdMemory, NameThatLooksLikeAFigureIsNone) {
+  const auto boasting = [] { (void)prctl(PR_SET_NAME, "VmRSS: 9999999"); };
+  Member large({}, holding(30'000)), small({}, boasting), dead({}, boasting);
+  for (const Member *member : {&large, &small, &dead})
+    be_member(*member);
+  // What has ended has no figures at all, only the name.
+  ASSERT_EQ(kill(dead.pid(), SIGTERM), 0);
+  ASSERT_TRUE(tov_test::wait_until([&] { return tov_test::process_state(dead.pid()) == 'Z'; },
+                                   tov_test::Millis(30'000)));
+  const std::string said = caught_diagnostics(TOV_MODULE_PUB, [] { find_max_rss(VSD); });
+  EXPECT_THAT(said, HasSubstr("]max_pid " + large.name() + " max_rss "));
+  EXPECT_EQ(large.ended_by(), SIGKILL);
+  EXPECT_TRUE(small.is_unharmed());
 }
 
 TEST_F(TovVsdMemory, NamesAreJudgedInTheWorkingDirectory) {
