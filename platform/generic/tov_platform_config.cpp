@@ -3,7 +3,7 @@
 // The environment of a virtual device is set in a child between fork and exec of a threaded
 // daemon, where the heap and the lock behind setenv(3) may be held for ever by a thread that does
 // not exist in the child. So the variables' texts and the array that replaces `environ` are static
-// storage of this file, and nothing is called but access(2).
+// storage of this file, and nothing is called but plain text functions.
 //
 // Threads: fs_set_vsd_envs() has a single writer: a forked child, or the command-line tool, which
 // has one thread. The daemon itself never calls it.
@@ -28,16 +28,16 @@ bool qxconf_is_dorvik_product(void) {
 
 // ---- device environment ---------------------------------------------------------------------
 
+// Not DATA_QXOS_DIR2: the second data tree is set where a device is created and where a member is
+// started again, and a program that joins a device is to do without it.
 static constexpr struct {
   const char *name;          // with its "="
   const char *value_format;  // "%d": the device
-  const char *only_with;     // directory that must exist; null: always set
 } variables[] = {
-    {"QX_CFG_DIR=", TOV_VSD_QX_CFG_DIR_FMT, nullptr},
-    {"QXOS_DIR=", TOV_VSD_QXOS_DIR_FMT, nullptr},
-    {"DATA_QXOS_DIR=", TOV_VSD_DATA_DIR_FMT, nullptr},
-    {"DATA_QXOS_DIR2=", TOV_VSD_DATA2_DIR_FMT, TOV_DATA2_DIR},
-    {"TMPDIR=", TOV_VSD_DIR_FMT, nullptr},
+    {"QX_CFG_DIR=", TOV_VSD_QX_CFG_DIR_FMT},
+    {"QXOS_DIR=", TOV_VSD_QXOS_DIR_FMT},
+    {"DATA_QXOS_DIR=", TOV_VSD_DATA_DIR_FMT},
+    {"TMPDIR=", TOV_VSD_DIR_FMT},
 };
 static constexpr size_t VARIABLE_NUM = std::size(variables);
 
@@ -62,10 +62,10 @@ static void write_variable(char *to, const char *name, const char *format, int v
   *to = '\0';
 }
 
-// Does the environment entry belong to one of the variables that are set now?
-static bool is_replaced(const char *entry, const bool (&set)[VARIABLE_NUM]) {
-  for (size_t i = 0; i < VARIABLE_NUM; i++)
-    if (set[i] && strncmp(entry, variables[i].name, strlen(variables[i].name)) == 0) return true;
+// Does the environment entry belong to one of the variables?
+static bool is_replaced(const char *entry) {
+  for (const auto &variable : variables)
+    if (strncmp(entry, variable.name, strlen(variable.name)) == 0) return true;
   return false;
 }
 
@@ -74,13 +74,9 @@ int fs_set_vsd_envs(int vsd_no) {
     errno = EINVAL;
     return -1;
   }
-  bool set[VARIABLE_NUM];
-  for (size_t i = 0; i < VARIABLE_NUM; i++)
-    set[i] = variables[i].only_with == nullptr || access(variables[i].only_with, F_OK) == 0;
-
   size_t kept = 0;
   for (char **entry = environ; entry != nullptr && *entry != nullptr; entry++)
-    if (!is_replaced(*entry, set)) kept++;
+    if (!is_replaced(*entry)) kept++;
   if (kept > MAX_ENTRIES) {
     errno = ENOMEM;
     return -1;
@@ -90,9 +86,8 @@ int fs_set_vsd_envs(int vsd_no) {
   // stays ahead of writing.
   size_t filled = 0;
   for (char **entry = environ; entry != nullptr && *entry != nullptr; entry++)
-    if (!is_replaced(*entry, set)) own_environ[filled++] = *entry;
+    if (!is_replaced(*entry)) own_environ[filled++] = *entry;
   for (size_t i = 0; i < VARIABLE_NUM; i++) {
-    if (!set[i]) continue;
     write_variable(variable_texts[i], variables[i].name, variables[i].value_format, vsd_no);
     own_environ[filled++] = variable_texts[i];
   }

@@ -84,14 +84,15 @@ TEST_F(TovVsdEnvs, EveryDeviceHasItsPaths) {
   }
 }
 
-TEST_F(TovVsdEnvs, SecondDataDirectoryCountsWhenItExists) {
+TEST_F(TovVsdEnvs, SecondDataDirectoryIsLeftToTheCaller) {
   fs::create_directory("/data2");
+  set_environ({"A=1"});
   EXPECT_EQ(fs_set_vsd_envs(12), 0);
-  EXPECT_STREQ(getenv("DATA_QXOS_DIR2"), "/data2/.qxos/vsd/12");
-  fs::remove("/data2");
+  EXPECT_EQ(getenv("DATA_QXOS_DIR2"), nullptr);
+  set_environ({"DATA_QXOS_DIR2=/data2/own"});
   EXPECT_EQ(fs_set_vsd_envs(3), 0);
-  EXPECT_STREQ(getenv("DATA_QXOS_DIR2"), "/data2/.qxos/vsd/12");  // nobody takes it away
-  EXPECT_STREQ(getenv("DATA_QXOS_DIR"), "/data/.qxos/vsd/3");
+  EXPECT_STREQ(getenv("DATA_QXOS_DIR2"), "/data2/own");
+  fs::remove("/data2");
 }
 
 TEST_F(TovVsdEnvs, OldValuesAreOverwritten) {

@@ -63,12 +63,14 @@ TEST_F(TovVsdPlace, ProgramStartsInsideTheDevice) {
   EXPECT_THAT(names_in(MEMBERS), ElementsAre(told["pid"])) << "no registration directory is made";
 }
 
-TEST_F(TovVsdPlace, JoiningMakesNothingInTheSecondDataTree) {
+TEST_F(TovVsdPlace, JoiningHasNothingToDoWithTheSecondDataTree) {
   fs::create_directory("/data2");
   write_script("/sbin/tov_placed", TELL);
   place("tov_placed", VSD);
   ASSERT_TRUE(report_comes());
   EXPECT_THAT(names_in("/data2"), IsEmpty());
+  EXPECT_EQ(report()["DATA_QXOS_DIR"], "/data/.qxos/vsd/" + N);
+  EXPECT_FALSE(report().contains("DATA_QXOS_DIR2"));
 }
 
 TEST_F(TovVsdPlace, ScriptGoesBeforeTheProgram) {
