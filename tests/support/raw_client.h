@@ -9,7 +9,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -24,10 +26,10 @@ class RawClient {
   RawClient() : sd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {}
 
   // Returns 0 or errno.
-  int connect() {
+  int connect(const std::string &path = TOV_SOCKET_PATH) {
     sockaddr_un at{};
     at.sun_family = AF_UNIX;
-    snprintf(at.sun_path, sizeof at.sun_path, "%s", TOV_SOCKET_PATH);
+    snprintf(at.sun_path, sizeof at.sun_path, "%s", path.c_str());
     return ::connect(sd_.n, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0 ? 0 : errno;
   }
 
@@ -69,6 +71,18 @@ inline std::string packet(uint32_t type, int32_t len, const std::string &payload
 // A well-formed one.
 inline std::string packet(uint32_t type, const std::string &payload, const std::string &path = "") {
   return packet(type, static_cast<int32_t>(payload.size()), payload, path);
+}
+
+// Noise of every kind: random bytes, and packets that are well-formed but for one thing.
+inline std::string random_packet(std::mt19937 &random) {
+  const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  const size_t size = below(8) == 0 ? below(20000) : below(700);
+  std::string bytes(size, '\0');
+  for (char &byte : bytes)
+    byte = static_cast<char>(random());
+  if (below(4) == 0) return bytes;
+  const int32_t len = below(4) == 0 ? static_cast<int32_t>(random()) : static_cast<int32_t>(size);
+  return packet(below(8), len, bytes, std::string(below(257), 'n'));
 }
 
 template <typename Record>

@@ -366,18 +366,6 @@ long resident_pages() {
   return resident;
 }
 
-// Noise of every kind: random bytes, and packets that are well-formed but for one thing.
-std::string random_packet(std::mt19937 &random) {
-  const auto below = [&](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
-  const size_t size = below(8) == 0 ? below(20000) : below(700);
-  std::string bytes(size, '\0');
-  for (char &byte : bytes)
-    byte = static_cast<char>(random());
-  if (below(4) == 0) return bytes;
-  const int32_t len = below(4) == 0 ? static_cast<int32_t>(random()) : static_cast<int32_t>(size);
-  return packet(below(8), len, bytes, std::string(below(257), 'n'));
-}
-
 TEST_F(TovServer, RandomPacketsCostOnlyTheirSenders) {
   // TOV_TEST_PACKETS asks for another number, such as a million.
   const char *asked = getenv("TOV_TEST_PACKETS");
@@ -387,7 +375,7 @@ TEST_F(TovServer, RandomPacketsCostOnlyTheirSenders) {
     auto client = std::make_unique<RawClient>();
     ASSERT_EQ(client->connect(), 0);
     for (int i = 0; i < count; i++) {
-      if (client->send(random_packet(random), MSG_DONTWAIT)) {
+      if (client->send(tov_test::random_packet(random), MSG_DONTWAIT)) {
         if (i % 64 == 0) client->answer(0ms);
         continue;
       }
