@@ -7,13 +7,15 @@
 #include <iostream>
 #include <random>
 
-#include "hostile.h"
+#include "raw_clients.h"
 
 using namespace tov_test;
 using testing::AnyOf;
 using testing::Contains;
 
 namespace {
+
+using HostileClient = RawClients;
 
 tov_msg_xtach_t record_of(pid_t pid) {
   tov_msg_xtach_t record{};
@@ -261,7 +263,7 @@ TEST_F(HostileClient, WantOfDescriptorsEndsTheDaemonAndTheNextOneSupervisesOn) {
         (void)clients.back()->connect(socket());  // refused as soon as it is gone
         return ended();
       },
-      HOSTILE_LIMIT_MS));
+      CLIENT_LIMIT_MS));
   const auto lines = event_texts(device, ERROR_LOG);
   EXPECT_THAT(lines, Contains(AnyOf(std::string(END) + "-8, Too many open files(24)",
                                     std::string(END) + "-4, Too many open files(24)")));

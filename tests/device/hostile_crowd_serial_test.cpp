@@ -2,13 +2,13 @@
 // of them for each request, at the highest priority.
 #include <iostream>
 
-#include "hostile.h"
+#include "raw_clients.h"
 
 using namespace tov_test;
 
 namespace {
 
-class HostileCrowd : public HostileClient {
+class HostileCrowd : public RawClients {
  protected:
   static bool can_open(size_t clients) {
     static constexpr size_t OTHERS = 200;
@@ -58,7 +58,7 @@ TEST_F(HostileCrowd, OneMoreThanTheTableHoldsEndsTheDaemonAndTheNextOneSupervise
   RawClient one_more;
   EXPECT_EQ(one_more.connect(socket()), 0);
   need_event(device, ERROR_LOG, "Thread \"tov_process_domain\" exit, tov will be restart. res=-9, ",
-             1, HOSTILE_LIMIT_MS);
+             1, CLIENT_LIMIT_MS);
   expect_clean_end(device);
   EXPECT_EQ(clients.front()->answer(patient_limit()), RawClient::CLOSED);
   clients.clear();

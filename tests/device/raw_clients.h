@@ -1,7 +1,7 @@
-// What the tests of hostile clients share: a daemon, clients that say what they like, and what the
-// daemon holds meanwhile.
-#ifndef TOV_TEST_HOSTILE_H
-#define TOV_TEST_HOSTILE_H
+// What the tests of the registration socket share: a daemon, clients that say what they like, and
+// what the daemon holds meanwhile.
+#ifndef TOV_TEST_RAW_CLIENTS_H
+#define TOV_TEST_RAW_CLIENTS_H
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 namespace tov_test {
 
 inline constexpr char SOCKET[] = "/tmp/tov/.tov";
-inline constexpr Millis HOSTILE_LIMIT_MS{30'000};
+inline constexpr Millis CLIENT_LIMIT_MS{30'000};
 
 // A request that changes nothing.
 inline std::string harmless() {
@@ -26,12 +26,12 @@ inline std::string harmless() {
 }
 
 inline Millis patient_limit() {
-  return HOSTILE_LIMIT_MS * patience();
+  return CLIENT_LIMIT_MS * patience();
 }
 
-class HostileClient : public testing::Test {
+class RawClients : public testing::Test {
  protected:
-  HostileClient() {
+  RawClients() {
     // Both ends of a connection count, and the daemon's are not ours.
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
@@ -42,7 +42,7 @@ class HostileClient : public testing::Test {
   void start(const DaemonOptions &options = {}) {
     daemon_ = device.start_ready_daemon(options);
     // The socket is there before the daemon listens on it.
-    ASSERT_TRUE(wait_until([&] { return RawClient().connect(socket()) == 0; }, HOSTILE_LIMIT_MS));
+    ASSERT_TRUE(wait_until([&] { return RawClient().connect(socket()) == 0; }, CLIENT_LIMIT_MS));
     ASSERT_TRUE(is_served());
     descriptors_ = descriptors();
   }
@@ -84,8 +84,7 @@ class HostileClient : public testing::Test {
   // threads open this and that meanwhile, but far less than there were clients.
   void expect_descriptors_back() const {
     static constexpr size_t OTHERS = 16;
-    EXPECT_TRUE(
-        wait_until([&] { return descriptors() <= descriptors_ + OTHERS; }, HOSTILE_LIMIT_MS))
+    EXPECT_TRUE(wait_until([&] { return descriptors() <= descriptors_ + OTHERS; }, CLIENT_LIMIT_MS))
         << descriptors() << " instead of " << descriptors_;
   }
   long resident_kb() const { return atol(status_field(daemon_, "VmRSS").c_str()); }
@@ -109,11 +108,11 @@ class HostileClient : public testing::Test {
 };
 
 inline void expect_clean_end(Device &device) {
-  const auto status = device.wait_daemon(HOSTILE_LIMIT_MS);
+  const auto status = device.wait_daemon(CLIENT_LIMIT_MS);
   ASSERT_TRUE(status) << device.dump();
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
 }
 
 }  // namespace tov_test
 
-#endif  // TOV_TEST_HOSTILE_H
+#endif  // TOV_TEST_RAW_CLIENTS_H
