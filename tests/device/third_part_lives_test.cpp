@@ -1,0 +1,199 @@
+// Programs that know nothing of the daemon are registered by the daemon itself, over its own
+// socket, each time that they start. However often they die, it holds nothing more than before.
+//
+// TOV_TEST_LIVES asks for another number of lives, such as ten thousand.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+
+#include "raw_client.h"
+#include "story.h"
+
+using namespace tov_test;
+
+namespace {
+
+constexpr Millis LIFE_LIMIT_MS{30'000};
+constexpr char DB_DIR[] = "/tmp/vsd/0/tov/db";
+
+int lives_asked(int usual) {
+  const char *asked = getenv("TOV_TEST_LIVES");
+  return asked != nullptr ? atoi(asked) : usual;
+}
+
+// As wait_until, without its pauses.
+bool wait_at_once(const std::function<bool()> &holds, Millis limit) {
+  const int64_t end_ns = monotonic_ns() + limit.count() * patience() * 1'000'000;
+  while (!holds())
+    if (monotonic_ns() > end_ns) return false;
+  return true;
+}
+
+class ThirdPartLives : public testing::Test {
+ protected:
+  // Lists a victim, which is no client of the daemon, and starts the daemon.
+  void start(const std::string &prefix) {
+    task_.name = unique_name(prefix);
+    task_.program = device.install_program(task_.name);
+    task_.command = task_.program;
+    task_.shown = shown_name(task_.command);
+    device.write("/etc/tov/proc/" + task_.name, task_.command + " TOV_RESTART");
+    daemon_ = device.start_ready_daemon();
+  }
+  // Somebody starts the program; the daemon learns of it by its execution.
+  void start_program() {
+    task_.births = device.births(task_.name).size();
+    device.spawn({task_.program});
+    next_birth(device, task_, LIFE_LIMIT_MS);
+  }
+  std::string file() const { return Device::register_path(0, task_.pid, task_.command); }
+  std::string registered() const {
+    return "register - process:" + task_.command + " pid:" + std::to_string(task_.pid) + ",";
+  }
+  void need_file() const {
+    ASSERT_TRUE(wait_until([&] { return device.exists(file()); }, LIFE_LIMIT_MS)) << device.dump();
+  }
+  // Descriptors of registration files in the daemon.
+  size_t files_held() const {
+    size_t count = 0;
+    for (const auto &entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_) + "/fd")) {
+      std::error_code gone;
+      const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+      if (target.find("/tov/db/") != std::string::npos) count++;
+    }
+    return count;
+  }
+  size_t descriptors() const {
+    using std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(
+        directory_iterator("/proc/" + std::to_string(daemon_) + "/fd"), directory_iterator()));
+  }
+  long resident_kb() const { return atol(status_field(daemon_, "VmRSS").c_str()); }
+
+  void note_begin() {
+    begin_descriptors_ = descriptors();
+    begin_kb_ = resident_kb();
+  }
+  // Other threads of the daemon open this and that for a moment, but far less than lives.
+  void expect_nothing_more(int lives, size_t files) {
+    static constexpr size_t MOMENTARY = 6;
+    static constexpr long MORE_KB = 512;
+    EXPECT_TRUE(wait_until([&] { return files_held() == files; }, LIFE_LIMIT_MS)) << files_held();
+    EXPECT_TRUE(
+        wait_until([&] { return descriptors() <= begin_descriptors_ + MOMENTARY; }, LIFE_LIMIT_MS))
+        << descriptors() << " instead of " << begin_descriptors_;
+    EXPECT_TRUE(wait_until([&] { return device.list(DB_DIR).size() == files; }, LIFE_LIMIT_MS));
+#if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
+    EXPECT_LE(resident_kb(), begin_kb_ + MORE_KB);
+#endif
+    std::cout << lives << " lives: descriptors " << begin_descriptors_ << " before, "
+              << descriptors() << " after; resident " << begin_kb_ << " KiB before, "
+              << resident_kb() << " KiB after\n";
+  }
+  // What has been waited for need not be read again and again.
+  void shorten_logs() {
+    for (const std::string &name : device.list(EVENT_LOG_DIR))
+      device.write(std::string(EVENT_LOG_DIR) + "/" + name, "");
+    device.write("/data/victim." + task_.name, "");
+    task_.births = 0;
+  }
+
+  Device device;
+  Task task_;
+  pid_t daemon_ = 0;
+  size_t begin_descriptors_ = 0;
+  long begin_kb_ = 0;
+};
+
+TEST_F(ThirdPartLives, OfAProgramThatIsBroughtBack) {
+  static constexpr int WARM = 5;
+  start("returning");
+  start_program();
+  need_event(device, REGISTER_LOG, registered(), 1, LIFE_LIMIT_MS);
+  const int lives = std::min(lives_asked(25), 1'000);
+  for (int life = 0; life < WARM + lives; life++) {
+    if (life == WARM) note_begin();
+    // Nothing is suspended while this marker is there; the restart takes it away.
+    device.write("/etc/dev_mon", "");
+    device.kill(task_.pid, SIGKILL);
+    next_birth(device, task_, LIFE_LIMIT_MS);
+    need_event(device, RUN_LOG, "[" + task_.program + "] new pid: " + std::to_string(task_.pid), 1,
+               LIFE_LIMIT_MS);
+    // The start was an execution like any other: the file is written anew.
+    need_file();
+  }
+  expect_nothing_more(lives, 1);
+}
+
+TEST_F(ThirdPartLives, OfAProgramThatIsStoppedAndStartedByHand) {
+  static constexpr int WARM = 5;
+  static constexpr int LOG_LIVES = 100;
+  start("by_hand");
+  const int lives = lives_asked(60);
+  for (int life = 0; life < WARM + lives; life++) {
+    if (life == WARM) note_begin();
+    start_program();
+    need_event(device, REGISTER_LOG, registered(), 1, LIFE_LIMIT_MS);
+    ASSERT_TRUE(device.exists(file()));
+    device.kill(task_.pid, SIGTERM);  // a deliberate stop: the registration ends
+    ASSERT_TRUE(wait_until([&] { return !device.exists(file()); }, LIFE_LIMIT_MS)) << device.dump();
+    if (life % LOG_LIVES == LOG_LIVES - 1) shorten_logs();
+  }
+  expect_nothing_more(lives, 0);
+}
+
+// The id in "tov_process_restart: fail to get pid ID's cmdline, ppid = 0".
+std::vector<pid_t> registered_in_vain(const Device &device) {
+  static const std::string MARK = "tov_process_restart: fail to get pid ";
+  std::vector<pid_t> pids;
+  for (const std::string &line : event_texts(device, ERROR_LOG))
+    if (line.starts_with(MARK)) pids.push_back(std::stoi(line.substr(MARK.size())));
+  return pids;
+}
+
+// A program may be gone before the request that the daemon made for it is carried out. Silent
+// clients give it the time: the server looks at all of them for each request.
+TEST_F(ThirdPartLives, ThatEndBeforeTheyAreRegisteredLeaveNoFile) {
+  static constexpr int SILENT = 600;
+  Task bystander = start_task(device, "bystander");
+  start("brief");
+  std::vector<std::unique_ptr<RawClient>> silent;
+  const auto connects = [&] {
+    silent.push_back(std::make_unique<RawClient>());
+    return silent.back()->connect(device.path("/tmp/tov/.tov")) == 0;
+  };
+  for (int i = 0; i < SILENT; i++)
+    ASSERT_TRUE(wait_until(connects, LIFE_LIMIT_MS));  // at first it may not listen yet
+  const int lives = lives_asked(30);
+  for (int life = 0; life < lives; life++) {
+    task_.pid = device.spawn({task_.program});
+    ASSERT_TRUE(wait_at_once([&] { return device.exists(file()); }, LIFE_LIMIT_MS));
+    device.kill(task_.pid, SIGTERM);  // wherever the daemon is with it
+    ASSERT_TRUE(device.wait(task_.pid, LIFE_LIMIT_MS));
+  }
+  silent.clear();
+  pass_events(device, bystander);
+  const std::vector<pid_t> vain = registered_in_vain(device);
+  std::cout << vain.size() << " of " << lives << " lives were registered in vain\n";
+  for (const pid_t pid : vain) {
+    const std::string path = Device::register_path(0, pid, task_.command);
+    EXPECT_TRUE(wait_until([&] { return !device.exists(path); }, LIFE_LIMIT_MS)) << path;
+  }
+  // One may have died while it was entered; then it has a record, whose file this is.
+  for (const std::string &name : device.list(DB_DIR)) {
+    const std::string line = " pid:" + name.substr(name.rfind('.') + 1) + ",";
+    const auto has_record = [&] { return device.count_events(REGISTER_LOG, line) > 0; };
+    const auto is_gone = [&] { return !device.exists(std::string(DB_DIR) + "/" + name); };
+    EXPECT_TRUE(wait_until([&] { return has_record() || is_gone(); }, LIFE_LIMIT_MS)) << name;
+  }
+  const auto as_many_as_files = [&] { return files_held() == device.list(DB_DIR).size(); };
+  EXPECT_TRUE(wait_until(as_many_as_files, LIFE_LIMIT_MS)) << files_held();
+}
+
+}  // namespace
