@@ -1,7 +1,9 @@
 // The test's children, and the orphans of its devices.
 #include "children.h"
 
+#include <linux/sched.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +35,34 @@ pid_t fork_child() {
   const pid_t child = fork();
   if (child > 0) own_children.insert(child);
   return child;
+}
+
+// The plain system call, which knows nothing of the C library's threads. Only in a process that has
+// one; the new one becomes its brother.
+static pid_t clone_brother(pid_t id) {
+  clone_args wanted{};
+  wanted.flags = CLONE_PARENT;
+  wanted.set_tid = reinterpret_cast<uintptr_t>(&id);
+  wanted.set_tid_size = 1;
+  return static_cast<pid_t>(syscall(SYS_clone3, &wanted, sizeof wanted));
+}
+
+pid_t fork_child_as(pid_t id) {
+  const std::lock_guard guard(children_mutex);
+  own_children.insert(id);
+  const pid_t between = fork();
+  if (between == 0) {
+    const pid_t brother = clone_brother(id);
+    if (brother == 0) return 0;
+    _exit(brother < 0 ? errno : 0);
+  }
+  int status = 0;
+  while (between > 0 && waitpid(between, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (between > 0 && status == 0) return id;
+  own_children.erase(id);
+  if (between > 0) errno = WIFEXITED(status) ? WEXITSTATUS(status) : ECHILD;
+  return -1;
 }
 
 int bury_child(pid_t child) {

@@ -22,6 +22,11 @@ void adopt_orphans();
 // used.
 pid_t fork_child();
 
+// The same for a child with a given process id, which must be free. A process of our own forks it
+// and is gone when this returns. Needs CAP_SYS_ADMIN. Returns `id`, or -1 with errno (EEXIST: it is
+// in use, EINVAL: it is above kernel.pid_max).
+pid_t fork_child_as(pid_t id);
+
 // waitpid for a child from fork_child and takes it off the list. Returns its wait status, or -1
 // when somebody else has waited for it.
 int bury_child(pid_t child);

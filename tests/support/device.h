@@ -59,6 +59,7 @@ struct SpawnOptions {
   std::string cwd = "/";
   bool session = true;                            // in a session of its own
   std::optional<std::vector<gid_t>> groups = {};  // supplementary groups; unset: the test's
+  pid_t id = 0;                                   // the process id that it shall have; 0: any
   std::vector<Limit> limits = {};  // RLIMIT_NOFILE...; a core needs {RLIMIT_CORE, 1 << 30, 1 << 30}
 };
 

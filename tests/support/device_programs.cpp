@@ -66,6 +66,7 @@ pid_t Device::spawn(const std::vector<std::string> &argv, const SpawnOptions &op
   wanted.session = options.session;
   wanted.groups = options.groups;
   wanted.limits = options.limits;
+  wanted.id = options.id;
   return start(wanted);
 }
 

@@ -125,7 +125,7 @@ pid_t spawn_process(const SpawnRequest &request) {
   const tov_fd_t reader(ends[0]);
   tov_fd_t writer(fcntl(ends[1], F_DUPFD_CLOEXEC, REPORT_FD_MIN));
   close(ends[1]);
-  const pid_t pid = fork_child();
+  const pid_t pid = request.id > 0 ? fork_child_as(request.id) : fork_child();
   if (pid < 0) throw std::runtime_error(std::string("spawn: fork: ") + strerror(errno));
   if (pid == 0) child_main(prepared, writer.n);
   writer.reset();

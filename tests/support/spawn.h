@@ -30,6 +30,7 @@ struct SpawnRequest {
   bool session = true;                            // setsid
   std::optional<std::vector<gid_t>> groups = {};  // supplementary groups
   std::vector<Limit> limits = {};
+  pid_t id = 0;          // the process id that it shall have; 0: any
   int output_fd = -1;    // standard output and error; -1: /dev/null
   int passed_fd = -1;    // becomes descriptor 3
   int mount_ns_fd = -1;  // namespaces to join; -1: stay
