@@ -40,8 +40,10 @@ void add_faketime_settings(std::map<std::string, std::string> &env, const std::s
   const std::string library = installed ? found.gl_pathv[0] : "";
   globfree(&found);
   if (!installed) throw std::runtime_error("libfaketimeMT.so.1 is not installed");
-  // Ours first: see programs/scaled_alarm.c.
-  env["LD_PRELOAD"] = TOV_BUILD_DIR "/tests/programs/libscaled_alarm.so:" + library;
+  // Ours first: see programs/scaled_alarm.c. What the caller preloads comes before both.
+  std::string &preloaded = env["LD_PRELOAD"];
+  if (!preloaded.empty()) preloaded += ":";
+  preloaded += TOV_BUILD_DIR "/tests/programs/libscaled_alarm.so:" + library;
   env["FAKETIME"] = setting;
 }
 

@@ -18,18 +18,26 @@
 //   watch          have the first thread watched, and give signs of life
 //   daemonise      fork into the background first; so does every worker whose name holds
 //                  "background", for tests of programs without words
+//   launch=WORD    execute itself with that word instead, under the same id
+//   sponsored      a helper process of its own registers it (execute again) and holds the file's
+//                  lock until some time after its end
+//   idle           register nothing and do nothing: what a told worker becomes
+//   sponsor=FD     be that helper, for the parent; FD is closed when the parent is registered
 // While /data/loop.NAME exists the worker fails soon after its start, again and again; when
 // /data/cancel.NAME exists it removes that file and withdraws its registration; when
-// /data/grow.NAME exists it removes that file and takes as many megabytes as it said.
+// /data/grow.NAME exists it removes that file and takes as many megabytes as it said; when
+// /data/become.NAME exists it removes that file and executes itself with the word "idle".
 //
 // Linked statically, like the victim and for the same reason.
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <tov/tov_xtach.h>
 #include <unistd.h>
@@ -47,6 +55,10 @@ struct Orders {
   int vsd = 0;
   bool watch = false;
   bool daemonise = false;
+  std::string launch;
+  bool sponsored = false;
+  bool idle = false;
+  int sponsor_fd = -1;
 };
 
 static Orders orders;
@@ -86,6 +98,18 @@ static void parse_word(const std::string &word) {
   if (key == "vsd") orders.vsd = atoi(value.c_str());
   if (key == "watch") orders.watch = true;
   if (key == "daemonise") orders.daemonise = true;
+  if (key == "launch") orders.launch = value;
+  if (key == "sponsored") orders.sponsored = true;
+  if (key == "idle") orders.idle = true;
+  if (key == "sponsor") orders.sponsor_fd = atoi(value.c_str());
+}
+
+// The same program under the same process id, as another command line.
+[[noreturn]] static void execute(const std::string &word) {
+  char exe[256] = "";
+  (void)!readlink("/proc/self/exe", exe, sizeof exe - 1);
+  execl(exe, exe, word.c_str(), nullptr);
+  _exit(EXIT_FAILURE);
 }
 
 static void become_daemon() {
@@ -107,9 +131,42 @@ static void write_file() {
   if (fd >= 0 && write(fd, text.data(), text.size()) > 0) (void)fcntl(fd, F_SETLK, &whole);
 }
 
+// Has a helper process register this one, and waits until it has. Its lock outlives us by a while,
+// so that the daemon has to put our restart off.
+static void start_sponsor() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) < 0) return;
+  const pid_t child = fork();
+  if (child == 0) {
+    const int kept = dup(ends[1]);
+    close(ends[1]);
+    execute("sponsor=" + std::to_string(kept));
+  }
+  close(ends[1]);
+  char nothing;
+  while (child > 0 && read(ends[0], &nothing, 1) < 0 && errno == EINTR) {
+  }
+  close(ends[0]);
+}
+
+// The helper: registers the parent, waits for its end, and holds the lock a little longer.
+[[noreturn]] static void sponsor() {
+  static constexpr int HELD_STEPS = 40;
+  const pid_t parent = getppid();
+  pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, parent, 0)), POLLIN, 0};
+  if (ended.fd < 0 || getppid() != parent) _exit(EXIT_FAILURE);
+  (void)reg_process_exit_action(parent, TOV_RESTART);
+  close(orders.sponsor_fd);
+  while (poll(&ended, 1, -1) < 0 && errno == EINTR) {
+  }
+  sleep_ms(getpid() % HELD_STEPS * TICK_MS);
+  _exit(EXIT_SUCCESS);
+}
+
 static void register_self() {
   if (orders.file_action > 0) write_file();
   report("birth");
+  if (orders.sponsored) start_sponsor();
   if (orders.by_path) {
     (void)reg_process_exit_action_shell(0, orders.type, orders.path.c_str());
   } else if (orders.type != TOV_NORMAL_EXIT) {
@@ -156,6 +213,10 @@ int main(int argc, char **argv) {
     parse_word(argv[i]);
     words += std::string(" ") + argv[i];
   }
+  if (orders.sponsor_fd >= 0) sponsor();
+  if (!orders.launch.empty()) execute(orders.launch);
+  while (orders.idle)
+    pause();
   if (orders.daemonise || name.find("background") != std::string::npos) become_daemon();
   register_self();
   for (;;) {
@@ -169,6 +230,10 @@ int main(int argc, char **argv) {
       unlink(("/data/cancel." + name).c_str());
       (void)tov_cancel_proc(0);
       report("cancelled");
+    }
+    if (is_told("become")) {
+      unlink(("/data/become." + name).c_str());
+      execute("idle");
     }
   }
 }
