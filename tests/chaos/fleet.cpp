@@ -10,7 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "tov.h"
+#include "requests.h"
 
 namespace tov_chaos {
 
@@ -22,23 +22,6 @@ static constexpr Millis STEADY_AFTER_MS{300};
 static constexpr Millis STEADY_AFTER_START_MS{1'500};
 static constexpr Millis LISTED_WITHIN_MS{3'000};
 static constexpr size_t HISTORY = 40;
-
-static const Kind kinds[] = {
-    {"executed", By::LIBRARY, true, false, 0, {"exec"}, 22},
-    {"scripted", By::LIBRARY, true, true, 0, {"script"}, 12},
-    {"pathed", By::LIBRARY, true, true, 0, {"path=/anywhere/"}, 6},
-    {"watched", By::LIBRARY, true, false, 0, {"exec", "watch"}, 10},
-    {"member9", By::LIBRARY, true, false, 9, {"exec"}, 5},
-    {"member11", By::LIBRARY, true, true, 11, {"script"}, 3},
-    {"filed", By::FILE, true, false, 0, {"file=2"}, 10},
-    {"filedscript", By::FILE, true, true, 0, {"file=3"}, 6},
-    {"expected", By::FILE, false, false, 0, {"file=1"}, 4},
-    {"ignored", By::FILE, false, false, 0, {"file=4"}, 3},
-    {"listed", By::LIST, true, false, 0, {}, 6},
-    {"background", By::LIST, true, false, 0, {}, 4},  // the name is the order, see worker.cpp
-    {"listedscript", By::LIST, true, true, 0, {"words"}, 5},
-    {"stranger", By::NOBODY, false, false, 0, {}, 4},
-};
 
 int64_t now_ns() {
   return tov_test::monotonic_ns();
@@ -61,13 +44,16 @@ static Program make_program(const Kind &kind, int number) {
   program.command = program.path;
   for (const std::string &word : kind.words)
     program.command += " " + word + (word.ends_with("/") ? program.name : "");
+  program.start_command = kind.starter.empty() ? program.command : program.path;
+  for (const std::string &word : kind.starter)
+    program.start_command += " " + word;
   return program;
 }
 
 Fleet::Fleet(Device &device, size_t size) : device_(device) {
   int number = 0;
   for (size_t round = 0; programs.size() < size; round++)
-    for (const Kind &kind : kinds)
+    for (const Kind &kind : all_kinds())
       if (static_cast<int>(round) < kind.share && programs.size() < size)
         programs.push_back(make_program(kind, number++));
 }
@@ -84,7 +70,7 @@ void Fleet::install() {
     const Kind &kind = *program.kind;
     if (&program != &programs[0]) link_program(device_, programs[0], program);
     if (kind.by_script)
-      device_.install_start_script(program.name, "exec " + program.command + "\n");
+      device_.install_start_script(program.name, "exec " + program.start_command + "\n");
     if (kind.by == By::LIST)
       device_.write("/etc/tov/proc/" + program.name,
                     program.command + (kind.by_script ? " TOV_SHELL_RESTART" : " TOV_RESTART"));
@@ -95,7 +81,7 @@ void Fleet::install() {
 // ---- life -----------------------------------------------------------------------------------
 
 void Fleet::start(Program &program) {
-  std::istringstream text(program.command);
+  std::istringstream text(program.start_command);
   std::vector<std::string> argv;
   for (std::string word; text >> word;)
     argv.push_back(word);
@@ -108,6 +94,7 @@ void Fleet::start(Program &program) {
   program.should_run = true;
   program.fresh = true;
   program.condemned = 0;
+  program.proven = false;
   program.changed_ns = now_ns();
   note(program, "started as " + std::to_string(child));
 }
@@ -115,7 +102,9 @@ void Fleet::start(Program &program) {
 void Fleet::take_report(Program &program, const std::string &what, pid_t pid) {
   note(program, what + " " + std::to_string(pid));
   program.changed_ns = now_ns();
+  program.proven = false;
   if (what == "birth") {
+    program.births++;
     program.born.insert(pid);
     program.registered.erase(pid);
     program.pid = pid;
@@ -150,11 +139,19 @@ void Fleet::read_reports() {
     // The daemon's own registration of it shows in the file.
     if (program.pid != 0 && device_.exists(registration_path(program, program.pid))) {
       program.supervised = true;
+      program.proven = false;
+      program.changed_ns = now_ns();
       note(program, "is registered");
     } else if (now_ns() - program.changed_ns > ns(LISTED_WITHIN_MS)) {
       program.uncertain = true;
     }
   }
+}
+
+void Fleet::prove_requests() {
+  if (!requests_are_done(device_)) return;
+  for (Program &program : programs)
+    program.proven = true;
 }
 
 bool Fleet::steady(const Program &program) const {
@@ -169,9 +166,30 @@ bool Fleet::steady(const Program &program) const {
   return device_.lives(program.pid) && tov_test::command_line(program.pid) == program.command;
 }
 
+bool Fleet::become_stranger(Program &program) {
+  static constexpr Millis LIMIT_MS{5'000};
+  const pid_t pid = program.pid;
+  const std::string other = program.path + " idle";
+  device_.write("/data/become." + program.name, "");
+  if (!tov_test::wait_until([&] { return tov_test::command_line(pid) == other; }, LIMIT_MS)) {
+    device_.remove("/data/become." + program.name);
+    if (tov_test::command_line(pid) != other) return false;
+  }
+  program.condemned = pid;
+  program.changed_ns = now_ns();
+  strangers.push_back({pid, other});
+  note(program, "became a stranger");
+  return true;
+}
+
+bool Fleet::lives(const Stranger &stranger) const {
+  return device_.lives(stranger.pid) && tov_test::command_line(stranger.pid) == stranger.command;
+}
+
 void Fleet::loop(Program &program, bool on) {
   if (program.looping == on) return;
   program.looping = on;
+  program.tainted = true;
   program.changed_ns = now_ns();
   note(program, on ? "begins to loop" : "stops looping");
   if (on)

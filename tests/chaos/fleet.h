@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "device.h"
+#include "kinds.h"
 
 namespace tov_chaos {
 
@@ -40,29 +41,12 @@ class Chance {
   std::mt19937_64 engine_;
 };
 
-// Who makes a program known to the daemon.
-enum class By {
-  NOBODY,   // a stranger, which must never be started by the daemon
-  LIBRARY,  // itself, by a client call
-  FILE,     // itself, by its registration file alone: known from the daemon's next start on
-  LIST,     // the daemon, when the program is executed
-};
-
-struct Kind {
-  const char *label;
-  By by;
-  bool comes_back;  // after any end but that by signal 15
-  bool by_script;
-  int vsd;
-  std::vector<std::string> words;
-  int share;  // of a hundred programs
-};
-
 struct Program {
   const Kind *kind = nullptr;
   std::string name;
   std::string path;
   std::string command;
+  std::string start_command;  // what is executed to start it; it then executes `command`
 
   // The model: what must be true once everything has settled.
   bool should_run = false;
@@ -79,16 +63,27 @@ struct Program {
   bool may_double = false;  // the daemon's death left two registrations behind
   pid_t doubled = 0;        // the older of two instances that we started on purpose
   int64_t wake_ns = 0;      // paused until then; 0: it is not
+  bool proven = false;      // the daemon has carried out what the latest report told of
+  // An instance ended before its requests were carried out: until the next daemon there may be a
+  // second record, of a dead process, which makes of a deliberate stop a lost exit.
+  bool tainted = false;
 
   std::set<pid_t> born;
   std::set<pid_t> registered;
   size_t reports_read = 0;
+  size_t births = 0;
   std::deque<std::string> history;  // for the report of a failure
 };
 
 struct RegistrationFile {
   int vsd;
   std::string path;
+  pid_t pid;
+  std::string command;
+};
+
+// What a program became when it executed another one: nobody's business from then on.
+struct Stranger {
   pid_t pid;
   std::string command;
 };
@@ -103,6 +98,8 @@ class Fleet {
   void start(Program &program);
   // Takes in what the instances have reported since the last call; buries our dead children.
   void read_reports();
+  // Asks the daemon whether it has carried out all that was reported so far.
+  void prove_requests();
   // Whether the program runs undisturbed and everybody knows of it.
   bool steady(const Program &program) const;
 
@@ -113,6 +110,9 @@ class Fleet {
   std::vector<RegistrationFile> registration_files() const;
   std::string registration_path(const Program &program, pid_t pid) const;
 
+  // Has a program execute another one. True when it did; the other one lives on as a stranger.
+  bool become_stranger(Program &program);
+  bool lives(const Stranger &stranger) const;
   // Lets a program fail again and again, or no longer.
   void loop(Program &program, bool on);
   void pause(Program &program, Millis length);
@@ -122,6 +122,7 @@ class Fleet {
   void note(Program &program, const std::string &text) const;
 
   std::vector<Program> programs;
+  std::vector<Stranger> strangers;
 
  private:
   void read_reports(Program &program);

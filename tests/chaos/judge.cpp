@@ -3,38 +3,40 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <sstream>
 #include <thread>
 
 #include "deeds.h"
+#include "report.h"
 #include "upheaval.h"
 
 namespace tov_chaos {
 
-// By the daemon's clock. A self-check may be put off to a later one's deadline, and a death that
-// nobody heard of is found by the second of two sweeps.
-static constexpr int SELF_CHECK_S = 60;
+// By the daemon's clock. A death that nobody heard of is found by the second of two sweeps.
 static constexpr int TWO_SWEEPS_S = 125;
-static constexpr int SETTLE_LIMIT_S = 2 * SELF_CHECK_S + 3 * TWO_SWEEPS_S;
 static constexpr int OVERDUE_S = 300;
+// In our own time: a busy machine gives the daemon's threads less than its fast clock says.
+static constexpr Millis OVERDUE_MS{60'000};
 
 static constexpr Millis LOOK_MS{100};
+static constexpr Millis SHORT_HOLD_MS{1'000};
 static constexpr Millis ZOMBIE_LIMIT_MS{5'000};
-static constexpr long GROWTH_KIB = 256;
-static constexpr size_t GROWTH_DESCRIPTORS =
-    8;  // clients come and go, a leak comes with each death
+static constexpr Millis END_LIMIT_MS{60'000};
 static constexpr char FORK_FILE[] = "/tmp/tov/forkfile";
-static constexpr Millis END_LIMIT_MS{20'000};
 
 static Millis real(const Run &run, int daemon_seconds) {
   return Millis(daemon_seconds * 1000 / run.options.speed);
 }
 
+static int64_t patient_ns(Millis length) {
+  return std::chrono::nanoseconds(length).count() * tov_test::patience();
+}
+
 // ---- who runs -----------------------------------------------------------------------------------
 
 // Empty when the program runs as often as it should.
-static std::string wrong_count(const Program &program,
+static std::string wrong_count(Run &run, const Program &program,
                                const std::vector<Device::Process> &processes) {
   const auto pids = Fleet::instances(program, processes);
   const size_t expected = program.should_run ? 1 : 0;
@@ -44,9 +46,7 @@ static std::string wrong_count(const Program &program,
        << " times and should run " << expected << (program.supervised ? "" : ", unsupervised");
   for (const pid_t pid : pids)
     text << " " << pid;
-  text << "\n";
-  for (const std::string &line : program.history)
-    text << "    " << line << "\n";
+  text << "\n" << evidence_of(run, program);
   return text.str();
 }
 
@@ -54,30 +54,33 @@ static std::string wrong_programs(Run &run) {
   std::string wrong;
   const auto processes = run.fleet.processes();
   for (const Program &program : run.fleet.programs)
-    wrong += wrong_count(program, processes);
+    wrong += wrong_count(run, program, processes);
+  for (const Stranger &stranger : run.fleet.strangers)
+    if (!run.fleet.lives(stranger))
+      wrong += stranger.command + " " + std::to_string(stranger.pid) +
+               " was nobody's business and is gone\n";
   return wrong;
 }
 
 std::string find_overdue(Run &run) {
   if (run.blind) return {};
-  const int64_t late_ns =
-      std::chrono::nanoseconds(real(run, OVERDUE_S)).count() * tov_test::patience();
+  const int64_t late_ns = patient_ns(std::max(real(run, OVERDUE_S), OVERDUE_MS));
   std::string wrong;
   const auto processes = run.fleet.processes();
   for (const Program &program : run.fleet.programs) {
     const bool busy = program.looping || program.uncertain || program.doubled != 0 ||
                       program.may_double || program.cancelling || program.wake_ns != 0;
-    if (!busy && now_ns() - program.changed_ns > late_ns) wrong += wrong_count(program, processes);
+    if (!busy && now_ns() - program.changed_ns > late_ns)
+      wrong += wrong_count(run, program, processes);
   }
   return wrong;
 }
 
-// Waits until all is as it should be, and then for as long as a late surprise could take.
-static std::string settle(Run &run) {
+// Waits until all is as it should be, and then for as long as a surprise could take.
+static std::string settle(Run &run, Millis hold) {
   const int64_t begin = now_ns();
-  const int64_t limit_ns =
-      std::chrono::nanoseconds(real(run, SETTLE_LIMIT_S)).count() * tov_test::patience();
-  const int64_t hold_ns = std::chrono::nanoseconds(real(run, TWO_SWEEPS_S)).count();
+  const int64_t limit_ns = patient_ns(Millis(run.options.limit_s * 1000));
+  const int64_t hold_ns = std::chrono::nanoseconds(hold).count();
   int64_t right_since = 0;
   for (;;) {
     run.fleet.read_reports();
@@ -96,45 +99,14 @@ static std::string settle(Run &run) {
 
 // ---- the daemon itself --------------------------------------------------------------------------
 
-struct Usage {
-  size_t descriptors = 0;
-  long resident_kib = 0;
-};
-
-static Usage usage_of(pid_t daemon) {
-  Usage usage;
-  const std::string fds = "/proc/" + std::to_string(daemon) + "/fd";
-  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator(fds))
-    usage.descriptors++;
-  usage.resident_kib = atol(tov_test::status_field(daemon, "VmRSS").c_str());
-  return usage;
-}
-
-static std::string zombies(pid_t daemon) {
-  std::string found;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-    const pid_t pid = atoi(entry.path().filename().c_str());
-    if (pid > 0 && tov_test::process_state(pid) == 'Z' &&
-        tov_test::status_field(pid, "PPid") == std::to_string(daemon))
-      found += " " + std::to_string(pid);
-  }
-  return found;
-}
-
-static std::string wrong_daemon(Run &run, const Usage &before) {
+static std::string wrong_daemon(const Run &run, const Usage &before) {
   std::string wrong;
   const pid_t daemon = run.device.daemon_pid();
-  if (!tov_test::wait_until([&] { return zombies(daemon).empty(); }, ZOMBIE_LIMIT_MS))
-    wrong += "zombies of the daemon:" + zombies(daemon) + "\n";
-  const Usage after = usage_of(daemon);
-  std::ostringstream text;
-  text << "the daemon had " << before.descriptors << " descriptors and " << before.resident_kib
-       << " KiB, now " << after.descriptors << " and " << after.resident_kib << "\n";
-  printf("  %s", text.str().c_str());
-  // A sanitizer keeps what was freed.
-  const bool grown =
-      tov_test::patience() == 1 && after.resident_kib > before.resident_kib + GROWTH_KIB;
-  if (after.descriptors > before.descriptors + GROWTH_DESCRIPTORS || grown) wrong += text.str();
+  if (!tov_test::wait_until([&] { return zombies_of(daemon).empty(); }, ZOMBIE_LIMIT_MS))
+    wrong += "zombies of the daemon:" + zombies_of(daemon) + "\n";
+  const Usage now = usage_of(daemon);
+  if (has_grown(before, now))
+    wrong += "the daemon has grown: " + before.text() + " before, " + now.text() + " now\n";
   return wrong;
 }
 
@@ -175,27 +147,32 @@ static void say(const Run &run, const char *what) {
     supervised += program.supervised;
   }
   printf("  %s: %zu programs should run, %zu are supervised\n", what, running, supervised);
+  fflush(stdout);
 }
 
 std::string judge(Run &run) {
   kill_daemon(run);
   start_daemon(run);
   say(run, "settling");
-  std::string wrong = settle(run);
+  const Millis long_hold = real(run, TWO_SWEEPS_S);
+  std::string wrong = settle(run, SHORT_HOLD_MS);
   Usage before;
   for (int round = 0; wrong.empty() && round < run.options.rounds; round++) {
     end_all(run, SIGKILL);
     say(run, "all killed");
-    wrong = settle(run);
+    // Only the last time so long that every death has been looked at twice: stopping a program
+    // while a dead process of it is still registered would be a lost exit.
+    wrong = settle(run, round + 1 == run.options.rounds ? long_hold : SHORT_HOLD_MS);
     // The first round shows what so many restarts at once need; then nothing may be added.
-    if (wrong.empty() && round > 0) wrong = wrong_daemon(run, before);
-    before = usage_of(run.device.daemon_pid());
+    const Usage now = usage_of(run.device.daemon_pid());
+    if (wrong.empty()) wrong = wrong_daemon(run, round > 0 ? before : now);
+    before = now;
   }
+  run.lives.back().end = usage_of(run.device.daemon_pid());
   if (!wrong.empty()) return wrong;
-  wrong = wrong_daemon(run, before);
   end_all(run, SIGTERM);
   say(run, "all stopped");
-  wrong += settle(run);
+  wrong = settle(run, long_hold);
   wrong += wrong_files(run) + end_daemon(run);
   return wrong + run.device.sanitizer_reports();
 }

@@ -4,21 +4,31 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "device.h"
 #include "fleet.h"
+#include "health.h"
 
 namespace tov_chaos {
 
 struct Options {
   uint64_t seed = 1;
-  int seconds = 30;  // of deeds
+  int seconds = 600;  // of deeds
   size_t programs = 100;
   int daemon_life_s = 30;
   int speed = 20;  // seconds of the daemon's clock in one of ours
   int deeds_per_s = 20;
-  int rounds = 3;  // of the judge's proofs
-  bool verbose = false;
+  int rounds = 3;           // of the judge's proofs
+  int limit_s = 120;        // for everything to settle
+  std::string broken = {};  // behaviour of the daemon to break, see programs/broken_daemon.c
+};
+
+// One daemon of the run.
+struct Life {
+  pid_t pid;
+  Usage begin;
+  Usage end;  // when it is killed
 };
 
 struct Run {
@@ -32,9 +42,16 @@ struct Run {
   // The daemon lost a place that it needs: it may be late until its successor comes.
   bool blind = false;
   std::map<std::string, int> counts;  // deeds done, and what else is worth telling
+  std::vector<Life> lives;
 
   tov_test::DaemonOptions daemon_options() const {
-    return {.faketime = "+0 x" + std::to_string(options.speed), .limits = {{RLIMIT_CORE, 0, 0}}};
+    tov_test::DaemonOptions daemon;
+    daemon.faketime = "+0 x" + std::to_string(options.speed);
+    daemon.limits = {{RLIMIT_CORE, 0, 0}};
+    if (!options.broken.empty())
+      daemon.env = {{"BREAK", options.broken},
+                    {"LD_PRELOAD", device.binary_dir() + "/tests/programs/libbroken_daemon.so"}};
+    return daemon;
   }
 };
 

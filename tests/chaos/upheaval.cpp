@@ -15,23 +15,32 @@
 
 namespace tov_chaos {
 
-static constexpr Millis QUIET_LIMIT_MS{10'000};
+static constexpr Millis QUIET_LIMIT_MS{60'000};
+static constexpr Millis COPIES_LIMIT_MS{10'000};
 static constexpr Millis LAST_WORDS_MS{100};
 static constexpr Millis LAST_FAILURE_MS{80};
-static constexpr Millis READY_LIMIT_MS{20'000};
+static constexpr Millis READY_LIMIT_MS{60'000};
 
-// Has every process that a daemon forked become what it is to be, and told so?
-static bool is_quiet(Run &run) {
+// What has not yet become what it is to be, or has not told so; each behind a blank.
+static std::string restless(Run &run) {
+  std::string found;
   run.fleet.read_reports();
   const auto processes = run.fleet.processes();
   const std::string daemon = run.device.binary_dir() + "/tov";
-  for (const auto &process : processes)
-    if (process.command == daemon || process.command.starts_with("/bin/sh /etc/cmdmap/"))
-      return false;
-  for (const Program &program : run.fleet.programs)
+  const auto &programs = run.fleet.programs;
+  for (const auto &process : processes) {
+    const auto is_being_launched = [&](const Program &program) {
+      return program.start_command != program.command && process.command == program.start_command;
+    };
+    if (process.command == daemon || process.command.starts_with("/bin/sh /etc/cmdmap/") ||
+        std::any_of(programs.begin(), programs.end(), is_being_launched))
+      found += " " + std::to_string(process.pid);
+  }
+  for (const Program &program : programs)
     for (const pid_t pid : Fleet::instances(program, processes))
-      if (!program.born.contains(pid)) return false;
-  return true;
+      if (!program.born.contains(pid) || pid == program.condemned)
+        found += " " + std::to_string(pid);
+  return found;
 }
 
 struct Stock {
@@ -72,6 +81,7 @@ static void take_stock(Run &run) {
     }
     program.uncertain = false;
     program.fresh = false;
+    program.tainted = false;
     program.doubled = 0;
     run.fleet.note(program, "stock: " + std::to_string(stock.living.size()) + " living, " +
                                 std::to_string(stock.dead_files) + " dead files" +
@@ -84,14 +94,15 @@ void kill_daemon(Run &run) {
   run.blind = false;
   if (const auto status = run.device.wait_daemon(Millis(0)))
     throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));
+  run.lives.back().end = usage_of(run.device.daemon_pid());
   run.device.kill_daemon();
   run.counts["daemon killed"]++;
   for (Program &program : run.fleet.programs)
     run.fleet.loop(program, false);
   run.fleet.wake(true);
   std::this_thread::sleep_for(LAST_FAILURE_MS);
-  if (!tov_test::wait_until([&] { return is_quiet(run); }, QUIET_LIMIT_MS))
-    throw std::runtime_error("without a daemon the programs do not come to rest");
+  if (!tov_test::wait_until([&] { return restless(run).empty(); }, QUIET_LIMIT_MS))
+    throw std::runtime_error("without a daemon the programs do not come to rest:" + restless(run));
   std::this_thread::sleep_for(LAST_WORDS_MS);
   run.fleet.read_reports();
   take_stock(run);
@@ -108,7 +119,7 @@ static void end_second_copies(Run &run, Program &program) {
                  return program.registered.contains(pid);
                });
       },
-      QUIET_LIMIT_MS);
+      COPIES_LIMIT_MS);
   if (!both) return;
   run.counts["second copy ended"]++;
   for (const pid_t pid : pids) {
@@ -124,6 +135,7 @@ void start_daemon(Run &run) {
     throw std::runtime_error("the daemon does not come up");
   for (Program &program : run.fleet.programs)
     if (program.may_double) end_second_copies(run, program);
+  run.lives.push_back({run.device.daemon_pid(), usage_of(run.device.daemon_pid()), {}});
 }
 
 }  // namespace tov_chaos

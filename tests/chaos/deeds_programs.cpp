@@ -1,0 +1,169 @@
+// Deeds to programs.
+#include <signal.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "deeds.h"
+#include "deeds_list.h"
+
+namespace tov_chaos {
+
+static constexpr size_t LOOPS_MAX = 6;
+
+static constexpr int signals[] = {SIGKILL, SIGKILL, SIGKILL, SIGSEGV, SIGABRT, SIGHUP,
+                                  SIGINT,  SIGQUIT, SIGUSR1, SIGUSR2, SIGBUS,  SIGFPE,
+                                  SIGILL,  SIGALRM, SIGSYS,  SIGTRAP, SIGPIPE};
+
+// ---- whom ---------------------------------------------------------------------------------------
+
+using Test = std::function<bool(const Program &)>;
+
+static Program *pick(Run &run, const Test &test) {
+  std::vector<Program *> fitting;
+  for (Program &program : run.fleet.programs)
+    if (test(program)) fitting.push_back(&program);
+  return fitting.empty() ? nullptr : run.chance.pick(fitting);
+}
+
+static Program *pick_steady(
+    Run &run, const Test &test = [](const Program &) { return true; }) {
+  // Whether it is steady is asked last: that looks at the process.
+  return pick(run,
+              [&](const Program &program) { return test(program) && run.fleet.steady(program); });
+}
+
+// ---- deeds to programs --------------------------------------------------------------------------
+
+void end_instance(Run &run, Program &program, pid_t pid, int signal) {
+  run.device.kill(pid, signal);
+  run.fleet.note(program, "signal " + std::to_string(signal) + " to " + std::to_string(pid));
+  program.condemned = pid;
+  program.changed_ns = now_ns();
+  if (signal == SIGTERM) program.supervised = false;
+  // A program whose end is expected stays registered: a fresh daemon would start it.
+  if (!program.supervised || !program.kind->comes_back) program.should_run = false;
+}
+
+// Whether the daemon has carried out all that the program asked for.
+static bool is_proven(Run &run, Program &program) {
+  if (!program.proven) run.fleet.prove_requests();
+  return program.proven;
+}
+
+bool kill_somebody(Run &run) {
+  Program *program = pick_steady(run);
+  if (program == nullptr) return false;
+  // What becomes of the others depends on what the daemon knows of them.
+  if ((program->fresh || !program->supervised) && !is_proven(run, *program)) return false;
+  end_instance(run, *program, program->pid, run.chance.pick(signals));
+  return true;
+}
+
+// Not long after its birth, perhaps before its registration: it comes back all the same, since the
+// daemon knows whom it started.
+bool kill_somebody_early(Run &run) {
+  Program *program = pick(run, [&](const Program &one) {
+    const bool known = one.supervised && !one.fresh && one.should_run && !one.uncertain;
+    return known && one.kind->comes_back && one.doubled == 0 && one.wake_ns == 0 &&
+           !one.cancelling && one.pid != 0 && one.condemned != one.pid && !run.fleet.steady(one);
+  });
+  if (program == nullptr || !run.device.lives(program->pid)) return false;
+  program->tainted = true;
+  end_instance(run, *program, program->pid, run.chance.pick(signals));
+  return true;
+}
+
+bool stop_somebody(Run &run) {
+  Program *program = pick_steady(run, [](const Program &one) { return !one.tainted; });
+  if (program == nullptr || !is_proven(run, *program)) return false;
+  end_instance(run, *program, program->pid, SIGTERM);
+  return true;
+}
+
+static bool asked_by_itself(const Program &program) {
+  return program.supervised && program.kind->by == By::LIBRARY && !program.tainted;
+}
+
+bool cancel_somebody(Run &run) {
+  Program *program = pick_steady(run, asked_by_itself);
+  if (program == nullptr || !is_proven(run, *program)) return false;
+  run.device.write("/data/cancel." + program->name, "");
+  program->cancelling = true;
+  run.fleet.note(*program, "is to cancel");
+  return true;
+}
+
+// The process lives on under its id and is another program: two sweeps later the program must be
+// there again, and the other one must still live.
+bool replace_somebody(Run &run) {
+  static constexpr size_t STRANGERS_MAX = 8;
+  const auto fits = [](const Program &one) {
+    return one.supervised && one.kind->comes_back && one.kind->replaceable && !one.tainted;
+  };
+  Program *program = pick_steady(run, fits);
+  if (program == nullptr || !is_proven(run, *program)) return false;
+  while (run.fleet.strangers.size() >= STRANGERS_MAX) {
+    const Stranger &oldest = run.fleet.strangers.front();
+    if (!run.fleet.lives(oldest)) return false;  // the judge will find that
+    run.device.kill(oldest.pid, SIGKILL);
+    run.fleet.strangers.erase(run.fleet.strangers.begin());
+  }
+  return run.fleet.become_stranger(*program);
+}
+
+bool loop_somebody(Run &run) {
+  const auto &all = run.fleet.programs;
+  const auto looping =
+      std::count_if(all.begin(), all.end(), [](const Program &one) { return one.looping; });
+  if (looping >= static_cast<std::ptrdiff_t>(LOOPS_MAX)) return false;
+  Program *program =
+      pick_steady(run, [](const Program &one) { return one.supervised && one.kind->comes_back; });
+  if (program == nullptr) return false;
+  run.fleet.loop(*program, true);
+  return true;
+}
+
+bool pause_somebody(Run &run) {
+  Program *program = pick_steady(run);
+  if (program == nullptr) return false;
+  run.fleet.pause(*program, Millis(run.chance.between(50, 2'000)));
+  return true;
+}
+
+bool start_somebody(Run &run) {
+  static constexpr int64_t REST_NS = 1'500'000'000;
+  const auto processes = run.fleet.processes();
+  Program *program = pick(run, [&](const Program &one) {
+    return !one.should_run && !one.supervised && !one.uncertain &&
+           now_ns() - one.changed_ns > REST_NS * tov_test::patience() &&
+           Fleet::instances(one, processes).empty();
+  });
+  if (program == nullptr) return false;
+  run.fleet.start(*program);
+  return true;
+}
+
+// A second instance; when both are registered the older one ends, and that one must stay away.
+bool double_somebody(Run &run) {
+  Program *program = pick_steady(run, asked_by_itself);
+  if (program == nullptr || !is_proven(run, *program)) return false;
+  const pid_t older = program->pid;
+  run.fleet.start(*program);
+  program->doubled = older;
+  return true;
+}
+
+void end_older_instance(Run &run, Program &program) {
+  static constexpr int64_t REST_NS = 1'500'000'000;
+  const bool both = program.pid != program.doubled && program.registered.contains(program.pid) &&
+                    now_ns() - program.changed_ns > REST_NS * tov_test::patience();
+  if (!both || !run.device.lives(program.doubled) || !is_proven(run, program)) return;
+  const pid_t younger = program.pid;
+  end_instance(run, program, program.doubled, SIGKILL);
+  program.condemned = 0;
+  program.pid = younger;
+  program.doubled = 0;
+}
+
+}  // namespace tov_chaos

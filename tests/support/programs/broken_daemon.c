@@ -1,0 +1,108 @@
+/*
+ * One broken behaviour, preloaded into a daemon whose judge is to be tried: a judge that never says
+ * no proves nothing. BREAK names it:
+ *   reap         ended children are never waited for
+ *   descriptors  every fork leaves a descriptor open
+ *   memory       every fork keeps 64 KiB
+ *   start        programs whose path holds "ch_filed_" cannot be executed
+ *   once         programs whose path holds "ch_executed_" are executed twice
+ *   stop         an end by signal 15 arrives as an end by signal 9
+ *   files        after an end by signal 15 registration files are no longer removed
+ *   last         the process ends at its fifteenth fork
+ * Programs that the daemon starts are left alone: they are linked statically.
+ */
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/cn_proc.h>
+#include <linux/connector.h>
+#include <linux/netlink.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#define SEEN __attribute__((visibility("default")))
+
+enum { KEPT_BYTES = 64 * 1024, FORKS_MAX = 15 };
+
+static const char *broken = "";
+static volatile int somebody_stopped; /* and the daemon is to leave files from now on */
+static pid_t (*next_fork)(void);
+static pid_t (*next_waitpid)(pid_t, int *, int);
+static int (*next_execvpe)(const char *, char *const[], char *const[]);
+static int (*next_unlink)(const char *);
+static ssize_t (*next_recvfrom)(int, void *, size_t, int, struct sockaddr *, socklen_t *);
+
+static int breaks(const char *what) {
+  return strcmp(broken, what) == 0;
+}
+
+/* Looked up before the program runs: a forked child may not. ISO C knows no conversion of an object
+ * pointer to a function pointer, hence the copy. */
+static void look_up(const char *name, void *function) {
+  void *found = dlsym(RTLD_NEXT, name);
+  memcpy(function, &found, sizeof found);
+}
+
+__attribute__((constructor)) static void prepare(void) {
+  const char *setting = getenv("BREAK");
+  if (setting != NULL && strcmp(program_invocation_short_name, "tov") == 0) broken = setting;
+  look_up("fork", &next_fork);
+  look_up("waitpid", &next_waitpid);
+  look_up("execvpe", &next_execvpe);
+  look_up("unlink", &next_unlink);
+  look_up("recvfrom", &next_recvfrom);
+}
+
+SEEN pid_t fork(void) {
+  static int forks;
+  const pid_t child = next_fork();
+  if (child <= 0) return child;
+  if (breaks("descriptors")) (void)!open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (breaks("memory")) {
+    char *volatile kept = malloc(KEPT_BYTES);
+    if (kept != NULL) memset(kept, 1, KEPT_BYTES);
+  }
+  if (breaks("last") && ++forks == FORKS_MAX) _exit(EXIT_FAILURE);
+  return child;
+}
+
+SEEN pid_t waitpid(pid_t pid, int *status, int options) {
+  return breaks("reap") ? 0 : next_waitpid(pid, status, options);
+}
+
+SEEN int execvpe(const char *file, char *const argv[], char *const envp[]) {
+  if (breaks("start") && strstr(file, "ch_filed_") != NULL) {
+    errno = ENOENT;
+    return -1;
+  }
+  if (breaks("once") && strstr(file, "ch_executed_") != NULL) (void)next_fork();
+  return next_execvpe(file, argv, envp);
+}
+
+SEEN int unlink(const char *path) {
+  return somebody_stopped && strstr(path, "/tov/db/") != NULL ? 0 : next_unlink(path);
+}
+
+/* One process event a datagram, as the kernel sends them. */
+static void look_at_event(char *datagram, size_t length) {
+  struct proc_event event;
+  const size_t begin = NLMSG_HDRLEN + sizeof(struct cn_msg);
+  if (length < begin + sizeof event) return;
+  memcpy(&event, datagram + begin, sizeof event);
+  if ((unsigned int)event.what != 0x80000000U || event.event_data.exit.exit_code != SIGTERM) return;
+  if (breaks("files")) somebody_stopped = 1;
+  if (!breaks("stop")) return;
+  event.event_data.exit.exit_code = SIGKILL;
+  memcpy(datagram + begin, &event, sizeof event);
+}
+
+SEEN ssize_t recvfrom(int fd, void *restrict buffer, size_t size, int flags, __SOCKADDR_ARG from,
+                      socklen_t *restrict from_size) {
+  const ssize_t got = next_recvfrom(fd, buffer, size, flags, from.__sockaddr__, from_size);
+  if (got > 0) look_at_event(buffer, (size_t)got);
+  return got;
+}
