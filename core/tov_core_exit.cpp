@@ -26,12 +26,6 @@ enum {
   SCANS_MAX = 10,
 };
 
-// A process to be registered once the lock is gone; pid 0: none.
-struct registration_s {
-  pid_t pid = 0;
-  const char *type = nullptr;
-};
-
 static void forget(tov_pid_t *record) {
   (void)tov_db_destroy(record);
   __tov_del_pid(&tov_chains, record->pid);
@@ -100,7 +94,7 @@ static void accept_stop(tov_pid_t *record) {
 
 // A third-part program that somebody else brought back is registered under its new process
 // instead of being started once more.
-static bool handed_over_to_running(tov_pid_t *record, registration_s *later) {
+static bool handed_over_to_running(tov_pid_t *record, tov_registration_t *later) {
   char attribute[ATTRIBUTE_SIZE];
   if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record->process, attribute, sizeof attribute)) {
     return false;
@@ -160,8 +154,8 @@ static void restart(tov_pid_t *record) {
 
 // Top to bottom; each rule either ends the matter or leaves it to the next. Returns what is to be
 // registered when the lock is gone.
-static registration_s decide(int pid, int exit_code, int force, bool known_gone) {
-  registration_s later;
+static tov_registration_t decide(int pid, int exit_code, int force, bool known_gone) {
+  tov_registration_t later;
   tov_chains_guard_t guard(tov_chains);
   tov_pid_t *record = tov_get_oldest_node(pid);
   if (record == nullptr) return later;
@@ -182,19 +176,18 @@ static registration_s decide(int pid, int exit_code, int force, bool known_gone)
   return later;
 }
 
-static void handle(int pid, int exit_code, int force, bool known_gone) {
-  registration_s later = decide(pid, exit_code, force, known_gone);
-  if (later.pid == 0) return;
-  if (reg_third_part_process_exit_action(later.pid, later.type) != 0) {
+void tov_handle_netlink_exit(int pid, int exit_code, int force) {
+  tov_register_found(decide(pid, exit_code, force, false));
+}
+
+tov_registration_t tov_decide_lost_exit(int pid) {
+  return decide(pid, 0, 0, true);
+}
+
+void tov_register_found(const tov_registration_t &found) {
+  if (found.pid == 0) return;
+  if (reg_third_part_process_exit_action(found.pid, found.type) != 0) {
     (void)tov_log_with_type(TOV_LOG_ERROR, "%s-->reg_third_part_process_exit_action error!\n",
                             "tov_handle_netlink_exit");
   }
-}
-
-void tov_handle_netlink_exit(int pid, int exit_code, int force) {
-  handle(pid, exit_code, force, false);
-}
-
-void tov_handle_lost_exit(int pid) {
-  handle(pid, 0, 0, true);
 }

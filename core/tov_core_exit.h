@@ -25,9 +25,22 @@
 // is left alone.
 void tov_handle_netlink_exit(int pid, int exit_code, int force);
 
-// The same for a process that two sweeps in a row did not find running: their verdict stands in
-// place of the liveness question, because another program may live under the id by now. That
-// stranger is not touched.
-void tov_handle_lost_exit(int pid);
+// A running process of a third-part program that is to be registered in place of a dead one; the
+// pid 0 is none.
+struct tov_registration_s {
+  pid_t pid = 0;
+  const char *type = nullptr;  // as the list of third-part programs names it
+};
+using tov_registration_t = tov_registration_s;
+
+// The same decision about a process that two sweeps in a row did not find running: their verdict
+// stands in place of the liveness question, because another program may live under the id by now.
+// That stranger is not touched.
+// Returns what the caller hands to tov_register_found() once it holds no registry's lock.
+[[nodiscard]] tov_registration_t tov_decide_lost_exit(int pid);
+
+// Registers the process with our own server, which takes the lock of `tov_chains` in another
+// thread: never call it with that lock held. A failure is logged. Waits for the server's answer.
+void tov_register_found(const tov_registration_t &found);
 
 #endif  // TOV_CORE_EXIT_H

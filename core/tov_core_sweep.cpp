@@ -1,5 +1,7 @@
 #include "tov_core_sweep.h"
 
+#include <vector>
+
 #include "tov_chain.h"
 #include "tov_core_exit.h"
 #include "tov_core_running.h"
@@ -37,7 +39,9 @@ static tov_pid_t *find_lost(unsigned int bucket) {
   return lost;
 }
 
-void tov_sweep_bucket(unsigned int bucket) {
+// The bucket's share under the lock. Returns the processes to register when it is gone.
+static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
+  std::vector<tov_registration_t> found;
   tov_chains_guard_t guard(tov_chains);
   tov_chain_for_each_in(&tov_chains, bucket, [](tov_pid_t &record) {
     count_miss(record);
@@ -49,8 +53,15 @@ void tov_sweep_bucket(unsigned int bucket) {
     (void)tov_log_with_type(TOV_LOG_RESTART,
                             "%s: tov_pid(%s, %d, %d) exit code lost, restart it.\n", function,
                             lost->process, lost->vsd_id, lost->pid);
-    tov_handle_lost_exit(lost->pid);
+    tov_registration_t later = tov_decide_lost_exit(lost->pid);
+    if (later.pid != 0) found.push_back(later);
   }
+  return found;
+}
+
+void tov_sweep_bucket(unsigned int bucket) {
+  for (const tov_registration_t &found : decide_about(bucket))
+    tov_register_found(found);
 }
 
 void *tov_proc_stat_check(void *) {

@@ -13,7 +13,8 @@
 void *tov_proc_stat_check(void *);
 
 // One bucket's share of a sweep: counts the processes that were not found, and treats as gone
-// those that were not found twice in a row. Takes the lock of `tov_chains`.
+// those that were not found twice in a row. Takes the lock of `tov_chains`; call it without, since
+// a program that somebody else brought back is registered with our own server after the lock.
 void tov_sweep_bucket(unsigned int bucket);
 
 #endif  // TOV_CORE_SWEEP_H

@@ -522,7 +522,7 @@ TEST_F(TovHandleExit, LostProcessIsRestartedAndTheStrangerUnderItsIdLives) {
   const Program program("lost"), stranger("stranger");
   const pid_t pid = tov_test::start(stranger.path);
   tov_pid_t *record = add(pid, program.path);
-  tov_handle_lost_exit(pid);
+  tov_register_found(tov_decide_lost_exit(pid));
   EXPECT_EQ(record->pid, program.birth().pid);
   EXPECT_NE(record->pid, pid);
   EXPECT_TRUE(tov_test::process_lives(pid));
@@ -535,7 +535,7 @@ TEST_F(TovHandleExit, LostProcessIsStillDeferredWhileItsFileIsLocked) {
   const pid_t pid = tov_test::start(program.path);
   tov_pid_t *record = add(pid, "/opt/" + program.name + " retitled");
   const auto holder = holder_of(write_file_of(*record));
-  tov_handle_lost_exit(pid);
+  tov_register_found(tov_decide_lost_exit(pid));
   EXPECT_EQ(record->pid, pid);
   EXPECT_EQ(count(tov_chains_delay), 1);
 }
@@ -545,7 +545,7 @@ TEST_F(TovHandleExit, LostProcessIsStillDroppedAsADuplicate) {
   const pid_t pid = tov_test::start(program.path);
   add(pid, "/opt/twin");
   const tov_pid_t *other = add(GONE + 1, "/opt/twin");
-  tov_handle_lost_exit(pid);
+  tov_register_found(tov_decide_lost_exit(pid));
   EXPECT_EQ(find(pid), nullptr);
   EXPECT_EQ(find(GONE + 1), other);
 }

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -156,6 +158,26 @@ TEST_F(TovSweep, LostTwinsInOneBucketAreHandledOnce) {
   EXPECT_EQ(count(), 1);
   EXPECT_NE(find(program.birth().pid), nullptr);
   EXPECT_EQ(program.births().size(), 1u);
+}
+
+// A third-part program that somebody else brought back meanwhile. The server wants the registry's
+// lock to make the new record: nobody may hold it while the server is asked.
+TEST_F(TovSweep, RegistryIsFreeWhileAProgramThatWasFoundIsRegistered) {
+  const Program program("found");
+  tov_test::write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  const pid_t found = tov_test::start(program.path);
+  add(GONE, program.path);
+  sweep_bucket_of(GONE);
+  tov_test::FakeDaemon server({.think = std::chrono::milliseconds(500)});
+  auto swept = std::async(std::launch::async, [] { sweep_bucket_of(GONE); });
+  // Asking for the record takes the lock, so with the lock held this would last as long as the
+  // whole sweep.
+  EXPECT_TRUE(
+      tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(10'000)));
+  EXPECT_EQ(swept.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  swept.wait();
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(server.only_request().payload<tov_msg_xtach_t>().pid, found);
 }
 
 TEST_F(TovSweep, ThreadTakesOneBucketAtATime) {
