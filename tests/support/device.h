@@ -132,7 +132,7 @@ class Device {
   // Its exit status as waitpid gives it; empty when it still runs at the end of the limit.
   std::optional<int> wait_daemon(Millis limit);
   // Sends a signal and waits for the end.
-  std::optional<int> kill_daemon(int signal = SIGKILL, Millis limit = Millis(5'000));
+  std::optional<int> kill_daemon(int signal = SIGKILL, Millis limit = Millis(10'000));
   // What all daemons of this device have printed so far.
   std::string daemon_output() const;
 
@@ -179,18 +179,18 @@ class Device {
 
   std::vector<Notice> notices() const;
   // The first notice that contains the text (the `nth` one), waiting for it if need be.
-  std::optional<Notice> wait_notice(const std::string &text, Millis limit = Millis(5'000),
+  std::optional<Notice> wait_notice(const std::string &text, Millis limit = Millis(10'000),
                                     size_t nth = 1) const;
   size_t count_notices(const std::string &text) const;
   // Lines of all event log files whose name begins so ("tov_run_event.log"), in the order of their
   // time stamps, without line ends.
   std::vector<std::string> event_log(const std::string &name) const;
   std::optional<std::string> wait_event(const std::string &name, const std::string &text,
-                                        Millis limit = Millis(5'000), size_t nth = 1) const;
+                                        Millis limit = Millis(10'000), size_t nth = 1) const;
   size_t count_events(const std::string &name, const std::string &text) const;
   std::string console() const;
-  bool wait_console(const std::string &text, Millis limit = Millis(5'000)) const;
-  bool wait_output(const std::string &text, Millis limit = Millis(5'000)) const;  // of the daemon
+  bool wait_console(const std::string &text, Millis limit = Millis(10'000)) const;
+  bool wait_output(const std::string &text, Millis limit = Millis(10'000)) const;  // of the daemon
   // What sanitizers have written in this device.
   std::string sanitizer_reports() const;
   // Everything above as one text for a failure message.

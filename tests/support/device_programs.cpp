@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -22,6 +23,7 @@ namespace tov_test {
 static const std::string DAEMON_SOCKET = "/tmp/tov/.tov";
 static const std::string PROCESS_GROUPS = "/run/pids";  // see control_groups.cpp
 static const std::string VICTIM_REPORT = "/data/victim.";
+static const std::string LAST_THREAD = "tov_proc_stat_c\n";  // the kernel keeps 15 characters
 
 bool RunResult::exited_with(int code) const {
   return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == code;
@@ -157,6 +159,16 @@ static bool hears_process_events(pid_t pid) {
   return false;
 }
 
+// Does the last of the daemon's threads run?
+static bool runs_all_threads(pid_t pid) {
+  std::error_code gone;
+  std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", gone);
+  for (; !gone && tasks != std::filesystem::directory_iterator(); tasks.increment(gone)) {
+    if (read_small_file(tasks->path() / "comm") == LAST_THREAD) return true;
+  }
+  return false;
+}
+
 bool Device::wait_daemon_ready(Millis limit) {
   bool ready = false;
   wait_until(
@@ -164,7 +176,7 @@ bool Device::wait_daemon_ready(Millis limit) {
         if (wait(daemon_pid_, Millis(0))) return true;
         const auto socket = status(DAEMON_SOCKET);
         const bool bound = socket && (!socket_before_ || socket->st_ino != socket_before_->st_ino);
-        ready = bound && hears_process_events(daemon_pid_);
+        ready = bound && hears_process_events(daemon_pid_) && runs_all_threads(daemon_pid_);
         return ready;
       },
       limit);
