@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tov_core_config.h"
@@ -31,11 +32,20 @@ enum {
   REASON_SIZE = 200,
 };
 
+// Which file stands under a name; the inode 0 is no file.
+struct file_id_s {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const file_id_s &) const = default;
+};
+
 struct watch_s {
   tov_fd_t inotify;
   int wd_fork = -1;
   int wd_tov_cfg = -1;
   int fd_num = -1;  // last result of poll
+  file_id_s fork_file;
+  file_id_s config_file;
 };
 
 // ---- fatal end ------------------------------------------------------------------------------
@@ -73,20 +83,37 @@ static void wait_for_data() {
   safe_usleep(MOUNT_SETTLE_US);
 }
 
+// A link in the place of the fork-error file would be watched where it leads to, while failures are
+// recorded here. The configuration may be a link, but not one that leads nowhere: that can neither
+// be watched nor made.
 static void make_missing_files() {
   if (!tov_file_exists(TOV_RUN_DIR)) (void)tov_make_dir(TOV_RUN_DIR);
+  (void)tov_clear_file_place(TOV_FORK_FILE);
+  if (!tov_file_exists(TOV_HA_CONFIG_FILE)) (void)tov_clear_file_place(TOV_HA_CONFIG_FILE);
   for (const char *path : {TOV_FORK_FILE, TOV_HA_CONFIG_FILE}) {
     if (!tov_file_exists(path)) (void)tov_write_buf_to_file(nullptr, 0, path);
   }
 }
 
+// Owns nothing when the kernel gave none: the set-up begins again.
 static tov_fd_t open_inotify() {
-  for (;;) {
-    tov_fd_t fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (fd.n >= 0) return fd;
-    safe_usleep(INIT_RETRY_US);
-    TOV_DBG("tov inotify_init failed, %s.\n", strerror(errno));
-  }
+  tov_fd_t fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (fd.n >= 0) return fd;
+  const int error = errno;
+  safe_usleep(INIT_RETRY_US);
+  TOV_DBG("tov inotify_init failed, %s.\n", strerror(error));
+  return fd;
+}
+
+static file_id_s file_under(const char *path) {
+  struct stat found;
+  if (stat(path, &found) < 0) return {};
+  return {found.st_dev, found.st_ino};
+}
+
+static bool is_link(const char *path) {
+  struct stat found;
+  return lstat(path, &found) == 0 && S_ISLNK(found.st_mode);
 }
 
 // Returns false when the file vanished meanwhile: the set-up begins again.
@@ -101,26 +128,39 @@ static bool add_watch(const watch_s &watch, const char *path, int *wd) {
   end_daemon(watch);
 }
 
-static watch_s set_up() {
-  for (;;) {
-    watch_s watch;
-    make_missing_files();
-    watch.inotify = open_inotify();
-    if (!add_watch(watch, TOV_FORK_FILE, &watch.wd_fork)) continue;
-    if (!add_watch(watch, TOV_HA_CONFIG_FILE, &watch.wd_tov_cfg)) continue;
-    // What happened before the watches stood is seen now or never.
-    tov_update_cfg();
-    tov_deal_forkfile_change();
-    TOV_DBG("inotifyfd %d, wd_fork %d, wd_tov_cfg %d\r\n", watch.inotify.n, watch.wd_fork,
-            watch.wd_tov_cfg);
-    return watch;
+// One attempt. Returns false when it has to be made again.
+static bool try_to_watch(watch_s *watch) {
+  *watch = watch_s();
+  make_missing_files();
+  watch->inotify = open_inotify();
+  if (watch->inotify.n < 0) return false;
+  if (!add_watch(*watch, TOV_FORK_FILE, &watch->wd_fork)) return false;
+  if (is_link(TOV_FORK_FILE)) {  // it came between the two
+    safe_usleep(VANISHED_RETRY_US);
+    return false;
   }
+  if (!add_watch(*watch, TOV_HA_CONFIG_FILE, &watch->wd_tov_cfg)) return false;
+  watch->fork_file = file_under(TOV_FORK_FILE);
+  watch->config_file = file_under(TOV_HA_CONFIG_FILE);
+  // What happened before the watches stood is seen now or never.
+  tov_update_cfg();
+  tov_deal_forkfile_change();
+  TOV_DBG("inotifyfd %d, wd_fork %d, wd_tov_cfg %d\r\n", watch->inotify.n, watch->wd_fork,
+          watch->wd_tov_cfg);
+  return true;
 }
 
 // ---- events ---------------------------------------------------------------------------------
 
-// Waits until there is something to read.
-static void wait_for_events(watch_s *watch) {
+// A file that was removed while somebody holds it open ends no watch and sends no event. (An
+// operator who follows the fork-error file's end is enough, since every restart removes it.)
+static bool watches_what_is_there(const watch_s &watch) {
+  return watch.fork_file == file_under(TOV_FORK_FILE) &&
+         watch.config_file == file_under(TOV_HA_CONFIG_FILE);
+}
+
+// Waits until there is something to read. Returns false when the watches have to be set up again.
+static bool wait_for_events(watch_s *watch) {
   for (;;) {
     pollfd readable{watch->inotify.n, POLLIN, 0};
     watch->fd_num = poll(&readable, 1, POLL_TIMEOUT_MS);
@@ -134,10 +174,13 @@ static void wait_for_events(watch_s *watch) {
       TOV_DBG("poll errno is EINTR\r\n");
       continue;
     }
-    if (watch->fd_num == 0) continue;
+    if (watch->fd_num == 0) {
+      if (!watches_what_is_there(*watch)) return false;
+      continue;
+    }
     if ((readable.revents & POLLIN) != 0) {
       TOV_DBG("pollin\r\n");
-      return;
+      return true;
     }
     TOV_DBG("not pollin revents\r\n");
   }
@@ -165,7 +208,7 @@ static bool handle_event(const watch_s &watch, const inotify_event &event) {
 static bool handle_events(const watch_s &watch) {
   alignas(inotify_event) char events[EVENTS_SIZE];
   ssize_t length = read(watch.inotify.n, events, sizeof events);
-  if (length <= 0) {
+  if (length < static_cast<ssize_t>(sizeof(inotify_event))) {
     TOV_DBG("numread %d(invalid)\r\n", static_cast<int>(length));
     return true;
   }
@@ -184,10 +227,11 @@ void *tov_inotify_fork_error(void *) {
   wait_for_data();
   (void)tov_parse_dbg_file();  // it lies below /data
   TOV_DBG("tov_check_data_mount ok.\n");
+  watch_s watch;
   for (;;) {
-    watch_s watch = set_up();
-    do {
-      wait_for_events(&watch);
-    } while (handle_events(watch));
+    while (!try_to_watch(&watch)) {
+    }
+    while (wait_for_events(&watch) && handle_events(watch)) {
+    }
   }
 }

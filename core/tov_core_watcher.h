@@ -7,7 +7,11 @@
 //
 // What could get lost: a file that is removed and made again between two looks, or one that
 // another process holds open while it is removed. Both files are looked at once after every
-// set-up, and the set-up is made again whenever a watch ends, for whatever reason.
+// set-up, and the set-up is made again whenever a watch ends, for whatever reason, or a quiet
+// minute shows that another file stands under the name by now.
+//
+// Anybody can write in both directories. In the place of the fork-error file nothing but a regular
+// file is left standing, otherwise a link could hide every failure.
 //
 // Thread: "tov_inotify_fork", detached, at ordinary priority. It never takes a registry lock: the
 // endless retry of a failing fork holds one, and this thread is what ends it.
@@ -15,6 +19,8 @@
 #define TOV_CORE_WATCHER_H
 
 // Thread body. Waits until /data is mounted; never returns, ends the process on a fatal error.
+// It does not look at `quit`: a thread that tries a failing fork again for ever does not either,
+// and when all others wait for that one, it is the watcher who makes an end.
 void *tov_inotify_fork_error(void *);
 
 // Looks at the fork-error file; with more than six characters in it, reports and ends the process

@@ -54,25 +54,15 @@ void tov_deal_forkfile_change(void) {
 
 // ---- the switch -----------------------------------------------------------------------------
 
-// Reads the configuration into `text`; unreadable is as good as empty. A link is followed, since
-// the platform may keep the file elsewhere, but anybody can make a FIFO in /data: waiting for its
-// writer would leave failing forks unwatched.
-template <size_t SIZE>
-static void read_config(char (&text)[SIZE]) {
-  text[0] = '\0';
-  tov_fd_t fd(open(TOV_HA_CONFIG_FILE, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (fd.n < 0) return;
-  ssize_t length = safe_read(fd.n, text, SIZE - 1);
-  text[length < 0 ? 0 : length] = '\0';
-}
-
 void tov_update_cfg(void) {
   static constexpr char off[] = "no tov single-process-ha auto-restart enable\r\n";
   static constexpr const char *on = off + sizeof "no " - 1;
   bool was_on = tov_flag_get(tov_single_ps_ha_enable) != 0;
 
+  // Unreadable is as good as empty. A link is followed, since the platform may keep the file
+  // elsewhere; a FIFO holds nobody up.
   char text[READ_SIZE];
-  read_config(text);
+  (void)tov_read_to_buf(TOV_HA_CONFIG_FILE, text, sizeof text);
   bool is_on = strstr(text, "no tov single-process-ha auto-restart enable") == nullptr;
   tov_flag_set(tov_single_ps_ha_enable, is_on ? 1 : 0);
 

@@ -54,8 +54,20 @@ int console_open(int mode) {
   return fd;
 }
 
+// Anybody may put a link or a FIFO into the place of the record, and failures that are not counted
+// would never end the daemon: what stands there without being a file makes way.
+static tov_fd_t open_fork_record(const char *file) {
+  static constexpr int flags = O_RDWR | O_CREAT | O_APPEND | O_SYNC;
+  tov_fd_t fd(tov_open_regular(file, flags, 0755));
+  if (fd.n >= 0) return fd;
+  const int error = errno;
+  if (tov_clear_file_place(file)) return tov_fd_t(tov_open_regular(file, flags, 0755));
+  errno = error;
+  return fd;
+}
+
 int tov_record_abnormal_fork(const char *text, const char *file) {
-  tov_fd_t fd(tov_open_regular(file, O_RDWR | O_CREAT | O_APPEND | O_SYNC, 0755));
+  const tov_fd_t fd = open_fork_record(file);
   if (fd.n < 0) return -errno;
   size_t length = strlen(text);
   ssize_t written = safe_write(fd.n, text, length);

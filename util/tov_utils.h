@@ -37,8 +37,8 @@ ssize_t safe_write(int fd, const void *buf, size_t len);
 // Reads at most `len` - 1 bytes of a file from its beginning and puts a NUL behind them.
 //   len  size of `buf`, at least 1
 // Returns the bytes read, or -1 with errno; `buf` then holds an empty text.
-// Follows links and waits for a FIFO's writer: not for files in world-writable directories.
-// Allocates nothing.
+// Follows links: not for files in world-writable directories that must not be links. Waits for
+// nobody, a FIFO reads as empty. Allocates nothing.
 int tov_read_to_buf(const char *filename, void *buf, int len);
 
 // Asks for a write lock on the whole file without waiting (fcntl F_SETLK).

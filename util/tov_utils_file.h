@@ -3,7 +3,8 @@
 // Most of what the daemon reads and writes lies in directories of mode 0777 without a sticky bit,
 // so anybody can plant a link, a FIFO or a device under a name that we are about to open: a FIFO
 // would block start-up for ever, a link would lead a root process elsewhere. Every file there is
-// therefore opened through this one function.
+// therefore opened through this one function. What stands in the place of a file that the daemon
+// cannot do without is removed.
 //
 // A header alone, without a source: the platform services use it too, and they are linked below
 // the daemon's library.
@@ -13,6 +14,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tov_utils_owner.h"
 
@@ -35,6 +37,16 @@ inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
     return -1;
   }
   return tov_fd_take(fd);
+}
+
+// Removes what stands in the place of a regular file without being one: a link (what it leads to is
+// left alone), a FIFO, a socket, a device, an empty directory.
+// Returns whether something was removed.
+// Any thread; async-signal-safe.
+inline bool tov_clear_file_place(const char *path) {
+  struct stat found;
+  if (lstat(path, &found) < 0 || S_ISREG(found.st_mode)) return false;
+  return (S_ISDIR(found.st_mode) ? rmdir(path) : unlink(path)) == 0;
 }
 
 // The same as a stream; a created file gets mode 0666, narrowed by the umask, as with fopen(3).

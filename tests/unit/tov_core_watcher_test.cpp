@@ -13,6 +13,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "supervision.h"
 #include "tov_core_state.h"
@@ -106,6 +107,56 @@ TEST_F(TovDealForkfileChange, MissingRecordIsOnlyToldAbout) {
 TEST_F(TovDealForkfileChange, RecordThatIsNoFileHoldsNobodyUp) {
   ASSERT_EQ(mkfifo(TOV_FORK_FILE, 0666), 0);
   EXPECT_THAT(diagnostics([] { tov_deal_forkfile_change(); }), HasSubstr("forkfile error, "));
+}
+
+// ---- the thread -----------------------------------------------------------------------------
+
+using TovInotifyForkError = Watcher;
+
+// Runs the thread in a forked child until it ends the process. Returns the wait status.
+static int watch_in_child() {
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    std::thread([] { tov_inotify_fork_error(nullptr); }).join();
+    tov_test::leave_child(0);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return status;
+}
+
+// The others may wait for a thread whose fork fails for ever; nobody else would make an end.
+TEST_F(TovInotifyForkError, StaysOnWatchWhenTheDaemonIsToEnd) {
+  tov_flag_set(quit, 1);
+  write_file(TOV_FORK_FILE, "aaaaaaa");
+  const int status = watch_in_child();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  EXPECT_THAT(events(TOV_LOG_ERROR),
+              ElementsAre("Unable to restart the process, tov will be restart."));
+}
+
+TEST_F(TovInotifyForkError, WatchThatCannotBeMadeEndsTheProcessWithItsRecords) {
+  fs::remove(TOV_EXIT_REASON_FILE);
+  const tov_test::SelfHealing healing;
+  // Neither there nor missing: the way to the record leads through a file.
+  fs::rename("/tmp/tov", "/tmp/tov.away");
+  write_file("/tmp/tov", "");
+  const int status = watch_in_child();
+  fs::remove("/tmp/tov");
+  fs::rename("/tmp/tov.away", "/tmp/tov");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+
+  // The descriptor's number is the process's own business.
+  static const std::string values =
+      "\\(inotifyfd, wd_fork, wd_tov_cfg, fd_num\\)=\\([0-9]+, -1, -1, -1\\)\\.";
+  EXPECT_THAT(healing.request(),
+              MatchesRegex("\\[1\\]\\[0\\]\\[tov\\]\\[tov_inotify_fork_error!" + values + "\\]"));
+  EXPECT_THAT(read_file(TOV_EXIT_REASON_FILE),
+              MatchesRegex("[A-Z][a-z]+ .* [0-9]{4} tov_inotify_fork_error!" + values + "\n"));
+  EXPECT_THAT(events(TOV_LOG_ERROR),
+              ElementsAre(MatchesRegex(
+                  "Thread \"tov_inotify_fork_error\" exit, tov will be restart. " + values)));
 }
 
 // ---- the switch -----------------------------------------------------------------------------

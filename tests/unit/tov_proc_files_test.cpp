@@ -149,9 +149,34 @@ TEST_F(AbnormalFork, FileIsMadeForItsOwnerToWrite) {
 
 TEST_F(AbnormalFork, FailureIsANegativeErrorNumber) {
   EXPECT_EQ(tov_record_abnormal_fork("a", "/no/such/directory/file"), -ENOENT);
-  ASSERT_EQ(symlink("/tmp/elsewhere", TOV_FORK_FILE), 0);
-  EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), -ELOOP);
-  EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
+  fs::create_directories(TOV_FORK_FILE "/full");
+  EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), -EISDIR);
+}
+
+// Whatever somebody puts there, the failure is counted, and in a file that is read.
+TEST_F(AbnormalFork, LinkMakesWayForTheRecordAndItsTargetIsLeftAlone) {
+  write_file("/tmp/elsewhere", "kept");
+  for (const char *target : {"/tmp/elsewhere", "/tmp/nowhere", TOV_FORK_FILE, "/dev/null"}) {
+    fs::remove(TOV_FORK_FILE);
+    fs::create_symlink(target, TOV_FORK_FILE);
+    EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), 0) << target;
+    EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), 0) << target;
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(TOV_FORK_FILE))) << target;
+    EXPECT_EQ(read_file(TOV_FORK_FILE), "aa");
+  }
+  EXPECT_EQ(read_file("/tmp/elsewhere"), "kept");
+  EXPECT_FALSE(fs::exists("/tmp/nowhere"));
+  fs::remove("/tmp/elsewhere");
+}
+
+TEST_F(AbnormalFork, FifoOrEmptyDirectoryMakesWayForTheRecord) {
+  ASSERT_EQ(mkfifo(TOV_FORK_FILE, 0666), 0);
+  EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), 0);
+  EXPECT_EQ(read_file(TOV_FORK_FILE), "a");
+  fs::remove(TOV_FORK_FILE);
+  fs::create_directory(TOV_FORK_FILE);
+  EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), 0);
+  EXPECT_EQ(read_file(TOV_FORK_FILE), "a");
 }
 
 TEST_F(AbnormalFork, RecordIsRemovedAndItsAbsenceIsFine) {
