@@ -61,7 +61,7 @@ int ras_os_init_record_memory(const char *name, uint32_t size, ras_os_recordm_t 
   made.name = strdup(name);
   if (made.name == nullptr) return -ESRCH;
 
-  tov_fd_t fd(open_or_create(name));  // shm_open() itself sets close-on-exec
+  tov_fd_t fd(tov_fd_above_streams(open_or_create(name)));  // shm_open() sets close-on-exec
   int result = -EINTR;
   if (fd.n >= 0) {
     made.fd = fd.n;

@@ -60,7 +60,7 @@ static int connect_daemon(int sd) {
 }
 
 int tov_connect(const char *name) {
-  tov_fd_t sd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  tov_fd_t sd(tov_fd_above_streams(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)));
   if (sd.n < 0) {
     TOV_DBG("%s: socket fail: %s\n", __func__, strerror(errno));
     return -1;

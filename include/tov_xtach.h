@@ -4,7 +4,8 @@
  *
  * Plain C: usable from C and C++, from several threads, and after fork() (the child starts with a
  * connection of its own). The library starts no thread, installs no signal handler and ends the
- * process in one documented case only. Its descriptors are close-on-exec.
+ * process in one documented case only. Its descriptors are close-on-exec, and it keeps none
+ * below 3.
  *
  * What every call has in common:
  * - Requests of one process are sent one after the other: a call waits while another thread's

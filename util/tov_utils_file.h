@@ -19,7 +19,7 @@
 #include "tov_utils_owner.h"
 
 // Opens a regular file and nothing else; never blocks, never follows a link at the last component,
-// never acquires a terminal. The descriptor is close-on-exec.
+// never acquires a terminal. The descriptor is close-on-exec and above the standard streams.
 //   flags  of open(2); O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC are added (O_NONBLOCK means
 //          nothing on a regular file, so it stays set)
 //   mode   for O_CREAT, narrowed by the umask
@@ -27,7 +27,8 @@
 // ENXIO: a FIFO or socket) or EINVAL for anything else that is no regular file.
 // Any thread; async-signal-safe.
 inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
-  tov_fd_t fd(open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode));
+  tov_fd_t fd(tov_fd_above_streams(
+      open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
   if (fd.n < 0) return -1;
 
   struct stat found;

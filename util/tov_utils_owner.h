@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -51,6 +52,15 @@ using tov_fd_t = tov_fd_s;
 // Takes the descriptor out of its owner: the caller closes it.
 inline int tov_fd_take(tov_fd_t &fd) {
   return std::exchange(fd.n, -1);
+}
+
+// Moves a descriptor that was just made off the numbers of the standard streams, which a host may
+// have closed: what is printed there would land in it. Close-on-exec.
+// Returns the descriptor, the caller's own; or -1 with errno, and `fd` is closed.
+inline int tov_fd_above_streams(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const tov_fd_t low(fd);
+  return fcntl(low.n, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 struct tov_close_s {
