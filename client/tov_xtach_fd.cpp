@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "tov_dbg.h"
+#include "tov_rpc_fork.h"
 #include "tov_utils.h"
 #include "tov_utils_owner.h"
 #include "tov_xtach.h"
@@ -29,6 +30,7 @@ enum {
 static int fd_count = 0;
 
 extern "C" int get_resource_limit(int resource) {
+  const tov_rpc_no_cancel_t no_cancel;
   rlimit limit{};
   // The C library declares the parameter as an enumeration for C++ only.
   if (getrlimit(static_cast<__rlimit_resource_t>(resource), &limit) < 0) {
@@ -74,6 +76,7 @@ static void tell_over_limit(pid_t pid) {
 }
 
 extern "C" void tov_client_watch_process_fd(pid_t pid) {
+  const tov_rpc_no_cancel_t no_cancel;
   const int count = count_fds(pid);
   if (count < 0) {
     TOV_DBG("%s: %s\n", __func__, strerror(errno));

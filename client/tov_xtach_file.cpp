@@ -13,6 +13,7 @@
 
 #include <algorithm>
 
+#include "tov_rpc_fork.h"
 #include "tov_utils.h"
 #include "tov_utils_lines.h"
 #include "tov_utils_owner.h"
@@ -58,6 +59,7 @@ static bool split_line(const char *line, char (&key)[TOV_LOOKUP_WORD_SIZE],
 
 extern "C" int string_exist_in_file(const char *text, const char *file) {
   if (text == nullptr || file == nullptr) return 0;
+  const tov_rpc_no_cancel_t no_cancel;
   const tov_fd_t fd = open_text(file);
   if (fd.n < 0) return 0;
   tov_lines_s lines(fd.n, TOV_LOOKUP_LINE_SIZE - 1);
@@ -76,6 +78,7 @@ extern "C" int pid_exist_in_file(pid_t pid, const char *file) {
 
 extern "C" int get_pid_notify_counter(const char *key, const char *file) {
   if (key == nullptr || file == nullptr) return 0;
+  const tov_rpc_no_cancel_t no_cancel;
   const tov_fd_t fd = open_text(file);
   if (fd.n < 0) return 0;
   tov_lines_s lines(fd.n, TOV_LOOKUP_LINE_SIZE - 1);

@@ -3,7 +3,7 @@
 // Staying alive must be cheap enough for a program's inner loop, so it is one byte in shared memory
 // and no message. Operators can exempt a thread while they debug it; the file that says so is asked
 // for each time, because they make it on a running device, and its absence costs one failing
-// open(). Thread and process ids are asked of the kernel each time too: a forked child would
+// stat(). Thread and process ids are asked of the kernel each time too: a forked child would
 // inherit a cached one.
 //
 // Threads: the thread calls come from the thread that they name. Only the paths that send a message
@@ -120,6 +120,7 @@ extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int
 
 extern "C" int tov_client_unreg_thread_notify(pid_t tid) {
   tov_rpc_guard_forks();
+  const tov_rpc_no_cancel_t no_cancel;
   if (tid == 0) TOV_DBG("parameter error\n");
   tov_msg_cons_t request = {.event = TOV_UNREG_THREAD_NOTIFY, .pid = tid};
   (void)tov_rpc(TOV_MSG_CONS, nullptr, &request, sizeof request, true, false);

@@ -1,5 +1,5 @@
-// What all public calls have in common, whatever they do: they keep off the
-// standard streams of a host that has closed its own.
+// What all public calls have in common, whatever they do: they are no cancellation points, and they
+// keep off the standard streams of a host that has closed its own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -83,12 +83,45 @@ TEST_F(ClientCalls, TableOfTheseTestsIsWhole) {
   EXPECT_EQ(CALLS.size(), names.size());
 }
 
+// ---- cancellation -------------------------------------------------------------------------------
+
+class CancelledCall : public ClientCalls, public testing::WithParamInterface<const char *> {};
+
+// The call is made by a thread whose cancellation is pending: it would act at the first opportunity.
+TEST_P(CancelledCall, IsCarriedThrough) {
+  const FakeDaemon daemon;
+  const auto &call = CALLS.at(GetParam());
+  in_child([&call] {
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(null, STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IONBF, 0);  // every diagnostic is written at once
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+    g_tov_dbg_level[TOV_MODULE_ALIVE] = TOV_DBG_VERBOSE;
+    std::atomic<bool> returned{false};
+    std::atomic<bool> state_kept{false};
+    std::thread([&] {
+      pthread_cancel(pthread_self());
+      call();
+      returned = true;
+      int state = -1;
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+      state_kept = state == PTHREAD_CANCEL_ENABLE;
+    }).join();
+    if (!returned) fprintf(stderr, "the call was a cancellation point\n");
+    if (returned && !state_kept) fprintf(stderr, "cancellation is off after the call\n");
+    tov_test::leave_child(returned && state_kept ? 0 : 1);
+  });
+}
+
 std::vector<const char *> call_names() {
   std::vector<const char *> names;
   for (const auto &[name, call] : CALLS)
     names.push_back(name.c_str());
   return names;
 }
+INSTANTIATE_TEST_SUITE_P(Every, CancelledCall, testing::ValuesIn(call_names()),
+                         [](const auto &call) { return std::string(call.param); });
+
 // ---- descriptors --------------------------------------------------------------------------------
 
 std::set<int> open_descriptors() {
