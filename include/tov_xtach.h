@@ -116,7 +116,7 @@ TOV_API int tov_client_reg_thread_notify_no_proc(pid_t pid, pid_t tid, unsigned 
 
 /*
  * Tells that the calling thread is alive; arguments as for its registration. Cheap: one failing
- * open() of the exemption file and one store into shared memory, without a message and without
+ * stat() of the exemption file and one store into shared memory, without a message and without
  * waiting for other threads. Two cases send a message and may wait: a thread that the daemon does
  * not know (any more) is registered again, and a thread id of 163840 or more is outside the shared
  * memory.
