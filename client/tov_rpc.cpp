@@ -2,10 +2,10 @@
 //
 // Why a connection is kept although tov_check_socket() rejects nearly every one: an acknowledgement
 // that nobody waited for may lie on it, and the next request would take it for its own. Keeping the
-// socket still has a use: as long as it is open, the daemon can answer the last request. A daemon
-// whose answer cannot be delivered does not carry the request out, so a socket whose answer is
-// still outstanding is waited for before it is closed, at most as long as for any acknowledgement.
-// The old socket is closed before the new one is bound, because both use the same path.
+// socket still has a use: as long as it is open, the daemon can answer the last request, and it
+// carries out only what it can answer. A connection that is still owed an answer when it is to be
+// dropped (nobody waited for it, a signal ended the wait, or the daemon was silent for too long) is
+// therefore put away, see tov_rpc_overdue.h. All connections are bound to the same path in turn.
 //
 // Threads: any; `tov_rpc_lock` is held for the whole of a request, connecting and waiting included,
 // which is what keeps a request and its acknowledgement together.
@@ -34,8 +34,7 @@ pthread_mutex_t tov_rpc_lock = PTHREAD_MUTEX_INITIALIZER;
 int tov_rpc_sd = -1;
 std::atomic<tov_rpc_stop_fn> tov_rpc_stop_asked{nullptr};
 
-// The daemon will answer the last request on tov_rpc_sd and nobody has waited for it. Guarded by
-// tov_rpc_lock.
+// The daemon has yet to answer the last request on tov_rpc_sd. Guarded by tov_rpc_lock.
 static bool answer_is_due = false;
 
 struct free_message_s {
@@ -52,6 +51,7 @@ static void start_afresh_in_child() {
   pthread_mutex_init(&tov_rpc_lock, nullptr);
   if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
   answer_is_due = false;
+  tov_rpc_overdue_forget();
   tov_sys_alive_renew_lock();
   tov_pidfile_forget_locks();
 }
@@ -68,16 +68,16 @@ void tov_rpc_guard_forks() {
 
 // ---- the kept connection, under tov_rpc_lock --------------------------------------------------
 
+// Ends the connection, at once or when its answer has come.
 static void drop_connection() {
-  if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
-  answer_is_due = false;
+  const bool due = std::exchange(answer_is_due, false);
+  tov_fd_t sd(std::exchange(tov_rpc_sd, -1));
+  if (due && sd.n >= 0) tov_rpc_overdue_add(tov_fd_take(sd));
 }
 
-// Drops a kept connection that may not serve again, but not before its last request was answered.
+// Drops a kept connection that may not serve again.
 static void drop_used_connection() {
-  if (tov_rpc_sd < 0 || tov_check_socket(tov_rpc_sd) == 0) return;
-  if (answer_is_due) (void)tov_wait_msg_ack_timeout(tov_rpc_sd);  // late is as good as never here
-  drop_connection();
+  if (tov_rpc_sd >= 0 && tov_check_socket(tov_rpc_sd) != 0) drop_connection();
 }
 
 // Returns 0 with a connection in tov_rpc_sd, or -1.
@@ -97,10 +97,10 @@ static int exchange_message(tov_msg_head_t *msg, bool need_ack) {
     drop_connection();
     return ret;
   }
-  answer_is_due = !need_ack && msg->type != TOV_RESET;
+  answer_is_due = msg->type != TOV_RESET;
   if (!need_ack) return 0;
 
-  ret = tov_wait_msg_ack_timeout(tov_rpc_sd);
+  ret = tov_rpc_await_answer(tov_rpc_sd, &answer_is_due);
   if (ret != 0) {
     TOV_DBG("%s: recv ack err(ret:%d, err:%d,%s)\n", "tov_rpc", ret, errno, strerror(errno));
     drop_connection();
@@ -137,13 +137,16 @@ int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ac
   tov_rpc_guard_forks();
   tov_rpc_no_cancel_t no_cancel;
   tov_lock_guard_t hold(tov_rpc_lock);
+  tov_rpc_overdue_look();
   drop_used_connection();
   if (make_connection() != 0) {
     const int ret = allow_tov_exit ? 0 : -1;
     TOV_DBG("%s: connect fail(ret:%d)\n", __func__, ret);
     return ret;
   }
-  return exchange_message(msg.get(), need_ack);
+  const int ret = exchange_message(msg.get(), need_ack);
+  tov_rpc_overdue_look();  // the server works in turn: what was asked before is answered by now
+  return ret;
 }
 
 int tov_rpc_persist(TOV_MSG_TYPE type, void *data, int datalen) {

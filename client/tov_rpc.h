@@ -4,8 +4,9 @@
 // wait for its acknowledgement. The daemon shares the message functions and makes requests itself
 // for third-part programs, never from its server thread, which would wait for its own answer.
 //
-// Rooms: tov_rpc_message (framing), tov_rpc_connect (connection), tov_rpc_fork (a fork between two
-// requests), tov_rpc_stop (how the daemon ends long waits), tov_rpc_cancel (withdrawing).
+// Rooms: tov_rpc_message (framing), tov_rpc_connect (connection), tov_rpc_overdue (connections that
+// are owed an answer), tov_rpc_fork (a fork between two requests), tov_rpc_stop (how the daemon
+// ends long waits), tov_rpc_cancel (withdrawing).
 #ifndef TOV_RPC_H
 #define TOV_RPC_H
 
@@ -16,6 +17,7 @@
 #include "tov_rpc_connect.h"
 #include "tov_rpc_fork.h"
 #include "tov_rpc_message.h"
+#include "tov_rpc_overdue.h"
 #include "tov_rpc_stop.h"
 #include "tov_xtach.h"  // tov_cancel_proc(), which is public
 
@@ -28,8 +30,10 @@ extern int tov_rpc_sd;                // the kept connection, -1: none; guarded 
 //   data, datalen   payload in bytes, borrowed; null with 0 sends a bare head
 //   need_ack        wait up to 5 s for the acknowledgement
 //   allow_tov_exit  a daemon that is not running counts as success
-// The connection is kept after success. Waits for other threads' requests; never in the daemon's
-// server thread, never with a registry lock held.
+// The connection is kept after success, and after a failure for as long as the daemon may still
+// answer: a request that left is not lost because its caller was interrupted or tired of waiting.
+// Waits for other threads' requests; never in the daemon's server thread, never with a registry
+// lock held.
 // Returns 0, or a negative value: bad arguments, no memory, no daemon (after about 5 s), a failed
 // send, or a connection that ended instead of acknowledging.
 int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ack,

@@ -95,16 +95,23 @@ static int drop_message(int sd) {
   return ret;
 }
 
-int tov_wait_msg_ack_timeout(int sd) {
+int tov_rpc_await_answer(int sd, bool *due) {
+  *due = true;
   for (int waits = TOV_ACK_WAITS; waits > 0; waits--) {
     short revents = 0;
-    const int ready = ask_socket(__func__, sd, POLLIN, TOV_ACK_WAIT_MS, &revents);
+    const int ready = ask_socket("tov_wait_msg_ack_timeout", sd, POLLIN, TOV_ACK_WAIT_MS, &revents);
     if (ready < 0) return -1;
     if (ready == 0) continue;
+    *due = false;
     if ((revents & POLLIN) == 0) return -1;
     return drop_message(sd);
   }
   return 0;  // silence is success: the request was taken, its receiver may be busy for long
+}
+
+int tov_wait_msg_ack_timeout(int sd) {
+  bool due = false;
+  return tov_rpc_await_answer(sd, &due);
 }
 
 int tov_check_socket(int sd) {

@@ -27,6 +27,11 @@ int tov_connect(const char *name);
 // ends it too), the connection ended or what came was no message.
 int tov_wait_msg_ack_timeout(int sd);
 
+// The same, and tells whether the answer is still to be expected.
+//   due  out: true when nothing came and the connection has not ended, because of silence or of a
+//        signal
+int tov_rpc_await_answer(int sd, bool *due);
+
 // Whether a kept connection may serve another request.
 // Returns 0 when nothing at all is to be said about it, -1 when it is ready for reading or writing,
 // in error or cannot be asked. A healthy connection is ready for writing, so the answer is nearly

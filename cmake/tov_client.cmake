@@ -29,6 +29,7 @@ add_library(tov_client_objects OBJECT
   client/tov_rpc_cancel.cpp
   client/tov_rpc_connect.cpp
   client/tov_rpc_message.cpp
+  client/tov_rpc_overdue.cpp
   client/tov_xtach.cpp
   client/tov_xtach_fd.cpp
   client/tov_xtach_file.cpp

@@ -13,8 +13,9 @@
  *   tov_client_reset_thread_notify() is the exception; see there.
  * - The daemon acknowledges that it received a request, before it carries it out. A result of 0
  *   therefore never means "done", and a daemon that stays silent for 5 s counts as success.
- * - A request whose call waits for no acknowledgement can be lost when the process ends or executes
- *   another program at once.
+ * - The daemon drops a request whose sender is gone before it was acknowledged. A call that has
+ *   returned keeps its connection open for that, up to four of them beside the latest; a request
+ *   can be lost when the process ends, or executes another program, before the daemon came to it.
  * - No call is a cancellation point, and none may be made from a signal handler.
  * - Diagnostics go to standard output, and only when the device's debug file says so. The three
  *   calls marked [debug file] look for it at DATA_QXOS_DIR; when that environment variable is not
