@@ -83,13 +83,13 @@ class ThirdPartLives : public testing::Test {
   // Other threads of the daemon open this and that for a moment, but far less than lives.
   void expect_nothing_more(int lives, size_t files) {
     static constexpr size_t MOMENTARY = 6;
-    static constexpr long MORE_KB = 512;
     EXPECT_TRUE(wait_until([&] { return files_held() == files; }, LIFE_LIMIT_MS)) << files_held();
     EXPECT_TRUE(
         wait_until([&] { return descriptors() <= begin_descriptors_ + MOMENTARY; }, LIFE_LIMIT_MS))
         << descriptors() << " instead of " << begin_descriptors_;
     EXPECT_TRUE(wait_until([&] { return device.list(DB_DIR).size() == files; }, LIFE_LIMIT_MS));
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
+    static constexpr long MORE_KB = 512;
     EXPECT_LE(resident_kb(), begin_kb_ + MORE_KB);
 #endif
     std::cout << lives << " lives: descriptors " << begin_descriptors_ << " before, "
