@@ -16,9 +16,9 @@ inline std::string build_tree() {
   return std::filesystem::canonical("/proc/self/exe").parent_path().parent_path().parent_path();
 }
 
-// Run from the directory of the sources of the unit tests.
+// The build knows it: __FILE__ is a relative path under some compiler caches.
 inline std::string source_tree() {
-  return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path();
+  return TOV_SOURCE_TREE;
 }
 
 // What a shell command prints, error output included. Throws when it does not return 0.
