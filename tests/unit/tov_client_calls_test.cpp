@@ -87,7 +87,8 @@ TEST_F(ClientCalls, TableOfTheseTestsIsWhole) {
 
 class CancelledCall : public ClientCalls, public testing::WithParamInterface<const char *> {};
 
-// The call is made by a thread whose cancellation is pending: it would act at the first opportunity.
+// The call is made by a thread whose cancellation is pending: it would act at the first
+// opportunity.
 TEST_P(CancelledCall, IsCarriedThrough) {
   const FakeDaemon daemon;
   const auto &call = CALLS.at(GetParam());
