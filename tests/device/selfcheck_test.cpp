@@ -13,7 +13,10 @@ static constexpr size_t BURST = 4;  // restarts that are made; the next death su
 
 // Seconds of the daemon's clock in one of ours.
 static constexpr int FAST = 20;
-static constexpr int FASTER = 60;
+static constexpr int FASTER = 40;
+
+// For what comes after five minutes of that clock.
+static constexpr Millis PERIOD_LIMIT_MS{30'000};
 
 static DaemonOptions on_clock(int speed) {
   return {.faketime = "+0 x" + std::to_string(speed)};
@@ -47,9 +50,8 @@ static const Way ways[] = {
 };
 
 // A registered victim; a script that starts it again is there if it needs one.
-static Task start_way(Device &device, const std::string &prefix, const Way &way,
-                      const std::vector<std::string> &words = {}) {
-  Task task = start_task(device, prefix, {.words = words, .action = way.action});
+static Task start_way(Device &device, const std::string &prefix, const Way &way) {
+  Task task = start_task(device, prefix, {.action = way.action});
   if (way.action == SHELL_RESTART)
     device.install_start_script(task.name, "exec " + task.command + "\n");
   return task;
@@ -59,22 +61,17 @@ static std::string says(const Task &task, const Way &way, int minutes) {
   return std::string(way.wait) + " " + suspended(task, minutes);
 }
 
-// Kills a task until it is suspended for the nth time. On a busy machine a burst may run out of its
-// two minutes; then it takes another one.
-static void suspend(Device &device, Task &task, const Way &way, int minutes, size_t nth = 1) {
-  const std::string text = says(task, way, minutes);
-  for (size_t deaths = 0; deaths < 4 * BURST; deaths++) {
-    device.kill(task.pid, SIGKILL);
-    wait_until(
-        [&] {
-          return device.births(task.name).size() > task.births ||
-                 device.count_events(RESTART_LOG, text) >= nth;
-        },
-        STORY_LIMIT_MS);
-    if (device.count_events(RESTART_LOG, text) >= nth) return;
-    next_birth(device, task);
-  }
-  throw std::runtime_error(task.name + " is not suspended\n" + device.dump());
+// Kills a task until it is suspended for the nth time. Returns a time shortly before that.
+static int64_t suspend(Device &device, Task &task, const Way &way, int minutes, size_t nth = 1) {
+  return kill_until_suspended(device, task, says(task, way, minutes), nth);
+}
+
+// What the restart log says next after the nth line that contains `text`.
+static std::string line_after(const Device &device, const std::string &text, size_t nth = 1) {
+  const auto lines = event_texts(device, RESTART_LOG);
+  for (size_t i = 0; i + 1 < lines.size(); i++)
+    if (lines[i].find(text) != std::string::npos && --nth == 0) return lines[i + 1];
+  return {};
 }
 
 // ---- a crash loop -----------------------------------------------------------------------------
@@ -84,38 +81,70 @@ class CrashLoop : public testing::TestWithParam<Way> {};
 INSTANTIATE_TEST_SUITE_P(Ways, CrashLoop, testing::ValuesIn(ways),
                          [](const auto &row) { return std::string(row.param.label); });
 
+// The births of a task whose burst began at a time and has just led to its suspension. On top of
+// the `before` from before the burst they are as many as one allows; unless the machine was so busy
+// that the burst ran out of its two minutes, and another one followed.
+static std::vector<Birth> births_of_burst(const Device &device, const Task &task, int64_t begun_ns,
+                                          size_t before) {
+  static constexpr int SURELY_ONE_BURST_S = 100;
+  std::vector<Birth> births = device.births(task.name);
+  EXPECT_GE(births.size(), before + BURST);
+  if (daemon_s(monotonic_ns() - begun_ns, FAST) < SURELY_ONE_BURST_S) {
+    EXPECT_EQ(births.size(), before + BURST);
+  }
+  return births;
+}
+
+// A task that fails by itself whenever it is started. The process that is registered for it at
+// first is another program, which waits to be killed.
+static Task start_looping(Device &device, const Way &way, pid_t *first) {
+  Task task;
+  task.name = unique_name("looping");
+  task.program = device.install_program(task.name);
+  task.command = task.program + " exit=3 after=20";
+  task.shown = shown_name(task.command);
+  if (way.action == SHELL_RESTART)
+    device.install_start_script(task.name, "exec " + task.command + "\n");
+  *first = start_task(device, "before_the_loop", {.registered = false}).pid;
+  task.file = device.register_file(0, *first, way.action, task.command);
+  return task;
+}
+
 // The program fails by itself whenever it is started: the whole story without a hand from outside.
 TEST_P(CrashLoop, IsSuspendedCheckedOnceAndThenEscalated) {
   const Way &way = GetParam();
   Device device;
   device.write("/debug_time", "60");
   install_healer(device);
-  Task task = start_way(device, "looping", way, {"exit=3", "after=300"});
+  pid_t first = 0;
+  const Task task = start_looping(device, way, &first);
   device.start_ready_daemon(on_clock(FAST));
+  const int64_t begun_ns = monotonic_ns();
+  device.kill(first, SIGKILL);
 
   need_event(device, RESTART_LOG, says(task, way, 1));
   EXPECT_TRUE(device.wait_notice(std::string("%HA-5-") + way.wait + ": " + suspended(task, 1)));
-  ASSERT_EQ(device.births(task.name).size(), 1 + BURST);
-  const Birth last = device.births(task.name).back();
-  const auto checked = device.wait_birth(task.name, 2 + BURST);
+  size_t born = births_of_burst(device, task, begun_ns, 0).size();
+  const Birth last = device.births(task.name).at(born - 1);
+  const auto checked = device.wait_birth(task.name, ++born);
   ASSERT_TRUE(checked);
   EXPECT_GE(daemon_s(checked->main_ns - last.main_ns, FAST), 60);
   const std::string report = self_check_ok(task, 1, checked->pid);
   need_event(device, RESTART_LOG, std::string("%HA-5-") + way.info + " " + report);
   EXPECT_TRUE(device.wait_notice(std::string("%HA-5-") + way.info + ": " + report));
-  EXPECT_EQ(device.count_events(RESTART_LOG, std::string("%HA-5-") + way.check + ":"), 1 + BURST)
+  EXPECT_EQ(line_after(device, says(task, way, 1)), std::string("%HA-5-") + way.info + " " + report)
       << "the alarm's restart is not announced before it is made";
 
   // The check was the first restart of a new burst, so four deaths end that one.
   need_event(device, RESTART_LOG, says(task, way, 1), 2);
-  EXPECT_EQ(device.births(task.name).size(), 1 + 2 * BURST);
+  born = births_of_burst(device, task, checked->main_ns, born - 1).size();
   const std::string sentence =
       "tov detect process " + task.command + " can not restart, so restart system.";
   EXPECT_EQ(asked(device), "<3><0><tov><" + sentence + ">");
-  EXPECT_EQ(device.count_events(RUN_LOG, sentence), 1U);
+  EXPECT_GE(device.count_events(RUN_LOG, sentence), 1U);
 
   // Where nobody reloads the unit, the task gets its next chance.
-  EXPECT_TRUE(device.wait_birth(task.name, 2 + 2 * BURST));
+  EXPECT_TRUE(device.wait_birth(task.name, born + 1));
 }
 
 TEST_P(CrashLoop, WaitsFiveMinutesWithoutAPeriodFile) {
@@ -123,12 +152,9 @@ TEST_P(CrashLoop, WaitsFiveMinutesWithoutAPeriodFile) {
   Device device;
   Task task = start_way(device, "patient", way);
   device.start_ready_daemon(on_clock(FASTER));
-  suspend(device, task, way, 5);
-  const int64_t suspended_ns = monotonic_ns();
-  const Birth back = next_birth(device, task);
-  // Deadlines are whole seconds and must have passed; a busy machine adds its own.
-  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FASTER), 290);
-  EXPECT_LE(daemon_s(back.main_ns - suspended_ns, FASTER), 590);
+  const int64_t before_ns = suspend(device, task, way, 5);
+  const Birth back = next_birth(device, task, PERIOD_LIMIT_MS);
+  EXPECT_GE(daemon_s(back.main_ns - before_ns, FASTER), 300);
   need_event(device, RESTART_LOG, self_check_ok(task, 1, back.pid));
 }
 
@@ -139,23 +165,28 @@ TEST(SelfCheckPeriod, IsReadAnewWhenTheAlarmComes) {
   device.write("/debug_time", "60");
   Task task = start_way(device, "prolonged", ways[0]);
   device.start_ready_daemon(on_clock(FAST));
-  suspend(device, task, ways[0], 1);
-  const int64_t suspended_ns = monotonic_ns();
+  const int64_t before_ns = suspend(device, task, ways[0], 1);
   device.write("/debug_time", "100");
-  const Birth back = next_birth(device, task);
-  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FAST), 95);
+  const Birth back = next_birth(device, task, PERIOD_LIMIT_MS);
+  EXPECT_GE(daemon_s(back.main_ns - before_ns, FAST), 100);
 }
 
 TEST(SelfCheckPeriod, IsFiveMinutesAgainWhenTheFileIsGone) {
   Device device;
-  device.write("/debug_time", "60");
+  device.write("/debug_time", "120");
   Task task = start_way(device, "fallback", ways[0]);
   device.start_ready_daemon(on_clock(FASTER));
-  suspend(device, task, ways[0], 1);
-  const int64_t suspended_ns = monotonic_ns();
+  const int64_t before_ns = suspend(device, task, ways[0], 2);
   ASSERT_TRUE(device.remove("/debug_time"));
-  const Birth back = next_birth(device, task);
-  EXPECT_GE(daemon_s(back.main_ns - suspended_ns, FASTER), 290);
+  const Birth back = next_birth(device, task, PERIOD_LIMIT_MS);
+  EXPECT_GE(daemon_s(back.main_ns - before_ns, FASTER), 300);
+}
+
+// Waits for the beginning of a second of the clock that this machine's programs share.
+static void await_whole_second() {
+  static constexpr int64_t SECOND_NS = 1'000'000'000;
+  const int64_t left_ns = SECOND_NS - monotonic_ns() % SECOND_NS;
+  std::this_thread::sleep_for(std::chrono::nanoseconds(left_ns));
 }
 
 // Suspends two tasks one after the other. Returns whether the first waited for the second.
@@ -168,8 +199,10 @@ static bool early_waits_for_late() {
   Task early = start_way(device, "early", ways[0]);
   Task late = start_way(device, "late", ways[1]);
   device.start_ready_daemon();
-  suspend(device, early, ways[0], 0);
-  const int64_t early_ns = monotonic_ns();
+  // Its last death comes when a second has just begun.
+  const int64_t early_ns = kill_until_suspended(device, early, says(early, ways[0], 0), 1, [&] {
+    if (early.births > BURST) await_whole_second();
+  });
   std::this_thread::sleep_for(real_ms(BETWEEN_S, REAL_TIME));
   suspend(device, late, ways[1], 0);
   const Birth first = next_birth(device, early);
@@ -179,10 +212,9 @@ static bool early_waits_for_late() {
 }
 
 // The first task's alarm is put off for the second only when it is handled within the second in
-// which it fires. A suspension late in a second leaves little time for that on a busy machine, so
-// the case is made until it is met.
+// which it fires, which nobody can promise on a busy machine, so the case is made until it is met.
 TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
-  static constexpr int ATTEMPTS = 4;
+  static constexpr int ATTEMPTS = 6;
   int attempt = 0;
   while (attempt < ATTEMPTS && !early_waits_for_late())
     attempt++;
@@ -193,26 +225,31 @@ TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
 
 TEST(SelfCheckAlarm, DropsAWaitingTaskThatSomebodyStartedAnew) {
   Device device;
-  device.write("/debug_time", "60");
+  device.write("/debug_time", "120");
   Task bystander = start_way(device, "bystander_d", ways[0]);
   device.start_ready_daemon(on_clock(FAST));
   Task task = start_worker(device, "restarted");
-  for (size_t i = 0; i < BURST; i++) {
+  const std::string suspension = says(task, ways[0], 2);
+  while (device.count_events(RESTART_LOG, suspension) == 0) {
     device.kill(task.pid, SIGKILL);
-    next_worker(device, task);
+    ASSERT_TRUE(wait_until(
+        [&] {
+          return device.count_events(RESTART_LOG, suspension) > 0 ||
+                 worker_reports(device, task, "registered").size() > task.births;
+        },
+        STORY_LIMIT_MS))
+        << device.dump();
+    if (device.count_events(RESTART_LOG, suspension) == 0) next_worker(device, task);
   }
-  device.kill(task.pid, SIGKILL);
-  need_event(device, RESTART_LOG, says(task, ways[0], 1));
   const std::string waiting_file = Device::register_path(0, task.pid, task.command);
   EXPECT_TRUE(device.exists(waiting_file));
+  const size_t restarts = device.count_events(RESTART_LOG, "new id " + task.shown);
 
   start_worker(device, task, {"exec"}, RESPAWN);  // by an operator
   EXPECT_TRUE(wait_until([&] { return !device.exists(waiting_file); }, STORY_LIMIT_MS));
   pass_events(device, bystander);
   EXPECT_EQ(worker_reports(device, task, "birth").size(), task.births) << "nothing was started";
-  EXPECT_EQ(device.count_events(RESTART_LOG, "Self-checking OK: 1 times and new id " + task.shown),
-            1U)
-      << "the first restart of the burst only";
+  EXPECT_EQ(device.count_events(RESTART_LOG, "new id " + task.shown), restarts);
   EXPECT_TRUE(device.lives(task.pid));
 
   // The new instance is the one that is supervised.

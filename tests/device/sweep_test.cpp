@@ -13,12 +13,20 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 static constexpr char FAST[] = "+0 x60";
+static constexpr char SLOWER[] = "+0 x30";
+static constexpr Millis SWEEPS_LIMIT_MS{30'000};
 
-// What the restart log says about one task.
-static std::vector<std::string> about(const Device &device, const Task &task) {
+// What the restart log says about one process of a task, the sweep's lines included.
+static std::vector<std::string> about(const Device &device, const Task &task, pid_t pid) {
+  static constexpr size_t STAMP_CHARS = 25;
   std::vector<std::string> texts;
-  for (const std::string &text : event_texts(device, RESTART_LOG))
-    if (text.find(task.name) != std::string::npos) texts.push_back(text);
+  for (const std::string &line : device.event_log(RESTART_LOG)) {
+    const bool is_named =
+        line.find(task.name) != std::string::npos || line.find(task.shown) != std::string::npos;
+    const bool is_meant = is_named && (line.find("/" + std::to_string(pid) + " ") != line.npos ||
+                                       line.find(" " + std::to_string(pid) + ")") != line.npos);
+    if (is_meant) texts.push_back(line.substr(STAMP_CHARS));
+  }
   return texts;
 }
 
@@ -41,7 +49,8 @@ class SweepClock {
   // Waits until everybody has been looked at `count` times from now on.
   void wait(size_t count) const {
     // The sweep that is under way may have passed the others already.
-    need_event(device_, RESTART_LOG, not_running(task_, task_.pid), sweeps() + count + 1);
+    need_event(device_, RESTART_LOG, not_running(task_, task_.pid), sweeps() + count + 1,
+               SWEEPS_LIMIT_MS);
   }
 
  private:
@@ -56,7 +65,7 @@ class SweepClock {
 // by its own clock.
 static std::string install_slow_start(Device &device) {
   static constexpr pid_t NOBODY = 5'000'000;  // the kernel gives out no such id
-  static constexpr int PROGRAMS = 10;
+  static constexpr int PROGRAMS = 15;
   std::string name = unique_name("slow_start");
   const std::string command = device.install_program(name) + " exit=0";
   for (pid_t pid = NOBODY; pid < NOBODY + PROGRAMS; pid++)
@@ -69,20 +78,22 @@ TEST(Sweep, FindsALostExitTheSecondTime) {
   Device device;
   Task task = start_task(device, "lost");
   const std::string slow = install_slow_start(device);
-  device.start_daemon({.faketime = FAST});
+  const pid_t daemon = device.start_daemon({.faketime = FAST});
   ASSERT_TRUE(device.wait_birth(slow));
+  device.kill(daemon, SIGSTOP);
   const pid_t dead = task.pid;
   device.kill(task.pid, SIGKILL);
   ASSERT_TRUE(device.wait(task.pid, STORY_LIMIT_MS));
-  EXPECT_THAT(event_texts(device, RUN_LOG), testing::Not(testing::Contains("TOV start.")))
+  ASSERT_EQ(device.count_events(RUN_LOG, "TOV start."), 0U)
       << "too late: the exit was no longer lost";
-  ASSERT_TRUE(device.wait_daemon_ready());
+  device.kill(daemon, SIGCONT);
+  ASSERT_TRUE(device.wait_daemon_ready(SWEEPS_LIMIT_MS));
 
-  const Birth birth = next_birth(device, task);
-  need_event(device, RESTART_LOG, "new id " + named(task, birth.pid));
-  EXPECT_THAT(about(device, task),
+  const Birth birth = next_birth(device, task, SWEEPS_LIMIT_MS);
+  need_event(device, RESTART_LOG, re_init_info(task, 1, birth.pid));
+  EXPECT_THAT(about(device, task, dead),
               ElementsAre(not_running(task, dead), not_running(task, dead), exit_lost(task, dead),
-                          re_init(task, dead), re_init_info(task, 1, birth.pid)));
+                          re_init(task, dead)));
   EXPECT_FALSE(device.exists(task.file));
 }
 
@@ -97,9 +108,12 @@ TEST(Sweep, MakesUpForARestartThatWasHeldBack) {
   device.kill(task.pid, SIGKILL);
   need_event(device, RESTART_LOG, self_checking(task, dead, 9));
   device.remove("/etc/debug_log");
-  next_birth(device, task);
+  next_birth(device, task, SWEEPS_LIMIT_MS);
   need_event(device, RESTART_LOG, re_init_info(task, 1, task.pid));
-  EXPECT_EQ(device.count_events(RESTART_LOG, not_running(task, dead)), 2U);
+  // Every second miss is answered; the first answer may have been held back, too.
+  const size_t misses = device.count_events(RESTART_LOG, not_running(task, dead));
+  EXPECT_GE(misses, 2U);
+  EXPECT_EQ(misses, 2 * device.count_events(RESTART_LOG, exit_lost(task, dead)));
 }
 
 // ---- strangers ------------------------------------------------------------------------------
@@ -116,19 +130,20 @@ TEST(Sweep, StartsAProgramAgainWhoseProcessNowRunsAnother) {
   const auto changed = device.wait_birth(stranger);
   ASSERT_TRUE(changed);
   ASSERT_EQ(changed->pid, old);
-  const Birth birth = next_birth(device, task);
+  const Birth birth = next_birth(device, task, SWEEPS_LIMIT_MS);
   EXPECT_NE(birth.pid, old);
   need_event(device, RESTART_LOG, re_init_info(task, 1, birth.pid));
-  EXPECT_THAT(event_texts(device, RESTART_LOG),
-              ElementsAre(not_running(task, old), not_running(task, old), exit_lost(task, old),
-                          re_init(task, old), re_init_info(task, 1, birth.pid)));
+  EXPECT_THAT(about(device, task, old), ElementsAre(not_running(task, old), not_running(task, old),
+                                                    exit_lost(task, old), re_init(task, old)));
   EXPECT_TRUE(device.lives(old)) << "the living stranger is left alone";
   EXPECT_EQ(device.births(stranger).size(), 1U);
 }
 
 // ---- no false alarm -------------------------------------------------------------------------
 
-TEST(Sweep, ForgetsAMissWhenTheProcessIsFoundAgain) {
+// Hides a task from three sweeps, one at a time. False when two sweeps in a row missed it, because
+// the machine was too busy to bring it back between them.
+static bool hide_from_single_sweeps() {
   Device device;
   Task task = start_task(device, "elusive");
   Task healthy = start_task(device, "healthy");
@@ -142,11 +157,23 @@ TEST(Sweep, ForgetsAMissWhenTheProcessIsFoundAgain) {
     need_event(device, RESTART_LOG, not_running(task, task.pid), miss);
     std::filesystem::rename(device.path(away), device.path(task.program));
     clock.wait(1);
+    if (device.count_events(RESTART_LOG, not_running(task, task.pid)) > miss) return false;
+    EXPECT_EQ(device.count_events(RESTART_LOG, exit_lost(task, task.pid)), 0U);
   }
-  EXPECT_EQ(about(device, task), std::vector<std::string>(3, not_running(task, task.pid)));
+  EXPECT_EQ(about(device, task, task.pid),
+            std::vector<std::string>(3, not_running(task, task.pid)));
   EXPECT_EQ(device.births(task.name).size(), 1U);
   EXPECT_TRUE(device.lives(task.pid));
-  EXPECT_THAT(about(device, healthy), IsEmpty());
+  EXPECT_THAT(about(device, healthy, healthy.pid), IsEmpty());
+  return true;
+}
+
+TEST(Sweep, ForgetsAMissWhenTheProcessIsFoundAgain) {
+  static constexpr int ATTEMPTS = 5;
+  int attempt = 0;
+  while (attempt < ATTEMPTS && !hide_from_single_sweeps())
+    attempt++;
+  EXPECT_LT(attempt, ATTEMPTS) << "the machine is too busy";
 }
 
 TEST(Sweep, PassesOverTasksThatWaitForTheirSelfCheck) {
@@ -154,15 +181,14 @@ TEST(Sweep, PassesOverTasksThatWaitForTheirSelfCheck) {
   device.write("/debug_time", "60000");
   Task task = start_task(device, "waiting");
   SweepClock clock(device, "clock_b");
-  device.start_ready_daemon({.faketime = FAST});
+  device.start_ready_daemon({.faketime = SLOWER});
   clock.start();
-  for (int i = 0; i < 4; i++)
-    kill_and_return(device, task);
-  device.kill(task.pid, SIGKILL);
-  need_event(device, RESTART_LOG, suspended(task, 1000));
+  kill_until_suspended(device, task, suspended(task, 1000));
+  // Between its death and its suspension it may have been missed.
+  const size_t misses = device.count_events(RESTART_LOG, not_running(task, task.pid));
   clock.wait(2);
-  EXPECT_EQ(device.count_events(RESTART_LOG, not_running(task, task.pid)), 0U);
-  EXPECT_EQ(device.births(task.name).size(), 5U);
+  EXPECT_EQ(device.count_events(RESTART_LOG, not_running(task, task.pid)), misses);
+  EXPECT_EQ(device.births(task.name).size(), task.births);
 }
 
 TEST(Sweep, ReportsProgramsThatNobodyBringsBack) {
@@ -172,7 +198,7 @@ TEST(Sweep, ReportsProgramsThatNobodyBringsBack) {
   device.start_ready_daemon({.faketime = FAST});
   clock.start();
   device.kill(task.pid, SIGKILL);
-  need_event(device, RESTART_LOG, exit_lost(task, task.pid));
+  need_event(device, RESTART_LOG, exit_lost(task, task.pid), 1, SWEEPS_LIMIT_MS);
   clock.wait(1);
   EXPECT_EQ(device.births(task.name).size(), 1U);
   EXPECT_TRUE(device.exists(task.file));
