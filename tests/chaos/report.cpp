@@ -73,7 +73,9 @@ std::string evidence_of(Run &run, const Program &program) {
 }
 
 std::string write_failure(const Run &run, const std::string &wrong) {
-  std::string name = "chaos." + std::to_string(run.options.seed) + ".failure";
+  std::string name = "chaos." + std::to_string(run.options.seed);
+  if (!run.options.broken.empty()) name += "." + run.options.broken;
+  name += ".failure";
   std::ofstream file(name, std::ios::trunc);
   file << wrong;
   for (const Program &program : run.fleet.programs) {
