@@ -1,6 +1,7 @@
 // Record memory: making, sizing, mapping and removing a shared object, each step failing in turn.
 #include "tov_ras_os_memory.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,6 +18,25 @@
 
 #include "in_child.h"
 #include "private_root.h"
+
+// Two calls of the C library that fail when a test wants that.
+static constexpr long REAL_PAGE_SIZE = -77;
+static long pretended_page_size = REAL_PAGE_SIZE;
+static bool no_memory_for_names = false;
+
+extern "C" long sysconf(int name) noexcept {
+  using real_t = long (*)(int);
+  static const auto real = reinterpret_cast<real_t>(dlsym(RTLD_NEXT, "sysconf"));
+  if (name == _SC_PAGESIZE && pretended_page_size != REAL_PAGE_SIZE) return pretended_page_size;
+  return real(name);
+}
+
+extern "C" char *strdup(const char *text) noexcept {
+  const size_t size = strlen(text) + 1;
+  void *const copy = no_memory_for_names ? nullptr : malloc(size);
+  if (copy == nullptr) errno = ENOMEM;
+  return copy == nullptr ? nullptr : static_cast<char *>(memcpy(copy, text, size));
+}
 
 namespace {
 
@@ -98,6 +118,26 @@ TEST_F(RasOsRecordMemory, ExistingObjectKeepsItsContentAndGetsOurLength) {
   EXPECT_STREQ(static_cast<char *>(smaller.addr), "content");
   EXPECT_EQ(length_of(PATH), static_cast<off_t>(smaller.size));
   ASSERT_EQ(ras_os_close_record_memory(&smaller, &err_), 0);
+}
+
+TEST_F(RasOsRecordMemory, NameThatCannotBeKept) {
+  ras_os_recordm_t handle = UNTOUCHED;
+  no_memory_for_names = true;
+  EXPECT_EQ(ras_os_init_record_memory(NAME, 10, &handle, &err_), -ESRCH);
+  no_memory_for_names = false;
+  EXPECT_EQ(handle.size, 12345u);
+  EXPECT_EQ(length_of(PATH), -1) << "nothing was made";
+}
+
+TEST_F(RasOsRecordMemory, ObjectWithoutAKnownPageSizeIsRemoved) {
+  ras_os_recordm_t handle = UNTOUCHED;
+  for (const long size : {0L, -1L}) {
+    pretended_page_size = size;
+    EXPECT_EQ(ras_os_init_record_memory(NAME, 10, &handle, &err_), -EIO);
+    pretended_page_size = REAL_PAGE_SIZE;
+    EXPECT_EQ(handle.size, 12345u);
+    EXPECT_EQ(length_of(PATH), -1);
+  }
 }
 
 TEST_F(RasOsRecordMemory, ObjectThatCannotBeOpened) {

@@ -17,6 +17,7 @@
 #include "in_child.h"
 #include "no_semaphores.h"
 #include "private_root.h"
+#include "unit_failing_sem.h"
 
 namespace {
 
@@ -94,6 +95,31 @@ TEST_F(RasOsMutexSem, SetThatCannotBeMadeForAnotherReason) {
   EXPECT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), -EINTR);
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_EQ(id, -7);
+}
+
+TEST_F(RasOsMutexSem, NewSetThatCannotBeSetFreeIsRemoved) {
+  tov_test::in_child([] {
+    tov_test::failing_sem.set_value = ERANGE;
+    int id = -7;
+    EXPECT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), -ENXIO);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(id, -7);
+  });
+  EXPECT_EQ(semget(ftok(KEY_FILE, 1), 0, 0), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(RasOsMutexSem, ExistingSetThatCannotBeOpened) {
+  int first = -1;
+  ASSERT_EQ(ras_os_init_mutex_sem(KEY_FILE, &first), 0);
+  tov_test::in_child([] {
+    tov_test::failing_sem.open_existing = EACCES;
+    int id = -7;
+    EXPECT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), -EIO);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(id, -7);
+  });
+  EXPECT_EQ(value_of(first), 1) << "and is left alone";
 }
 
 TEST_F(RasOsMutexSem, ProcessesTakeTurns) {

@@ -254,6 +254,41 @@ TEST_P(TovSysAliveSides, BitAndByteStandAtTheirOffsets) {
   }
 }
 
+TEST_P(TovSysAliveSides, ObjectOfAnyLengthBecomesOurs) {
+  for (const off_t length : {off_t{0}, off_t{1}, off_t{4096}, OBJECT_BYTES + 1, off_t{1} << 20}) {
+    write_object(0, "", 0);
+    cut_object(length);
+    tov_test::in_child([] {
+      map_it();
+      EXPECT_EQ(tov_sys_reg_alive_info(LAST_ID), 0);
+      EXPECT_TRUE(tov_sys_isreg_alive_info(LAST_ID));
+      EXPECT_EQ(tov_sys_get_alive_seq(LAST_ID), 1);
+      EXPECT_EQ(object_length(), OBJECT_BYTES);
+    });
+    ASSERT_EQ(unlink(TOV_ALIVE_SHM_PATH), 0);
+  }
+}
+
+// Whatever somebody has written there: it is read as what it says of one thread, and nothing else.
+TEST_P(TovSysAliveSides, ContentOfAnybodyIsOnlyBelieved) {
+  tov_test::in_child([] {
+    map_it();
+    const std::vector<uint8_t> dirt(static_cast<size_t>(OBJECT_BYTES), 0xFF);
+    write_object(0, dirt.data(), dirt.size());
+    for (const int id : {0, 4711, LAST_ID}) {
+      EXPECT_TRUE(tov_sys_isreg_alive_info(id));
+      EXPECT_EQ(tov_sys_get_alive_seq(id), 255);
+      EXPECT_EQ(tov_sys_update_alive_seq(id), 0);
+      EXPECT_EQ(tov_sys_get_alive_seq(id), 1);
+      EXPECT_EQ(tov_sys_unreg_alive_info(id), 0);
+      EXPECT_FALSE(tov_sys_isreg_alive_info(id));
+      EXPECT_EQ(tov_sys_get_alive_seq(id), 0);
+    }
+    EXPECT_FALSE(tov_sys_isreg_alive_info(LAST_ID + 1));
+    EXPECT_EQ(tov_sys_get_alive_seq(LAST_ID + 1), -1);
+  });
+}
+
 TEST_P(TovSysAliveSides, NeighboursInAByteAreLeftAlone) {
   tov_test::in_child([] {
     map_it();

@@ -4,17 +4,21 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include "caught_diagnostics.h"
 #include "in_child.h"
 #include "no_semaphores.h"
 #include "private_root.h"
+#include "unit_failing_sem.h"
+#include "unit_fake_sleep.h"
 
 namespace {
 
@@ -49,7 +53,7 @@ class TovXtachSem : public testing::Test {
 
 // Runs `call`, returns its result and checks what it says.
 template <typename Call>
-int said_by(Call call, const char *expected) {
+int said_by(Call call, const std::string &expected) {
   int result = 99;
   const std::string said = tov_test::caught_diagnostics(TOV_MODULE_PUB, [&] { result = call(); });
   EXPECT_NE(said.find(expected), std::string::npos) << said;
@@ -125,6 +129,53 @@ TEST_F(TovXtachSem, SemaphoreThatCannotBeMade) {
   tov_test::in_child([] {
     EXPECT_EQ(said_by(tov_sem_init, "]Get tov sem on init failed: No space left on device."), -1);
     EXPECT_EQ(g_tov_sem_id, -1);
+  });
+}
+
+TEST_F(TovXtachSem, NewSemaphoreWithoutAValueIsRemoved) {
+  tov_test::in_child([] {
+    tov_test::failing_sem.set_value = ERANGE;
+    EXPECT_EQ(said_by(tov_sem_init,
+                      "]Set tov sem initial value failed: " + std::string(strerror(ERANGE)) + "."),
+              -1);
+  });
+  EXPECT_EQ(access(KEY_FILE, F_OK), 0);
+  EXPECT_EQ(existing_set(), -1);
+  tov_test::in_child([] { EXPECT_EQ(tov_sem_init(), 0) << "the next start tries again"; });
+}
+
+TEST_F(TovXtachSem, KeyThatCannotBeMade) {
+  tov_test::in_child([] {
+    tov_test::failing_sem.key = EACCES;
+    tov_test::failing_sem.key_failures = 1;
+    EXPECT_EQ(said_by(tov_sem_init, "]Get sem file key failed: Permission denied."), -1);
+    EXPECT_EQ(tov_sem_init(), 0);
+  });
+  tov_test::in_child([] {
+    tov_test::failing_sem.key = EACCES;
+    tov_test::failing_sem.key_failures = 1;
+    EXPECT_EQ(said_by(tov_get_sem_id, "]Get sem file key failed: Permission denied."), -1);
+    EXPECT_TRUE(tov_test::fake_sleep.slept_us.empty()) << "only a lack of memory passes";
+    EXPECT_EQ(tov_get_sem_id(), existing_set());
+  });
+}
+
+TEST_F(TovXtachSem, LackOfMemoryForTheKeyIsWaitedFor) {
+  tov_test::in_child([] { ASSERT_EQ(tov_sem_init(), 0); });
+  tov_test::in_child([] {
+    tov_test::failing_sem.key = ENOMEM;
+    tov_test::failing_sem.key_failures = 3;
+    const int id = tov_get_sem_id();
+    EXPECT_EQ(tov_test::fake_sleep.slept_us,
+              (std::vector<int64_t>{1'000'000, 1'000'000, 1'000'000}));
+    EXPECT_EQ(id, existing_set());
+  });
+  // At the creation it is a failure like any other.
+  tov_test::in_child([] {
+    tov_test::failing_sem.key = ENOMEM;
+    tov_test::failing_sem.key_failures = 1;
+    EXPECT_EQ(said_by(tov_sem_init, "]Get sem file key failed: Cannot allocate memory."), -1);
+    EXPECT_TRUE(tov_test::fake_sleep.slept_us.empty());
   });
 }
 
