@@ -5,9 +5,11 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <ostream>
 
+#include "tov_utils_owner.h"
 #include "watched.h"
 #include "worker.h"
 
@@ -362,10 +364,12 @@ TEST_P(HoldBack, StopsTheCountdownButNotASpentBudget) {
   EXPECT_THAT(need_kill_lines(device, so_far + 2), Each(killed_hung(task, 0, tid)));
 }
 
+static constexpr char AREA[] = "/dev/shm/UTILS-tov-shm-001";
+
 // A thread's bit and byte in the shared area.
 static std::pair<int, int> slot(const Device &device, pid_t tid) {
   static constexpr size_t MAP = 32, SEQ = 20513;
-  const std::string area = device.read("/dev/shm/UTILS-tov-shm-001");
+  const std::string area = device.read(AREA);
   const auto id = static_cast<size_t>(tid);
   return {(static_cast<unsigned char>(area.at(MAP + id / 8)) >> (id % 8)) & 1,
           static_cast<unsigned char>(area.at(SEQ + id))};
@@ -433,6 +437,58 @@ TEST(WatchedThread, OfAnOwnerWhoIsNotRegisteredIsNeverCountedDown) {
   });
   const std::vector<int> left = budgets(steps_of(later, Step::PERIOD, tid));
   EXPECT_EQ(left[held_from + 1], left[held_from - 1]);
+}
+
+// ---- an area that somebody damages
+// ----------------------------------------------------------------
+
+static constexpr off_t AREA_BYTES = 188416;
+
+static off_t area_length(const Device &device) {
+  const auto found = device.status(AREA);
+  return found ? found->st_size : -1;
+}
+
+TEST(DamagedArea, ThatWasCutIsMadeWholeAndTheThreadRegistersAfresh) {
+  Device device;
+  device.start_ready_daemon(watching(device));
+  const Task task = start_watched(device, "cut");
+  const pid_t tid = enrol(device, task, 0);
+  ASSERT_EQ(truncate(device.path(AREA).c_str(), 0), 0);
+  EXPECT_TRUE(wait_until([&] { return area_length(device) == AREA_BYTES; }, WATCH_LIMIT_MS))
+      << "by the daemon's next look at the thread";
+  EXPECT_EQ(slot(device, tid).first, 0);
+
+  // This time the thread itself is the first to look.
+  ASSERT_EQ(truncate(device.path(AREA).c_str(), 0), 0);
+  EXPECT_EQ(say(device, task, 0, "alive"), 0);
+  need_event(device, ALIVE_LOG, "Thread " + task.command + "/" + std::to_string(tid), 2,
+             WATCH_LIMIT_MS);
+  EXPECT_TRUE(wait_until([&] { return slot(device, tid).first == 1; }, WATCH_LIMIT_MS));
+  EXPECT_EQ(area_length(device), AREA_BYTES);
+  pass_minutes(device, 1);
+  EXPECT_TRUE(device.lives(device.daemon_pid()));
+  EXPECT_TRUE(device.lives(task.pid));
+}
+
+// Its content is believed, for what it says of the thread: one sign of life.
+TEST(DamagedArea, ThatWasOverwrittenHidesNoHungThreadForLong) {
+  Device device;
+  install_patient_healer(device);
+  device.start_ready_daemon(watching(device));
+  const Task task = start_watched(device, "overwritten");
+  const pid_t tid = enrol(device, task, 0);
+  const Steps before = need_step(device, "a countdown", Step::PERIOD, tid,
+                                 [](const Step &step) { return step.left < EVEN_TERMS.budget; });
+  const std::string dirt(static_cast<size_t>(AREA_BYTES), '\xff');
+  const tov_fd_t area(open(device.path(AREA).c_str(), O_WRONLY | O_CLOEXEC));
+  ASSERT_EQ(write(area.n, dirt.data(), dirt.size()), static_cast<ssize_t>(dirt.size()));
+  const int missed_at = steps_of(before, Step::PERIOD, tid).back().pass;
+  need_step(device, "a budget restored", Step::SEEN, tid, [&](const Step &step) {
+    return step.pass > missed_at && step.left == EVEN_TERMS.budget;
+  });
+  need_requests(device, 1);
+  EXPECT_THAT(need_kill_lines(device, 1), Each(killed_hung(task, 0, tid)));
 }
 
 // ---- a daemon that is started again -------------------------------------------------------------
