@@ -179,7 +179,7 @@ TEST(PrivateDevice, ClosingEndsWhateverLivesInIt) {
   device.spawn({program, "daemonise", "child", "ignore=15", "ignore=1"});
   const auto birth = device.wait_birth(name);
   ASSERT_TRUE(birth);
-  EXPECT_EQ(device.processes().size(), 2U);
+  EXPECT_TRUE(wait_until([&] { return device.processes().size() == 2; }, LIMIT_MS));
   device.close();
   EXPECT_FALSE(process_lives(birth->pid));
   EXPECT_THAT(tov_test::processes_in(device.namespace_id()), IsEmpty());
@@ -195,7 +195,7 @@ TEST(PrivateDevice, BuriesOrphansAtOnce) {
   const auto birth = device.wait_birth(name);
   ASSERT_TRUE(birth);
   device.kill(birth->pid, SIGKILL);
-  EXPECT_TRUE(wait_until([&] { return tov_test::process_state(birth->pid) == 0; }, Millis(500)));
+  EXPECT_TRUE(wait_until([&] { return tov_test::process_state(birth->pid) == 0; }, LIMIT_MS));
   EXPECT_EQ(device.wait(unburied, LIMIT_MS), 0);
 }
 
