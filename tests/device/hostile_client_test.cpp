@@ -209,7 +209,7 @@ TEST_F(HostileClient, DeathInTheMiddleHarmsNobody) {
 // TOV_TEST_PACKETS asks for another number, such as a million.
 int packets_asked() {
   const char *asked = getenv("TOV_TEST_PACKETS");
-  return asked != nullptr ? atoi(asked) : 20'000 / patience();
+  return asked != nullptr ? atoi(asked) : 20'000 / (patience() * patience());
 }
 
 TEST_F(HostileClient, RandomPacketsCostNoMemoryAndNobodyElse) {
@@ -227,7 +227,7 @@ TEST_F(HostileClient, RandomPacketsCostNoMemoryAndNobodyElse) {
       connections++;
     }
   };
-  noise(2'000);
+  noise(2'000 / patience());
   ASSERT_TRUE(is_served());
   const long before_kb = resident_kb();
   const double before_us = median_round_trip_us();

@@ -19,22 +19,23 @@ class HostileCrowd : public RawClients {
 };
 
 TEST_F(HostileCrowd, TwoThousandAtOnceAreServedAndLeaveNothingBehind) {
-  static constexpr size_t CLIENTS = 2'000;
-  if (!can_open(CLIENTS)) GTEST_SKIP() << "the clients need an open file each";
+  // The daemon's work grows with their square; slow builds are about other things.
+  const size_t crowd = 2'000 / static_cast<size_t>(patience());
+  if (!can_open(crowd)) GTEST_SKIP() << "the clients need an open file each";
   start();
   const double alone_us = median_round_trip_us();
   long warm_kb = 0;
   for (int round = 0; round < 2; round++) {
     std::vector<std::unique_ptr<RawClient>> clients;
-    for (size_t i = 0; i < CLIENTS; i++) {
+    for (size_t i = 0; i < crowd; i++) {
       clients.push_back(connected());
       ASSERT_TRUE(clients.back()->send(harmless()));
     }
     for (const auto &client : clients)
       ASSERT_EQ(client->answer(patient_limit()), RawClient::ACKNOWLEDGED);
-    EXPECT_GE(descriptors(), CLIENTS);
+    EXPECT_GE(descriptors(), crowd);
     std::cout << "good client: " << alone_us << " us alone, " << median_round_trip_us()
-              << " us beside " << CLIENTS << "\n";
+              << " us beside " << crowd << "\n";
     clients.clear();
     expect_descriptors_back();
     if (round == 0) warm_kb = resident_kb();
@@ -46,6 +47,9 @@ TEST_F(HostileCrowd, TwoThousandAtOnceAreServedAndLeaveNothingBehind) {
 
 TEST_F(HostileCrowd, OneMoreThanTheTableHoldsEndsTheDaemonAndTheNextOneSupervisesOn) {
   static constexpr size_t CLIENTS = 2'048;
+#if defined(TOV_SANITIZE_THREAD)
+  GTEST_SKIP() << "filling the table takes minutes here, and one thread does it all";
+#endif
   if (!can_open(CLIENTS)) GTEST_SKIP() << "the clients need an open file each";
   Task task = start_task(device, "beside_crowd");
   start();

@@ -36,27 +36,27 @@ bool wait_at_once(const std::function<bool()> &holds, Millis limit) {
 
 class ThirdPartLives : public testing::Test {
  protected:
-  // Lists a victim, which is no client of the daemon, and starts the daemon.
-  void start(const std::string &prefix) {
-    task_.name = unique_name(prefix);
-    task_.program = device.install_program(task_.name);
-    task_.command = task_.program;
-    task_.shown = shown_name(task_.command);
-    device.write("/etc/tov/proc/" + task_.name, task_.command + " TOV_RESTART");
-    daemon_ = device.start_ready_daemon();
+  // Lists a victim, which is no client of the daemon. The daemon reads the lists when it starts.
+  Task list_program(const std::string &prefix) {
+    Task task;
+    task.name = unique_name(prefix);
+    task.program = device.install_program(task.name);
+    task.command = task.program;
+    task.shown = shown_name(task.command);
+    device.write("/etc/tov/proc/" + task.name, task.command + " TOV_RESTART");
+    return task;
   }
-  // Somebody starts the program; the daemon learns of it by its execution.
-  void start_program() {
-    task_.births = device.births(task_.name).size();
-    device.spawn({task_.program});
-    next_birth(device, task_, LIFE_LIMIT_MS);
+  void start() { daemon_ = device.start_ready_daemon(); }
+  // Waits until the daemon has learnt of the program by its execution, and entered it.
+  void need_registration(Task &task) {
+    next_birth(device, task, LIFE_LIMIT_MS);
+    need_event(device, REGISTER_LOG,
+               "register - process:" + task.command + " pid:" + std::to_string(task.pid) + ",", 1,
+               LIFE_LIMIT_MS);
+    ASSERT_TRUE(device.exists(file(task)));
   }
-  std::string file() const { return Device::register_path(0, task_.pid, task_.command); }
-  std::string registered() const {
-    return "register - process:" + task_.command + " pid:" + std::to_string(task_.pid) + ",";
-  }
-  void need_file() const {
-    ASSERT_TRUE(wait_until([&] { return device.exists(file()); }, LIFE_LIMIT_MS)) << device.dump();
+  static std::string file(const Task &task) {
+    return Device::register_path(0, task.pid, task.command);
   }
   // Descriptors of registration files in the daemon.
   size_t files_held() const {
@@ -97,15 +97,16 @@ class ThirdPartLives : public testing::Test {
               << resident_kb() << " KiB after\n";
   }
   // What has been waited for need not be read again and again.
-  void shorten_logs() {
+  void shorten_logs(std::vector<Task> &tasks) {
     for (const std::string &name : device.list(EVENT_LOG_DIR))
       device.write(std::string(EVENT_LOG_DIR) + "/" + name, "");
-    device.write("/data/victim." + task_.name, "");
-    task_.births = 0;
+    for (Task &task : tasks) {
+      device.write("/data/victim." + task.name, "");
+      task.births = 0;
+    }
   }
 
   Device device;
-  Task task_;
   pid_t daemon_ = 0;
   size_t begin_descriptors_ = 0;
   long begin_kb_ = 0;
@@ -113,39 +114,48 @@ class ThirdPartLives : public testing::Test {
 
 TEST_F(ThirdPartLives, OfAProgramThatIsBroughtBack) {
   static constexpr int WARM = 5;
-  start("returning");
-  start_program();
-  need_event(device, REGISTER_LOG, registered(), 1, LIFE_LIMIT_MS);
+  Task task = list_program("returning");
+  start();
+  device.spawn({task.program});
+  need_registration(task);
   const int lives = std::min(lives_asked(25), 1'000);
   for (int life = 0; life < WARM + lives; life++) {
     if (life == WARM) note_begin();
     // Nothing is suspended while this marker is there; the restart takes it away.
     device.write("/etc/dev_mon", "");
-    device.kill(task_.pid, SIGKILL);
-    next_birth(device, task_, LIFE_LIMIT_MS);
-    need_event(device, RUN_LOG, "[" + task_.program + "] new pid: " + std::to_string(task_.pid), 1,
+    device.kill(task.pid, SIGKILL);
+    next_birth(device, task, LIFE_LIMIT_MS);
+    need_event(device, RUN_LOG, "[" + task.program + "] new pid: " + std::to_string(task.pid), 1,
                LIFE_LIMIT_MS);
     // The start was an execution like any other: the file is written anew.
-    need_file();
+    ASSERT_TRUE(wait_until([&] { return device.exists(file(task)); }, LIFE_LIMIT_MS))
+        << device.dump();
   }
   expect_nothing_more(lives, 1);
 }
 
-TEST_F(ThirdPartLives, OfAProgramThatIsStoppedAndStartedByHand) {
-  static constexpr int WARM = 5;
-  static constexpr int LOG_LIVES = 100;
-  start("by_hand");
-  const int lives = lives_asked(60);
-  for (int life = 0; life < WARM + lives; life++) {
-    if (life == WARM) note_begin();
-    start_program();
-    need_event(device, REGISTER_LOG, registered(), 1, LIFE_LIMIT_MS);
-    ASSERT_TRUE(device.exists(file()));
-    device.kill(task_.pid, SIGTERM);  // a deliberate stop: the registration ends
-    ASSERT_TRUE(wait_until([&] { return !device.exists(file()); }, LIFE_LIMIT_MS)) << device.dump();
-    if (life % LOG_LIVES == LOG_LIVES - 1) shorten_logs();
+TEST_F(ThirdPartLives, OfProgramsThatAreStoppedAndStartedByHand) {
+  static constexpr int PROGRAMS = 4;
+  static constexpr int LOG_ROUNDS = 50;
+  std::vector<Task> tasks;
+  for (int i = 0; i < PROGRAMS; i++)
+    tasks.push_back(list_program("by_hand" + std::to_string(i) + "_"));
+  start();
+  const int rounds = lives_asked(60) / PROGRAMS;
+  for (int round = 0; round <= rounds; round++) {
+    if (round == 1) note_begin();  // the first one warms up
+    for (const Task &task : tasks)
+      device.spawn({task.program});
+    for (Task &task : tasks)
+      need_registration(task);
+    for (const Task &task : tasks)
+      device.kill(task.pid, SIGTERM);  // a deliberate stop: the registration ends
+    for (const Task &task : tasks)
+      ASSERT_TRUE(wait_until([&] { return !device.exists(file(task)); }, LIFE_LIMIT_MS))
+          << device.dump();
+    if (round % LOG_ROUNDS == LOG_ROUNDS - 1) shorten_logs(tasks);
   }
-  expect_nothing_more(lives, 0);
+  expect_nothing_more(rounds * PROGRAMS, 0);
 }
 
 // The id in "tov_process_restart: fail to get pid ID's cmdline, ppid = 0".
@@ -162,7 +172,8 @@ std::vector<pid_t> registered_in_vain(const Device &device) {
 TEST_F(ThirdPartLives, ThatEndBeforeTheyAreRegisteredLeaveNoFile) {
   static constexpr int SILENT = 600;
   Task bystander = start_task(device, "bystander");
-  start("brief");
+  Task task = list_program("brief");
+  start();
   std::vector<std::unique_ptr<RawClient>> silent;
   const auto connects = [&] {
     silent.push_back(std::make_unique<RawClient>());
@@ -172,17 +183,17 @@ TEST_F(ThirdPartLives, ThatEndBeforeTheyAreRegisteredLeaveNoFile) {
     ASSERT_TRUE(wait_until(connects, LIFE_LIMIT_MS));  // at first it may not listen yet
   const int lives = lives_asked(30);
   for (int life = 0; life < lives; life++) {
-    task_.pid = device.spawn({task_.program});
-    ASSERT_TRUE(wait_at_once([&] { return device.exists(file()); }, LIFE_LIMIT_MS));
-    device.kill(task_.pid, SIGTERM);  // wherever the daemon is with it
-    ASSERT_TRUE(device.wait(task_.pid, LIFE_LIMIT_MS));
+    task.pid = device.spawn({task.program});
+    ASSERT_TRUE(wait_at_once([&] { return device.exists(file(task)); }, LIFE_LIMIT_MS));
+    device.kill(task.pid, SIGTERM);  // wherever the daemon is with it
+    ASSERT_TRUE(device.wait(task.pid, LIFE_LIMIT_MS));
   }
   silent.clear();
   pass_events(device, bystander);
   const std::vector<pid_t> vain = registered_in_vain(device);
   std::cout << vain.size() << " of " << lives << " lives were registered in vain\n";
   for (const pid_t pid : vain) {
-    const std::string path = Device::register_path(0, pid, task_.command);
+    const std::string path = Device::register_path(0, pid, task.command);
     EXPECT_TRUE(wait_until([&] { return !device.exists(path); }, LIFE_LIMIT_MS)) << path;
   }
   // One may have died while it was entered; then it has a record, whose file this is.
