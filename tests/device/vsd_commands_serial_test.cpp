@@ -12,6 +12,8 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 
+static const auto *const turn = testing::AddGlobalTestEnvironment(new VsdTurn(LOCK_EX));
+
 TEST(VsdCommands, ThreeDevicesAreCreatedAndListed) {
   Device device;
   device.start_ready_daemon();

@@ -11,6 +11,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
+static const auto *const turn = testing::AddGlobalTestEnvironment(new VsdTurn(LOCK_EX));
+
 static constexpr int VSD = 1;
 
 // One device with two members, a daemon, control groups.

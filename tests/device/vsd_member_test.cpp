@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "story.h"
+#include "vsd_turn.h"
 
 using namespace tov_test;
 using testing::ElementsAre;
@@ -32,6 +33,8 @@ static Task start_member(Device &device, const std::string &prefix, int vsd,
 }
 
 using Variables = std::map<std::string, std::string>;
+
+static const auto *const turn = testing::AddGlobalTestEnvironment(new VsdTurn(LOCK_SH));
 
 static Variables variables_of(const std::string &vsd) {
   return {{"QX_CFG_DIR", "/qx_cfg/vsd/" + vsd},

@@ -3,6 +3,9 @@
 //
 // Groups are the machine's: a deletion signals every process whose groups show the device's number,
 // in whatever private device it lives. These stories therefore run alone (_serial_test).
+//
+// Nothing here relies on how long a deletion takes: one story has it in real time, the others stop
+// it in its sleeps (SteppedCommand) until what they wait for has happened.
 #ifndef TOV_TEST_VSD_TOOL_H
 #define TOV_TEST_VSD_TOOL_H
 
@@ -11,6 +14,7 @@
 #include <vector>
 
 #include "sanitizer_env.h"
+#include "vsd_turn.h"
 #include "worker.h"
 
 namespace tov_test {
@@ -18,7 +22,6 @@ namespace tov_test {
 // How the command line ends when it goes on to start the daemon and one is running: after "add".
 inline constexpr int ADD_STATUS = 255;
 inline constexpr char SCRIPT_DIR[] = "/etc/rc.d/rc.vsd/";
-inline constexpr char FAST[] = "+0 x20";  // the 15 s of a deletion in 0.75 s
 
 // With a debug directory that does not exist, so that nothing is said about the variable itself.
 inline SpawnOptions tool_options(const std::string &faketime) {
@@ -28,17 +31,90 @@ inline SpawnOptions tool_options(const std::string &faketime) {
   return options;
 }
 
+// The path of a program of the build.
+inline std::string tov_program(const Device &device) {
+  return device.binary_dir() + "/tov";
+}
+
+inline std::string caller_program(const Device &device) {
+  return device.binary_dir() + "/tests/programs/vsd_caller";
+}
+
 inline RunResult run_tov(Device &device, std::vector<std::string> words,
                          const std::string &faketime = {}) {
-  words.insert(words.begin(), device.binary_dir() + "/tov");
+  words.insert(words.begin(), tov_program(device));
   return device.run(words, tool_options(faketime), Millis(60'000));
 }
 
 // Calls a function that no command reaches (programs/vsd_caller.cpp). Returns what it printed.
 inline std::string call_vsd(Device &device, std::vector<std::string> words,
                             const std::string &faketime = {}) {
-  words.insert(words.begin(), device.binary_dir() + "/tests/programs/vsd_caller");
+  words.insert(words.begin(), caller_program(device));
   return device.run(words, tool_options(faketime), Millis(60'000)).output;
+}
+
+// A command that sleeps until the test wakes it (programs/stepped_sleep.c).
+class SteppedCommand {
+ public:
+  // Starts it; the first word is the program's path.
+  SteppedCommand(Device &device, const std::vector<std::string> &words)
+      : device_(device), prefix_("/data/" + unique_name("stepped") + "_" + next_number()) {
+    const std::string library = device.binary_dir() + "/tests/programs/libstepped_sleep.so";
+    std::vector<std::string> argv = {"/bin/sh",
+                                     "-c",
+                                     "exec env \"$@\" > " + prefix_ + ".output",
+                                     "sh",
+                                     "LD_PRELOAD=" + library,
+                                     "TOV_TEST_SLEEPS=" + prefix_};
+    argv.insert(argv.end(), words.begin(), words.end());
+    pid_ = device.spawn(argv, tool_options(""));
+  }
+  // Waits until it sleeps for the next time; throws when it is not for so many seconds.
+  void need_sleep(int seconds) {
+    const std::string file = prefix_ + ".asleep." + std::to_string(++sleeps_);
+    wait_until([&] { return device_.exists(file); }, Millis(60'000));
+    if (device_.read(file) != std::to_string(seconds))
+      throw std::runtime_error("sleeps for \"" + device_.read(file) + "\" seconds");
+  }
+  void wake() { device_.write(prefix_ + ".awake." + std::to_string(sleeps_), ""); }
+  // Waits for its end. Returns what it has printed; throws when it has failed.
+  std::string finish() {
+    const auto status = device_.wait(pid_, Millis(60'000));
+    if (status != 0) throw std::runtime_error("the command failed:\n" + output());
+    return output();
+  }
+  std::string output() const { return device_.read(prefix_ + ".output"); }
+
+ private:
+  static std::string next_number() {
+    static int number = 0;
+    return std::to_string(++number);
+  }
+  Device &device_;
+  std::string prefix_;
+  pid_t pid_ = -1;
+  int sleeps_ = 0;
+};
+
+// Waits until a process has ended and has been buried: no group is busy with it any more.
+inline void need_end(const Device &device, pid_t pid) {
+  const auto gone = [&] { return process_state(pid) != 'Z' && !device.lives(pid); };
+  if (!wait_until(gone, Millis(30'000)))
+    throw std::runtime_error(std::to_string(pid) + " does not end\n" + device.dump());
+}
+
+// Lets a command that ends a device go through its two sleeps; in the second, the last ones of
+// these processes must end. Returns what it has printed.
+inline std::string end_device(Device &device, const std::vector<std::string> &words,
+                              const std::vector<pid_t> &members) {
+  SteppedCommand command(device, words);
+  command.need_sleep(5);
+  command.wake();
+  command.need_sleep(10);
+  for (const pid_t pid : members)
+    need_end(device, pid);
+  command.wake();
+  return command.finish();
 }
 
 inline std::string member_dir(int vsd) {
