@@ -291,7 +291,10 @@ TEST_F(TovOpt, AddStartsTheProgramAndGoesOn) {
   EXPECT_EQ(run.status, DAEMON_STARTS);
   EXPECT_EQ(run.output, "");
   EXPECT_TRUE(tov_test::wait_until([] { return read_file("/data/report") == "4\n"; },
-                                   tov_test::Millis(5000)));
+                                   tov_test::Millis(30'000)));
+  // The tool has not waited for its child, which records the program after it was started.
+  EXPECT_TRUE(tov_test::wait_until([] { return !fs::is_empty("/tmp/vsd/4/tov"); },
+                                   tov_test::Millis(30'000)));
   EXPECT_THAT(tov_test::names_in("/tmp/vsd/4/tov"), testing::SizeIs(1));
 }
 

@@ -55,6 +55,8 @@ class Member {
     out.reset();
     char ready = 0;
     if (read(in.n, &ready, 1) != 1) abort();
+    // It touches its last new page on the way into the pause; its size must not change any more.
+    wait_until([this] { return process_state(pid_) == 'S'; }, Millis(30'000));
   }
   Member(const Member &) = delete;
   Member &operator=(const Member &) = delete;
@@ -69,7 +71,7 @@ class Member {
   // The signal that has ended it, waiting for its end; 0 when none did within a while.
   int ended_by() {
     wait_until([this] { return status_ >= 0 || waitpid(pid_, &status_, WNOHANG) == pid_; },
-               Millis(5'000));
+               Millis(30'000));
     return status_ >= 0 && WIFSIGNALED(status_) ? WTERMSIG(status_) : 0;
   }
   // Whether it lives, seen after a moment in which a signal would have arrived.

@@ -55,7 +55,7 @@ inline std::map<std::string, std::string> report() {
 }
 
 inline bool report_comes() {
-  return wait_until([] { return std::filesystem::exists(REPORT); }, Millis(5'000));
+  return wait_until([] { return std::filesystem::exists(REPORT); }, Millis(30'000));
 }
 
 class VsdDeviceTest : public testing::Test {
