@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -282,6 +283,31 @@ TEST(TovVsdKill, SignalZeroOnlyAsks) {
   Member member({group_of(VSD)});
   EXPECT_EQ(kill_proc_by_groups(0, static_cast<int>(group_of(VSD))), 0);
   EXPECT_TRUE(member.is_unharmed());
+}
+
+// Children that are born and die while /proc is read: a name that was there has no status file any
+// more, or its file is read to the end of a process that is gone. Some a second: the daemons of
+// other tests hear of each.
+TEST(TovVsdKill, ProcessesThatVanishMeanwhileAreNoHindrance) {
+  Member member({group_of(VSD)});
+  const pid_t busy = fork();
+  if (busy == 0) {
+    for (;;) {
+      const pid_t child = fork();
+      if (child == 0) {
+        usleep(5'000);
+        _exit(EXIT_SUCCESS);
+      }
+      waitpid(child, nullptr, 0);
+    }
+  }
+  ASSERT_GT(busy, 0);
+  for (int round = 0; round < 20; round++)
+    EXPECT_EQ(kill_proc_by_groups(0, static_cast<int>(group_of(VSD))), 0);
+  EXPECT_EQ(kill_proc_by_groups(SIGTERM, static_cast<int>(group_of(VSD))), 0);
+  EXPECT_EQ(member.ended_by(), SIGTERM);
+  kill(busy, SIGKILL);
+  waitpid(busy, nullptr, 0);
 }
 
 TEST(TovVsdKill, ProcUnreadable) {
