@@ -370,7 +370,8 @@ long resident_pages() {
 TEST_F(TovServer, RandomPacketsCostOnlyTheirSenders) {
   // TOV_TEST_PACKETS asks for another number, such as a million.
   const char *asked = getenv("TOV_TEST_PACKETS");
-  const int packets = asked != nullptr ? atoi(asked) : 50000 / (tov_test::patience() * tov_test::patience());
+  const int packets =
+      asked != nullptr ? atoi(asked) : 50000 / (tov_test::patience() * tov_test::patience());
   std::mt19937 random(20261115);
   const auto noise = [&](int count) {
     auto client = std::make_unique<RawClient>();
