@@ -9,7 +9,21 @@
 // and unblocked in the main thread alone once all threads run. From then on main sits in
 // pthread_join() and holds no lock, neither ours nor one of the C library's, so whatever the
 // handler waits for is held by a thread that goes on running. Both are blocked again before
-// shutdown.
+// shutdown. In particular:
+//
+// - The lock of `tov_chains`: its holder may take a while (a restart delay, a fork that fails), but
+//   it never waits for main, so the handler gets its turn. Main itself never holds it while the
+//   signals are let in; that the lock is recursive is not needed here.
+// - malloc, stdio, the event logs, the system log: main holds none of their locks, and no other
+//   thread stops while it holds one.
+// - fork: another thread may hold any of these locks at that moment, and in the child it stays held
+//   for ever. The child takes none (tov_proc_child.cpp).
+// - A second SIGALRM waits until the handler returns. SIGCHLD may come in between, even with those
+//   locks held: its handler calls waitpid() and nothing else, takes no lock and keeps errno.
+// - pthread_join() goes on waiting afterwards; it never ends for a signal's sake.
+// - alarm(): the handler arms it after the unlock. A task that another thread suspends in between is
+//   due later than those that the handler saw waiting, so the alarm comes in time, and the run that
+//   it leads to arms the next one for that task.
 #ifndef TOV_SIGNALS_H
 #define TOV_SIGNALS_H
 

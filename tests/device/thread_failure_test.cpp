@@ -17,7 +17,7 @@ using testing::IsSupersetOf;
 using testing::Not;
 
 // The reader looks up from its socket every five seconds, the server from its own every ten.
-static constexpr Millis SHUTDOWN_LIMIT_MS{20'000};
+static constexpr Millis SHUTDOWN_LIMIT_MS{40'000};
 
 static std::string ended(const char *thread, int res, const char *reason, int error) {
   return std::string("Thread \"") + thread +
@@ -112,5 +112,58 @@ TEST(SharedArea, ThatCannotBeMadeKeepsTheDaemonFromStarting) {
               ElementsAre(testing::MatchesRegex("Init alive info Fail. ret=-[0-9]+"), "TOV exit."));
   EXPECT_FALSE(device.exists("/tmp/tov/.tov"));
   ASSERT_TRUE(device.remove("/dev/shm/UTILS-tov-shm-001"));
+  expect_supervised_on(device, living, died);
+}
+
+// ---- threads that cannot be started -----------------------------------------------------------
+
+struct Unstarted {
+  const char *label;
+  int before;           // so many threads are started before it
+  const char *subject;  // of the event-log line
+};
+
+static void PrintTo(const Unstarted &row, std::ostream *out) {
+  *out << row.label;
+}
+
+static const Unstarted unstarted[] = {
+    {"EventHandler", 0, "tov_cnmsg_handle thread"},  {"Reader", 1, "tov_process_netlink thread"},
+    {"Server", 2, "tov_process_domain thread"},      {"Watchdog", 3, "tov_notifer_run"},
+    {"Watcher", 4, "tov_inotify_fork_error thread"}, {"Delay", 5, "tov_delay_restart thread"},
+    {"Sweep", 6, "tov_proc_stat_check thread"},
+};
+
+class UnstartedThread : public testing::TestWithParam<Unstarted> {};
+
+INSTANTIATE_TEST_SUITE_P(Threads, UnstartedThread, testing::ValuesIn(unstarted),
+                         [](const auto &row) { return std::string(row.param.label); });
+
+TEST_P(UnstartedThread, BringsTheDaemonDown) {
+#ifdef TOV_SANITIZE_THREAD
+  static constexpr int OTHER_THREADS = 2;  // main and the sanitizer's own
+#else
+  static constexpr int OTHER_THREADS = 1;
+#endif
+  Device device;
+  Task living = start_task(device, "living_u");
+  Task died = start_task(device, "died_u");
+  // Where memory is checked, the look for leaks at the end needs a process that the limit forbids.
+  const pid_t pid =
+      device.start_daemon({.env = {{"LSAN_OPTIONS", "detect_leaks=0"}},
+                           .args = {"-c", "kill -STOP $$; exec " + device.binary_dir() + "/tov"},
+                           .faketime = "+0 x20",
+                           .program = "/bin/sh"});
+  ASSERT_TRUE(wait_until([&] { return process_state(pid) == 'T'; }, STORY_LIMIT_MS));
+  if (!device.limit_processes(pid, OTHER_THREADS + GetParam().before))
+    GTEST_SKIP() << "no version-1 pids controller";
+  device.kill(pid, SIGCONT);
+  expect_shut_down(device);
+  EXPECT_THAT(event_texts(device, ERROR_LOG),
+              Contains(std::string("Fail to create ") + GetParam().subject +
+                       ": Resource temporarily unavailable"));
+  EXPECT_THAT(event_texts(device, RUN_LOG), ElementsAre("TOV start."));
+  EXPECT_TRUE(device.lives(living.pid));
+  EXPECT_EQ(device.births(died.name).size(), 1U);
   expect_supervised_on(device, living, died);
 }
