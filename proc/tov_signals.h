@@ -21,7 +21,8 @@
 // - A second SIGALRM waits until the handler returns. SIGCHLD may come in between, even with those
 //   locks held: its handler calls waitpid() and nothing else, takes no lock and keeps errno.
 // - pthread_join() goes on waiting afterwards; it never ends for a signal's sake.
-// - alarm(): the handler arms it after the unlock. A task that another thread suspends in between is
+// - alarm(): the handler arms it after the unlock. A task that another thread suspends in between
+// is
 //   due later than those that the handler saw waiting, so the alarm comes in time, and the run that
 //   it leads to arms the next one for that task.
 #ifndef TOV_SIGNALS_H

@@ -131,7 +131,7 @@ TEST(Restart, ActionsThatExpectTheExitStartNothing) {
   for (const Task &task : {normal, ignored}) {
     EXPECT_EQ(device.births(task.name).size(), 1U);
     EXPECT_TRUE(device.exists(task.file));
-    EXPECT_EQ(device.count_events(RESTART_LOG, task.name), 0U);
+    EXPECT_EQ(count_texts(device, RESTART_LOG, task.name), 0U);
   }
 }
 
@@ -297,7 +297,7 @@ TEST(RegistrationFile, OfAProgramThatDiedBeforeTheStartBringsItBack) {
   const auto run = event_texts(device, RUN_LOG);
   EXPECT_EQ(run.size(), 4U);
   EXPECT_EQ(run.back(), "TOV start.") << "the rebuild comes first";
-  EXPECT_THAT(device.event_log(RESTART_LOG), IsEmpty()) << "a rebuild announces nothing";
+  EXPECT_THAT(event_texts(device, RESTART_LOG), IsEmpty()) << "a rebuild announces nothing";
   EXPECT_THAT(device.notices(), IsEmpty());
 
   const Birth again = kill_and_return(device, tasks[0]);
