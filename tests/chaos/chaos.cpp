@@ -39,6 +39,7 @@
 
 #include "deeds.h"
 #include "judge.h"
+#include "muster.h"
 #include "report.h"
 #include "run.h"
 #include "upheaval.h"
@@ -47,6 +48,8 @@ using namespace tov_chaos;
 
 static constexpr int64_t SECOND_NS = 1'000'000'000;
 static constexpr int PROGRESS_S = 10;
+// A daemon that lost a place cannot register anybody; soon nobody is left to do anything to.
+static constexpr int BLIND_LIFE_S = 5;
 
 enum { EXIT_RIGHT = 0, EXIT_WRONG = 1, EXIT_UNABLE = 2 };
 
@@ -102,33 +105,11 @@ static bool read_options(int argc, char **argv, Options *options) {
   return optind == argc;
 }
 
-static void await_registrations(Run &run) {
-  static constexpr Millis LIMIT_MS{30'000};
-  const auto is_known = [](const Program &program) {
-    return program.kind->by != By::LIBRARY || program.supervised;
-  };
-  const auto &programs = run.fleet.programs;
-  (void)tov_test::wait_until(
-      [&] {
-        run.fleet.read_reports();
-        return std::all_of(programs.begin(), programs.end(), is_known);
-      },
-      LIMIT_MS);  // who is late registers with the next daemon
-}
-
 static void prepare(Run &run) {
   run.device.write("/debug_time", "60");
   run.fleet.install();
-  // The first daemon makes the directories; the second one finds the programs that registered by
-  // file alone, and the list of those that are registered when they start.
-  start_daemon(run);
-  for (Program &program : run.fleet.programs)
-    if (program.kind->by != By::LIST) run.fleet.start(program);
-  await_registrations(run);  // so that this daemon's use can be compared with the last one's
-  kill_daemon(run);
-  start_daemon(run);
-  for (Program &program : run.fleet.programs)
-    if (program.kind->by == By::LIST) run.fleet.start(program);
+  start_daemon(run);  // makes the directories
+  muster(run, [](const Program &) { return true; });
 }
 
 // Returns what went wrong meanwhile.
@@ -140,6 +121,7 @@ static std::string disturb(Run &run) {
   const auto pause = std::chrono::microseconds(1'000'000 / run.options.deeds_per_s);
   while (now_ns() - begin < run.options.seconds * SECOND_NS) {
     carry_on(run);
+    if (run.blind) daemon_dies = std::min(daemon_dies, now_ns() + BLIND_LIFE_S * SECOND_NS);
     if (now_ns() >= daemon_dies) {
       kill_daemon(run);
       start_daemon(run);

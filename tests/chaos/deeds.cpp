@@ -24,7 +24,7 @@ static constexpr Deed deeds[] = {
     {"doubled", 6, double_somebody},
     {"lost its file", 8, remove_registration},
     {"daemon file removed", 8, remove_daemon_file},
-    {"daemon place removed", 2, remove_daemon_place},
+    {"daemon place removed", 1, remove_daemon_place},
     {"members' files removed", 1, empty_member_place},
     {"client socket removed", 3, remove_client_socket},
     {"switch turned", 3, turn_switch},

@@ -42,8 +42,10 @@ static constexpr const char *daemon_files[] = {
 // Rarely: without them nothing can be registered until the next daemon, and without the last most
 // of what was registered is forgotten by then. The same place of a virtual device is only emptied:
 // a member that registers while it is missing leaves no member file either.
-static constexpr const char *daemon_places[] = {"/tmp/tov", "/tmp/tov", "/tmp/tov/.tov",
-                                                "/tmp/tov/.tov", "/tmp/vsd/0/tov/db"};
+static constexpr const char *daemon_places[] = {
+    "/tmp/tov",      "/tmp/tov",      "/tmp/tov",      "/tmp/tov",          "/tmp/tov/.tov",
+    "/tmp/tov/.tov", "/tmp/tov/.tov", "/tmp/tov/.tov", "/tmp/vsd/0/tov/db",
+};
 static constexpr char MEMBERS_FILES[] = "/tmp/vsd/9/tov/db";
 
 bool remove_daemon_file(Run &run) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "deeds.h"
+#include "muster.h"
 #include "report.h"
 #include "upheaval.h"
 
@@ -156,6 +157,10 @@ std::string judge(Run &run) {
   say(run, "settling");
   const Millis long_hold = real(run, TWO_SWEEPS_S);
   std::string wrong = settle(run, SHORT_HOLD_MS);
+  if (!wrong.empty()) return wrong;
+  muster_anew(run);
+  say(run, "mustered anew");
+  wrong = settle(run, SHORT_HOLD_MS);
   Usage before;
   for (int round = 0; wrong.empty() && round < run.options.rounds; round++) {
     end_all(run, SIGKILL);

@@ -12,7 +12,8 @@ namespace tov_chaos {
 // that they should be as they should be. Empty: nothing.
 std::string find_overdue(Run &run);
 
-// Lets everything settle under a fresh daemon and then proves, round by round:
+// Lets everything settle under a fresh daemon, brings most programs back under supervision and then
+// proves, round by round:
 // - every program that should run does so exactly once, no other one runs;
 // - every supervised program that is killed comes back, no other one does;
 // - the daemon has no zombie, and neither its descriptors nor its memory grow;

@@ -1,0 +1,65 @@
+// One daemon is not enough: programs that register by their file alone are found by the next one,
+// and programs of the list are registered when they are executed under a daemon that has read it.
+#include "muster.h"
+
+#include <signal.h>
+
+#include <algorithm>
+
+#include "deeds.h"
+#include "upheaval.h"
+
+namespace tov_chaos {
+
+static constexpr Millis REGISTERED_LIMIT_MS{30'000};
+static constexpr Millis GONE_LIMIT_MS{10'000};
+static constexpr size_t STAYS_AWAY_ONE_IN = 8;
+
+static void start_those(Run &run, const std::function<bool(const Program &)> &fits) {
+  for (Program &program : run.fleet.programs)
+    if (!program.should_run && fits(program)) run.fleet.start(program);
+}
+
+static void await_registrations(Run &run, By by) {
+  const auto is_done = [by](const Program &program) {
+    return program.kind->by != by || !program.should_run || program.supervised;
+  };
+  const auto &programs = run.fleet.programs;
+  (void)tov_test::wait_until(
+      [&] {
+        run.fleet.read_reports();
+        return std::all_of(programs.begin(), programs.end(), is_done);
+      },
+      REGISTERED_LIMIT_MS);
+}
+
+void muster(Run &run, const std::function<bool(const Program &)> &chosen) {
+  const auto is_listed = [](const Program &program) { return program.kind->by == By::LIST; };
+  start_those(run, [&](const Program &program) { return !is_listed(program) && chosen(program); });
+  await_registrations(run, By::LIBRARY);
+  kill_daemon(run);
+  start_daemon(run);
+  start_those(run, [&](const Program &program) { return is_listed(program) && chosen(program); });
+  await_registrations(run, By::LIST);
+}
+
+void muster_anew(Run &run) {
+  run.fleet.prove_requests();
+  const auto processes = run.fleet.processes();
+  for (Program &program : run.fleet.programs)
+    if (program.should_run && !program.supervised)
+      for (const pid_t pid : Fleet::instances(program, processes))
+        end_instance(run, program, pid, SIGKILL);
+  (void)tov_test::wait_until(
+      [&] {
+        const auto left = run.fleet.processes();
+        return std::all_of(run.fleet.programs.begin(), run.fleet.programs.end(),
+                           [&](const Program &program) {
+                             return program.should_run || Fleet::instances(program, left).empty();
+                           });
+      },
+      GONE_LIMIT_MS);
+  muster(run, [&](const Program &) { return run.chance.below(STAYS_AWAY_ONE_IN) != 0; });
+}
+
+}  // namespace tov_chaos
