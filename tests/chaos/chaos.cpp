@@ -134,8 +134,7 @@ static std::string disturb(Run &run) {
       look += SECOND_NS;
     }
     if (now_ns() >= progress) {
-      printf("  %3d s, %d killed\n", static_cast<int>((now_ns() - begin) / SECOND_NS),
-             run.counts["killed"]);
+      printf("  %3d s, %d killed\n", run.seconds(), run.counts["killed"]);
       fflush(stdout);
       progress += PROGRESS_S * SECOND_NS;
     }

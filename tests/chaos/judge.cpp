@@ -147,7 +147,8 @@ static void say(const Run &run, const char *what) {
     running += program.should_run;
     supervised += program.supervised;
   }
-  printf("  %s: %zu programs should run, %zu are supervised\n", what, running, supervised);
+  printf("  %3d s, %s: %zu programs should run, %zu are supervised\n", run.seconds(), what, running,
+         supervised);
   fflush(stdout);
 }
 

@@ -44,6 +44,11 @@ struct Run {
   std::map<std::string, int> counts;  // deeds done, and what else is worth telling
   std::vector<Life> lives;
 
+  int64_t begin_ns = now_ns();
+
+  // Since the run began.
+  int seconds() const { return static_cast<int>((now_ns() - begin_ns) / 1'000'000'000); }
+
   tov_test::DaemonOptions daemon_options() const {
     tov_test::DaemonOptions daemon;
     daemon.faketime = "+0 x" + std::to_string(options.speed);
