@@ -26,7 +26,6 @@
 #include "unit_files.h"
 #include "unit_private_root.h"
 
-using tov_test::FakeDaemon;
 using tov_test::in_child;
 
 namespace {
@@ -56,6 +55,12 @@ const std::map<std::string, std::function<void()>> CALLS = {
     {"pid_exist_in_file", [] { pid_exist_in_file(1, LIST_FILE); }},
     {"get_pid_notify_counter", [] { get_pid_notify_counter("none", LIST_FILE); }},
     {"pid_reset_counter_in_file", [] { pid_reset_counter_in_file(1, LIST_FILE); }},
+};
+
+// A stand-in for the daemon in a process of its own: these tests fork, and so have one thread only.
+class DaemonProcess : tov_test::helper_process_s {
+ public:
+  DaemonProcess() : helper_process_s([] { static const tov_test::FakeDaemon daemon; }) {}
 };
 
 class ClientCalls : public testing::Test {
@@ -90,7 +95,7 @@ class CancelledCall : public ClientCalls, public testing::WithParamInterface<con
 // The call is made by a thread whose cancellation is pending: it would act at the first
 // opportunity.
 TEST_P(CancelledCall, IsCarriedThrough) {
-  const FakeDaemon daemon;
+  const DaemonProcess daemon;
   const auto &call = CALLS.at(GetParam());
   in_child([&call] {
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -135,7 +140,7 @@ std::set<int> open_descriptors() {
 class CallWithoutStreams : public ClientCalls, public testing::WithParamInterface<const char *> {};
 
 TEST_P(CallWithoutStreams, KeepsOffTheirNumbers) {
-  const FakeDaemon daemon;
+  const DaemonProcess daemon;
   const auto &call = CALLS.at(GetParam());
   in_child([&call] {
     g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
