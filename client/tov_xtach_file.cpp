@@ -59,12 +59,9 @@ static bool split_line(const char *line, char (&key)[TOV_LOOKUP_WORD_SIZE],
   return true;
 }
 
-extern "C" int string_exist_in_file(const char *text, const char *file) {
-  if (text == nullptr || file == nullptr) return 0;
-  const tov_rpc_no_cancel_t no_cancel;
-  const tov_fd_t fd = open_text(file);
-  if (fd.n < 0) return 0;
-  tov_lines_s lines(fd.n, TOV_LOOKUP_LINE_SIZE - 1);
+// Whether a line of the file equals `text`.
+static int find_line(int fd, const char *text) {
+  tov_lines_s lines(fd, TOV_LOOKUP_LINE_SIZE - 1);
   char line[TOV_LOOKUP_LINE_SIZE];
   while (next_line(lines, line)) {
     if (strcmp(line, text) == 0) return 1;
@@ -72,10 +69,21 @@ extern "C" int string_exist_in_file(const char *text, const char *file) {
   return 0;
 }
 
+extern "C" int string_exist_in_file(const char *text, const char *file) {
+  if (text == nullptr || file == nullptr) return 0;
+  const tov_rpc_no_cancel_t no_cancel;
+  const tov_fd_t fd = open_text(file);
+  return fd.n < 0 ? 0 : find_line(fd.n, text);
+}
+
 extern "C" int pid_exist_in_file(pid_t pid, const char *file) {
+  if (file == nullptr) return 0;
+  const tov_rpc_no_cancel_t no_cancel;
+  const tov_fd_t fd = open_text(file);
+  if (fd.n < 0) return 0;  // nearly always: each sign of life asks
   char text[TOV_LOOKUP_WORD_SIZE];
   snprintf(text, sizeof text, "%d", pid);
-  return string_exist_in_file(text, file);
+  return find_line(fd.n, text);
 }
 
 extern "C" int get_pid_notify_counter(const char *key, const char *file) {
