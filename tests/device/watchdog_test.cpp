@@ -524,6 +524,22 @@ TEST(NewDaemon, BeginsTheCountAnewWhenTheThreadIsHeardOf) {
   EXPECT_THAT(need_kill_lines(device, 1), Each(killed_hung(task, 0, tid)));
 }
 
+TEST(NewDaemon, KeepsTheSemaphoreThatOthersHaveRaised) {
+  Device device;
+  const DaemonOptions options = watching(device);
+  device.append("/data/.qxos/vsd/0/qx_utils/qx_utils_dbg_cfg.txt", "g_tov_pub_dbg_level 0\n");
+  device.start_ready_daemon(options);
+  set_semaphore(device, 3);
+  device.kill_daemon();
+  device.start_ready_daemon(options);
+  EXPECT_TRUE(device.wait_output("]System tov semaphore already inited."));
+  EXPECT_EQ(steps_of(pass_minutes(device, 1), Step::PASS).back().semaphore, 3);
+
+  // Once it has been found, the file that leads to it is no longer needed.
+  ASSERT_TRUE(device.remove("/tmp/.tov_semphore_path"));
+  EXPECT_EQ(steps_of(pass_minutes(device, 1), Step::PASS).back().semaphore, 3);
+}
+
 // ---- what is printed ----------------------------------------------------------------------------
 
 struct Switches {
