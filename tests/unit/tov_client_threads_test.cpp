@@ -74,7 +74,7 @@ int give_signs_of_life(int count) {
 }
 
 TEST_F(ClientThreads, SignsOfLifeGoOnBesideRegistrations) {
-  static constexpr int REGISTRATIONS = 20;
+  static constexpr int REGISTRATIONS = 3;
   FakeDaemon daemon;
   std::atomic<int> failures{0};
   std::atomic<size_t> requests{0};
@@ -85,7 +85,7 @@ TEST_F(ClientThreads, SignsOfLifeGoOnBesideRegistrations) {
         const std::lock_guard one_after_the_other(bits);
         be_known();
       }
-      failures += give_signs_of_life(2000);
+      failures += give_signs_of_life(500);
       return;
     }
     for (int n = 0; n < REGISTRATIONS; n++) {
@@ -130,14 +130,14 @@ TEST_F(ClientThreads, LookUpsAndLimitsMayBeAskedTogether) {
 }
 
 TEST_F(ClientThreads, ConnectionsOwedAnAnswerAreSharedOut) {
-  static constexpr int EACH = 6;
+  static constexpr int EACH = 2;
   FakeDaemon daemon(Manners{.think = std::chrono::milliseconds(20)});
-  run_together(6, [](int) {
+  run_together(3, [](int) {
     for (int n = 0; n < EACH; n++)
       EXPECT_EQ(tov_time_set(0, TOV_RESTART, 1), 0);
   });
-  const std::vector<Request> all = daemon.requests(6 * EACH);
-  EXPECT_EQ(all.size(), size_t{6 * EACH});
+  const std::vector<Request> all = daemon.requests(3 * EACH);
+  EXPECT_EQ(all.size(), size_t{3 * EACH});
   for (const Request &request : all)
     EXPECT_TRUE(request.answered);
 }
