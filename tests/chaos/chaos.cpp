@@ -14,7 +14,7 @@
 //                    sweeps fit in
 //   --rate N         deeds a second (20)
 //   --rounds N       proofs at the end: everybody is killed and must come back (3)
-//   --limit N        seconds that everything may take to settle (120; more on slow builds)
+//   --limit N        seconds that everything may take to settle (300; more on slow builds)
 //   --break WHAT     break one behaviour of the daemon, to see that the judge says so
 //                    (support/programs/broken_daemon.c)
 //

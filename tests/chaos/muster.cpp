@@ -20,9 +20,11 @@ static void start_those(Run &run, const std::function<bool(const Program &)> &fi
     if (!program.should_run && fits(program)) run.fleet.start(program);
 }
 
+// A listed program that has gone into the background before the daemon looked at it is not
+// registered at all; such a one is uncertain, and enough has been waited for it.
 static void await_registrations(Run &run, By by) {
   const auto is_done = [by](const Program &program) {
-    return program.kind->by != by || !program.should_run || program.supervised;
+    return program.kind->by != by || !program.should_run || program.supervised || program.uncertain;
   };
   const auto &programs = run.fleet.programs;
   (void)tov_test::wait_until(
@@ -41,6 +43,12 @@ void muster(Run &run, const std::function<bool(const Program &)> &chosen) {
   start_daemon(run);
   start_those(run, [&](const Program &program) { return is_listed(program) && chosen(program); });
   await_registrations(run, By::LIST);
+  const auto &programs = run.fleet.programs;
+  if (std::none_of(programs.begin(), programs.end(),
+                   [](const Program &program) { return program.uncertain; }))
+    return;
+  kill_daemon(run);  // takes stock: then it is known whom the daemon knows
+  start_daemon(run);
 }
 
 void muster_anew(Run &run) {

@@ -20,7 +20,7 @@ struct Options {
   int speed = 20;  // seconds of the daemon's clock in one of ours
   int deeds_per_s = 20;
   int rounds = 3;           // of the judge's proofs
-  int limit_s = 120;        // for everything to settle
+  int limit_s = 300;        // for everything to settle
   std::string broken = {};  // behaviour of the daemon to break, see programs/broken_daemon.c
 };
 
