@@ -109,7 +109,7 @@ static int make_missing(int dir, const char *name, tov_fd_t *entry, struct stat 
 
 // Goes one name further.
 static int step(walk_s *walk, const char *name, bool may_make) {
-  struct stat found;
+  struct stat found {};
   tov_fd_t entry = tov_look_at(walk->at.n, name, &found);
   int res = entry.n < 0 ? -errno : 0;
   if (res == -ENOENT && may_make) res = make_missing(walk->at.n, name, &entry, &found);

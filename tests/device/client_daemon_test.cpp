@@ -79,6 +79,7 @@ TEST(ClientOfARestartedDaemon, StaysSupervisedAndWatched) {
   }
   ASSERT_TRUE(device.kill_daemon());
   std::vector<size_t> registrations;  // of each first thread, by the daemon that is gone
+  registrations.reserve(clients.size());
   for (const Task &task : clients)
     registrations.push_back(device.count_events(ALIVE_LOG, thread_registered(task)));
 

@@ -9,7 +9,6 @@
 #include <set>
 
 using namespace tov_test;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

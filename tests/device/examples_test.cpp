@@ -10,7 +10,6 @@
 
 using namespace tov_test;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // An example under a name of its own, with the library where a loader finds it.
 static Task install_example(Device &device, const std::string &example,

@@ -146,6 +146,7 @@ TEST_F(HostileClient, TextsAreNoFormats) {
 TEST_F(HostileClient, SilenceHoldsNobodyUp) {
   start();
   std::vector<std::unique_ptr<RawClient>> silent;
+  silent.reserve(100);
   for (int i = 0; i < 100; i++)
     silent.push_back(connected());
   for (int i = 0; i < 20; i++)

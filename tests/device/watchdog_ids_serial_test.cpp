@@ -14,16 +14,14 @@
 #include "watched.h"
 
 using namespace tov_test;
-using testing::Contains;
 using testing::Each;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 static constexpr pid_t FIRST_BEYOND = 163840;  // of the ids without a place in the shared area
 
 // A daemon whose watchdog and everybody else say what they do.
 static DaemonOptions talking(Device &device) {
-  const DaemonOptions options = watching(device);
+  DaemonOptions options = watching(device);
   device.append("/data/.qxos/vsd/0/qx_utils/qx_utils_dbg_cfg.txt", "g_tov_pub_dbg_level 0\n");
   return options;
 }
@@ -130,7 +128,7 @@ class MoreIds {
     if (keeper_ == 0) keep(ends[0], ends[1], before);
     close(ends[0]);
     end_ = ends[1];
-    if (keeper_ < 0 || !set(4 * FIRST_BEYOND)) throw std::runtime_error("kernel.pid_max is fixed");
+    if (keeper_ < 0 || !set(4L * FIRST_BEYOND)) throw std::runtime_error("kernel.pid_max is fixed");
   }
   MoreIds(const MoreIds &) = delete;
   MoreIds &operator=(const MoreIds &) = delete;

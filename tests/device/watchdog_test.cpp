@@ -21,7 +21,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::SizeIs;
 
 // A request: the pass in which it was made, and the thread that it was made for.
 struct Request {
@@ -299,6 +298,7 @@ TEST(SpentThreads, OfTwoProcessesAreEndedOneAfterTheOther) {
   EXPECT_THAT(lines, Contains(killed_hung(two, 0, tid_two)));
   const std::vector<Request> asked = need_requests(device, 2);
   std::vector<int> passes;
+  passes.reserve(asked.size());
   for (const Request &request : asked)
     passes.push_back(request.pass);
   EXPECT_EQ(std::adjacent_find(passes.begin(), passes.end()), passes.end()) << "two in one minute";

@@ -44,7 +44,7 @@ enum { EXIT_RIGHT = 0, EXIT_WRONG = 1, EXIT_UNABLE = 2 };
 constexpr char KILL_LOG[] = "tov_kill_process.log";
 constexpr char ALIVE_LOG[] = "user_register_alive.log";
 constexpr char PROGRAM[] = "soaked";
-constexpr int PASS_S = 60;           // of the daemon's clock, between two looks of its watchdog
+constexpr int64_t PASS_S = 60;       // of the daemon's clock, between two looks of its watchdog
 constexpr int PASSES_TO_SETTLE = 5;  // until every page that is used has been touched
 constexpr int PASSES_TO_SPEND = 10;  // a budget of 5 periods of 120 s
 // The ring of process events takes its pages one after another, as processes of the machine come
@@ -60,7 +60,7 @@ struct Options {
   int processes = 200;
   int threads = 4;
   int silent = 20;
-  int64_t span_s = 24 * 3600;  // of the daemon's clock
+  int64_t span_s = 86'400;  // of the daemon's clock
   int speed = 60;
   int random_ms = 1500;
   unsigned int seed = std::random_device()();
@@ -151,7 +151,8 @@ void Soak::read_reports() {
 
 void Soak::start() {
   device_.start_ready_daemon({.faketime = "+0 x" + std::to_string(options_.speed)});
-  const size_t count = static_cast<size_t>(options_.processes * options_.threads);
+  const size_t count =
+      static_cast<size_t>(options_.processes) * static_cast<size_t>(options_.threads);
   for (int i = 0; i < options_.processes; i++) {
     const pid_t pid = device_.spawn({program_, "threads=" + std::to_string(options_.threads - 1),
                                      "random=" + std::to_string(options_.random_ms)});
