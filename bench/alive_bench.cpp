@@ -33,7 +33,7 @@
 
 static constexpr int MOST_THREADS = 4096;
 static constexpr int THREADS_EACH = 4;
-static constexpr size_t STACK_SIZE = 64 * 1024;
+static constexpr size_t STACK_SIZE = size_t{64} * 1024;
 static constexpr unsigned int PERIOD_S = 120;
 static constexpr unsigned int BUDGET = 5;
 
