@@ -232,7 +232,8 @@ std::vector<RegistrationFile> Fleet::registration_files() const {
   for (int vsd = 0; vsd < VSDS; vsd++) {
     const std::string directory = "/tmp/vsd/" + std::to_string(vsd) + "/tov/db";
     for (const std::string &name : device_.list(directory)) {
-      RegistrationFile file{vsd, directory + "/" + name, 0, {}};
+      RegistrationFile file{vsd, directory, 0, {}};
+      file.path.append("/").append(name);
       std::istringstream text(device_.read(file.path));
       int action = 0;
       if (text >> file.pid >> action && text.get() == '\n' && std::getline(text, file.command))

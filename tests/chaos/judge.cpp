@@ -92,7 +92,7 @@ static std::string settle(Run &run, Millis hold) {
     run.fleet.read_reports();
     if (const auto status = run.device.wait_daemon(Millis(0)))
       return "the daemon ended by itself, status " + std::to_string(*status) + "\n";
-    const std::string wrong = wrong_programs(run);
+    std::string wrong = wrong_programs(run);
     if (!wrong.empty())
       right_since = 0;
     else if (right_since == 0)

@@ -18,7 +18,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::Not;
 
 static constexpr char FORK_FILE[] = "/tmp/tov/forkfile";
 static constexpr char FORK_REASON_FILE[] = "/data/.fork_error_file";

@@ -121,6 +121,7 @@ TEST_P(CancelledCall, IsCarriedThrough) {
 
 std::vector<const char *> call_names() {
   std::vector<const char *> names;
+  names.reserve(std::size(CALLS));
   for (const auto &[name, call] : CALLS)
     names.push_back(name.c_str());
   return names;

@@ -47,6 +47,7 @@ class ClientThreads : public testing::Test {
   static void run_together(int count, const std::function<void(int)> &body) {
     std::atomic<int> missing{count};
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; i++) {
       threads.emplace_back([&, i] {
         missing--;
@@ -130,14 +131,14 @@ TEST_F(ClientThreads, LookUpsAndLimitsMayBeAskedTogether) {
 }
 
 TEST_F(ClientThreads, ConnectionsOwedAnAnswerAreSharedOut) {
-  static constexpr int EACH = 2;
+  static constexpr size_t EACH = 2;
   FakeDaemon daemon(Manners{.think = std::chrono::milliseconds(20)});
   run_together(3, [](int) {
-    for (int n = 0; n < EACH; n++)
+    for (size_t n = 0; n < EACH; n++)
       EXPECT_EQ(tov_time_set(0, TOV_RESTART, 1), 0);
   });
   const std::vector<Request> all = daemon.requests(3 * EACH);
-  EXPECT_EQ(all.size(), size_t{3 * EACH});
+  EXPECT_EQ(all.size(), 3 * EACH);
   for (const Request &request : all)
     EXPECT_TRUE(request.answered);
 }

@@ -43,6 +43,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 static constexpr long TICK_MS = 20;
 static constexpr unsigned int WATCH_ARGUMENT = 2;  // even: a period of 120 s, 5 missed
@@ -180,15 +181,16 @@ static void register_self() {
 
 // Every page is touched; nothing is ever given back.
 static void grow() {
-  static constexpr size_t MEGABYTE = 1024 * 1024;
+  static constexpr size_t MEGABYTE = size_t{1} << 20;
   const std::string path = "/data/grow." + name;
   char text[16] = "";
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   (void)!read(fd, text, sizeof text - 1);
   close(fd);
   unlink(path.c_str());
+  static std::vector<std::vector<char>> kept;
   for (int left = atoi(text); left > 0; left--)
-    memset(malloc(MEGABYTE), 1, MEGABYTE);
+    kept.emplace_back(MEGABYTE, 1);
   report("grown");
 }
 
