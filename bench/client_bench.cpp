@@ -6,6 +6,7 @@
 // calls that a sign of life cannot do without.
 #include <benchmark/benchmark.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -268,11 +270,35 @@ static void ThousandClientsAtOnce(benchmark::State &state) {
 }
 BENCHMARK(ThousandClientsAtOnce)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
-// ---- signs of life
-// --------------------------------------------------------------------------------
+// ---- signs of life ------------------------------------------------------------------------------
+
+// Where the exemption file is looked for: a file system in memory asks itself anew for a name that
+// it does not hold, one on a disk remembers that there is none.
+enum data_e { MEMORY, DISK };
+
+// Lays a directory of the build tree over /data for its own life, as on a device whose data lies on
+// a disk.
+class Data {
+ public:
+  explicit Data(data_e where) : on_disk_(where == DISK) {
+    if (!on_disk_) return;
+    std::filesystem::create_directories(TOV_BENCH_DATA);
+    if (mount(TOV_BENCH_DATA, "/data", nullptr, MS_BIND, nullptr) < 0)
+      throw std::runtime_error("no directory for /data");
+  }
+  Data(const Data &) = delete;
+  Data &operator=(const Data &) = delete;
+  ~Data() {
+    if (on_disk_) umount("/data");
+  }
+
+ private:
+  bool on_disk_;
+};
 
 // What no sign of life can do without: who is calling, and whether there is an exemption file.
 static void FloorKeepAlive(benchmark::State &state) {
+  const Data data(static_cast<data_e>(state.range(0)));
   BatchTimes times(state);
   for ([[maybe_unused]] auto _ : state) {
     times.take([] {
@@ -283,7 +309,7 @@ static void FloorKeepAlive(benchmark::State &state) {
     });
   }
 }
-BENCHMARK(FloorKeepAlive)->UseManualTime();
+BENCHMARK(FloorKeepAlive)->ArgName("on_disk")->Arg(DISK)->Arg(MEMORY)->UseManualTime();
 
 static void SharedByte(benchmark::State &state) {
   const pid_t tid = gettid();
@@ -303,12 +329,14 @@ static void keep_alive(benchmark::State &state) {
 }
 
 static void KeepAlive(benchmark::State &state) {
+  const Data data(static_cast<data_e>(state.range(0)));
   keep_alive(state);
 }
-BENCHMARK(KeepAlive)->UseManualTime();
+BENCHMARK(KeepAlive)->ArgName("on_disk")->Arg(DISK)->Arg(MEMORY)->UseManualTime();
 
 // The file exempts others: it is read to its end.
 static void KeepAliveWithExemptionFile(benchmark::State &state) {
+  const Data data(static_cast<data_e>(state.range(0)));
   const tov_file_t file(fopen(TOV_DEBUG_PID_FILE, "we"));
   for (int line = 1; line <= 10; line++)
     fprintf(file.get(), "%d\n", 1000000 + line);
@@ -316,7 +344,7 @@ static void KeepAliveWithExemptionFile(benchmark::State &state) {
   keep_alive(state);
   unlink(TOV_DEBUG_PID_FILE);
 }
-BENCHMARK(KeepAliveWithExemptionFile)->UseManualTime();
+BENCHMARK(KeepAliveWithExemptionFile)->ArgName("on_disk")->Arg(DISK)->Arg(MEMORY)->UseManualTime();
 
 // ---- main ---------------------------------------------------------------------------------------
 

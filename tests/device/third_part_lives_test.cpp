@@ -89,8 +89,8 @@ class ThirdPartLives : public testing::Test {
         << descriptors() << " instead of " << begin_descriptors_;
     EXPECT_TRUE(wait_until([&] { return device.list(DB_DIR).size() == files; }, LIFE_LIMIT_MS));
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
-    // Each life takes its four events' room in the ring of process events, which is touched page by
-    // page until it has gone round once.
+    // Starts and ends take their room in the ring of process events, which is touched page by page
+    // until it has gone round once.
     static constexpr long RING_KB = 512, MORE_KB = 128;
     EXPECT_LE(resident_kb(), begin_kb_ + RING_KB + MORE_KB);
 #endif
