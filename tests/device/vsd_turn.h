@@ -3,7 +3,8 @@
 // Group ids are the machine's: the deletion of device 1 in one private device signals the members
 // of device 1 in all others, and whoever looks for members finds theirs. Within one run of ctest
 // the tests that delete or count run alone; this keeps the runs of several trees on one machine
-// apart, too. A test that waits very long for its turn goes on without it.
+// apart, too. A test that waits very long for its turn goes on without it. The lock is on a
+// directory that every machine has, so nothing is left behind.
 #ifndef TOV_TEST_VSD_TURN_H
 #define TOV_TEST_VSD_TURN_H
 
@@ -23,7 +24,7 @@ class VsdTurn : public testing::Environment {
   explicit VsdTurn(int operation) : operation_(operation) {}
   void SetUp() override {
     static constexpr Millis LIMIT_MS{60'000};
-    lock_ = tov_fd_t(open("/tmp/tov_tests.vsd", O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    lock_ = tov_fd_t(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     wait_until([this] { return lock_.n < 0 || flock(lock_.n, operation_ | LOCK_NB) == 0; },
                LIMIT_MS / patience());
   }
