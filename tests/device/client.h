@@ -21,14 +21,7 @@ inline constexpr Millis CLIENT_LIMIT_MS{30'000};
 // Installs a client under a name of its own; `words` are its command line.
 inline Task install_client(Device &device, const std::string &prefix,
                            const std::vector<std::string> &words) {
-  Task task;
-  task.name = unique_name(prefix);
-  task.program = device.install_program(task.name, "c_client");
-  task.command = task.program;
-  for (const std::string &word : words)
-    task.command += " " + word;
-  task.shown = shown_name(task.command);
-  return task;
+  return install_task(device, prefix, words, "c_client");
 }
 
 inline std::vector<std::string> client_reports(const Device &device, const Task &task) {

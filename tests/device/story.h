@@ -84,16 +84,23 @@ inline Task start_instance(Device &device, Task task, const TaskOptions &options
   return task;
 }
 
-// Installs a victim under a name of its own, starts it and registers it.
-inline Task start_task(Device &device, const std::string &prefix, const TaskOptions &options = {}) {
+// Installs a test program under a name of its own; `words` end its command line.
+inline Task install_task(Device &device, const std::string &prefix,
+                         const std::vector<std::string> &words,
+                         const std::string &original = "victim") {
   Task task;
   task.name = unique_name(prefix);
-  task.program = device.install_program(task.name);
+  task.program = device.install_program(task.name, original);
   task.command = task.program;
-  for (const std::string &word : options.words)
+  for (const std::string &word : words)
     task.command += " " + word;
   task.shown = shown_name(task.command);
-  return start_instance(device, task, options);
+  return task;
+}
+
+// Installs a victim under a name of its own, starts it and registers it.
+inline Task start_task(Device &device, const std::string &prefix, const TaskOptions &options = {}) {
+  return start_instance(device, install_task(device, prefix, options.words), options);
 }
 
 // Lets a victim with the word "until-told" do what its other words say.

@@ -633,7 +633,7 @@ TEST(Dump, OfTheRegistriesGoesToTheSystemLogEachMinute) {
   const auto dumped = [&] {
     std::vector<std::string> lines;
     for (const std::string &text : notice_texts(device))
-      if (const std::string &line = text; !line.empty()) lines.push_back(line);
+      if (!text.empty()) lines.push_back(text);
     return follow(lines, wanted);
   };
   EXPECT_TRUE(wait_until(dumped, WATCH_LIMIT_MS)) << testing::PrintToString(wanted);

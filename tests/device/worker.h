@@ -39,14 +39,7 @@ inline std::string registered(const Task &task, int action, int vsd = 0) {
 // Installs a worker under a name of its own.
 inline Task install_worker(Device &device, const std::string &prefix,
                            const std::vector<std::string> &words) {
-  Task task;
-  task.name = unique_name(prefix);
-  task.program = device.install_program(task.name, "worker");
-  task.command = task.program;
-  for (const std::string &word : words)
-    task.command += " " + word;
-  task.shown = shown_name(task.command);
-  return task;
+  return install_task(device, prefix, words, "worker");
 }
 
 // Starts one more instance of a worker as a child of the test and waits until the daemon knows it.
