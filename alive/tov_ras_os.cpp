@@ -2,7 +2,7 @@
 //
 // Threads: any; no state. A dump holds the lock of standard output for its whole length, so that
 // lines of other threads do not fall into it.
-#include "tov_ras_os.h"
+#include "alive/tov_ras_os.h"
 
 #include <ctype.h>
 #include <errno.h>

@@ -7,7 +7,7 @@
 // Threads: any. Only the initialisation has a lock.
 // Losses: when the object was cut, all registrations in it are gone; the clients notice at their
 // next keep-alive and register again.
-#include "tov_sys_alive.h"
+#include "alive/tov_sys_alive.h"
 
 #include <errno.h>
 #include <pthread.h>
@@ -17,8 +17,8 @@
 
 #include <algorithm>
 
-#include "tov_dbg.h"
-#include "tov_utils_owner.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
 
 enum { MODE_EVERYBODY = 0777, SEQ_FIRST = 1, SEQ_LAST = 255, BITS_PER_BYTE = 8, CLEAR_STEP = 4096 };
 

@@ -25,7 +25,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "tov_ras_os_memory.h"
+#include "alive/shared_memory.h"
 
 enum {
   TOV_ALIVE_ID_COUNT = 163840,  // ids 0 to 163839; threads with others report by message

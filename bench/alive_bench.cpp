@@ -22,14 +22,14 @@
 #include <utility>
 #include <vector>
 
-#include "private_root.h"
-#include "tov_chain.h"
-#include "tov_core_notifer.h"
-#include "tov_log.h"
-#include "tov_msg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_sys_alive.h"
-#include "tov_utils_owner.h"
+#include "alive/tov_sys_alive.h"
+#include "client/requests/tov_msg.h"
+#include "core/registry/tov_chain.h"
+#include "core/watch/watchdog.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_log.h"
+#include "tests/support/private_root.h"
+#include "util/owner.h"
 
 static constexpr int MOST_THREADS = 4096;
 static constexpr int THREADS_EACH = 4;

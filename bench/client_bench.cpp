@@ -23,17 +23,17 @@
 #include <thread>
 #include <vector>
 
-#include "private_root.h"
-#include "tov_chain.h"
-#include "tov_core_server.h"
-#include "tov_core_state.h"
-#include "tov_log.h"
-#include "tov_proc_sched.h"
-#include "tov_ras_comp_config.h"
-#include "tov_rpc.h"
-#include "tov_sys_alive.h"
-#include "tov_utils_owner.h"
-#include "tov_xtach.h"
+#include "alive/tov_sys_alive.h"
+#include "client/tov_rpc.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "core/server/server.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_xtach.h"
+#include "log/tov_log.h"
+#include "tests/support/private_root.h"
+#include "util/owner.h"
+#include "util/priority.h"
 
 using std::chrono::steady_clock;
 

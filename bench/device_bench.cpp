@@ -29,9 +29,9 @@
 #include <thread>
 #include <vector>
 
-#include "device.h"
-#include "tov_proc_sched.h"
-#include "tov_utils.h"
+#include "tests/support/device.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
 
 using tov_test::Birth;
 using tov_test::Device;

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
-#include "tov.h"
-#include "tov_fifo.h"
+#include "core/events/tov_fifo.h"
+#include "include/tov.h"
 
 static void in_and_out(benchmark::State &state) {
   kfifo ring{};

@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "tov_proc_sched.h"
-#include "tov_utils.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
 
 static constexpr int DEAD_ITERATIONS = 50;
 

@@ -11,7 +11,7 @@
 #include <random>
 #include <vector>
 
-#include "tov_chain.h"
+#include "core/registry/tov_chain.h"
 
 enum {
   FIRST_PID = 1000,

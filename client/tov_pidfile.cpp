@@ -5,7 +5,7 @@
 // between. None of them waits: the files lie in memory (/tmp) and F_SETLK refuses at once.
 // Losses: a registration file that could not be written or locked is only printed about; the
 // registration then does not survive a restart of the daemon.
-#include "tov_pidfile.h"
+#include "client/tov_pidfile.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -20,10 +20,10 @@
 #include <string_view>
 #include <utility>
 
-#include "tov_dbg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_utils.h"
-#include "tov_utils_owner.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/tov_utils.h"
 
 enum {
   FILE_NAME_SIZE = 256,

@@ -9,7 +9,7 @@
 //
 // Threads: any; `tov_rpc_lock` is held for the whole of a request, connecting and waiting included,
 // which is what keeps a request and its acknowledgement together.
-#include "tov_rpc.h"
+#include "client/tov_rpc.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -21,12 +21,12 @@
 #include <memory>
 #include <utility>
 
-#include "tov_dbg.h"
-#include "tov_pidfile.h"
-#include "tov_ras_comp_config.h"
-#include "tov_sys_alive.h"
-#include "tov_utils.h"
-#include "tov_utils_owner.h"
+#include "alive/tov_sys_alive.h"
+#include "client/tov_pidfile.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/tov_utils.h"
 
 enum { TOV_CLIENT_PATH_SIZE = 32, TOV_PERSIST_ATTEMPTS = 60, TOV_PERSIST_PAUSE_S = 1 };
 

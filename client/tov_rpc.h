@@ -12,14 +12,14 @@
 
 #include <pthread.h>
 
-#include "tov.h"
-#include "tov_ras_os.h"  // ras_os_dump_msg(), the hex dump of a message
-#include "tov_rpc_connect.h"
-#include "tov_rpc_fork.h"
-#include "tov_rpc_message.h"
-#include "tov_rpc_overdue.h"
-#include "tov_rpc_stop.h"
-#include "tov_xtach.h"  // tov_cancel_proc(), which is public
+#include "alive/tov_ras_os.h"  // ras_os_dump_msg(), the hex dump of a message
+#include "client/tov_rpc_connect.h"
+#include "client/tov_rpc_fork.h"
+#include "client/tov_rpc_message.h"
+#include "client/tov_rpc_overdue.h"
+#include "client/tov_rpc_stop.h"
+#include "include/tov.h"
+#include "include/tov_xtach.h"  // tov_cancel_proc(), which is public
 
 extern pthread_mutex_t tov_rpc_lock;  // serialises the requests of this process
 extern int tov_rpc_sd;                // the kept connection, -1: none; guarded by tov_rpc_lock

@@ -9,11 +9,11 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tov_dbg.h"
-#include "tov_pidfile.h"
-#include "tov_rpc.h"
-#include "tov_utils.h"
-#include "tov_vsd_member.h"
+#include "client/tov_pidfile.h"
+#include "client/tov_rpc.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
 
 enum {
   TOV_DB_FILE_NAME_SIZE = 256,

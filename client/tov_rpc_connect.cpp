@@ -6,7 +6,7 @@
 //
 // Threads: any. Locks: none. Blocks: connecting while the daemon's queue is full, the pauses
 // between attempts, the wait for an acknowledgement.
-#include "tov_rpc_connect.h"
+#include "client/tov_rpc_connect.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -15,12 +15,12 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tov_dbg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_rpc_message.h"
-#include "tov_rpc_stop.h"
-#include "tov_utils.h"
-#include "tov_utils_owner.h"
+#include "client/tov_rpc_message.h"
+#include "client/tov_rpc_stop.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/tov_utils.h"
 
 enum {
   TOV_CONNECT_RETRIES = 5,  // after the first attempt

@@ -8,7 +8,7 @@
 //
 // Threads: any, one at a time for each socket. Locks: none.
 // Losses: what lies in a packet behind the announced length.
-#include "tov_rpc_message.h"
+#include "client/tov_rpc_message.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -19,9 +19,9 @@
 
 #include <memory>
 
-#include "tov_dbg.h"
-#include "tov_rpc_stop.h"
-#include "tov_utils.h"
+#include "client/tov_rpc_stop.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
 
 // Callers may run at real-time priority; without a pause they would take the processor from those
 // who could free memory.

@@ -4,7 +4,7 @@
 // bytes. The answer itself is not read, since nothing is learnt from it.
 //
 // Threads: any, under tov_rpc_lock. Blocks: tov_rpc_overdue_add() when all places are taken.
-#include "tov_rpc_overdue.h"
+#include "client/tov_rpc_overdue.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -16,8 +16,8 @@
 #include <iterator>
 #include <utility>
 
-#include "tov_rpc_stop.h"
-#include "tov_utils_owner.h"
+#include "client/tov_rpc_stop.h"
+#include "util/owner.h"
 
 enum { TOV_ROOM_WAIT_MS = 5000 };
 static constexpr int64_t MS_PER_S = 1000;

@@ -6,17 +6,17 @@
 // a registration behind for the daemon's next start.
 //
 // Threads: any of the host's; requests wait for each other in tov_rpc().
-#include "tov_xtach.h"
+#include "include/tov_xtach.h"
 
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
-#include "tov_dbg.h"
-#include "tov_pidfile.h"
-#include "tov_rpc.h"
-#include "tov_utils.h"
-#include "tov_vsd_member.h"
+#include "client/tov_pidfile.h"
+#include "client/tov_rpc.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
 
 enum { TOV_GRP_LABELS = 20 };
 

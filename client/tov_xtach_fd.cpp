@@ -15,11 +15,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "tov_dbg.h"
-#include "tov_rpc_fork.h"
-#include "tov_utils.h"
-#include "tov_utils_owner.h"
-#include "tov_xtach.h"
+#include "client/tov_rpc_fork.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/tov_utils.h"
 
 enum {
   TOV_FD_DIR_SIZE = 32,

@@ -14,11 +14,11 @@
 
 #include <algorithm>
 
-#include "tov_rpc_fork.h"
-#include "tov_utils.h"
-#include "tov_utils_lines.h"
-#include "tov_utils_owner.h"
-#include "tov_xtach.h"
+#include "client/tov_rpc_fork.h"
+#include "include/tov_xtach.h"
+#include "util/lines.h"
+#include "util/owner.h"
+#include "util/tov_utils.h"
 
 enum {
   TOV_LOOKUP_LINE_SIZE = 1024,

@@ -1,7 +1,7 @@
 // Making, finding and reading the system semaphore.
 //
 // Threads: main makes it before the others start, the watchdog reads it.
-#include "tov_xtach_sem.h"
+#include "client/tov_xtach_sem.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -9,9 +9,9 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
-#include "tov_dbg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_utils.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
 
 enum {
   KEY_PROJECT = 1,

@@ -12,11 +12,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "tov_dbg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_rpc.h"
-#include "tov_sys_alive.h"
-#include "tov_xtach.h"
+#include "alive/tov_sys_alive.h"
+#include "client/tov_rpc.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
 
 enum { TOV_ODD_PERIOD_S = 180, TOV_ODD_COUNT = 4, TOV_EVEN_PERIOD_S = 120, TOV_EVEN_COUNT = 5 };
 

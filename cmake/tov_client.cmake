@@ -16,14 +16,13 @@ set(tov_client_dir ${PROJECT_BINARY_DIR}/client)
 file(GENERATE OUTPUT ${tov_client_dir}/libtov.map
      CONTENT "TOV_1 { global: ${tov_calls_in_map}$<SEMICOLON> local: *$<SEMICOLON> }$<SEMICOLON>\n")
 
-# The include directories leave the platform layer out: the library must not come to need it.
 add_library(tov_client_objects OBJECT
   util/tov_utils.cpp
-  util/tov_utils_proc.cpp
+  util/procfs.cpp
   log/tov_dbg.cpp
-  alive/tov_ras_os_memory.cpp
+  alive/shared_memory.cpp
   alive/tov_sys_alive.cpp
-  vsd/tov_vsd_member.cpp
+  vsd/member.cpp
   client/tov_pidfile.cpp
   client/tov_rpc.cpp
   client/tov_rpc_cancel.cpp
@@ -34,7 +33,7 @@ add_library(tov_client_objects OBJECT
   client/tov_xtach_fd.cpp
   client/tov_xtach_file.cpp
   client/tov_xtach_thread.cpp)
-target_include_directories(tov_client_objects PRIVATE include util log alive client vsd)
+target_include_directories(tov_client_objects PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_options(tov_client_objects PRIVATE
   -fvisibility=hidden -fvisibility-inlines-hidden -fno-exceptions -fno-rtti
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>) # objcopy cannot make unique symbols local

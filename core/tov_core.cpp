@@ -5,9 +5,9 @@
 // registration files and the shared area carry its knowledge over.
 //
 // Signals: SIGALRM and SIGCHLD are blocked before anything is started, so that every thread is born
-// with them blocked, and unblocked in this thread alone once the threads run (proc/tov_signals.h
-// says why that makes the alarm's handler safe).
-#include "tov_core.h"
+// with them blocked, and unblocked in this thread alone once the threads run
+// (proc/selfcheck/tov_signals.h says why that makes the alarm's handler safe).
+#include "core/tov_core.h"
 
 #include <errno.h>
 #include <linux/close_range.h>
@@ -19,19 +19,19 @@
 
 #include <iterator>
 
-#include "tov_chain.h"
-#include "tov_dbg.h"
-#include "tov_fifo.h"
-#include "tov_log.h"
-#include "tov_opt.h"
-#include "tov_platform.h"
-#include "tov_proc.h"
-#include "tov_ras_comp_config.h"
-#include "tov_rpc_stop.h"
-#include "tov_signals.h"
-#include "tov_sys_alive.h"
-#include "tov_utils.h"
-#include "tov_xtach_sem.h"
+#include "alive/tov_sys_alive.h"
+#include "client/tov_rpc_stop.h"
+#include "client/tov_xtach_sem.h"
+#include "core/events/tov_fifo.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "platform/tov_platform.h"
+#include "proc/selfcheck/tov_signals.h"
+#include "proc/tov_proc.h"
+#include "util/tov_utils.h"
+#include "vsd/tov_opt.h"
 
 enum {
   EXIT_OK = 0,

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <exception>
 
-#include "shell.h"
-#include "story.h"
+#include "demo/shell.h"
+#include "demo/story.h"
 
 enum { EXIT_NOT_AS_EXPECTED = 1, EXIT_NOT_STARTED = 2 };
 

@@ -1,4 +1,4 @@
-#include "narrator.h"
+#include "demo/narrator.h"
 
 #include <time.h>
 #include <unistd.h>

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "device.h"
+#include "tests/support/device.h"
 
 namespace tov_demo {
 

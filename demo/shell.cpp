@@ -1,7 +1,7 @@
 // Only the shell itself sits on the user's terminal: it joins the device's namespaces and takes the
 // standard streams along. The keys that interrupt are for the shell and what runs in it, so they
 // are ignored here until it ends.
-#include "shell.h"
+#include "demo/shell.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "children.h"
+#include "tests/support/children.h"
 
 namespace tov_demo {
 

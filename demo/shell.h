@@ -2,7 +2,7 @@
 #ifndef TOV_DEMO_SHELL_H
 #define TOV_DEMO_SHELL_H
 
-#include "stage.h"
+#include "demo/stage.h"
 
 namespace tov_demo {
 

@@ -1,4 +1,4 @@
-#include "stage.h"
+#include "demo/stage.h"
 
 #include <signal.h>
 #include <string.h>

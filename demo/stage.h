@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "device.h"
-#include "narrator.h"
+#include "demo/narrator.h"
+#include "tests/support/device.h"
 
 namespace tov_demo {
 

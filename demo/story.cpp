@@ -1,4 +1,4 @@
-#include "story.h"
+#include "demo/story.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "children.h"
+#include "tests/support/children.h"
 
 namespace tov_demo {
 

@@ -3,7 +3,7 @@
 #ifndef TOV_DEMO_STORY_H
 #define TOV_DEMO_STORY_H
 
-#include "stage.h"
+#include "demo/stage.h"
 
 namespace tov_demo {
 

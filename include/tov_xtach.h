@@ -172,11 +172,4 @@ TOV_API int pid_reset_counter_in_file(pid_t pid, const char *file);
 }
 #endif
 
-/* The module's other room, the system semaphore, is the daemon's; it is not installed. */
-#if defined(__cplusplus) && defined(__has_include)
-#if __has_include("tov_xtach_sem.h")
-#include "tov_xtach_sem.h"
-#endif
-#endif
-
 #endif /* TOV_XTACH_H */

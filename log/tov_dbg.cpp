@@ -6,7 +6,7 @@
 //
 // Threads: any. The debug file is read once at start, by the watcher when the data directory is
 // mounted, and by the client calls that say so; the switches are stored as relaxed atomics.
-#include "tov_dbg.h"
+#include "log/tov_dbg.h"
 
 #include <fcntl.h>
 #include <stdarg.h>
@@ -15,8 +15,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tov_ras_comp_config.h"
-#include "tov_utils.h"
+#include "include/tov_ras_comp_config.h"
+#include "util/tov_utils.h"
 
 static constexpr size_t LINE_SIZE = 8192;
 static constexpr size_t DBG_PATH_SIZE = 256;

@@ -9,8 +9,8 @@
 #ifndef TOV_DBG_H
 #define TOV_DBG_H
 
-#include "tov.h"
-#include "tov_dbg_notice.h"
+#include "include/tov.h"
+#include "log/notice.h"
 
 // The switches by TOV_MODULE_*; TOV_DBG_END is off. Read and write through the functions below
 // once other threads run.

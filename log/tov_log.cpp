@@ -7,7 +7,7 @@
 // Threads: any, without a lock of this module: the handles are written once before the threads
 // start, and the platform's service appends each line in one piece.
 // Losses: text behind the 252nd byte of a line; every line while a log is not available.
-#include "tov_log.h"
+#include "log/tov_log.h"
 
 #include <errno.h>
 #include <libgen.h>
@@ -20,9 +20,9 @@
 
 #include <iterator>
 
-#include "tov_platform.h"
-#include "tov_ras_comp_config.h"
-#include "tov_utils.h"
+#include "include/tov_ras_comp_config.h"
+#include "platform/tov_platform.h"
+#include "util/tov_utils.h"
 
 static constexpr size_t LINE_SIZE = 256;
 static constexpr size_t LINE_END_SIZE = 3;                      // CR, LF and the terminator

@@ -3,7 +3,7 @@
 // A line is "2026-11-15 102541 004512 TEXT" and CR LF, at most 254 bytes in all, and goes to the
 // platform's log-file service in one call. Without a file (a directory that cannot be made, a full
 // disk) its writes return -1 and the daemon runs on. The plain-file writers stand in
-// tov_log_files.h.
+// plain_files.h.
 //
 // Threads: tov_log_init() once, before the threads start; everything else from any thread without
 // a lock of this module, the service serialises writers. Only what says so may be called between
@@ -13,9 +13,9 @@
 
 #include <stdarg.h>
 
-#include "tov.h"
-#include "tov_dbg.h"
-#include "tov_log_files.h"
+#include "include/tov.h"
+#include "log/plain_files.h"
+#include "log/tov_dbg.h"
 
 // Handles of the platform's log-file service by TOV_LOG_TYPE; null: that log is not available.
 // Written by tov_log_logfile_init() alone, valid to the end of the process.

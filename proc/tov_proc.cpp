@@ -1,4 +1,4 @@
-#include "tov_proc.h"
+#include "proc/tov_proc.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -6,11 +6,11 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "tov_chain.h"
-#include "tov_dbg.h"
-#include "tov_log.h"
-#include "tov_proc_child.h"
-#include "tov_ras_comp_config.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "proc/child.h"
 
 enum {
   FORK_RETRY_PAUSE_S = 5,

@@ -1,6 +1,6 @@
 // Starting a supervised program again, by its command line or by its start script.
 //
-// One procedure serves both ways (tov_proc_how.h holds what differs): the burst limit, a fork that
+// One procedure serves both ways (how.h holds what differs): the burst limit, a fork that
 // is retried for ever, the child's set-up, and the search for the process that is now to be
 // supervised, because a listed third-part program may fork itself away. This header brings the
 // module's rooms with it.
@@ -12,14 +12,14 @@
 
 #include <sys/types.h>
 
-#include "tov.h"
-#include "tov_proc_burst.h"
-#include "tov_proc_files.h"
-#include "tov_proc_find.h"
-#include "tov_proc_how.h"
-#include "tov_proc_sched.h"
-#include "tov_proc_vsd.h"
-#include "tov_utils.h"
+#include "include/tov.h"
+#include "proc/burst.h"
+#include "proc/files.h"
+#include "proc/find.h"
+#include "proc/how.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
+#include "vsd/entry.h"
 
 // Starts the record's program again by executing its command line.
 //   res  set to -1 at entry, to the new process id when one is known

@@ -1,7 +1,7 @@
 // Blocking wrappers: see the header for what each one promises.
 //
 // Threads: any; no state. Losses: none.
-#include "tov_utils.h"
+#include "util/tov_utils.h"
 
 #include <errno.h>
 #include <fcntl.h>

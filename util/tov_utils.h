@@ -4,18 +4,17 @@
 //
 // Nothing here prints or logs: the caller knows the story, so failures are return values only.
 // No state: every function is reentrant and may be called from any thread. The readers of /proc
-// stand in tov_utils_proc.h, the maker of directories in tov_utils_dir.h, the owners of resources
-// in tov_utils_owner.h.
+// stand in procfs.h, the maker of directories in path.h, the owners of resources in owner.h.
 #ifndef TOV_UTILS_H
 #define TOV_UTILS_H
 
 #include <stddef.h>
 #include <sys/types.h>
 
-#include "tov_utils_dir.h"
-#include "tov_utils_file.h"
-#include "tov_utils_owner.h"
-#include "tov_utils_proc.h"
+#include "util/owner.h"
+#include "util/path.h"
+#include "util/procfs.h"
+#include "util/regular_file.h"
 
 // Sleeps `sec` seconds and `usec` microseconds (0 to 999999; larger values are not normalised).
 // Signals interrupt the wait and do not shorten it. Blocks the calling thread only (select(2)).

@@ -3,7 +3,7 @@
 // Start scripts rely on the statuses and on the cases in which the daemon starts all the same, so
 // both stay as they are, the odd ones included. getopt_long(3) may sort the words while it looks at
 // them; a number is nevertheless the second word as it stands, wherever the option was found.
-#include "tov_opt.h"
+#include "vsd/tov_opt.h"
 
 #include <dirent.h>
 #include <getopt.h>
@@ -11,11 +11,11 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "tov_dbg.h"
-#include "tov_ras_comp_config.h"
-#include "tov_utils.h"
-#include "tov_vsd.h"
-#include "tov_vsd_path.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
+#include "vsd/path.h"
+#include "vsd/tov_vsd.h"
 
 // Looks like a diagnostic and is printed always.
 #define SAY(...) tov_dbg_print(__FILE_NAME__, __LINE__, __VA_ARGS__)

@@ -19,7 +19,7 @@
 //
 // To be called before the process has threads or a SIGCHLD handler: a deletion takes about 15 s, a
 // creation waits for its start scripts. May return twice, in a forked child as well, when a device
-// could not be entered (tov_vsd_create.h).
+// could not be entered (create.h).
 void tov_handle_options(int argc, char **argv);
 
 // Prints the usage text, ten lines with the diagnostic prefix.

@@ -14,8 +14,8 @@
 
 #include <iterator>
 
-#include "tov_platform.h"
-#include "tov_ras_comp_config.h"
+#include "include/tov_ras_comp_config.h"
+#include "platform/tov_platform.h"
 
 static constexpr const char *DORVIK_MARKER = "/etc/tov/dorvik";
 static constexpr int LAST_VSD = 16;

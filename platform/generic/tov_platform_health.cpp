@@ -18,8 +18,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "tov_platform.h"
-#include "tov_utils_owner.h"
+#include "platform/tov_platform.h"
+#include "util/owner.h"
 
 static constexpr const char *HOOK = "/etc/tov/selfhealing";
 static constexpr size_t NUMBER_SIZE = 16;

@@ -26,8 +26,8 @@
 #include <string>
 #include <vector>
 
-#include "tov_platform.h"
-#include "tov_utils_file.h"
+#include "platform/tov_platform.h"
+#include "util/regular_file.h"
 
 static constexpr off_t KILOBYTE = 1024;
 static constexpr mode_t LOG_MODE = 0644;

@@ -16,8 +16,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "tov_platform.h"
-#include "tov_utils_owner.h"
+#include "platform/tov_platform.h"
+#include "util/owner.h"
 
 static constexpr size_t MESSAGE_SIZE = 8192;
 static constexpr size_t TIME_SIZE = 32;

@@ -37,12 +37,12 @@
 #include <exception>
 #include <thread>
 
-#include "deeds.h"
-#include "judge.h"
-#include "muster.h"
-#include "report.h"
-#include "run.h"
-#include "upheaval.h"
+#include "tests/chaos/deeds.h"
+#include "tests/chaos/judge.h"
+#include "tests/chaos/muster.h"
+#include "tests/chaos/report.h"
+#include "tests/chaos/run.h"
+#include "tests/chaos/upheaval.h"
 
 using namespace tov_chaos;
 

@@ -1,6 +1,6 @@
-#include "deeds.h"
+#include "tests/chaos/deeds.h"
 
-#include "deeds_list.h"
+#include "tests/chaos/deeds_list.h"
 
 namespace tov_chaos {
 

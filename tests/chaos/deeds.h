@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "run.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

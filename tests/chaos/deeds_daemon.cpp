@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "deeds_list.h"
+#include "tests/chaos/deeds_list.h"
 
 namespace tov_chaos {
 

@@ -2,7 +2,7 @@
 #ifndef TOV_CHAOS_DEEDS_LIST_H
 #define TOV_CHAOS_DEEDS_LIST_H
 
-#include "run.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

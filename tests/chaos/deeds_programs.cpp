@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <functional>
 
-#include "deeds.h"
-#include "deeds_list.h"
+#include "tests/chaos/deeds.h"
+#include "tests/chaos/deeds_list.h"
 
 namespace tov_chaos {
 

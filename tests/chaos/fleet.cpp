@@ -1,4 +1,4 @@
-#include "fleet.h"
+#include "tests/chaos/fleet.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,7 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "requests.h"
+#include "tests/chaos/requests.h"
 
 namespace tov_chaos {
 

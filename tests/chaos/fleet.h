@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "device.h"
-#include "kinds.h"
+#include "tests/chaos/kinds.h"
+#include "tests/support/device.h"
 
 namespace tov_chaos {
 

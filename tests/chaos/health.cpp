@@ -1,8 +1,8 @@
-#include "health.h"
+#include "tests/chaos/health.h"
 
 #include <filesystem>
 
-#include "processes.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

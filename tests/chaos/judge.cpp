@@ -1,4 +1,4 @@
-#include "judge.h"
+#include "tests/chaos/judge.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -7,10 +7,10 @@
 #include <sstream>
 #include <thread>
 
-#include "deeds.h"
-#include "muster.h"
-#include "report.h"
-#include "upheaval.h"
+#include "tests/chaos/deeds.h"
+#include "tests/chaos/muster.h"
+#include "tests/chaos/report.h"
+#include "tests/chaos/upheaval.h"
 
 namespace tov_chaos {
 

@@ -1,4 +1,4 @@
-#include "kinds.h"
+#include "tests/chaos/kinds.h"
 
 namespace tov_chaos {
 

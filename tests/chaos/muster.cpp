@@ -1,13 +1,13 @@
 // One daemon is not enough: programs that register by their file alone are found by the next one,
 // and programs of the list are registered when they are executed under a daemon that has read it.
-#include "muster.h"
+#include "tests/chaos/muster.h"
 
 #include <signal.h>
 
 #include <algorithm>
 
-#include "deeds.h"
-#include "upheaval.h"
+#include "tests/chaos/deeds.h"
+#include "tests/chaos/upheaval.h"
 
 namespace tov_chaos {
 

@@ -1,4 +1,4 @@
-#include "report.h"
+#include "tests/chaos/report.h"
 
 #include <algorithm>
 #include <fstream>

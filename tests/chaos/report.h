@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "run.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

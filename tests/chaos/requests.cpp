@@ -1,7 +1,7 @@
 // Two round trips with a request that concerns nobody. When the first one is answered every earlier
 // connection is known to the daemon, whose next pass serves them all; the second answer comes after
 // that pass.
-#include "requests.h"
+#include "tests/chaos/requests.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,8 +11,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "tov.h"
-#include "tov_utils_owner.h"
+#include "include/tov.h"
+#include "util/owner.h"
 
 namespace tov_chaos {
 

@@ -7,7 +7,7 @@
 #ifndef TOV_CHAOS_REQUESTS_H
 #define TOV_CHAOS_REQUESTS_H
 
-#include "device.h"
+#include "tests/support/device.h"
 
 namespace tov_chaos {
 

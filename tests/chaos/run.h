@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "device.h"
-#include "fleet.h"
-#include "health.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/health.h"
+#include "tests/support/device.h"
 
 namespace tov_chaos {
 

@@ -3,7 +3,7 @@
 // a living successor, and its own successor starts the program again. The same happens when an
 // operator started a program whose earlier registration still lay there. Both instances are then
 // registered; the first of them that ends is not started again.
-#include "upheaval.h"
+#include "tests/chaos/upheaval.h"
 
 #include <signal.h>
 
@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "deeds.h"
+#include "tests/chaos/deeds.h"
 
 namespace tov_chaos {
 

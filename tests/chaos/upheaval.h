@@ -6,7 +6,7 @@
 #ifndef TOV_CHAOS_UPHEAVAL_H
 #define TOV_CHAOS_UPHEAVAL_H
 
-#include "run.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

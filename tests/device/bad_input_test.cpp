@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::ContainsRegex;

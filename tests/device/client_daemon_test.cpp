@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client.h"
+#include "tests/device/client.h"
 
 using namespace tov_test;
 using testing::HasSubstr;

@@ -1,6 +1,6 @@
 // Programs in C that use the client library, beside the running daemon: what each call makes of
 // them, and what the daemon says about it.
-#include "client.h"
+#include "tests/device/client.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

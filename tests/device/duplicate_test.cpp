@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 

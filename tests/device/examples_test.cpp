@@ -6,7 +6,7 @@
 
 #include <set>
 
-#include "client.h"
+#include "tests/device/client.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -8,8 +8,8 @@
 
 #include <filesystem>
 
-#include "story.h"
-#include "tov_utils_owner.h"
+#include "tests/device/story.h"
+#include "util/owner.h"
 
 namespace fs = std::filesystem;
 

@@ -7,7 +7,7 @@
 #include <iostream>
 #include <random>
 
-#include "raw_clients.h"
+#include "tests/device/raw_clients.h"
 
 using namespace tov_test;
 using testing::AnyOf;

@@ -2,7 +2,7 @@
 // of them for each request, at the highest priority.
 #include <iostream>
 
-#include "raw_clients.h"
+#include "tests/device/raw_clients.h"
 
 using namespace tov_test;
 

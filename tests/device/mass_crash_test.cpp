@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::EndsWith;

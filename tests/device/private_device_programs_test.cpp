@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "device.h"
+#include "tests/support/device.h"
 
 using testing::HasSubstr;
 using tov_test::Device;

@@ -9,7 +9,7 @@
 
 #include <filesystem>
 
-#include "device.h"
+#include "tests/support/device.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "raw_client.h"
-#include "story.h"
+#include "tests/device/story.h"
+#include "tests/support/raw_client.h"
 
 namespace tov_test {
 

@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "raw_clients.h"
+#include "tests/device/raw_clients.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

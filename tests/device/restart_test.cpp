@@ -5,7 +5,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

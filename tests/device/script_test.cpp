@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "worker.h"
+#include "tests/device/worker.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <thread>
 
-#include "worker.h"
+#include "tests/device/worker.h"
 
 using namespace tov_test;
 

@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::Contains;

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "device.h"
-#include "tov.h"
+#include "include/tov.h"
+#include "tests/support/device.h"
 
 namespace tov_test {
 

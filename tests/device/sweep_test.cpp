@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

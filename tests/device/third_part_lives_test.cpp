@@ -11,8 +11,8 @@
 #include <iostream>
 #include <memory>
 
-#include "raw_client.h"
-#include "story.h"
+#include "tests/device/story.h"
+#include "tests/support/raw_client.h"
 
 using namespace tov_test;
 

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <thread>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -7,8 +7,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
-#include "story.h"
-#include "tov_utils_owner.h"
+#include "tests/device/story.h"
+#include "util/owner.h"
 
 using namespace tov_test;
 using testing::Contains;

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "vsd_tool.h"
+#include "tests/device/vsd_tool.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

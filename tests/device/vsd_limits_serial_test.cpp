@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "vsd_tool.h"
+#include "tests/device/vsd_tool.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

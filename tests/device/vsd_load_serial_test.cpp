@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "vsd_tool.h"
+#include "tests/device/vsd_tool.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "story.h"
-#include "vsd_turn.h"
+#include "tests/device/story.h"
+#include "tests/device/vsd_turn.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

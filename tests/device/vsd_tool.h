@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "sanitizer_env.h"
-#include "vsd_turn.h"
-#include "worker.h"
+#include "tests/device/vsd_turn.h"
+#include "tests/device/worker.h"
+#include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
 

@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 
-#include "processes.h"
-#include "tov_utils_owner.h"
+#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

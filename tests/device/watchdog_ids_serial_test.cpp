@@ -10,8 +10,8 @@
 #include <cstring>
 #include <fstream>
 
-#include "children.h"
-#include "watched.h"
+#include "tests/device/watched.h"
+#include "tests/support/children.h"
 
 using namespace tov_test;
 using testing::Each;

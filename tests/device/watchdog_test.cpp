@@ -9,9 +9,9 @@
 
 #include <ostream>
 
-#include "tov_utils_owner.h"
-#include "watched.h"
-#include "worker.h"
+#include "tests/device/watched.h"
+#include "tests/device/worker.h"
+#include "util/owner.h"
 
 using namespace tov_test;
 using testing::AnyOf;

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 namespace tov_test {
 
@@ -146,7 +146,7 @@ struct Step {
 };
 
 inline std::optional<Step> parse_step(const std::string &line) {
-  static constexpr char SOURCE[] = "[TOV:tov_core_notifer.cpp:";
+  static constexpr char SOURCE[] = "[TOV:watchdog.cpp:";
   const size_t end = line.find(']');
   if (!line.starts_with(SOURCE) || end == std::string::npos) return {};
   const char *text = line.c_str() + end + 1;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "story.h"
+#include "tests/device/story.h"
 
 namespace tov_test {
 

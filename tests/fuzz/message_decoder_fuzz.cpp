@@ -15,8 +15,8 @@
 #include <algorithm>
 #include <string>
 
-#include "tov_chain.h"
-#include "tov_core_server.h"
+#include "core/registry/tov_chain.h"
+#include "core/server/server.h"
 
 // The handlers remove registration files by their fixed names, and an input may name any process of
 // the machine. Its files are not ours to remove.

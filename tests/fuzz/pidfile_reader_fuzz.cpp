@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "tov_pidfile.h"
+#include "client/tov_pidfile.h"
 
 namespace {
 

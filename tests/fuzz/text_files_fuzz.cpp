@@ -18,13 +18,13 @@
 #include <iterator>
 #include <string>
 
-#include "tov_chain_lookup.h"
-#include "tov_core_config.h"
-#include "tov_dbg.h"
-#include "tov_utils.h"
-#include "tov_utils_lines.h"
-#include "tov_vsd_memory.h"
-#include "tov_xtach.h"
+#include "core/run/settings.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "util/lines.h"
+#include "util/list_file.h"
+#include "util/tov_utils.h"
+#include "vsd/accounting.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include <thread>
 #include <vector>
 
-#include "device.h"
+#include "tests/support/device.h"
 
 using tov_test::Device;
 using tov_test::Millis;

@@ -1,5 +1,5 @@
 // Reads the report that a victim program writes about its start.
-#include "birth.h"
+#include "tests/support/birth.h"
 
 #include <cstdlib>
 #include <sstream>

@@ -1,5 +1,5 @@
 // The test's children, and the orphans of its devices.
-#include "children.h"
+#include "tests/support/children.h"
 
 #include <linux/sched.h>
 #include <sys/prctl.h>
@@ -16,7 +16,7 @@
 #include <sstream>
 #include <string>
 
-#include "processes.h"
+#include "tests/support/processes.h"
 
 namespace tov_test {
 

@@ -4,7 +4,7 @@
 // wait drops what finds no room. The thread therefore runs at real-time priority: it is the only
 // one that a busy machine must not keep waiting, and it sleeps in poll nearly always. Now and then
 // it buries orphans, see children.h.
-#include "collector.h"
+#include "tests/support/collector.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,8 +14,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "children.h"
-#include "processes.h"
+#include "tests/support/children.h"
+#include "tests/support/processes.h"
 
 namespace tov_test {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "tov_utils_owner.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

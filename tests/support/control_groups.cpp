@@ -1,5 +1,5 @@
 // The version-1 memory and cpu control groups of a private device.
-#include "control_groups.h"
+#include "tests/support/control_groups.h"
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "processes.h"
+#include "tests/support/processes.h"
 
 namespace tov_test {
 

@@ -1,5 +1,5 @@
 // Opening and closing a private device.
-#include "device.h"
+#include "tests/support/device.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,9 +14,9 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "children.h"
-#include "keeper_channel.h"
-#include "sanitizer_env.h"
+#include "tests/support/children.h"
+#include "tests/support/keeper_channel.h"
+#include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
 

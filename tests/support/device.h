@@ -36,11 +36,11 @@
 #include <string>
 #include <vector>
 
-#include "birth.h"
-#include "collector.h"
-#include "processes.h"
-#include "root_builder.h"
-#include "spawn.h"
+#include "tests/support/birth.h"
+#include "tests/support/collector.h"
+#include "tests/support/processes.h"
+#include "tests/support/root_builder.h"
+#include "tests/support/spawn.h"
 
 namespace tov_test {
 

@@ -15,7 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "device.h"
+#include "tests/support/device.h"
 
 namespace tov_test {
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <sstream>
 
-#include "device.h"
-#include "sanitizer_env.h"
+#include "tests/support/device.h"
+#include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
 

@@ -14,9 +14,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "children.h"
-#include "device.h"
-#include "sanitizer_env.h"
+#include "tests/support/children.h"
+#include "tests/support/device.h"
+#include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
 

@@ -21,10 +21,10 @@
 #include <exception>
 #include <string>
 
-#include "control_groups.h"
-#include "keeper_channel.h"
-#include "processes.h"
-#include "root_builder.h"
+#include "tests/support/control_groups.h"
+#include "tests/support/keeper_channel.h"
+#include "tests/support/processes.h"
+#include "tests/support/root_builder.h"
 
 namespace tov_test {
 

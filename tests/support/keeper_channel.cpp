@@ -1,5 +1,5 @@
 // The messages between a test and the keeper of its device.
-#include "keeper_channel.h"
+#include "tests/support/keeper_channel.h"
 
 #include <poll.h>
 #include <sys/socket.h>

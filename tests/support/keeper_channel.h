@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "processes.h"
-#include "tov_utils_owner.h"
+#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -1,11 +1,11 @@
 // A private root for a unit test: one call around the builder.
-#include "private_root.h"
+#include "tests/support/private_root.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 
-#include "root_builder.h"
+#include "tests/support/root_builder.h"
 
 namespace tov_test {
 

@@ -1,5 +1,5 @@
 // Processes seen from outside, through /proc and process descriptors.
-#include "processes.h"
+#include "tests/support/processes.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tov_utils_owner.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

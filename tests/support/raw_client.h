@@ -15,9 +15,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "tov.h"
-#include "tov_ras_comp_config.h"
-#include "tov_utils_owner.h"
+#include "include/tov.h"
+#include "include/tov_ras_comp_config.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -3,7 +3,7 @@
 // A tmpfs mounted over /tmp of the new namespace is the building site: it holds the overlay's
 // upper and work directories and the mount point of the new root. The switch to the new root hides
 // it; the overlay keeps using it.
-#include "root_builder.h"
+#include "tests/support/root_builder.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -20,7 +20,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "control_groups.h"
+#include "tests/support/control_groups.h"
 
 namespace tov_test {
 

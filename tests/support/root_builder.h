@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tov_utils_owner.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -1,5 +1,5 @@
 // Environment for sanitized programs and for programs that run on a scaled clock.
-#include "sanitizer_env.h"
+#include "tests/support/sanitizer_env.h"
 
 #include <glob.h>
 

@@ -1,5 +1,5 @@
 // Starts a program as a child of the test.
-#include "spawn.h"
+#include "tests/support/spawn.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -12,8 +12,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "children.h"
-#include "tov_utils_owner.h"
+#include "tests/support/children.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "tov_dbg.h"
+#include "log/tov_dbg.h"
 
 namespace tov_test {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "built_tree.h"
-#include "unit_files.h"
+#include "tests/unit/built_tree.h"
+#include "tests/unit/unit_files.h"
 
 using tov_test::build_tree;
 using tov_test::run;

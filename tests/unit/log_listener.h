@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tov_utils_owner.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

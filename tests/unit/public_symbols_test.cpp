@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "built_tree.h"
+#include "tests/unit/built_tree.h"
 
 using tov_test::build_tree;
 using tov_test::run;

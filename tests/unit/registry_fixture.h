@@ -13,14 +13,14 @@
 #include <utility>
 #include <vector>
 
-#include "processes.h"
-#include "tov_chain.h"
-#include "tov_dbg.h"
-#include "tov_log.h"
-#include "tov_ras_comp_config.h"
-#include "tov_sys_alive.h"
-#include "tov_utils.h"
-#include "unit_files.h"
+#include "alive/tov_sys_alive.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "tests/support/processes.h"
+#include "tests/unit/unit_files.h"
+#include "util/tov_utils.h"
 
 namespace tov_test {
 

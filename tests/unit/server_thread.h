@@ -9,10 +9,10 @@
 #include <chrono>
 #include <thread>
 
-#include "processes.h"
-#include "raw_client.h"
-#include "tov_core_server.h"
-#include "tov_core_state.h"
+#include "core/run/flags.h"
+#include "core/server/server.h"
+#include "tests/support/processes.h"
+#include "tests/support/raw_client.h"
 
 namespace tov_test {
 

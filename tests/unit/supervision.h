@@ -26,21 +26,21 @@
 #include <utility>
 #include <vector>
 
-#include "birth.h"
-#include "caught_diagnostics.h"
-#include "children.h"
-#include "fake_daemon.h"
-#include "in_child.h"
-#include "log_listener.h"
-#include "processes.h"
-#include "tov_chain.h"
-#include "tov_core.h"
-#include "tov_log.h"
-#include "tov_pidfile.h"
-#include "tov_proc.h"
-#include "tov_ras_comp_config.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "client/tov_pidfile.h"
+#include "core/registry/tov_chain.h"
+#include "core/tov_core.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_log.h"
+#include "proc/tov_proc.h"
+#include "tests/support/birth.h"
+#include "tests/support/children.h"
+#include "tests/support/processes.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/fake_daemon.h"
+#include "tests/unit/in_child.h"
+#include "tests/unit/log_listener.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 namespace tov_test {
 

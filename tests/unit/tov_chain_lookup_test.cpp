@@ -1,6 +1,4 @@
 // Looking executables up in list files.
-#include "tov_chain_lookup.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -14,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "private_root.h"
+#include "tests/support/private_root.h"
+#include "util/list_file.h"
 
 namespace {
 

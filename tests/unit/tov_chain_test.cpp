@@ -1,5 +1,5 @@
 // The registries: order in a bucket, removal, the lock and its order.
-#include "tov_chain.h"
+#include "core/registry/tov_chain.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "private_root.h"
-#include "tov_sys_alive.h"
+#include "alive/tov_sys_alive.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/caught_diagnostics.h"
 
 namespace {
 

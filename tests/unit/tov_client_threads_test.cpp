@@ -13,13 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "fake_daemon.h"
-#include "tov_dbg.h"
-#include "tov_rpc.h"
-#include "tov_sys_alive.h"
-#include "tov_xtach.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "alive/tov_sys_alive.h"
+#include "client/tov_rpc.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "tests/unit/fake_daemon.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 using tov_test::FakeDaemon;
 using tov_test::Manners;

@@ -1,6 +1,4 @@
 // What is said about a restart, byte for byte, and the journal of restarts with its rotation.
-#include "tov_core_announce.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "supervision.h"
+#include "core/policy/announce.h"
+#include "tests/unit/supervision.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

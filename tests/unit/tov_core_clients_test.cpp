@@ -1,8 +1,8 @@
 // The table of connected clients: who gets which slot, and how much of it a walk sees.
-#include "tov_core_clients.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "core/server/clients.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

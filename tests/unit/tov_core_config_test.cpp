@@ -1,6 +1,4 @@
 // Small number files: what counts as a number, and what counts as a permission to reload.
-#include "tov_core_config.h"
-
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/stat.h>
@@ -9,9 +7,10 @@
 #include <filesystem>
 #include <string>
 
-#include "tov_ras_comp_config.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "core/run/settings.h"
+#include "include/tov_ras_comp_config.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 using tov_test::write_file;
 

@@ -1,6 +1,4 @@
 // Deferred restarts: when they are handed back, with what, and how many at once.
-#include "tov_core_delay.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,8 +8,9 @@
 #include <string>
 #include <thread>
 
-#include "supervision.h"
-#include "tov_proc_sched.h"
+#include "core/policy/delay.h"
+#include "tests/unit/supervision.h"
+#include "util/priority.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;

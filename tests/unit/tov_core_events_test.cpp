@@ -1,6 +1,4 @@
 // The event handler: executions that register a program, exits, its pace, and how it ends.
-#include "tov_core_events.h"
-
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -12,9 +10,10 @@
 #include <string>
 #include <thread>
 
-#include "refused_calls.h"
-#include "supervision.h"
-#include "tov_fifo.h"
+#include "core/events/handler.h"
+#include "core/events/tov_fifo.h"
+#include "tests/unit/refused_calls.h"
+#include "tests/unit/supervision.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -1,6 +1,4 @@
 // The decision after the exit of a supervised process.
-#include "tov_core_exit.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,10 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "refused_calls.h"
-#include "supervision.h"
-#include "tov_proc_sched.h"
-#include "unit_fake_sleep.h"
+#include "core/policy/exit.h"
+#include "tests/unit/refused_calls.h"
+#include "tests/unit/supervision.h"
+#include "tests/unit/unit_fake_sleep.h"
+#include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

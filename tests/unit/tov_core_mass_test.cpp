@@ -1,6 +1,4 @@
 // The mass-crash rule: who is counted, from when on the unit is reloaded, and what forbids it.
-#include "tov_core_mass.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -8,8 +6,9 @@
 #include <filesystem>
 #include <string>
 
-#include "supervision.h"
-#include "tov_proc_sched.h"
+#include "core/policy/mass.h"
+#include "tests/unit/supervision.h"
+#include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

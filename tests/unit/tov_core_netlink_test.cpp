@@ -1,6 +1,4 @@
 // The netlink reader: which datagrams and events go into the ring, and how the thread ends.
-#include "tov_core_netlink.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -22,9 +20,10 @@
 #include <thread>
 #include <vector>
 
-#include "refused_calls.h"
-#include "supervision.h"
-#include "tov_fifo.h"
+#include "core/events/netlink.h"
+#include "core/events/tov_fifo.h"
+#include "tests/unit/refused_calls.h"
+#include "tests/unit/supervision.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -1,7 +1,5 @@
 // The watchdog's accounting: when a period ends, when a miss counts, when a kill is requested, and
 // which thread still is the one that registered.
-#include "tov_core_notifer.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -12,9 +10,10 @@
 #include <thread>
 #include <vector>
 
-#include "registry_fixture.h"
-#include "supervision.h"
-#include "tov_sys_alive.h"
+#include "alive/tov_sys_alive.h"
+#include "core/watch/watchdog.h"
+#include "tests/unit/registry_fixture.h"
+#include "tests/unit/supervision.h"
 
 using testing::Contains;
 using testing::ElementsAre;

@@ -11,11 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include "supervision.h"
-#include "tov_core_notifer.h"
-#include "tov_msg.h"
-#include "tov_sys_alive.h"
-#include "tov_xtach.h"
+#include "alive/tov_sys_alive.h"
+#include "client/requests/tov_msg.h"
+#include "core/watch/watchdog.h"
+#include "include/tov_xtach.h"
+#include "tests/unit/supervision.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // The registry after a restart of the daemon.
-#include "tov_core_rebuild.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +8,8 @@
 #include <filesystem>
 #include <string>
 
-#include "supervision.h"
+#include "core/policy/rebuild.h"
+#include "tests/unit/supervision.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // Questions to the registries: is another instance registered, is a process what it was.
-#include "tov_core_running.h"
-
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -8,7 +6,8 @@
 
 #include <string>
 
-#include "supervision.h"
+#include "core/registry/query.h"
+#include "tests/unit/supervision.h"
 
 using testing::HasSubstr;
 using tov_test::GONE;

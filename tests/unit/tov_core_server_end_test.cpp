@@ -19,10 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "raw_client.h"
-#include "registry_fixture.h"
-#include "server_thread.h"
-#include "unit_private_root.h"
+#include "tests/support/raw_client.h"
+#include "tests/unit/registry_fixture.h"
+#include "tests/unit/server_thread.h"
+#include "tests/unit/unit_private_root.h"
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStdout;

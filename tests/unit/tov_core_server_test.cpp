@@ -1,6 +1,4 @@
 // The registration server against good, unlucky and hostile clients.
-#include "tov_core_server.h"
-
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -15,11 +13,12 @@
 #include <thread>
 #include <vector>
 
-#include "raw_client.h"
-#include "registry_fixture.h"
-#include "server_thread.h"
-#include "tov_rpc.h"
-#include "unit_private_root.h"
+#include "client/tov_rpc.h"
+#include "core/server/server.h"
+#include "tests/support/raw_client.h"
+#include "tests/unit/registry_fixture.h"
+#include "tests/unit/server_thread.h"
+#include "tests/unit/unit_private_root.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;

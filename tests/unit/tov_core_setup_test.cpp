@@ -1,6 +1,4 @@
 // Start-up's preparations: the directory trees and the limit of open files.
-#include "tov_core_setup.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -17,10 +15,11 @@
 #include <string>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "core/setup.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // The status sweep: who is missed, and what follows from the second time.
-#include "tov_core_sweep.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,7 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "supervision.h"
+#include "core/policy/sweep.h"
+#include "tests/unit/supervision.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

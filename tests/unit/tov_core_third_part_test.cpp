@@ -1,6 +1,4 @@
 // The list of third-part programs that start-up writes.
-#include "tov_core_third_part.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,7 +6,8 @@
 #include <set>
 #include <string>
 
-#include "supervision.h"
+#include "core/third_part.h"
+#include "tests/unit/supervision.h"
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,5 @@
 // What the watcher does with its two files: giving up after failing forks, and the switch for
 // single-process restarts.
-#include "tov_core_watcher.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,8 +13,9 @@
 #include <string>
 #include <thread>
 
-#include "supervision.h"
-#include "tov_core_state.h"
+#include "core/run/flags.h"
+#include "core/watch/fork_watcher.h"
+#include "tests/unit/supervision.h"
 
 namespace fs = std::filesystem;
 
@@ -242,7 +241,7 @@ TEST_F(TovUpdateCfg, StayingOnIsNotStamped) {
 
 TEST_F(TovUpdateCfg, LineIsToldInDiagnostics) {
   EXPECT_THAT(diagnostics([] { tov_update_cfg(); }),
-              MatchesRegex("\\[TOV:tov_core_watcher_files.cpp:[0-9]+\\]tov_update_cfg buf tov "
+              MatchesRegex("\\[TOV:watched_files.cpp:[0-9]+\\]tov_update_cfg buf tov "
                            "single-process-ha auto-restart enable\r\n\r\n"));
 }
 

@@ -1,14 +1,13 @@
 // Notices: the product words in them, what goes to the system log.
-#include "tov_dbg_notice.h"
-
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
-#include "log_listener.h"
-#include "unit_private_root.h"
+#include "log/notice.h"
+#include "tests/unit/log_listener.h"
+#include "tests/unit/unit_private_root.h"
 
 static std::string filtered(void (*filter)(char *), const std::string &text) {
   std::vector<char> buf(text.begin(), text.end());

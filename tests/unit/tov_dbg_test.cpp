@@ -1,5 +1,5 @@
 // Diagnostic lines, the debug file that switches them, the path makers.
-#include "tov_dbg.h"
+#include "log/tov_dbg.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "unit_files.h"
-#include "unit_stdout.h"
-#include "unit_text.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_stdout.h"
+#include "tests/unit/unit_text.h"
 
 using tov_test::matches;
 using tov_test::printed_by;

@@ -1,5 +1,5 @@
 // The event ring: copying, wrapping, and the consumer's sleep.
-#include "tov_fifo.h"
+#include "core/events/tov_fifo.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "tov.h"
+#include "include/tov.h"
+#include "tests/unit/caught_diagnostics.h"
 
 // The sanitizers end the program at an impossible allocation unless they are told otherwise.
 extern "C" const char *__asan_default_options() {

@@ -8,7 +8,7 @@
 #include <string>
 #include <type_traits>
 
-#include "tov.h"
+#include "include/tov.h"
 
 namespace {
 

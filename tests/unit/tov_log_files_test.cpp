@@ -1,6 +1,4 @@
 // Plain-file writers: reboot reasons, the ring of notifications, the text journal.
-#include "tov_log_files.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -12,11 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "tov_dbg.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_stdout.h"
-#include "unit_text.h"
+#include "log/plain_files.h"
+#include "log/tov_dbg.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_stdout.h"
+#include "tests/unit/unit_text.h"
 
 using tov_test::matches;
 using tov_test::printed_by;
@@ -131,8 +130,8 @@ TEST_F(TovNotify, MissingCountFileEmptiesTheRing) {
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
   const std::string text = printed_by([&] { notify(1); });
   EXPECT_TRUE(matches(text,
-                      "\\[TOV:tov_log_files.cpp:[0-9]+\\]file: /data/.tov_notify_count not "
-                      "exist!\n\\[TOV:tov_log_files.cpp:[0-9]+\\]unlink file: " +
+                      "\\[TOV:plain_files.cpp:[0-9]+\\]file: /data/.tov_notify_count not "
+                      "exist!\n\\[TOV:plain_files.cpp:[0-9]+\\]unlink file: " +
                           path() + "!\n"))
       << text;
   EXPECT_TRUE(matches(read_file(path()), WHEN + "record 01\n\n"));
@@ -164,7 +163,7 @@ TEST_F(TovNotify, UnreadableCountFileStops) {
   fs::create_directory(COUNT_FILE);
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
   const std::string text = printed_by([&] { notify(1); });
-  EXPECT_TRUE(matches(text, "\\[TOV:tov_log_files.cpp:[0-9]+\\]tov_log_notify_get_count error!\n"))
+  EXPECT_TRUE(matches(text, "\\[TOV:plain_files.cpp:[0-9]+\\]tov_log_notify_get_count error!\n"))
       << text;
   EXPECT_FALSE(fs::exists(path()));
 }
@@ -183,8 +182,7 @@ TEST_F(TovNotify, CountThatCannotBeWrittenIsSaid) {
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
   const std::string text = printed_by([&] { notify(1); });
   ASSERT_EQ(umount(count), 0);
-  EXPECT_TRUE(
-      matches(text, "\\[TOV:tov_log_files.cpp:[0-9]+\\]tov_log_notify_update_count error!\n"))
+  EXPECT_TRUE(matches(text, "\\[TOV:plain_files.cpp:[0-9]+\\]tov_log_notify_update_count error!\n"))
       << text;
   EXPECT_TRUE(matches(read_file(path()), WHEN + "record 01\n\n"));
 }

@@ -1,5 +1,5 @@
 // Event logs: opening, pruning, lines, lines of a forked child.
-#include "tov_log.h"
+#include "log/tov_log.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -19,10 +19,10 @@
 #include <utility>
 #include <vector>
 
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_stdout.h"
-#include "unit_text.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_stdout.h"
+#include "tests/unit/unit_text.h"
 
 using tov_test::matches;
 using tov_test::printed_by;

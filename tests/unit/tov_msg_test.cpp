@@ -1,5 +1,5 @@
 // The request handlers: what they put into the registries and the event logs, and the dumps.
-#include "tov_msg.h"
+#include "client/requests/tov_msg.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "log_listener.h"
-#include "registry_fixture.h"
-#include "tov_pidfile.h"
-#include "unit_private_root.h"
+#include "client/tov_pidfile.h"
+#include "tests/unit/log_listener.h"
+#include "tests/unit/registry_fixture.h"
+#include "tests/unit/unit_private_root.h"
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStdout;

@@ -2,7 +2,7 @@
 //
 // The test holds the lock of a running daemon: where a command ends in the start of the daemon, the
 // program therefore ends with status 255 and does nothing more.
-#include "tov_opt.h"
+#include "vsd/tov_opt.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -19,13 +19,13 @@
 #include <string>
 #include <vector>
 
-#include "children.h"
-#include "processes.h"
-#include "sanitizer_env.h"
-#include "tov_utils.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_stdout.h"
+#include "tests/support/children.h"
+#include "tests/support/processes.h"
+#include "tests/support/sanitizer_env.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_stdout.h"
+#include "util/tov_utils.h"
 
 namespace fs = std::filesystem;
 

@@ -8,10 +8,10 @@
 #include <fstream>
 #include <string>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
-#include "private_root.h"
-#include "tov_pidfile.h"
+#include "client/tov_pidfile.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Registration files, the writing side: names, content, locks, the table of kept descriptors, and
 // what may stand in the place of a file.
-#include "tov_pidfile.h"
+#include "client/tov_pidfile.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
-#include "private_root.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
 
 namespace {
 

@@ -16,11 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "log_listener.h"
-#include "processes.h"
-#include "tov_platform.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "platform/tov_platform.h"
+#include "tests/support/processes.h"
+#include "tests/unit/log_listener.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 using tov_test::read_file;
 using tov_test::wait_until;

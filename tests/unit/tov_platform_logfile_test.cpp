@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "tov_platform.h"
-#include "tov_utils_owner.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_text.h"
+#include "platform/tov_platform.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_text.h"
+#include "util/owner.h"
 
 using tov_test::read_file;
 using tov_test::ScratchDir;

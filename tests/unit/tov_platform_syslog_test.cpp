@@ -7,12 +7,12 @@
 
 #include <string>
 
-#include "log_listener.h"
-#include "processes.h"
-#include "tov_platform.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_text.h"
+#include "platform/tov_platform.h"
+#include "tests/support/processes.h"
+#include "tests/unit/log_listener.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_text.h"
 
 using tov_test::LogListener;
 using tov_test::matches;

@@ -1,5 +1,5 @@
 // Product question and device environment of the generic platform.
-#include "tov_platform.h"
+#include "platform/tov_platform.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // The limit on restarts in a burst, the suspension, and the reload that may follow it.
-#include "tov_proc_burst.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,8 +6,9 @@
 #include <filesystem>
 #include <string>
 
-#include "supervision.h"
-#include "tov_proc_sched.h"
+#include "proc/burst.h"
+#include "tests/unit/supervision.h"
+#include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -1,7 +1,5 @@
 // Small files around starting a program: self-check period, console, fork record, low-memory
 // killer.
-#include "tov_proc_files.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +14,8 @@
 #include <string>
 #include <thread>
 
-#include "supervision.h"
+#include "proc/files.h"
+#include "tests/unit/supervision.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // Finding a running process by its command line.
-#include "tov_proc_find.h"
-
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,8 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "supervision.h"
-#include "unit_fake_sleep.h"
+#include "proc/find.h"
+#include "tests/unit/supervision.h"
+#include "tests/unit/unit_fake_sleep.h"
 
 using testing::ElementsAre;
 using tov_test::Program;

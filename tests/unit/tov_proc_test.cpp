@@ -1,5 +1,5 @@
 // Starting a program again: the words, the child's set-up, scripts, third-part programs, failures.
-#include "tov_proc.h"
+#include "proc/tov_proc.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -19,12 +19,12 @@
 #include <thread>
 #include <vector>
 
-#include "refused_calls.h"
-#include "supervision.h"
-#include "tov_proc_child.h"
-#include "tov_proc_sched.h"
-#include "tov_signals.h"
-#include "unit_fake_sleep.h"
+#include "proc/child.h"
+#include "proc/selfcheck/tov_signals.h"
+#include "tests/unit/refused_calls.h"
+#include "tests/unit/supervision.h"
+#include "tests/unit/unit_fake_sleep.h"
+#include "util/priority.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // The device of a process: looking it up, marking it, entering it.
-#include "tov_proc_vsd.h"
-
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -12,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "supervision.h"
+#include "tests/unit/supervision.h"
+#include "vsd/entry.h"
 
 namespace fs = std::filesystem;
 

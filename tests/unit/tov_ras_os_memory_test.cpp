@@ -1,6 +1,4 @@
 // Record memory: making, sizing, mapping and removing a shared object, each step failing in turn.
-#include "tov_ras_os_memory.h"
-
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -16,8 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "in_child.h"
-#include "private_root.h"
+#include "alive/shared_memory.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/in_child.h"
 
 #if !defined(TOV_SANITIZE_THREAD)  // its runtime makes these calls before it is ready for ours
 // Two calls of the C library that fail when a test wants that.

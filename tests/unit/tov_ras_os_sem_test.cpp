@@ -1,6 +1,4 @@
 // The mutex between processes, each step failing in turn.
-#include "tov_ras_os_sem.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -14,10 +12,11 @@
 #include <fstream>
 #include <thread>
 
-#include "in_child.h"
-#include "no_semaphores.h"
-#include "private_root.h"
-#include "unit_failing_sem.h"
+#include "alive/sysv_sem.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/in_child.h"
+#include "tests/unit/no_semaphores.h"
+#include "tests/unit/unit_failing_sem.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Close-on-exec flag and the hex dump of messages.
-#include "tov_ras_os.h"
+#include "alive/tov_ras_os.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -9,8 +9,8 @@
 
 #include <string>
 
-#include "tov_utils_owner.h"
-#include "unit_stdout.h"
+#include "tests/unit/unit_stdout.h"
+#include "util/owner.h"
 
 using tov_test::printed_by;
 

@@ -12,12 +12,12 @@
 #include <string>
 #include <thread>
 
-#include "fake_daemon.h"
-#include "private_root.h"
-#include "processes.h"
-#include "tov_dbg.h"
-#include "tov_rpc.h"
-#include "unit_files.h"
+#include "client/tov_rpc.h"
+#include "log/tov_dbg.h"
+#include "tests/support/private_root.h"
+#include "tests/support/processes.h"
+#include "tests/unit/fake_daemon.h"
+#include "tests/unit/unit_files.h"
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStdout;

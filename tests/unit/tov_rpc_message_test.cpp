@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
-#include "processes.h"
-#include "tov_dbg.h"
-#include "tov_rpc.h"
+#include "client/tov_rpc.h"
+#include "log/tov_dbg.h"
+#include "tests/support/processes.h"
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStdout;

@@ -1,5 +1,5 @@
 // One request of a client process: exchange, keeping the connection, forks, cancelling.
-#include "tov_rpc.h"
+#include "client/tov_rpc.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -14,13 +14,13 @@
 #include <thread>
 #include <vector>
 
-#include "fake_daemon.h"
-#include "private_root.h"
-#include "processes.h"
-#include "tov_dbg.h"
-#include "tov_pidfile.h"
-#include "tov_utils.h"
-#include "unit_files.h"
+#include "client/tov_pidfile.h"
+#include "log/tov_dbg.h"
+#include "tests/support/private_root.h"
+#include "tests/support/processes.h"
+#include "tests/unit/fake_daemon.h"
+#include "tests/unit/unit_files.h"
+#include "util/tov_utils.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;

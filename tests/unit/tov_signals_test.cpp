@@ -1,5 +1,5 @@
 // The daemon's signals: dispositions, reaping, and the alarm that ends suspensions.
-#include "tov_signals.h"
+#include "proc/selfcheck/tov_signals.h"
 
 #include <errno.h>
 #include <gmock/gmock.h>
@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "supervision.h"
-#include "tov_proc_sched.h"
+#include "tests/unit/supervision.h"
+#include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

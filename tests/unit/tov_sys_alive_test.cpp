@@ -1,6 +1,6 @@
 // The shared area of thread liveness, seen by its master, by clients, and by somebody who damages
 // it. A process maps the area once in its life, so each test acts in children of its own.
-#include "tov_sys_alive.h"
+#include "alive/tov_sys_alive.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
-#include "private_root.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // Making directories, and walking paths in which strangers have planted links.
-#include "tov_utils_dir.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,7 +8,8 @@
 
 #include <string>
 
-#include "unit_files.h"
+#include "tests/unit/unit_files.h"
+#include "util/path.h"
 
 using tov_test::ScratchDir;
 

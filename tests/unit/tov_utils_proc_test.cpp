@@ -1,6 +1,4 @@
 // Readers of /proc: command line, owner of a thread, name, liveness.
-#include "tov_utils_proc.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,9 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "processes.h"
-#include "tov_utils.h"
-#include "unit_files.h"
+#include "tests/support/processes.h"
+#include "tests/unit/unit_files.h"
+#include "util/procfs.h"
+#include "util/tov_utils.h"
 
 static constexpr int64_t MS = 1000000;
 

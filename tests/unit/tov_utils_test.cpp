@@ -1,5 +1,5 @@
 // Blocking wrappers, the single-instance lock, the openers and the directory maker.
-#include "tov_utils.h"
+#include "util/tov_utils.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
-#include "processes.h"
-#include "unit_files.h"
+#include "tests/support/processes.h"
+#include "tests/unit/unit_files.h"
 
 using tov_test::ScratchDir;
 

@@ -1,6 +1,4 @@
 // Creating a device, with the machine's run-parts and real scripts.
-#include "tov_vsd_create.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -12,8 +10,9 @@
 #include <filesystem>
 #include <string>
 
-#include "tov_utils.h"
-#include "unit_vsd_device.h"
+#include "tests/unit/unit_vsd_device.h"
+#include "util/tov_utils.h"
+#include "vsd/create.h"
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,5 @@
 // Ending a device: who is signalled and when, what each variant removes, what a failure leaves.
 // The waits take no time here; one deletion in real time is among the tests of the private device.
-#include "tov_vsd_delete.h"
-
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,14 +13,15 @@
 #include <string>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "tov_vsd_kill.h"
-#include "tov_vsd_show.h"
-#include "unit_fake_sleep.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_stdout.h"
-#include "unit_vsd.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/unit_fake_sleep.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_stdout.h"
+#include "tests/unit/unit_vsd.h"
+#include "vsd/delete.h"
+#include "vsd/kill.h"
+#include "vsd/show.h"
 
 namespace fs = std::filesystem;
 

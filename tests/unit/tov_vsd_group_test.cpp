@@ -1,7 +1,5 @@
 // Control groups and limits, on ordinary files where the hierarchies would be: what is written,
 // byte for byte, and every failure. The kernel's part is shown in a private device.
-#include "tov_vsd_group.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -13,9 +11,10 @@
 #include <filesystem>
 #include <string>
 
-#include "caught_diagnostics.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "vsd/group.h"
 
 namespace fs = std::filesystem;
 

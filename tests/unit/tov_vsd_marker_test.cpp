@@ -1,6 +1,4 @@
 // The marker files "/etc/dev_mon" and "/etc/debug_log".
-#include "tov_vsd_marker.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +9,8 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "private_root.h"
+#include "tests/support/private_root.h"
+#include "vsd/marker.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // Which device a process belongs to, told by its first supplementary group.
-#include "tov_vsd_member.h"
-
 #include <errno.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -11,8 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
+#include "vsd/member.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // Memory by device: the reading of smaps, the sweep, the limits, the kill of the largest member.
-#include "tov_vsd_memory.h"
-
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -22,11 +20,12 @@
 #include <utility>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "unit_fake_sleep.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_vsd.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/unit_fake_sleep.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_vsd.h"
+#include "vsd/accounting.h"
 
 namespace fs = std::filesystem;
 

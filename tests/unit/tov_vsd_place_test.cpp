@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <string>
 
-#include "tov_vsd_create.h"
-#include "unit_vsd_device.h"
+#include "tests/unit/unit_vsd_device.h"
+#include "vsd/create.h"
 
 namespace fs = std::filesystem;
 

@@ -1,6 +1,4 @@
 // Recursive removal: what goes, what stays, and that nothing leads out of the tree.
-#include "tov_vsd_remove.h"
-
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -14,9 +12,10 @@
 #include <string>
 #include <thread>
 
-#include "processes.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "tests/support/processes.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "vsd/remove.h"
 
 namespace fs = std::filesystem;
 

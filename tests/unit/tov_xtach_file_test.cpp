@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "tov_dbg.h"
-#include "tov_utils.h"
-#include "tov_xtach.h"
-#include "unit_files.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "tests/unit/unit_files.h"
+#include "util/tov_utils.h"
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;

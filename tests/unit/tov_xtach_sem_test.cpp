@@ -1,5 +1,5 @@
 // The system semaphore. A process caches its id for good, so each test acts in children.
-#include "tov_xtach_sem.h"
+#include "client/tov_xtach_sem.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "caught_diagnostics.h"
-#include "in_child.h"
-#include "no_semaphores.h"
-#include "private_root.h"
-#include "unit_failing_sem.h"
-#include "unit_fake_sleep.h"
+#include "tests/support/private_root.h"
+#include "tests/unit/caught_diagnostics.h"
+#include "tests/unit/in_child.h"
+#include "tests/unit/no_semaphores.h"
+#include "tests/unit/unit_failing_sem.h"
+#include "tests/unit/unit_fake_sleep.h"
 
 namespace {
 

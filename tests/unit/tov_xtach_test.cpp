@@ -1,5 +1,5 @@
 // Registering what happens when a process ends: payloads, files, patience.
-#include "tov_xtach.h"
+#include "include/tov_xtach.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,14 +14,14 @@
 #include <thread>
 #include <vector>
 
-#include "fake_daemon.h"
-#include "processes.h"
-#include "tov_dbg.h"
-#include "tov_pidfile.h"
-#include "tov_rpc.h"
-#include "tov_utils.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
+#include "client/tov_pidfile.h"
+#include "client/tov_rpc.h"
+#include "log/tov_dbg.h"
+#include "tests/support/processes.h"
+#include "tests/unit/fake_daemon.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "util/tov_utils.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;

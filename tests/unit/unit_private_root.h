@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "private_root.h"
+#include "tests/support/private_root.h"
 
 namespace tov_test {
 

@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "processes.h"
-#include "tov_dbg.h"
-#include "tov_utils_owner.h"
+#include "log/tov_dbg.h"
+#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

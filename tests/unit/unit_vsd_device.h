@@ -13,10 +13,10 @@
 #include <sstream>
 #include <string>
 
-#include "children.h"
-#include "unit_files.h"
-#include "unit_private_root.h"
-#include "unit_vsd.h"
+#include "tests/support/children.h"
+#include "tests/unit/unit_files.h"
+#include "tests/unit/unit_private_root.h"
+#include "tests/unit/unit_vsd.h"
 
 namespace tov_test {
 

@@ -7,9 +7,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "tov_dbg.h"
-#include "tov_utils.h"
-#include "tov_vsd.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
+#include "vsd/tov_vsd.h"
 
 static int limit_memory(int vsd_no, int kilobytes) {
   return set_mem_group(vsd_no, static_cast<uint64_t>(kilobytes));

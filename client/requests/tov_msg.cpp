@@ -1,0 +1,233 @@
+// The daemon's request handlers.
+//
+// Two tables carry the differences between near-twins: what the two exit actions fill, and which
+// record each message type brings. The command line in a record is read by the daemon itself; the
+// client's own reading is only quoted in the event log.
+//
+// Threads: the server's. Locks: one registry at a time. Event lines are written after the lock is
+// released, but for removals, whose record is gone afterwards; the log writer takes no registry
+// lock and does not wait.
+#include "client/requests/tov_msg.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include "alive/tov_sys_alive.h"
+#include "client/tov_pidfile.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "util/tov_utils.h"
+
+enum { FILE_NAME_SIZE = 256 };
+
+// A thread id's slot in the shared area, by its number. A negative id would index before it.
+static bool has_slot(pid_t tid) {
+  return tid >= 0 && tid < TOV_ALIVE_ID_COUNT;
+}
+
+// Copies a text field that may lack its terminator; `to` is zeroed and as long as the field.
+template <size_t SIZE>
+static void copy_field(char (&to)[SIZE], const char *from) {
+  memcpy(to, from, strnlen(from, SIZE - 1));
+}
+
+int tov_msg_check_payload(int type, int len) {
+  static constexpr struct {
+    int type;
+    size_t size;
+    const char *handler;
+  } records[] = {
+      {TOV_RESTART, sizeof(tov_msg_xtach_t), "tov_process_restart"},
+      {TOV_SHELL_RESTART, sizeof(tov_msg_xtach_t), "tov_process_shell_restart"},
+      {TOV_MSG_ACK, sizeof(tov_msg_xtach_t), "tov_notifier_start"},
+      {TOV_RESET, sizeof(tov_msg_xtach_t), "tov_notifier_reset"},
+      {TOV_MSG_CONS, sizeof(tov_msg_cons_t), "tov_process_cons_msg"},
+  };
+  for (const auto &record : records) {
+    if (record.type != type) continue;
+    if (len >= 0 && static_cast<size_t>(len) >= record.size) return 0;
+    TOV_DBG("%s: payload too short(type:%d, len:%d)!\n", record.handler, type, len);
+    return -1;
+  }
+  return 0;
+}
+
+// Reads the command line of the process or thread that a request is about into a new record's
+// `process`. Returns 0, or -1: it has gone, which is told under the handler's name.
+static int read_process(const char *handler, const tov_msg_xtach_t *payload,
+                        char (&process)[TOV_PROCESS_SIZE]) {
+  if (pid_to_cmdline(payload->pid, process, sizeof process) != nullptr) {
+    rtrim(process);
+    return 0;
+  }
+  TOV_DBG("%s: fail to get pid %d's cmdline, ppid = %d\n", handler, payload->pid, payload->ppid);
+  tov_log_with_type(TOV_LOG_ERROR, "%s: fail to get pid %d's cmdline, ppid = %d\n", handler,
+                    payload->pid, payload->ppid);
+  return -1;
+}
+
+// ---- exit actions -----------------------------------------------------------------------------
+
+// Returns false when the process is registered already.
+static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
+                           const char *process) {
+  tov_chains_guard_t hold(tov_chains);
+  if (__tov_find_pid(&tov_chains, payload->pid) != nullptr) return false;
+  tov_pid_t *record = tov_chain_new_record();
+  record->pid = payload->pid;
+  record->vsd_id = payload->vsd_id;
+  record->restart_time = payload->restart_time;
+  record->action = action;
+  copy_field(record->process, process);
+  if (script != nullptr) copy_field(record->pathname, script);
+  tov_chain_insert(&tov_chains, record);
+  return true;
+}
+
+// Whether a record is registered under the file name of `wanted`. Caller holds tov_chains.
+static bool has_record_of_file(const tov_pid_t &wanted) {
+  char name[FILE_NAME_SIZE];
+  tov_get_db_file_name(wanted.vsd_id, wanted.pid, wanted.process, name, sizeof name);
+  return !tov_chain_for_each_in(&tov_chains, pidhash(wanted.pid), [&](const tov_pid_t &record) {
+    char other[FILE_NAME_SIZE];
+    tov_get_db_file_name(record.vsd_id, record.pid, record.process, other, sizeof other);
+    return strcmp(name, other) != 0;
+  });
+}
+
+// Removes the registration file of a request that the daemon itself made for a third-part program,
+// if no record came of it: the program was gone, or is registered under another name. Nobody else
+// would ever remove that file or close it. A client's own file is the client's.
+static void drop_vain_file(const tov_msg_xtach_t *payload) {
+  tov_pid_t wanted{};
+  wanted.pid = payload->pid;
+  wanted.vsd_id = payload->vsd_id;
+  memcpy(wanted.process, payload->pathname, strnlen(payload->pathname, TOV_PATHNAME_SIZE));
+  if (!tov_db_is_own(wanted.vsd_id, wanted.pid, wanted.process)) return;
+  tov_chains_guard_t hold(tov_chains);
+  if (!has_record_of_file(wanted)) (void)tov_db_destroy(&wanted);
+}
+
+// Registers a process with an exit action; `script` is null where there is none.
+static int register_process(const char *handler, const tov_msg_xtach_t *payload, int action,
+                            const char *script) {
+  char process[TOV_PROCESS_SIZE];
+  const int gone = read_process(handler, payload, process);
+  const bool inserted = gone == 0 && insert_process(payload, action, script, process);
+  drop_vain_file(payload);
+  if (!inserted) return gone;
+  tov_log_with_type(TOV_LOG_REG_RESTART, "register - process:%.*s pid:%d, vsd_id:%d, action:%d\r\n",
+                    TOV_PATHNAME_SIZE - 1, payload->pathname, payload->pid, payload->vsd_id,
+                    action);
+  return 0;
+}
+
+int tov_process_restart(tov_msg_xtach_t *payload) {
+  return register_process(__func__, payload, RESPAWN, nullptr);
+}
+
+int tov_process_shell_restart(tov_msg_xtach_t *payload, char *pathname) {
+  return register_process(__func__, payload, SHELL_RESTART, pathname);
+}
+
+void tov_process_dump_all_msg(pid_t pid) {
+  tov_chains_guard_t hold(tov_chains);
+  tov_chain_for_each(&tov_chains, [pid](tov_pid_t &record) {
+    if (record.pid != pid) return true;
+    tov_log_with_type(TOV_LOG_REG_RESTART,
+                      "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
+                      record.pid, record.vsd_id, record.action);
+    (void)tov_db_destroy(&record);  // the client has usually removed the file already
+    tov_chain_remove(&tov_chains, &record);
+    return true;
+  });
+}
+
+// ---- watched threads ----------------------------------------------------------------------------
+
+static void fill_periods(tov_pid_t *record, const tov_msg_xtach_t *payload) {
+  record->m_n_counter = payload->m_n_counter;
+  record->m_n_cur_counter = payload->m_n_cur_counter;
+  record->m_n_notify_time = payload->m_n_notify_time;
+  record->m_n_cur_notify_time = payload->m_n_cur_notify_time;
+}
+
+static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *process) {
+  tov_pid_t *record = tov_chain_new_record();
+  record->pid = payload->pid;
+  record->ppid = payload->ppid;
+  copy_field(record->process, process);
+  fill_periods(record, payload);
+  tov_chain_insert(&tov_alive_chains, record);
+  return record;
+}
+
+// Finds or makes the record of a thread and begins its slot of the shared area anew.
+//   refresh  give a known thread the payload's periods
+//   process  in: the thread's command line; out: that of its record
+//   ppid     out: the owner in its record
+static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
+                         char (&process)[TOV_PROCESS_SIZE], pid_t *ppid) {
+  tov_chains_guard_t hold(tov_alive_chains);
+  tov_pid_t *record = __tov_find_pid(&tov_alive_chains, payload->pid);
+  if (record == nullptr) {
+    record = insert_thread(payload, process);
+  } else if (refresh) {
+    fill_periods(record, payload);
+  }
+  if (has_slot(payload->pid)) {
+    (void)tov_sys_reg_alive_info(payload->pid);  // fails for ids without a slot only
+    record->m_n_laster_alive_seq = static_cast<unsigned int>(tov_sys_get_alive_seq(payload->pid));
+  }
+  memcpy(process, record->process, sizeof process);
+  *ppid = record->ppid;
+}
+
+int tov_notifier_start(tov_msg_xtach_t *payload) {
+  char process[TOV_PROCESS_SIZE];
+  if (read_process(__func__, payload, process) != 0) return -1;
+  pid_t ppid = 0;
+  watch_thread(payload, false, process, &ppid);
+  tov_log_with_type(TOV_LOG_REG_ALIVE, "Thread %s/%d (pid %d) reg TOV thread-alive service.\n",
+                    process, payload->pid, ppid);
+  return 0;
+}
+
+int tov_notifier_reset(tov_msg_xtach_t *payload) {
+  char process[TOV_PROCESS_SIZE];
+  if (read_process(__func__, payload, process) != 0) return -1;
+  pid_t ppid = 0;
+  watch_thread(payload, true, process, &ppid);
+  return 0;
+}
+
+void tov_notifier_stop(pid_t pid) {
+  tov_chains_guard_t hold(tov_alive_chains);
+  tov_chain_for_each(&tov_alive_chains, [pid](tov_pid_t &record) {
+    if (record.pid != pid) return true;
+    if (has_slot(pid)) {
+      tov_log_with_type(TOV_LOG_REG_ALIVE,
+                        "Thread %s/%d (pid %d) unreg TOV thread-alive service.\n", record.process,
+                        record.pid, record.ppid);
+      (void)tov_sys_unreg_alive_info(pid);
+    }
+    tov_chain_remove(&tov_alive_chains, &record);
+    return true;
+  });
+}
+
+// ---- control events -----------------------------------------------------------------------------
+
+int tov_process_cons_msg(tov_msg_cons_t *payload) {
+  switch (payload->event) {
+    case TOV_CONS_DUMP_ALL:
+      tov_process_dump_all_msg(payload->pid);
+      break;
+    case TOV_UNREG_THREAD_NOTIFY:
+      tov_notifier_stop(payload->pid);
+      break;
+    default:
+      break;
+  }
+  return 0;
+}

@@ -1,0 +1,171 @@
+#include "core/events/handler.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "client/tov_pidfile.h"
+#include "core/events/tov_fifo.h"
+#include "core/policy/exit.h"
+#include "core/policy/mass.h"
+#include "core/registry/query.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "core/run/settings.h"
+#include "core/run/thread.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
+
+static constexpr char thread_name[] = "tov_cnmsg_handle";
+
+enum {
+  TYPE_SIZE = 128,
+  MARKER_FIRST = 1,
+  MARKER_LAST = 16,  // one more than there are devices: operators' tools may mark it
+  IDLE_WAIT_MS = 2000,
+};
+
+enum result_e {
+  RESULT_NAME = -1,
+  RESULT_PRIORITY = -2,
+};
+
+// ---- executions -----------------------------------------------------------------------------
+
+void tov_cn_msg_exec(int pid, int) {
+  char type[TYPE_SIZE];
+  if (!tov_pid_in_tovdb(pid, TOV_THIRD_PART_LIST, type, sizeof type)) return;
+
+  tov_pid_t program{};
+  program.pid = pid;
+  if (pid_to_cmdline(pid, program.process, sizeof program.process) == nullptr) {
+    TOV_DBG("%s--> pid_to_proc error!\n", __func__);
+    (void)tov_log_with_type(TOV_LOG_ERROR, "TOV fail to get cmdline,pid:%d\n", pid);
+    return;
+  }
+  rtrim(program.process);  // as every record's: it is compared with theirs
+  // Asked again with the arguments: a listed "/opt/x" does not speak for "/opt/x -d".
+  if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, program.process, type, sizeof type)) {
+    TOV_DBG("%s is not in tovdb!\n", program.process);
+    return;
+  }
+  int vsd_id = get_vsdid(pid);
+  program.vsd_id = vsd_id < 0 ? 0 : vsd_id;
+  {
+    tov_chains_guard_t guard(tov_chains);
+    if (tov_proc_is_running(&program) != nullptr) {
+      TOV_DBG("%s--> %s is running\n", __func__, program.process);
+      return;
+    }
+  }
+  if (reg_third_part_process_exit_action(pid, type) != 0) {
+    TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> reg_third_part_process_exit_action error!\n", __func__);
+  }
+}
+
+// ---- exits ----------------------------------------------------------------------------------
+
+static bool is_registered(int pid) {
+  tov_chains_guard_t guard(tov_chains);
+  return __tov_find_pid(&tov_chains, pid) != nullptr;
+}
+
+static bool any_device_is_being_deleted() {
+  for (int vsd_no = MARKER_FIRST; vsd_no <= MARKER_LAST; vsd_no++) {
+    char path[64];
+    (void)snprintf(path, sizeof path, TOV_VSD_DELETE_MARKER_FMT, vsd_no);
+    if (tov_file_exists(path)) return true;
+  }
+  return false;
+}
+
+// While a device goes down its exits are wanted; so nothing is started or said.
+static void drop_registration(int pid) {
+  tov_chains_guard_t guard(tov_chains);
+  tov_pid_t *record = __tov_find_pid(&tov_chains, pid);
+  if (record == nullptr) return;
+  (void)tov_db_destroy(record);
+  tov_chain_remove(&tov_chains, record);
+}
+
+void tov_cn_msg_exit(int pid, int exit_code) {
+  // Every process of the machine ends here; those that nobody registered cost one look-up.
+  if (!is_registered(pid)) return;
+  if (any_device_is_being_deleted()) {
+    drop_registration(pid);
+    return;
+  }
+  tov_check_continuous_multiple_process_exit(pid, exit_code, &tov_chains);
+  tov_handle_netlink_exit(pid, exit_code, 0);
+}
+
+void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
+  switch (event->what) {
+    case TOV_EVENT_EXEC:
+      tov_cn_msg_exec(event->process_pid, 0);
+      break;
+    case TOV_EVENT_EXIT:
+      tov_cn_msg_exit(event->process_pid, static_cast<int>(event->exit_code));
+      break;
+    default:
+      break;
+  }
+}
+
+// ---- the thread -----------------------------------------------------------------------------
+
+// Slots one millisecond apart; each takes one event. A slot that was missed, because handling took
+// longer, is not made up for.
+class pace_s {
+ public:
+  void wait_for_slot() {
+    int64_t now = now_us();
+    if (now < slot_) usleep(static_cast<useconds_t>(slot_ - now));
+    slot_ = (now < slot_ ? slot_ : now) + SLOT_US;
+  }
+
+ private:
+  enum { SLOT_US = 1000 };
+  int64_t slot_ = 0;
+
+  static int64_t now_us() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+  }
+};
+
+static void handle_events() {
+  pace_s pace;
+  while (!tov_flag_get(quit)) {
+    // Bounded, so that `quit` is seen.
+    if (!tov_cnmsg_fifo_wait(IDLE_WAIT_MS)) continue;
+    pace.wait_for_slot();
+    tov_cnmsg_data_t event;
+    // A record that was stored in part is dropped here.
+    if (__kfifo_out(&tov_cnmsg_fifo, &event, sizeof event) == sizeof event) {
+      tov_cnmsg_dispatch(&event);
+    }
+  }
+}
+
+void *tov_cnmsg_handle(void *) {
+  int result = 0;
+  errno = 0;
+  if (tov_core_thread_name(thread_name) < 0) {
+    result = RESULT_NAME;
+  } else if (errno = tov_set_priority(TOV_RT_PRIORITY); errno != 0) {
+    TOV_DBG("%s: set priority fail: %s\n", thread_name, strerror(errno));
+    result = RESULT_PRIORITY;
+  } else {
+    handle_events();
+  }
+  tov_core_thread_end(thread_name, result, errno);
+  return nullptr;
+}

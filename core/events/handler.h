@@ -1,0 +1,30 @@
+// The event handler: takes process events out of the ring and acts on them.
+//
+// It waits for the ring to become non-empty, so an idle machine does not wake it, and then handles
+// at most one event a millisecond: a storm of exits must not let a thread at real-time priority 99
+// keep a core to itself. What comes faster waits in the ring, which holds over forty thousand
+// events.
+//
+// Thread: "tov_cnmsg_handle" at real-time priority 99, the ring's only consumer.
+#ifndef TOV_CORE_EVENTS_HANDLER_H
+#define TOV_CORE_EVENTS_HANDLER_H
+
+#include "include/tov.h"
+
+// Acts on one event; unknown codes are dropped.
+void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event);
+
+// A program was executed: when its executable is in the third-part list and no other instance is
+// registered, it is registered on its behalf through our own server. The second argument is
+// always 0 and not read. Takes no lock while it registers.
+void tov_cn_msg_exec(int pid, int reserved);
+
+// A process ended: the mass-crash rule, then the decision about it. While any virtual device is
+// being deleted its record and file are removed instead.
+void tov_cn_msg_exit(int pid, int exit_code);
+
+// Thread body. Ends with result -1 name, -2 priority, or 0 when `quit` was set; then ends the
+// daemon.
+void *tov_cnmsg_handle(void *);
+
+#endif  // TOV_CORE_EVENTS_HANDLER_H

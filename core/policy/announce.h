@@ -1,0 +1,43 @@
+// What is said about a restart: system log, event log, restart journal.
+//
+// The texts are the device's operational interface: operators' tools match them letter by letter,
+// the differences in brackets, colons and arguments included. They stand in tables in the source.
+//
+// All functions: caller holds the lock of `tov_chains`, which also guards `tov_log_cnt`.
+#ifndef TOV_CORE_POLICY_ANNOUNCE_H
+#define TOV_CORE_POLICY_ANNOUNCE_H
+
+#include "include/tov.h"
+
+// Restarts journalled since the journal was last begun anew; above 10 nothing is written.
+extern int tov_log_cnt;
+
+// What the texts speak of.
+struct tov_restart_news_s {
+  const char *name;  // of the task
+  bool by_script;
+  pid_t pid;               // before the restart
+  unsigned int exit_code;  // wait status; 0 makes it a re-initialisation
+  int count = 0;           // after the restart only
+  pid_t new_pid = -1;      // after the restart only
+};
+using tov_restart_news_t = tov_restart_news_s;
+
+// "... receives event and self-checking", or "... will be re-initialized".
+void tov_announce_before(const tov_restart_news_t &news);
+
+// "Self-checking OK", or "Re-initialized OK".
+void tov_announce_after(const tov_restart_news_t &news);
+
+// "Self-checking OK" after a suspension, whatever the exit code was that led to it.
+void tov_announce_self_check_ok(const tov_restart_news_t &news);
+
+// Appends the line before a restart to the journal and counts it.
+// Returns 0, or -1 when the journal cannot be opened: the restart is then not made here.
+int tov_journal_before(const tov_restart_news_t &news);
+
+// Appends the line after a restart and begins the journal's other file anew when this one is full.
+// Returns 0, or -1 when the journal cannot be opened.
+int tov_journal_after(const tov_restart_news_t &news);
+
+#endif  // TOV_CORE_POLICY_ANNOUNCE_H

@@ -1,0 +1,20 @@
+// The deferral of a restart while the registration file of the dead process is still locked.
+//
+// The lock belongs to the process that made the registration and falls with it. It is still held
+// after the exit event when threads of the dying process have not ended yet, or when a helper
+// process registered on its behalf; starting the successor then would let two instances meet.
+#ifndef TOV_CORE_POLICY_DEFER_H
+#define TOV_CORE_POLICY_DEFER_H
+
+#include "include/tov.h"
+
+// Parks the exit of `record` in `tov_chains_delay` while its registration file is locked.
+// Returns 1 when it is parked (or was already), 0 to go on; always 0 when it is forced.
+// Caller holds the lock of `tov_chains`.
+int tov_proc_restart_delay(tov_pid_t *record);
+
+// Whether anybody still holds the lock on the registration file of `record`: 0 while it is held,
+// 1 when it can be taken, the file is gone, or the question cannot be answered.
+int tov_proc_is_exit(tov_pid_t *record);
+
+#endif  // TOV_CORE_POLICY_DEFER_H

@@ -1,0 +1,57 @@
+#include "core/policy/delay.h"
+
+#include "core/policy/defer.h"
+#include "core/policy/exit.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "core/run/thread.h"
+#include "log/tov_dbg.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
+
+enum {
+  LONGEST_DELAY_S = 300,
+  PAUSE_S = 1,
+};
+
+struct delayed_exit_s {
+  pid_t pid = 0;  // 0: none
+  int exit_signal = 0;
+  int force_restart = 0;
+};
+
+static bool is_due(tov_pid_t &record) {
+  if (tov_get_time() - record.delay_tm > LONGEST_DELAY_S) {
+    TOV_DBG("%s/%d more than 300s delay restart.\n", record.process, record.pid);
+    record.force_restart = 1;
+  }
+  return record.force_restart == 1 || tov_proc_is_exit(&record) == 1;
+}
+
+// Takes the first exit whose wait is over out of the registry.
+static delayed_exit_s take_due() {
+  delayed_exit_s due;
+  tov_chains_guard_t guard(tov_chains_delay);
+  tov_chain_for_each(&tov_chains_delay, [&](tov_pid_t &record) {
+    if (!is_due(record)) return true;
+    due = {record.pid, record.exit_signal, record.force_restart};
+    tov_chain_remove(&tov_chains_delay, &record);
+    return false;
+  });
+  return due;
+}
+
+void *tov_delay_restart(void *) {
+  (void)tov_core_thread_name("tov_delay_restart");  // only for those who look at the process
+  while (!tov_flag_get(quit)) {
+    delayed_exit_s due = take_due();
+    // Without the delay lock: the decision takes that of `tov_chains`, which comes first.
+    if (due.pid != 0) {
+      TOV_DBG("pid:%d, exit_signal:0x%x, force_restart:%d\n", due.pid,
+              static_cast<unsigned int>(due.exit_signal), due.force_restart);
+      tov_handle_netlink_exit(due.pid, due.exit_signal, due.force_restart);
+    }
+    safe_sleep(PAUSE_S);
+  }
+  return nullptr;
+}

@@ -1,0 +1,88 @@
+#include "core/policy/mass.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include "core/registry/tov_chain.h"
+#include "core/run/settings.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_log.h"
+#include "platform/tov_platform.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
+
+enum {
+  CORE_DUMPED = 0x80,
+  SPAN_S = 900,
+  THRESHOLD = 10,
+  LIST_SIZE = 1024,
+  REASON_SIZE = 200,
+};
+
+struct limits_s {
+  int span_s = SPAN_S;
+  int threshold = THRESHOLD;
+};
+
+static limits_s read_limits() {
+  limits_s limits;
+  if (!tov_file_exists(TOV_CONFIG_FILE)) return limits;
+  limits_s read;
+  if (tov_get_config_value(TOV_CONFIG_FILE, &read.span_s, &read.threshold) < 0) return limits;
+  return read;
+}
+
+// Stamps the newest record of `pid`; false when there is none.
+static bool remember(int pid, bool dumped, time_t now, tov_chains_t *chains) {
+  tov_chains_guard_t guard(*chains);
+  tov_pid_t *record = __tov_find_pid(chains, pid);
+  if (record == nullptr) return false;
+  if (dumped) record->ill_tm = now;
+  return true;
+}
+
+// Counts the records that dumped core within the span and lists their command lines, each with a
+// blank behind it. However often a record dumped, it counts once.
+static int count_crashed(time_t now, int span_s, tov_chains_t *chains, char *list, size_t size) {
+  int count = 0;
+  size_t used = 0;
+  list[0] = '\0';
+  tov_chains_guard_t guard(*chains);
+  tov_chain_for_each(chains, [&](tov_pid_t &record) {
+    if (record.ill_tm == 0 || now - record.ill_tm > span_s) return true;
+    count++;
+    int length = snprintf(list + used, size - used, "%s ", record.process);
+    if (length > 0) used += static_cast<size_t>(length);
+    if (used > size - 1) used = size - 1;
+    return true;
+  });
+  return count;
+}
+
+static void ask_for_reload(const limits_s &limits, const char *list) {
+  TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT,
+                  "tov detect more than %d process exit in shorttime[%d]s, system reboot.\n",
+                  limits.threshold, limits.span_s);
+  tov_log_flush_emergency();
+  safe_sleep(1);
+  char reason[REASON_SIZE];
+  (void)snprintf(reason, sizeof reason,
+                 "tov detect more than %d process exit in shorttime[%d]s\n, %s\n", limits.threshold,
+                 limits.span_s, list);
+  (void)protect_selfhealing_do_action(PSH_RELOAD_SELF_ACT, 0, "tov", reason);
+}
+
+void tov_check_continuous_multiple_process_exit(int pid, int exit_code, tov_chains_t *chains) {
+  time_t now = tov_get_time();
+  bool dumped = (exit_code & CORE_DUMPED) != 0;
+  if (!remember(pid, dumped, now, chains) || !dumped) return;
+
+  limits_s limits = read_limits();
+  char list[LIST_SIZE];
+  int count = count_crashed(now, limits.span_s, chains, list, sizeof list);
+  // "More than" is what the text says; the threshold itself is enough.
+  if (count >= limits.threshold && tov_is_reboot_available() &&
+      !tov_file_exists(TOV_NO_REBOOT_FILE)) {
+    ask_for_reload(limits, list);
+  }
+}

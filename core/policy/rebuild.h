@@ -1,0 +1,16 @@
+// The registry after a restart of the daemon: what registered with its predecessor is found again
+// in the registration files.
+#ifndef TOV_CORE_POLICY_REBUILD_H
+#define TOV_CORE_POLICY_REBUILD_H
+
+#include "include/tov.h"
+
+// Fills `chains` (always `tov_chains`) from the registration files of the devices 0 to 15. A
+// process that lives stays supervised under its id and its file is not touched; one that died
+// meanwhile is started again, whatever its action, or deferred while its file is locked.
+// Unreadable files are passed over and left where they are. Always 0.
+// Start-up only, before any other thread runs. Costs one directory scan a device and, for each
+// dead process, the 30 ms of the liveness rule and a spawn.
+int tov_rebuild_chains(tov_chains_t *chains);
+
+#endif  // TOV_CORE_POLICY_REBUILD_H

@@ -1,0 +1,76 @@
+#include "core/policy/sweep.h"
+
+#include <vector>
+
+#include "core/policy/exit.h"
+#include "core/registry/query.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "core/run/thread.h"
+#include "log/tov_log.h"
+#include "util/tov_utils.h"
+
+enum {
+  SWEEP_PAUSE_US = 234375,  // 256 of them make a minute
+  MISSES_ALLOWED = 1,
+};
+
+static constexpr char function[] = "tov_proc_stat_check";
+
+// Tasks that wait for the self-check alarm are passed over: they have no process.
+static void count_miss(tov_pid_t &record) {
+  if (record.alarm_wait_flag != 0) return;
+  if (tov_check_process_alive(&record) == 0) {
+    record.stat_check_cnt = 0;
+    return;
+  }
+  (void)tov_log_with_type(TOV_LOG_RESTART, "%s: tov_pid(%s, %d, %d) is not running.\n", function,
+                          record.process, record.vsd_id, record.pid);
+  record.stat_check_cnt++;
+}
+
+// A record of the bucket that was missed once too often, or null.
+static tov_pid_t *find_lost(unsigned int bucket) {
+  tov_pid_t *lost = nullptr;
+  tov_chain_for_each_in(&tov_chains, bucket, [&](tov_pid_t &record) {
+    if (record.stat_check_cnt > MISSES_ALLOWED) lost = &record;
+    return lost == nullptr;
+  });
+  return lost;
+}
+
+// The bucket's share under the lock. Returns the processes to register when it is gone.
+static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
+  std::vector<tov_registration_t> found;
+  tov_chains_guard_t guard(tov_chains);
+  tov_chain_for_each_in(&tov_chains, bucket, [](tov_pid_t &record) {
+    count_miss(record);
+    return true;
+  });
+  // A walk of its own for each: the decision about one record may remove others.
+  while (tov_pid_t *lost = find_lost(bucket)) {
+    lost->stat_check_cnt = 0;
+    (void)tov_log_with_type(TOV_LOG_RESTART,
+                            "%s: tov_pid(%s, %d, %d) exit code lost, restart it.\n", function,
+                            lost->process, lost->vsd_id, lost->pid);
+    tov_registration_t later = tov_decide_lost_exit(lost->pid);
+    if (later.pid != 0) found.push_back(later);
+  }
+  return found;
+}
+
+void tov_sweep_bucket(unsigned int bucket) {
+  for (const tov_registration_t &found : decide_about(bucket))
+    tov_register_found(found);
+}
+
+void *tov_proc_stat_check(void *) {
+  (void)tov_core_thread_name("tov_proc_stat_check");  // only for those who look at the process
+  while (!tov_flag_get(quit)) {
+    for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS && !tov_flag_get(quit); bucket++) {
+      tov_sweep_bucket(bucket);
+      safe_usleep(SWEEP_PAUSE_US);
+    }
+  }
+  return nullptr;
+}

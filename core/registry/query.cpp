@@ -1,0 +1,44 @@
+#include "core/registry/query.h"
+
+#include <string.h>
+
+#include "core/registry/tov_chain.h"
+#include "log/tov_dbg.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
+
+enum { COMMAND_SIZE = 512 };
+
+tov_pid_t *tov_proc_is_running(tov_pid_t *record) {
+  tov_pid_t *hit = nullptr;
+  tov_chain_for_each(&tov_chains, [&](tov_pid_t &other) {
+    // The numbers first: they tell nearly all records apart without touching the long text.
+    if (other.pid == record->pid || other.vsd_id != record->vsd_id ||
+        strcmp(other.process, record->process) != 0) {
+      return true;
+    }
+    hit = &other;
+    return false;
+  });
+  if (hit == nullptr) return nullptr;
+  TOV_DBG("ptov_pid pid %d vsd %d process %s!\n", record->pid, record->vsd_id, record->process);
+  TOV_DBG("tov_pid pid %d vsd %d process %s!\n", hit->pid, hit->vsd_id, hit->process);
+  TOV_DBG("%s is running!\n", hit->process);
+  return record->flags != 0 ? hit : record;
+}
+
+bool tov_is_reg_alive_inlock(pid_t pid) {
+  if (__tov_find_pid(&tov_alive_chains, pid) != nullptr) return true;
+  TOV_DBG("pid:%d not reg alive!\n", pid);
+  return false;
+}
+
+int tov_check_process_alive(tov_pid_t *record) {
+  char command[COMMAND_SIZE];
+  if (pid_to_cmdline(record->pid, command, sizeof command) == nullptr) return -1;
+  rtrim(command);  // as the record was when it was made: an empty last argument reads as a blank
+  int vsd_id = get_vsdid(record->pid);
+  if ((vsd_id < 0 ? 0 : vsd_id) != record->vsd_id) return -1;
+  if (strcmp(record->process, command) != 0) return -1;
+  return process_life(record->pid) == 0 ? 0 : -1;
+}

@@ -1,0 +1,106 @@
+// The registries: what the daemon knows about supervised processes and watched threads.
+//
+// A registry hashes its records by process id into 256 buckets. The lists are intrusive, new
+// records go to the head, so the first match of a search is the newest record of an id and the
+// last one the oldest; two records of one id may stand beside each other for a while (a new
+// registration before the old one was removed) and both are meant to be found.
+//
+// Locking: everything in a registry - buckets, records, count - is guarded by its `lock`, a
+// recursive mutex that inherits priority, because threads of ordinary priority share it with
+// threads at real-time priority 99. Order: `tov_chains` before `tov_alive_chains` or
+// `tov_chains_delay`; debug builds assert it. Where a function says "caller holds the lock", it
+// takes none.
+#ifndef TOV_CHAIN_H
+#define TOV_CHAIN_H
+
+#include "alive/tov_sys_alive.h"  // TOV_ALIVE_ID_COUNT
+#include "core/registry/links.h"
+#include "include/tov.h"
+#include "util/list_file.h"
+
+extern tov_chains_t tov_chains;        // processes that registered an exit action
+extern tov_chains_t tov_alive_chains;  // threads watched for liveness
+extern tov_chains_t tov_chains_delay;  // exits that wait for a lock to go
+
+// Holds a registry's lock; debug builds assert the order above. Taking a lock again that this
+// thread holds already is always allowed.
+class tov_chains_guard_s {
+ public:
+  explicit tov_chains_guard_s(tov_chains_t &chains);
+  tov_chains_guard_s(const tov_chains_guard_s &) = delete;
+  tov_chains_guard_s &operator=(const tov_chains_guard_s &) = delete;
+  ~tov_chains_guard_s() { release(); }
+  void release();  // unlocks before the end of the scope; once
+
+ private:
+  tov_chains_t *chains_;
+};
+using tov_chains_guard_t = tov_chains_guard_s;
+
+// The bucket of a process id: the 32-bit product with the golden-ratio prime, its upper 8 bits.
+inline unsigned int pidhash(int pid) {
+  return (static_cast<unsigned int>(pid) * 0x9E370001u) >> 24;
+}
+
+// Empties the buckets and makes the lock. Before any thread uses the registry.
+void tov_init_chains(tov_chains_t *chains);
+
+// Removes and frees every record; for `tov_alive_chains` the threads' slots in the shared area are
+// released too. The lock itself stays usable: detached threads may still come for it at shutdown.
+void tov_destroy_chains(tov_chains_t *chains);
+
+// A zeroed record that belongs to the caller until it is linked (free(3) if it never is); waits
+// for memory, never null.
+tov_pid_t *tov_chain_new_record(void);
+
+// Links `record` at the head of the bucket of its `pid`, so that it is found before older records
+// of the same id. The registry owns it from here on.
+// Caller holds the lock.
+void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record);
+
+// Unlinks and frees one record. A thread's slot in the shared area stays: the caller who wants it
+// gone releases it. Caller holds the lock.
+void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record);
+
+// Moves `record` to the head of the bucket of `new_pid` and stores the id; the count stays. What is
+// named after the old id (the registration file) is removed before this. Caller holds the lock.
+void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid);
+
+// The newest record of `pid`, or null. Caller holds the lock and borrows the record under it.
+tov_pid_t *__tov_find_pid(tov_chains_t *chains, pid_t pid);
+
+// The oldest record of `pid` in `tov_chains`, or null. Caller holds the lock.
+tov_pid_t *tov_get_oldest_node(pid_t pid);
+
+// Removes and frees every record of `pid`. Caller holds the lock.
+void __tov_del_pid(tov_chains_t *chains, pid_t pid);
+
+// Removes and frees every record whose `ppid` is `record->pid`; `record` itself stays unless it
+// is its own parent. In `tov_alive_chains` each removed thread's slot in the shared area is
+// released. Null arguments print a diagnostic and do nothing. Caller holds the lock.
+void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains);
+
+// The same under the registry's lock.
+void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains);
+
+// Calls `visit(tov_pid_t &)` for every record, buckets 0 to 255 in order, each from its head. The
+// successor is taken before the call, so that `visit` may remove the record it was given, but no
+// other. Ends early when `visit` returns false. Caller holds the lock.
+template <typename Visit>
+bool tov_chain_for_each_in(tov_chains_t *chains, unsigned int bucket, Visit visit) {
+  for (tov_hlist_node_s *node = chains->pidchain[bucket].first; node != nullptr;) {
+    tov_hlist_node_s *next = node->next;
+    if (!visit(*tov_chain_record(node))) return false;
+    node = next;
+  }
+  return true;
+}
+
+template <typename Visit>
+void tov_chain_for_each(tov_chains_t *chains, Visit visit) {
+  for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS; bucket++) {
+    if (!tov_chain_for_each_in(chains, bucket, visit)) return;
+  }
+}
+
+#endif  // TOV_CHAIN_H

@@ -1,5 +1,0 @@
-#include "tov_core_state.h"
-
-int quit = 0;
-int tov_single_ps_ha_enable = 1;
-int tov_single_ps_ha_enable_time = 0;

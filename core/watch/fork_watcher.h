@@ -1,0 +1,41 @@
+// The watcher: reacts to failing forks and to the switch for single-process restarts.
+//
+// Two files are watched with inotify. Every failed fork appends a character to the fork-error
+// file, every program that was started removes it: more than six characters mean that nothing can
+// be started any more, and the daemon ends so that a fresh one may do better. The device's
+// configuration file holds the switch; it is mirrored where operators look.
+//
+// What could get lost: a file that is removed and made again between two looks, or one that
+// another process holds open while it is removed. Both files are looked at once after every
+// set-up, and the set-up is made again whenever a watch ends, for whatever reason, or a quiet
+// minute shows that another file stands under the name by now.
+//
+// Anybody can write in both directories. In the place of the fork-error file nothing but a regular
+// file is left standing, otherwise a link could hide every failure.
+//
+// Thread: "tov_inotify_fork", detached, at ordinary priority. It never takes a registry lock: the
+// endless retry of a failing fork holds one, and this thread is what ends it.
+#ifndef TOV_CORE_WATCH_FORK_WATCHER_H
+#define TOV_CORE_WATCH_FORK_WATCHER_H
+
+// Thread body. Waits until /data is mounted; never returns, ends the process on a fatal error.
+// It does not look at `quit`: a thread that tries a failing fork again for ever does not either,
+// and when all others wait for that one, it is the watcher who makes an end.
+void *tov_inotify_fork_error(void *);
+
+// Looks at the fork-error file; with more than six characters in it, reports and ends the process
+// with status 1.
+void tov_deal_forkfile_change(void);
+
+// Reads the switch from the configuration file and mirrors it. An unreadable file means on.
+void tov_update_cfg(void);
+
+// 1 when a line of /proc/mounts mentions "/data" anywhere, else 0.
+int tov_check_data_mount(void);
+
+// Replaces the content of a file (created with mode 0777) by `len` bytes and brings it to storage;
+// a null `buf` or `len` below 1 empties it.
+// Returns the bytes written, or -1 when the file cannot be opened.
+int tov_write_buf_to_file(const void *buf, int len, const char *path);
+
+#endif  // TOV_CORE_WATCH_FORK_WATCHER_H

@@ -1,0 +1,176 @@
+#include "core/watch/watchdog.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include "alive/tov_sys_alive.h"
+#include "client/tov_xtach_sem.h"
+#include "core/registry/dump.h"
+#include "core/registry/query.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "core/run/settings.h"
+#include "core/run/thread.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "platform/tov_platform.h"
+#include "proc/tov_proc.h"
+#include "util/tov_utils.h"
+
+static constexpr char thread_name[] = "tov_thread_notify_timer";
+
+enum {
+  PASS_S = 60,
+  SLICE_S = 5,  // of the pause between passes, so that `quit` is seen
+  COMMAND_SIZE = 255,
+  REASON_SIZE = 200,
+  THREAD_NAME_SIZE = 32,
+};
+
+// ---- is it still the thread that registered? ------------------------------------------------
+
+int tov_check_pid_exist(tov_pid_t *record) {
+  int owner = tov_get_ppid_form_pid(record->pid);
+  if (owner >= 0 && owner != record->ppid) {
+    TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", __func__, record->ppid, owner);
+    return -1;
+  }
+  char command[COMMAND_SIZE];
+  if (pid_to_cmdline(record->pid, command, sizeof command) != nullptr) {
+    rtrim(command);  // as the registered text was
+    if (strncmp(record->process, command, strlen(command)) != 0) {
+      TOV_DBG("%s: cmdline info no match(reg:%s, now:%s)\n", __func__, record->process, command);
+      return -1;
+    }
+  }
+  return process_life(record->pid);
+}
+
+// ---- accounting -----------------------------------------------------------------------------
+
+static void look_for_change(tov_pid_t *record) {
+  if (record->pid >= TOV_ALIVE_ID_COUNT || !tov_sys_isreg_alive_info(record->pid)) return;
+  unsigned int seq = static_cast<unsigned int>(tov_sys_get_alive_seq(record->pid));
+  if (seq == record->m_n_laster_alive_seq) return;
+  record->m_n_laster_alive_seq = seq;
+  record->m_n_cur_counter = record->m_n_counter;
+  record->m_n_cur_notify_time = 0;
+}
+
+// A small budget is worth a warning after two misses, a larger one after four.
+static bool deserves_warning(unsigned int budget, unsigned int missed) {
+  return budget < 6 ? missed > 2 : missed > 4;
+}
+
+static void end_period(tov_pid_t *record, bool held_back) {
+  if (tov_is_reg_alive_inlock(record->ppid) && record->m_n_cur_counter > 0 && !held_back) {
+    record->m_n_cur_counter--;
+    unsigned int missed = record->m_n_counter - record->m_n_cur_counter;
+    if (deserves_warning(record->m_n_counter, missed)) {
+      TOV_DBG_ALIVE(
+          "Process pid(%d) tid(%d) not notify reset for %d times, It will be killed after %d "
+          "times!!!\n",
+          record->ppid, record->pid, static_cast<int>(missed),
+          static_cast<int>(record->m_n_counter));
+    }
+  }
+  record->m_n_cur_notify_time = 0;
+  TOV_DBG_ALIVE(
+      "Decrease pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) "
+      "cur_ntfy_time (%d)\n",
+      record->pid, record->ppid, static_cast<int>(record->m_n_notify_time),
+      static_cast<int>(record->m_n_counter), static_cast<int>(record->m_n_cur_counter),
+      static_cast<int>(record->m_n_cur_notify_time));
+}
+
+static void request_kill(const tov_pid_t *record) {
+  TOV_DBG_ALIVE("ntfy_cnt(%d), send SIGABRT to ppid (%d)\n", static_cast<int>(record->m_n_counter),
+                record->ppid);
+  tov_task_name_s process(*record);
+  char thread[THREAD_NAME_SIZE] = "unknown";
+  (void)tov_get_pid_name(record->pid, thread, sizeof thread);
+  char reason[REASON_SIZE];
+  (void)snprintf(reason, sizeof reason, "detect process:[%s/%d] thread %s:%d hung.\n", process.text,
+                 record->ppid, thread, record->pid);
+  (void)protect_selfhealing_do_action(PSH_KILL_PROCESS_ACT, record->ppid, "tov", reason);
+  (void)tov_log_with_type(TOV_LOG_KILL,
+                          "detected process [%s/%d] thread %s:%d hang, kill with PSH.\n",
+                          process.text, record->ppid, thread, record->pid);
+}
+
+int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool disable_check,
+                                    bool disable_check_tmp) {
+  record->m_n_cur_notify_time += PASS_S;
+  look_for_change(record);
+  if (record->m_n_cur_notify_time == record->m_n_notify_time) {
+    end_period(record, disable_check || disable_check_tmp);
+  }
+  if (record->m_n_cur_counter == 0 && *kill_proc_flag == 0) {
+    *kill_proc_flag = 1;
+    request_kill(record);
+  }
+  return 0;
+}
+
+// ---- the scan -------------------------------------------------------------------------------
+
+static void dump_registries() {
+  auto dump = tov_file_exists(TOV_DUMP_CONSOLE_FILE) ? tov_cli_dump_process_msg_console
+                                                     : tov_cli_dump_process_msg_syslog;
+  dump(TOV_DUMP_RESTART, &tov_chains);
+  dump(TOV_DUMP_HANG, &tov_alive_chains);
+  dump(TOV_DUMP_DELAY, &tov_chains_delay);
+}
+
+static void drop(tov_pid_t *record, int result) {
+  TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, result);
+  if (record->pid < TOV_ALIVE_ID_COUNT) (void)tov_sys_unreg_alive_info(record->pid);
+  tov_chain_remove(&tov_alive_chains, record);
+}
+
+void tov_notifer_scan(void) {
+  if (tov_is_open_pub_dbg()) dump_registries();
+  int kill_proc_flag = 0;
+  bool disable_check = tov_file_exists(TOV_KILL_DEBUG_FILE);
+  bool disable_check_tmp = tov_get_semval() != 0;
+
+  tov_chains_guard_t guard(tov_alive_chains);
+  tov_chain_for_each(&tov_alive_chains, [&](tov_pid_t &record) {
+    TOV_DBG_ALIVE(
+        "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) "
+        "cur_ntfy_time (%d)\n",
+        record.pid, record.ppid, static_cast<int>(record.m_n_notify_time),
+        static_cast<int>(record.m_n_counter), static_cast<int>(record.m_n_cur_counter),
+        static_cast<int>(record.m_n_cur_notify_time));
+    if (int result = tov_check_pid_exist(&record); result != 0) {
+      drop(&record, result);
+    } else {
+      (void)tov_check_alive_info_periodical(&record, &kill_proc_flag, disable_check,
+                                            disable_check_tmp);
+    }
+    return true;
+  });
+}
+
+// Main waits for this thread first; a whole minute's sleep would leave the device unsupervised for
+// as long after another thread's failure.
+static void pause_between_passes() {
+  for (int slept_s = 0; slept_s < PASS_S && !tov_flag_get(quit); slept_s += SLICE_S) {
+    safe_sleep(SLICE_S);
+  }
+}
+
+void *tov_notifer_run(void *) {
+  // Neither failure is a reason not to watch.
+  if (tov_core_thread_name(thread_name) < 0) TOV_DBG("%s: %s\n", thread_name, strerror(errno));
+  if (int error = tov_set_priority(TOV_RT_PRIORITY); error != 0) {
+    TOV_DBG("%s: set priority fail: %s\n", thread_name, strerror(error));
+  }
+  while (!tov_flag_get(quit)) {
+    tov_notifer_scan();
+    TOV_DBG_ALIVE("sem_cnt = %d\n", tov_get_semval());
+    pause_between_passes();
+  }
+  return nullptr;
+}

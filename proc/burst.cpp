@@ -1,0 +1,107 @@
+#include "proc/burst.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "core/run/flags.h"
+#include "core/run/settings.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/ha_notice.h"
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
+#include "platform/tov_platform.h"
+#include "proc/files.h"
+#include "util/priority.h"
+#include "util/tov_utils.h"
+#include "vsd/marker.h"
+
+enum {
+  BURST_SPAN_S = 120,
+  BURST_LIMIT = 4,  // the restart that goes beyond it is not made
+  RELOAD_SPAN_S = 600,
+  REASON_SIZE = 200,
+};
+
+tov_task_name_s::tov_task_name_s(const tov_pid_t &record) {
+  const char *slash = strrchr(record.process, '/');
+  (void)snprintf(text, sizeof text, "%s", slash != nullptr ? slash + 1 : record.process);
+  rtrim(text);
+}
+
+int tov_self_check_period(const char *function) {
+  int period_s = debug_time();
+  if (period_s >= 0) return period_s;
+  TOV_DBG("%s: get disable time fail: %s\n", function, strerror(-period_s));
+  return TOV_SELF_CHECK_PERIOD_S;
+}
+
+// An alarm that comes sooner stays in force: it serves another task that waits.
+static void arm_alarm(int period_s) {
+  unsigned int period = static_cast<unsigned int>(period_s);
+  unsigned int pending = alarm(0);
+  alarm(pending > 0 && pending <= period ? pending : period);
+}
+
+static void suspend(tov_pid_t *record, const tov_proc_how_t &how, time_t now, int period_s) {
+  tov_task_name_s name(*record);
+  int minutes = period_s / 60;
+  tov_ha_notice(how.suspended,
+                "Task: %s had checked more than 5 times. After %d mimutes, task will finish "
+                "self-checking.\n",
+                name.text, minutes);
+  TOV_DBG_AND_LOG(TOV_LOG_RESTART,
+                  "%s Task: %s had checked more than 5 times. After %d mimutes, task will finish "
+                  "self-checking.\n",
+                  how.suspended, name.text, minutes);
+  record->flags &= ~TOV_FLAG_STARTED;
+  record->flags |= TOV_FLAG_SELF_CHECK;
+  record->tm = now;
+  arm_alarm(period_s);
+  record->alarm_wait_flag = 1;
+  tov_check_restart_system(record, now);
+}
+
+bool tov_burst_allows(tov_pid_t *record, const tov_proc_how_t &how) {
+  time_t now = tov_get_time();
+  if (record->tm == 0) record->tm = now;
+  int period_s = tov_self_check_period(how.function);
+  record->flags |= TOV_FLAG_STARTED;
+
+  if (record->action == how.action) {
+    // The span is measured from the first restart of the burst: `tm` stays while it lasts.
+    if (record->tm + BURST_SPAN_S <= now) {
+      record->count = 1;
+      record->tm = now;
+    } else {
+      record->count++;
+    }
+    if (record->count == 1) record->first_tm = now;
+  }
+  if (record->count <= BURST_LIMIT || del_dev_mon_log() == 0) return true;
+  suspend(record, how, now, period_s);
+  return false;
+}
+
+void tov_check_restart_system(tov_pid_t *record, time_t t) {
+  if (record->con_pull_flag <= 0 || t - record->con_tm > RELOAD_SPAN_S) return;
+  record->con_pull_flag = 0;
+  int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
+  if (!tov_flag_get(tov_single_ps_ha_enable) || record->con_tm < enable_time ||
+      !tov_is_reboot_available() || tov_file_exists(TOV_NO_REBOOT_FILE)) {
+    return;
+  }
+
+  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d t=%d tov_single_ps_ha_enable_time=%d.\n",
+          __func__, record->process, record->pid, record->con_pull_flag,
+          static_cast<int>(record->con_tm), static_cast<int>(t), enable_time);
+  static constexpr char sentence[] = "tov detect process %s can not restart, so restart system.\n";
+  TOV_DBG(sentence, record->process);
+  safe_sleep(1);
+  (void)tov_log_with_type(TOV_LOG_RUN_EVENT, sentence, record->process);
+  tov_log_flush_emergency();
+  safe_sleep(1);
+  char reason[REASON_SIZE];
+  (void)snprintf(reason, sizeof reason, sentence, record->process);
+  (void)protect_selfhealing_do_action(PSH_RELOAD_SELF_ACT, 0, "tov", reason);
+}

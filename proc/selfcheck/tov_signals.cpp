@@ -1,0 +1,164 @@
+#include "proc/selfcheck/tov_signals.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "client/tov_pidfile.h"
+#include "core/policy/announce.h"
+#include "core/registry/query.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "log/tov_dbg.h"
+#include "proc/tov_proc.h"
+
+#ifdef TOV_SANITIZE_THREAD
+// The sanitizer calls locks and memory in a handler unsafe wherever it runs; the header says why
+// this one may use both. The reaper is no exception and stays under watch.
+extern "C" const char *__tsan_default_suppressions() {
+  return "signal:tov_alrm_handler\n";
+}
+#endif
+
+enum {
+  SIGNAL_FIRST = 0,
+  SIGNAL_LAST = 65,
+};
+
+// What one run of the alarm's handler works with.
+struct self_check_s {
+  time_t now;
+  int period_s;
+  time_t next;  // latest deadline among those who still wait, 0: none
+
+  time_t deadline(const tov_pid_t &record) const { return record.tm + period_s; }
+};
+
+static bool is_waiting(const tov_pid_t &record) {
+  return (record.flags & TOV_FLAG_SELF_CHECK) != 0;
+}
+
+// A waiting task that somebody registered anew meanwhile needs no restart.
+static bool dropped_as_duplicate(tov_pid_t &record) {
+  const tov_pid_t *other = tov_proc_is_running(&record);
+  if (other == nullptr) return false;
+  TOV_DBG("%s--> %s/%d is running!\n", "tov_alrm_handler", other->process, record.pid);
+  (void)tov_db_destroy(&record);
+  tov_chain_remove(&tov_chains, &record);
+  return true;
+}
+
+// Counts this self-check for the reload rule, when the task's burst lay within the time in which
+// the single-process switch is on.
+static void count_self_check(tov_pid_t &record, const self_check_s &check) {
+  int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
+  TOV_DBG(
+      "%s--> %s/%d tm=%d, first_tm=%d, t=%d, con_pull_flag=%d, "
+      "tov_single_ps_ha_enable_time=%d\n",
+      "tov_alrm_handler", record.process, record.pid, static_cast<int>(record.tm),
+      static_cast<int>(record.first_tm), check.period_s, record.con_pull_flag, enable_time);
+  if (tov_flag_get(tov_single_ps_ha_enable) && record.first_tm >= enable_time) {
+    record.con_pull_flag++;
+    record.con_tm = check.now;
+  } else {
+    record.con_pull_flag = 0;
+    record.con_tm = 0;
+  }
+  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d.\n", "tov_alrm_handler", record.process,
+          record.pid, record.con_pull_flag, static_cast<int>(record.con_tm));
+}
+
+static void end_suspension(tov_pid_t &record, const self_check_s &check) {
+  count_self_check(record, check);
+  record.flags &= ~TOV_FLAG_SELF_CHECK;
+  record.count = 0;
+  record.alarm_wait_flag = 0;
+  record.tm = 0;
+  pid_t new_pid = -1;
+  if (tov_proc_restart(&record, &new_pid) < 1) return;
+
+  (void)tov_db_destroy(&record);  // its name holds the old id
+  tov_chain_rekey(&tov_chains, &record, new_pid);
+  tov_reset_lmk(new_pid);
+  tov_task_name_s name(record);
+  tov_announce_self_check_ok(
+      {name.text, record.action == SHELL_RESTART, record.pid, 0, record.count, new_pid});
+}
+
+static void look_after(tov_pid_t &record, self_check_s *check) {
+  if (!is_waiting(record)) return;
+  // Strictly: the alarm fires in the very second of the deadline, and a task that waits alone is
+  // started one second later.
+  bool over = check->deadline(record) < check->now;
+  if (over && dropped_as_duplicate(record)) return;
+  if (record.action != RESPAWN && record.action != SHELL_RESTART) return;
+  if (over) {
+    end_suspension(record, *check);
+  } else {
+    check->next = std::max(check->next, check->deadline(record));
+  }
+}
+
+void tov_alrm_handler(int) {
+  tov_errno_keeper_s keep;
+  self_check_s check{0, tov_self_check_period("tov_alrm_handler"), 0};
+  {
+    tov_chains_guard_t guard(tov_chains);
+    check.now = tov_get_time();
+    tov_chain_for_each(&tov_chains, [&](tov_pid_t &record) {
+      look_after(record, &check);
+      return true;
+    });
+  }
+  if (check.next == 0) return;
+  // For the latest deadline: tasks whose own comes earlier are started together with the last.
+  time_t delay = std::max<time_t>(check.next - check.now, 1);
+  alarm(static_cast<unsigned int>(delay));
+}
+
+void tov_chld_handler(int) {
+  tov_errno_keeper_s keep;
+  // One signal may stand for many children. Only EINTR is no reason to end: an old error number
+  // must neither end the loop early nor keep it going.
+  for (;;) {
+    pid_t reaped = waitpid(-1, nullptr, WNOHANG);
+    if (reaped > 0 || (reaped < 0 && errno == EINTR)) continue;
+    return;
+  }
+}
+
+static void set_disposition(int sig, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  (void)sigaction(sig, &action, nullptr);  // some numbers cannot be changed
+}
+
+void tov_setup_signals(void) {
+  for (int sig = SIGNAL_FIRST; sig <= SIGNAL_LAST; sig++)
+    set_disposition(sig, SIG_IGN);
+  set_disposition(SIGINT, SIG_DFL);
+  set_disposition(SIGALRM, tov_alrm_handler);
+  set_disposition(SIGCHLD, tov_chld_handler);
+}
+
+static void change_mask(int how) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGALRM);
+  sigaddset(&signals, SIGCHLD);
+  pthread_sigmask(how, &signals, nullptr);
+}
+
+void tov_signals_block(void) {
+  change_mask(SIG_BLOCK);
+}
+
+void tov_signals_unblock(void) {
+  change_mask(SIG_UNBLOCK);
+}

@@ -1,0 +1,37 @@
+// Readers of the kernel's /proc files of a process.
+//
+// All of them answer for a process that may vanish, or be replaced by another one under the same
+// id, while they look; they take one look at one file and say what they saw. A process id below 1
+// names no process.
+//
+// Any thread, no state. Only fixed buffers on the stack: nothing here allocates.
+#ifndef TOV_UTIL_PROCFS_H
+#define TOV_UTIL_PROCFS_H
+
+#include <sys/types.h>
+
+// The command line of a process: the path of its executable (/proc/PID/exe) followed by the
+// arguments from the second on (/proc/PID/cmdline), separated by single blanks; argv[0] may hold
+// anything and is not used. One trailing blank is dropped. A line feed within an argument ends the
+// visible text. Only the path comes back when the arguments cannot be read or when fewer than 3
+// bytes would be left for them.
+//   len  size of `buf`; the text is cut to len - 1 bytes, its NUL is always there
+// Returns buf, or null (buf untouched) when there is no executable: a kernel thread, a zombie, a
+// vanished process.
+char *pid_to_cmdline(pid_t pid, char *buf, int len);
+
+// The thread-group id of a task ("Tgid:" of /proc/TASK/status): for a thread id the process that
+// owns the thread, not the parent process. -1 when it cannot be read.
+pid_t tov_get_ppid_form_pid(pid_t pid);
+
+// Copies the name of a task ("Name:" of /proc/TASK/status) into `pid_name` of `len` bytes, cut to
+// len - 1 characters. Returns 0, or -1 (no buffer, no such task, empty name; buffer untouched).
+int tov_get_pid_name(pid_t pid, char *pid_name, int len);
+
+// Tells whether a process lives: 0 when it does, -1 otherwise. Zombies are dead, and so is a
+// process whose first thread has ended while others still run.
+// Says 0 after one look. Before it says -1 it looks three times and sleeps 10 ms after each look,
+// about 30 ms in all, because the answer -1 may start a second copy of the program.
+int process_life(pid_t pid);
+
+#endif  // TOV_UTIL_PROCFS_H

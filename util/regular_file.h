@@ -1,0 +1,65 @@
+// Opening files that may lie under world-writable directories.
+//
+// Most of what the daemon reads and writes lies in directories of mode 0777 without a sticky bit,
+// so anybody can plant a link, a FIFO or a device under a name that we are about to open: a FIFO
+// would block start-up for ever, a link would lead a root process elsewhere. Every file there is
+// therefore opened through this one function. What stands in the place of a file that the daemon
+// cannot do without is removed.
+//
+// A header alone, without a source: the platform services use it too, and they are linked below
+// the daemon's library.
+#ifndef TOV_UTIL_REGULAR_FILE_H
+#define TOV_UTIL_REGULAR_FILE_H
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "util/owner.h"
+
+// Opens a regular file and nothing else; never blocks, never follows a link at the last component,
+// never acquires a terminal. The descriptor is close-on-exec and above the standard streams.
+//   flags  of open(2); O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC are added (O_NONBLOCK means
+//          nothing on a regular file, so it stays set)
+//   mode   for O_CREAT, narrowed by the umask
+// Returns the descriptor, the caller's own, or -1 with errno: that of open(2) (ELOOP: a link;
+// ENXIO: a FIFO or socket) or EINVAL for anything else that is no regular file.
+// Any thread; async-signal-safe.
+inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
+  tov_fd_t fd(tov_fd_above_streams(
+      open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
+  if (fd.n < 0) return -1;
+
+  struct stat found;
+  if (fstat(fd.n, &found) < 0) return -1;
+  if (!S_ISREG(found.st_mode)) {
+    errno = EINVAL;
+    return -1;
+  }
+  return tov_fd_take(fd);
+}
+
+// Removes what stands in the place of a regular file without being one: a link (what it leads to is
+// left alone), a FIFO, a socket, a device, an empty directory.
+// Returns whether something was removed.
+// Any thread; async-signal-safe.
+inline bool tov_clear_file_place(const char *path) {
+  struct stat found;
+  if (lstat(path, &found) < 0 || S_ISREG(found.st_mode)) return false;
+  return (S_ISDIR(found.st_mode) ? rmdir(path) : unlink(path)) == 0;
+}
+
+// The same as a stream; a created file gets mode 0666, narrowed by the umask, as with fopen(3).
+//   flags  of open(2)
+//   how    of fdopen(3), agreeing with `flags`
+// Returns the stream, or an empty owner with errno.
+inline tov_file_t tov_fopen_regular(const char *path, int flags, const char *how) {
+  tov_fd_t fd(tov_open_regular(path, flags, 0666));
+  if (fd.n < 0) return nullptr;
+  tov_file_t file(fdopen(fd.n, how));
+  if (file != nullptr) (void)tov_fd_take(fd);  // the stream closes it
+  return file;
+}
+
+#endif  // TOV_UTIL_REGULAR_FILE_H

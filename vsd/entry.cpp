@@ -1,0 +1,118 @@
+#include "vsd/entry.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "core/run/settings.h"
+#include "include/tov_ras_comp_config.h"
+#include "log/tov_dbg.h"
+#include "platform/tov_platform.h"
+#include "util/tov_utils.h"
+
+enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
+
+static bool device_has_member(int vsd_no, pid_t tid) {
+  char path[64];
+  (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_DIR_FMT, vsd_no);
+  tov_dir_t dir(opendir(path));  // close-on-exec by itself
+  if (!dir) return false;
+  while (const dirent *entry = readdir(dir.get())) {
+    // "db", the registration directory, always stands here and reads as 0.
+    if (tov_atoi(entry->d_name) == tid) return true;
+  }
+  return false;
+}
+
+int find_app(pid_t tid) {
+  if (tid <= 0) return -1;
+  for (int vsd_no = FIND_VSD_FIRST; vsd_no <= FIND_VSD_LAST; vsd_no++) {
+    if (device_has_member(vsd_no, tid)) return vsd_no;
+  }
+  return -1;
+}
+
+void save_proc_info(int vsd_no, pid_t pid) {
+  // The device's run directory is the proof that the device still stands. It is opened, not
+  // entered: the daemon's working directory belongs to all its threads.
+  char path[64];
+  (void)snprintf(path, sizeof path, TOV_VSD_RUN_DIR_FMT, vsd_no);
+  tov_fd_t run_dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (run_dir.n < 0 || faccessat(run_dir.n, ".", X_OK, 0) < 0) return;
+  (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_FMT, vsd_no, pid);
+  tov_fd_t marker(tov_open_regular(path, O_RDWR | O_CREAT, 0754));
+}
+
+void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid) {
+  env->vsd_no = vsd_no;
+  env->gid = static_cast<gid_t>(TOV_VSD_GID_BASE + TOV_VSD_GID_STEP * vsd_no);
+  auto text = [&](int i, const char *format) {
+    (void)snprintf(env->text[i], tov_proc_env_t::TEXT_SIZE, format, vsd_no);
+  };
+  text(0, "QX_CFG_DIR=" TOV_VSD_QX_CFG_DIR_FMT);
+  text(1, "QXOS_DIR=" TOV_VSD_QXOS_DIR_FMT);
+  text(2, "DATA_QXOS_DIR=" TOV_VSD_DATA_DIR_FMT);
+  if (tov_file_exists(TOV_DATA2_DIR)) text(3, "DATA_QXOS_DIR2=" TOV_VSD_DATA2_DIR_FMT);
+  text(4, "TMPDIR=" TOV_VSD_DIR_FMT);
+  (void)snprintf(env->run_dir, sizeof env->run_dir, TOV_VSD_RUN_DIR_FMT, vsd_no);
+  (void)snprintf(env->marker, sizeof env->marker, TOV_VSD_MEMBER_FMT, vsd_no, pid);
+
+  size_t inherited = 0;
+  while (environ != nullptr && environ[inherited] != nullptr)
+    inherited++;
+  env->room = inherited + tov_proc_env_t::SPARE_VARIABLES;
+  env->variables = std::make_unique<char *[]>(env->room + 1);
+}
+
+// Puts "NAME=value" over the variable of that name, or behind the last one.
+static size_t lay_over(char **variables, size_t count, size_t room, char *text) {
+  size_t name_length = static_cast<size_t>(strchr(text, '=') - text) + 1;
+  for (size_t i = 0; i < count; i++) {
+    if (strncmp(variables[i], text, name_length) == 0) {
+      variables[i] = text;
+      return count;
+    }
+  }
+  if (count == room) return count;
+  variables[count] = text;
+  return count + 1;
+}
+
+// The child's environment is what the platform left in `environ` with our variables laid over. It
+// is read only now because the platform's call may have changed it.
+static void take_environment(tov_proc_env_t *env) {
+  size_t count = 0;
+  // Our own five must fit whatever the platform added.
+  size_t copied_room = env->room - tov_proc_env_t::VARIABLES;
+  while (environ != nullptr && environ[count] != nullptr && count < copied_room) {
+    env->variables[count] = environ[count];
+    count++;
+  }
+  for (char *text : env->text) {
+    if (text[0] != '\0') count = lay_over(env->variables.get(), count, env->room, text);
+  }
+  env->variables[count] = nullptr;
+  environ = env->variables.get();
+}
+
+void tov_proc_env_enter(tov_proc_env_t *env) {
+  if (fs_set_vsd_envs(env->vsd_no) < 0) {
+    TOV_DBG_CHILD("set_proc_env: fs set vsd envs fail\n");
+    return;
+  }
+  take_environment(env);
+  if (chdir(env->run_dir) < 0) return;
+  // The bare system call: the library's setgroups() would speak to threads that the fork left
+  // behind.
+  if (syscall(SYS_setgroups, 1, &env->gid) == 0) TOV_DBG_CHILD("setgroups success\n");
+  (void)unlink(env->marker);  // it may never have been there
+}
+
+void set_proc_env(int vsd_no, pid_t pid) {
+  // Never freed: it is the process's environment from here on.
+  auto *env = new tov_proc_env_t;
+  tov_proc_env_prepare(env, vsd_no, pid);
+  tov_proc_env_enter(env);
+}

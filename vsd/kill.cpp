@@ -1,0 +1,73 @@
+// Finding the processes of a device by what the kernel says about their groups.
+//
+// Not by the member files: those name only the processes that were there when somebody wrote them,
+// a process that a member has started since has the group and no file.
+//
+// Threads: any. Losses: a process that is born between the reading of /proc and its end can be
+// missed; the second round of a deletion (SIGKILL) finds it.
+#include "vsd/kill.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "log/tov_dbg.h"
+#include "util/lines.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
+#include "vsd/path.h"
+
+static constexpr size_t STATUS_LINE_MAX = 254;
+static constexpr const char *FUNCTION = "kill_proc_by_groups";
+
+struct wanted_s {
+  int signo;
+  char group[16];  // decimal
+};
+
+static void complain_if_negative(int number, const char *what) {
+  if (number >= 0) return;
+  errno = EINVAL;
+  (void)TOV_VSD_FAILED(FUNCTION, what);
+}
+
+//   match  where the wanted number begins in the line, the number there may go on
+static void send_signal(const wanted_s &wanted, const char *match, const char *name) {
+  const int group = tov_atoi(match);
+  complain_if_negative(group, "atoi fail");
+  const pid_t pid = tov_atoi(name);
+  complain_if_negative(pid, "atoi proc");
+  TOV_DBG("delete vsd: supplement_id: %d pid: %d\n", group, pid);
+  if (pid > 0) (void)kill(pid, wanted.signo);  // it may be gone by now
+}
+
+static void signal_member(const wanted_s &wanted, const char *name) {
+  char path[NAME_MAX + sizeof "/proc//status"];
+  (void)snprintf(path, sizeof path, "/proc/%s/status", name);
+  const tov_fd_t status(open(path, O_RDONLY | O_CLOEXEC));
+  if (status.n < 0) {
+    (void)TOV_VSD_FAILED(FUNCTION, "fopen fail");
+    return;
+  }
+  tov_lines_s lines(status.n, STATUS_LINE_MAX);
+  for (const char *line = lines.next(); line != nullptr; line = lines.next()) {
+    if (strstr(line, "Groups:") == nullptr) continue;
+    const char *match = strstr(line, wanted.group);
+    if (match != nullptr) send_signal(wanted, match, name);
+  }
+}
+
+int kill_proc_by_groups(int signo, int supplement_id) {
+  const tov_dir_t proc(opendir("/proc/"));
+  if (!proc) return TOV_VSD_FAILED(__func__, "opendir fail");
+  wanted_s wanted = {signo, {}};
+  (void)snprintf(wanted.group, sizeof wanted.group, "%d", supplement_id);
+  while (const dirent *entry = readdir(proc.get()))
+    if (sisdigit(entry->d_name) == 0) signal_member(wanted, entry->d_name);
+  return 0;
+}
