@@ -137,7 +137,7 @@ endforeach()
 
 # The tests that look at the product look at the one of this build.
 if(TOV_TESTS)
-  foreach(test unit_public_symbols_test unit_installed_client_test)
+  foreach(test product_public_symbols product_installed_client)
     cmake_language(EVAL CODE
       "cmake_language(DEFER CALL add_dependencies ${test} tov_shared tov_archive)")
   endforeach()

@@ -1,0 +1,491 @@
+// Registration files, the writing side: names, content, locks, the table of kept descriptors, and
+// what may stand in the place of a file.
+#include "client/tov_pidfile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/caught_diagnostics.h"
+#include "tests/support/in_child.h"
+#include "tests/support/private_root.h"
+
+namespace {
+
+class private_root_env : public testing::Environment {
+ public:
+  void SetUp() override { tov_test::enter_private_root(); }
+};
+const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
+
+constexpr char FOO[] = "/usr/sbin/foo -d";
+constexpr char FOO_FILE[] = "/tmp/vsd/0/tov/db/foo.812";
+
+// Read by another process: a look of our own would drop the lock when it closes the file.
+std::string content_of(const std::string &path) {
+  std::string text;
+  FILE *reader = popen(("cat " + path).c_str(), "re");
+  for (int c = getc(reader); c != EOF; c = getc(reader))
+    text += static_cast<char>(c);
+  pclose(reader);
+  return text;
+}
+
+// Whether another process could lock the file now, that is, its writer is gone.
+bool others_can_lock(const char *path) {
+  bool granted = false;
+  int answer[2];
+  EXPECT_EQ(pipe(answer), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    const char letter = fd >= 0 && fcntl(fd, F_SETLK, &whole) == 0 ? 'y' : 'n';
+    (void)!write(answer[1], &letter, 1);
+    tov_test::leave_child(0);
+  }
+  char letter = 0;
+  EXPECT_EQ(read(answer[0], &letter, 1), 1);
+  granted = letter == 'y';
+  waitpid(child, nullptr, 0);
+  close(answer[0]);
+  close(answer[1]);
+  return granted;
+}
+
+int descriptor_count() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; fd++)
+    count += fcntl(fd, F_GETFD) >= 0;
+  return count;
+}
+
+// Those that an exec would hand on.
+int inherited_descriptor_count() {
+  int count = 0;
+  for (int fd = 0; fd < 1024; fd++) {
+    const int flags = fcntl(fd, F_GETFD);
+    count += flags >= 0 && (flags & FD_CLOEXEC) == 0;
+  }
+  return count;
+}
+
+tov_pid_t *record_of(int vsd_id, int pid, const char *process) {
+  static tov_pid_t record;
+  record = {};
+  record.vsd_id = vsd_id;
+  record.pid = pid;
+  snprintf(record.process, sizeof record.process, "%s", process);
+  return &record;
+}
+
+class TovPidfile : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(system("rm -rf /tmp/vsd && mkdir -p /tmp/vsd/0/tov/db /tmp/vsd/3/tov/db"), 0);
+  }
+  // Locks of one test must not reach into the next one.
+  void TearDown() override { tov_pidfile_forget_locks(); }
+};
+
+}  // namespace
+
+// ---- names ---------------------------------------------------------------------------------
+
+TEST(TovGetDbFileName, ProgramIsTheLastComponentOfTheFirstWord) {
+  const struct {
+    const char *cmdline;
+    const char *name;
+  } cases[] = {
+      {"/usr/sbin/foo -d", "foo.812"},
+      {"/usr/sbin/foo", "foo.812"},
+      {"foo", "foo.812"},
+      {"foo -c /etc/x", "foo.812"},
+      {"/opt/foo -c /etc/x", "foo.812"},
+      {"/opt/my dir/foo", "my.812"},  // odd, but the same in daemon and client
+      {"/opt/foo/", ".812"},
+      {" /opt/foo", ".812"},
+      {"", ".812"},
+      {"/opt/f%n", "f%n.812"},
+      {"/opt/foo\t-d", "foo\t-d.812"},
+  };
+  for (const auto &c : cases) {
+    char name[256];
+    tov_get_db_file_name(0, 812, c.cmdline, name, sizeof name);
+    EXPECT_EQ(std::string(name), std::string("/tmp/vsd/0/tov/db/") + c.name) << c.cmdline;
+  }
+}
+
+TEST(TovGetDbFileName, NumbersOfDeviceAndProcess) {
+  char name[256];
+  tov_get_db_file_name(15, 4194304, "/bin/x", name, sizeof name);
+  EXPECT_STREQ(name, "/tmp/vsd/15/tov/db/x.4194304");
+}
+
+TEST(TovGetDbFileName, IsCutToTheBuffer) {
+  char name[300];
+  memset(name, '#', sizeof name);
+  tov_get_db_file_name(0, 812, std::string(400, 'n').c_str(), name, 256);
+  EXPECT_EQ(strlen(name), 255u);
+  EXPECT_EQ(name[256], '#');
+  tov_get_db_file_name(0, 812, FOO, name, 10);
+  EXPECT_STREQ(name, "/tmp/vsd/");
+  name[0] = '#';
+  tov_get_db_file_name(0, 812, FOO, name, 0);
+  EXPECT_EQ(name[0], '#');
+}
+
+// ---- writing -------------------------------------------------------------------------------
+
+TEST_F(TovPidfile, FileHoldsIdActionAndCommandLine) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, ModeIsForEverybodyLessTheUmask) {
+  const mode_t old = umask(027);
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  umask(old);
+  struct stat status {};
+  ASSERT_EQ(stat(FOO_FILE, &status), 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0750u);
+}
+
+TEST_F(TovPidfile, DescriptorIsKeptAndCloseOnExec) {
+  const int before = descriptor_count();
+  const int inherited_before = inherited_descriptor_count();
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(descriptor_count(), before + 1);
+  EXPECT_EQ(inherited_descriptor_count(), inherited_before);
+}
+
+TEST_F(TovPidfile, FileIsLockedForAsLongAsTheProcessLives) {
+  tov_test::helper_process_s client([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0); });
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  client.end();
+  EXPECT_TRUE(others_can_lock(FOO_FILE));
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, SecondRegistrationRewritesUnderTheSameLock) {
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, "/usr/sbin/foo -d -with -many -words"), 0);
+  const int count = descriptor_count();
+  for (int i = 0; i < 100; i++)
+    EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(descriptor_count(), count);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+}
+
+// A second descriptor would drop the lock when it, or the first one, is closed. The owner that is
+// set here belongs to the open file and tells whether it still is the same one.
+TEST_F(TovPidfile, FileIsRewrittenThroughTheFirstDescriptor) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  int kept = -1;
+  for (int fd = 3; fd < 1024 && kept < 0; fd++) {
+    char path[256] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    if (readlink(link.c_str(), path, sizeof path - 1) > 0 && strstr(path, "foo.812") != nullptr)
+      kept = fd;
+  }
+  ASSERT_GE(kept, 0);
+  ASSERT_EQ(fcntl(kept, F_SETOWN, getpid()), 0);
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), 0);
+  EXPECT_EQ(fcntl(kept, F_GETOWN), getpid());
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, ReplacedFileIsLockedAnew) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  const int count = descriptor_count();
+  ASSERT_EQ(rename(FOO_FILE, "/tmp/vsd/0/tov/db/old"), 0);
+  std::ofstream(FOO_FILE) << "somebody else's";
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), 0);
+  EXPECT_EQ(descriptor_count(), count);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/old"), "812\n2\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_TRUE(others_can_lock("/tmp/vsd/0/tov/db/old"));
+}
+
+TEST_F(TovPidfile, RemovedFileIsMadeAnew) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  const int count = descriptor_count();
+  ASSERT_EQ(unlink(FOO_FILE), 0);
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(descriptor_count(), count);
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+}
+
+TEST_F(TovPidfile, FileThatAnotherProcessHoldsIsRewrittenAndReleased) {
+  tov_test::helper_process_s owner([] { tov_db_create(0, 812, RESPAWN, FOO); });
+  const int before = descriptor_count();
+  int result = -1;
+  const std::string said = tov_test::caught_diagnostics(
+      TOV_MODULE_PUB, [&] { result = tov_db_create(0, 812, SHELL_RESTART, FOO); });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(descriptor_count(), before);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_NE(said.find(std::string("]tov_db_create: file ") + FOO_FILE +
+                      " fd < 0: Resource temporarily unavailable\n"),
+            std::string::npos)
+      << said;
+}
+
+TEST_F(TovPidfile, DiagnosticNamesDeviceCommandLineAndFile) {
+  const std::string said =
+      tov_test::caught_diagnostics(TOV_MODULE_PUB, [] { tov_db_create(0, 812, RESPAWN, FOO); });
+  EXPECT_NE(
+      said.find("]tov_db_create vsd:0 path:/usr/sbin/foo -d file:/tmp/vsd/0/tov/db/foo.812\n"),
+      std::string::npos)
+      << said;
+}
+
+TEST_F(TovPidfile, MissingDirectoryFailsTheRegistration) {
+  int result = 0;
+  const std::string said = tov_test::caught_diagnostics(
+      TOV_MODULE_PUB, [&] { result = tov_db_create(9, 812, RESPAWN, FOO); });
+  EXPECT_EQ(result, -1);
+  EXPECT_NE(said.find("]tov_db_create: fd < 0: No such file or directory\n"), std::string::npos)
+      << said;
+}
+
+TEST_F(TovPidfile, PlantedFilesOfOtherKindsAreRefused) {
+  std::ofstream("/tmp/victim") << "precious";
+  const int before = descriptor_count();
+  const struct {
+    const char *how;
+    const char *command;
+  } plants[] = {
+      {"symbolic link", "ln -s /tmp/victim /tmp/vsd/0/tov/db/foo.812"},
+      {"dangling link", "ln -s /tmp/nobody /tmp/vsd/0/tov/db/foo.812"},
+      {"FIFO", "mkfifo /tmp/vsd/0/tov/db/foo.812"},
+      {"directory", "mkdir /tmp/vsd/0/tov/db/foo.812"},
+      {"device", "mknod /tmp/vsd/0/tov/db/foo.812 c 1 3"},
+  };
+  for (const auto &plant : plants) {
+    ASSERT_EQ(system(plant.command), 0);
+    EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), -1) << plant.how;
+    ASSERT_EQ(system("rm -rf /tmp/vsd/0/tov/db/foo.812"), 0);
+  }
+  EXPECT_EQ(descriptor_count(), before);
+  EXPECT_EQ(content_of("/tmp/victim"), "precious");
+  EXPECT_NE(access("/tmp/nobody", F_OK), 0);
+}
+
+TEST_F(TovPidfile, KeptFileReplacedByALinkIsRefused) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  const int count = descriptor_count();
+  ASSERT_EQ(rename(FOO_FILE, "/tmp/victim"), 0);
+  ASSERT_EQ(symlink("/tmp/victim", FOO_FILE), 0);
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), -1);
+  EXPECT_EQ(descriptor_count(), count - 1);  // the old lock protects nothing any more
+  EXPECT_EQ(content_of("/tmp/victim"), "812\n2\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, UnwritableFileStillRegisters) {
+  tov_test::in_child([] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit nothing{0, 0};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &nothing), 0);
+    EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  });
+  EXPECT_EQ(content_of(FOO_FILE), "");
+}
+
+TEST_F(TovPidfile, OverlongCommandLineIsCut) {
+  const std::string cmdline = "/bin/x " + std::string(6000, 'a');
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, cmdline.c_str()), 0);
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/x.812"), "812\n2\n" + cmdline.substr(0, 4095));
+}
+
+// ---- requests and members ------------------------------------------------------------------
+
+TEST_F(TovPidfile, RequestChoosesTheAction) {
+  tov_msg_xtach_t request{};
+  request.pid = 812;
+  snprintf(request.pathname, sizeof request.pathname, "%s", FOO);
+  const struct {
+    int type;
+    const char *text;
+  } cases[] = {{TOV_RESTART, "812\n2\n/usr/sbin/foo -d"},
+               {TOV_SHELL_RESTART, "812\n3\n/usr/sbin/foo -d"},
+               {TOV_MSG_ACK, "812\n3\n/usr/sbin/foo -d"}};
+  for (const auto &c : cases) {
+    EXPECT_EQ(tov_mk_pidfile(&request, c.type), 0);
+    EXPECT_EQ(content_of(FOO_FILE), c.text);
+  }
+}
+
+TEST_F(TovPidfile, RequestWithAFullPathnameIsReadToItsEnd) {
+  tov_msg_xtach_t request{};
+  request.pid = 812;
+  memset(request.pathname, 'a', sizeof request.pathname);  // no terminator
+  memcpy(request.pathname, "/x ", 3);
+  request.grp[0] = 'G';
+  EXPECT_EQ(tov_mk_pidfile(&request, TOV_RESTART), 0);
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/x.812"), "812\n2\n/x " + std::string(253, 'a'));
+}
+
+TEST_F(TovPidfile, MemberFileOnlyForProcessesOfADevice) {
+  tov_msg_xtach_t request{};
+  request.pid = 812;
+  snprintf(request.pathname, sizeof request.pathname, "%s", FOO);
+  EXPECT_EQ(tov_mk_pidfile(&request, TOV_RESTART), 0);
+  EXPECT_NE(access("/tmp/vsd/0/tov/812", F_OK), 0);
+
+  request.vsd_id = 3;
+  const int count = descriptor_count();
+  EXPECT_EQ(tov_mk_pidfile(&request, TOV_RESTART), 0);
+  EXPECT_EQ(descriptor_count(), count + 1);  // the registration file's, not the member file's
+  struct stat status {};
+  ASSERT_EQ(stat("/tmp/vsd/3/tov/812", &status), 0);
+  EXPECT_EQ(status.st_size, 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0755u);
+  EXPECT_EQ(content_of("/tmp/vsd/3/tov/db/foo.812"), "812\n2\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, FailedFileLeavesNoMemberAndIsReported) {
+  tov_msg_xtach_t request{};
+  request.pid = 812;
+  request.vsd_id = 3;
+  snprintf(request.pathname, sizeof request.pathname, "%s", FOO);
+  ASSERT_EQ(rmdir("/tmp/vsd/3/tov/db"), 0);
+  int result = 0;
+  const std::string said = tov_test::caught_diagnostics(
+      TOV_MODULE_PUB, [&] { result = tov_mk_pidfile(&request, TOV_RESTART); });
+  EXPECT_EQ(result, -1);
+  EXPECT_NE(said.find("]tov_mk_pidfile: tov create db failed! (ret=-1)\r\n"), std::string::npos)
+      << said;
+  EXPECT_NE(access("/tmp/vsd/3/tov/812", F_OK), 0);
+}
+
+TEST_F(TovPidfile, MemberFileErrorsAreIgnored) {
+  save_vsd_flag(9, 812);  // no such device
+  ASSERT_EQ(symlink("/tmp/nobody", "/tmp/vsd/3/tov/812"), 0);
+  save_vsd_flag(3, 812);
+  EXPECT_NE(access("/tmp/nobody", F_OK), 0);
+  ASSERT_EQ(mkfifo("/tmp/vsd/3/tov/813", 0644), 0);
+  save_vsd_flag(3, 813);
+}
+
+// ---- removing ------------------------------------------------------------------------------
+
+TEST_F(TovPidfile, DestroyRemovesTheFileAndClosesOurDescriptor) {
+  const int before = descriptor_count();
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_create(0, 813, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_create(0, 814, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_destroy(record_of(0, 813, FOO)), 0);
+  EXPECT_EQ(descriptor_count(), before + 2);
+  EXPECT_NE(access("/tmp/vsd/0/tov/db/foo.813", F_OK), 0);
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_FALSE(others_can_lock("/tmp/vsd/0/tov/db/foo.814"));
+  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), 0);
+  EXPECT_EQ(tov_db_destroy(record_of(0, 814, FOO)), 0);
+  EXPECT_EQ(descriptor_count(), before);
+}
+
+TEST_F(TovPidfile, DestroyRemovesAnotherProcessesFile) {
+  tov_test::helper_process_s client([] { tov_db_create(0, 812, RESPAWN, FOO); });
+  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), 0);
+  EXPECT_NE(access(FOO_FILE, F_OK), 0);
+}
+
+TEST_F(TovPidfile, DestroyOfAMissingFileTellsWhy) {
+  errno = 0;
+  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(TovPidfile, DestroyKeepsTheErrorWhileItCloses) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  const int count = descriptor_count();
+  ASSERT_EQ(unlink(FOO_FILE), 0);
+  errno = 0;
+  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(descriptor_count(), count - 1);
+}
+
+TEST_F(TovPidfile, DestroyReadsAFullProcessFieldToItsEnd) {
+  tov_pid_t *record = record_of(0, 812, "");
+  memset(record->process, 'a', sizeof record->process);  // no terminator
+  memcpy(record->process, "/usr/sbin/foo ", 14);
+  memset(record->grp, 'G', sizeof record->grp);
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_destroy(record), 0);
+}
+
+TEST_F(TovPidfile, OldNameHasNoProgram) {
+  std::ofstream("/tmp/vsd/3/tov/db/812") << "";
+  EXPECT_EQ(tov_rm_pidfile(record_of(3, 812, FOO)), 0);
+  EXPECT_NE(access("/tmp/vsd/3/tov/db/812", F_OK), 0);
+  EXPECT_EQ(tov_rm_pidfile(record_of(3, 812, FOO)), -1);
+}
+
+// ---- fork and threads ----------------------------------------------------------------------
+
+TEST_F(TovPidfile, ForkedChildForgetsAndTheParentsLockStays) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  const int count = descriptor_count();
+  tov_test::in_child([count] {
+    tov_pidfile_forget_locks();
+    EXPECT_EQ(descriptor_count(), count - 1);
+    // The parent lives, so the child's own registration of that file is refused the lock.
+    EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+    EXPECT_EQ(descriptor_count(), count - 1);
+    EXPECT_EQ(tov_db_create(0, 900, RESPAWN, FOO), 0);
+    EXPECT_EQ(descriptor_count(), count);
+  });
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_TRUE(others_can_lock("/tmp/vsd/0/tov/db/foo.900"));
+}
+
+TEST_F(TovPidfile, ThreadsRegisterSideBySide) {
+  constexpr int THREADS = 4;
+  constexpr int ROUNDS = 50;
+  const int before = descriptor_count();
+  std::vector<std::thread> threads;
+  threads.reserve(THREADS);
+  for (int t = 0; t < THREADS; t++)
+    threads.emplace_back([t] {
+      tov_pid_t own{};
+      own.pid = 1000 + t;
+      snprintf(own.process, sizeof own.process, "%s", FOO);
+      for (int i = 0; i < ROUNDS; i++) {
+        EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);  // all of them the same one
+        EXPECT_EQ(tov_db_create(0, own.pid, SHELL_RESTART, FOO), 0);
+        EXPECT_EQ(tov_db_destroy(&own), 0);
+      }
+    });
+  for (auto &thread : threads)
+    thread.join();
+  EXPECT_EQ(descriptor_count(), before + 1);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+}
+
+TEST_F(TovPidfile, WithoutDescriptorsTheRegistrationFails) {
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  const rlimit none{0, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int result = tov_db_create(0, 812, RESPAWN, FOO);
+  setrlimit(RLIMIT_NOFILE, &old);
+  EXPECT_EQ(result, -1);
+}

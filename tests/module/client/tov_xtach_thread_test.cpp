@@ -1,0 +1,295 @@
+// Watched threads: registering, staying alive, leaving, exemption.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alive/tov_sys_alive.h"
+#include "client/tov_rpc.h"
+#include "include/tov_xtach.h"
+#include "log/tov_dbg.h"
+#include "tests/module/fake_daemon.h"
+#include "tests/module/private_root.h"
+#include "tests/support/files.h"
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using tov_test::FakeDaemon;
+using tov_test::Manners;
+using tov_test::RefusingSocket;
+using tov_test::Request;
+
+// The kernel of the test machine gives no thread an id beyond the shared area, so the library under
+// test is told one.
+static pid_t pretended_tid = 0;
+extern "C" pid_t gettid() noexcept {
+  return pretended_tid != 0 ? pretended_tid : static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+namespace {
+
+constexpr unsigned int PERIOD = 8;
+constexpr unsigned int COUNT = 9;
+
+class TovXtachThread : public testing::Test {
+ protected:
+  TovXtachThread() {
+    mkdir(TOV_RUN_DIR, 0777);
+    unlink(TOV_DEBUG_PID_FILE);
+    setenv("DATA_QXOS_DIR", "/data/none", 1);
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+    pretended_tid = 0;
+    EXPECT_EQ(tov_sys_init_alive_info(false), 0);
+    tov_sys_unreg_alive_info(gettid());
+  }
+  ~TovXtachThread() override {
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+    pretended_tid = 0;
+  }
+  static int reg() { return tov_client_reg_thread_notify(getpid(), gettid(), PERIOD, COUNT); }
+  static int reset() { return tov_client_reset_thread_notify(getpid(), gettid(), PERIOD, COUNT); }
+};
+
+// ---- registering
+// ----------------------------------------------------------------------------------
+
+TEST_F(TovXtachThread, PeriodOnlyChoosesByBeingOddOrEven) {
+  FakeDaemon daemon;
+  EXPECT_EQ(tov_client_reg_thread_notify(getpid(), gettid(), 7, 9), 0);
+  EXPECT_EQ(tov_client_reg_thread_notify(getpid(), gettid(), 8, 9), 0);
+  const std::vector<Request> requests = daemon.requests(2);
+  ASSERT_EQ(requests.size(), 2u);
+  const auto odd = requests[0].payload<tov_msg_xtach_t>();
+  EXPECT_EQ(odd.m_n_notify_time, 180u);
+  EXPECT_EQ(odd.m_n_counter, 4u);
+  EXPECT_EQ(odd.m_n_cur_counter, 4u);
+  const auto even = requests[1].payload<tov_msg_xtach_t>();
+  EXPECT_EQ(even.m_n_notify_time, 120u);
+  EXPECT_EQ(even.m_n_counter, 5u);
+  EXPECT_EQ(even.m_n_cur_counter, 5u);
+}
+
+TEST_F(TovXtachThread, RegistrationNamesThreadAndOwner) {
+  FakeDaemon daemon;
+  std::thread([] { EXPECT_EQ(reg(), 0); }).join();
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_ACK));
+  EXPECT_TRUE(request.answered);
+  const auto payload = request.payload<tov_msg_xtach_t>();
+  EXPECT_NE(payload.pid, getpid());
+  EXPECT_GT(payload.pid, 0);
+  EXPECT_EQ(payload.ppid, getpid());
+  EXPECT_EQ(payload.m_n_cur_notify_time, 0u);
+  EXPECT_EQ(payload.restart_time, 0);
+  EXPECT_STREQ(payload.pathname, "");
+  EXPECT_STREQ(payload.grp, "");
+}
+
+TEST_F(TovXtachThread, MissingArgumentsAreRefusedWithoutARequest) {
+  FakeDaemon daemon;
+  const pid_t pid = getpid();
+  const pid_t tid = gettid();
+  CaptureStdout();
+  for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
+    EXPECT_EQ(call(0, tid, PERIOD, COUNT), -1);
+    EXPECT_EQ(call(-1, tid, PERIOD, COUNT), -1);
+    EXPECT_EQ(call(pid, 0, PERIOD, COUNT), -1);
+    EXPECT_EQ(call(pid, tid, 0, COUNT), -1);
+    EXPECT_EQ(call(pid, tid, PERIOD, 0), -1);
+  }
+  const std::string printed = GetCapturedStdout();
+  EXPECT_NE(
+      printed.find("]parameter error(pid:-1, tid:" + std::to_string(tid) + ", time:8, count:9)!\n"),
+      std::string::npos);
+  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
+}
+
+TEST_F(TovXtachThread, OnlyTheThreadItselfMaySpeakForIt) {
+  FakeDaemon daemon;
+  const pid_t pid = getpid();
+  const pid_t tid = gettid();
+  CaptureStdout();
+  for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
+    EXPECT_EQ(call(pid, tid + 1, PERIOD, COUNT), -1);
+    EXPECT_EQ(call(pid + 1, tid, PERIOD, COUNT), -1);
+    EXPECT_EQ(call(pid, -5, PERIOD, COUNT), -1);
+    std::thread([&] { EXPECT_EQ(call(pid, tid, PERIOD, COUNT), -1); }).join();
+  }
+  const std::string ids = std::to_string(pid) + ", tid:" + std::to_string(tid + 1) +
+                          ", cur_pid:" + std::to_string(pid) + ", cur_tid:" + std::to_string(tid);
+  EXPECT_NE(GetCapturedStdout().find("]not cur task reg!(pid:" + ids + ")!\n"), std::string::npos);
+  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
+}
+
+TEST_F(TovXtachThread, AbsentDaemonIsNoFailure) {
+  RefusingSocket refusing;
+  EXPECT_EQ(reg(), 0);
+}
+
+TEST_F(TovXtachThread, BrokenExchangeIsAFailure) {
+  FakeDaemon daemon(Manners{.hang_up = 1});
+  CaptureStdout();
+  EXPECT_EQ(reg(), -1);
+  EXPECT_NE(GetCapturedStdout().find("]reg thread notify err(ret:-1)!\n"), std::string::npos);
+}
+
+TEST_F(TovXtachThread, NoProcVariantIgnoresAbort) {
+  FakeDaemon daemon;
+  const pid_t child = fork();
+  if (child == 0) {
+    const int ret = tov_client_reg_thread_notify_no_proc(getpid(), gettid(), PERIOD, COUNT);
+    struct sigaction now {};
+    sigaction(SIGABRT, nullptr, &now);
+    raise(SIGABRT);
+    _exit(ret == 0 && now.sa_handler == SIG_IGN ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(daemon.only_request().payload<tov_msg_xtach_t>().ppid, child);
+}
+
+TEST_F(TovXtachThread, PlainRegistrationLeavesSignalsAlone) {
+  FakeDaemon daemon;
+  EXPECT_EQ(reg(), 0);
+  for (const int number : {SIGABRT, SIGPIPE, SIGALRM, SIGCHLD}) {
+    struct sigaction now {};
+    sigaction(number, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL) << number;
+  }
+}
+
+// ---- staying alive
+// ----------------------------------------------------------------------------------
+
+TEST_F(TovXtachThread, SignOfLifeAdvancesTheByteAndSendsNothing) {
+  FakeDaemon daemon;
+  tov_sys_reg_alive_info(gettid());
+  EXPECT_EQ(tov_sys_get_alive_seq(gettid()), 1);
+  EXPECT_EQ(reset(), 0);
+  EXPECT_EQ(reset(), 0);
+  EXPECT_EQ(tov_sys_get_alive_seq(gettid()), 3);
+  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
+}
+
+TEST_F(TovXtachThread, UnknownThreadRegistersAfreshWithTheCallersNumbers) {
+  FakeDaemon daemon;
+  CaptureStdout();
+  EXPECT_EQ(tov_client_reset_thread_notify(getpid(), gettid(), 7, 3), 0);
+  EXPECT_NE(GetCapturedStdout().find("]reg alive info(pid:" + std::to_string(getpid()) +
+                                     ", tid:" + std::to_string(gettid()) + ", time:7, count:3)!\n"),
+            std::string::npos);
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_ACK));
+  EXPECT_EQ(request.payload<tov_msg_xtach_t>().m_n_notify_time, 180u);
+}
+
+TEST_F(TovXtachThread, SignOfLifeDoesNotWaitForAnotherThreadsRequest) {
+  FakeDaemon daemon(Manners{.think = 4s});
+  tov_sys_reg_alive_info(gettid());
+  std::thread busy([] { tov_rpc(TOV_RESTART, nullptr, nullptr, 0, true, true); });
+  std::this_thread::sleep_for(200ms);
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(reset(), 0);
+  EXPECT_LT(steady_clock::now() - begin, 2s);
+  busy.join();
+}
+
+TEST_F(TovXtachThread, ExemptThreadDoesNothing) {
+  FakeDaemon daemon;
+  tov_sys_reg_alive_info(gettid());
+  tov_test::write_file(TOV_DEBUG_PID_FILE, "1\n" + std::to_string(gettid()) + "\n");
+  EXPECT_EQ(reset(), 0);
+  EXPECT_EQ(tov_sys_get_alive_seq(gettid()), 1);
+  tov_sys_unreg_alive_info(gettid());
+  EXPECT_EQ(reset(), 0);
+  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
+}
+
+TEST_F(TovXtachThread, ThreadBeyondTheSharedAreaSendsAMessage) {
+  FakeDaemon daemon(Manners{.answer = false});
+  pretended_tid = TOV_ALIVE_ID_COUNT;
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(reset(), 0);
+  EXPECT_LT(steady_clock::now() - begin, 1s) << "nothing is waited for";
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESET));
+  const auto payload = request.payload<tov_msg_xtach_t>();
+  EXPECT_EQ(payload.pid, TOV_ALIVE_ID_COUNT);
+  EXPECT_EQ(payload.ppid, getpid());
+  EXPECT_EQ(payload.m_n_notify_time, 120u);
+  EXPECT_EQ(payload.m_n_counter, 5u);
+  EXPECT_EQ(payload.m_n_cur_counter, 5u);
+  EXPECT_EQ(payload.m_n_cur_notify_time, 0u);
+}
+
+TEST_F(TovXtachThread, BudgetOfTheExemptionFileTravelsInTheMessage) {
+  FakeDaemon daemon;
+  pretended_tid = TOV_ALIVE_ID_COUNT + 5;
+  tov_test::write_file(TOV_DEBUG_PID_FILE, "77 1\n" + std::to_string(getpid()) + " 42\n");
+  EXPECT_EQ(tov_client_reset_thread_notify(getpid(), gettid(), 7, 9), 0);
+  const auto payload = daemon.only_request().payload<tov_msg_xtach_t>();
+  EXPECT_EQ(payload.m_n_counter, 42u);
+  EXPECT_EQ(payload.m_n_cur_counter, 42u);
+  EXPECT_EQ(payload.m_n_notify_time, 180u);
+}
+
+TEST_F(TovXtachThread, MessageWithoutADaemonStillReturnsZero) {
+  RefusingSocket refusing;
+  pretended_tid = TOV_ALIVE_ID_COUNT;
+  EXPECT_EQ(reset(), 0);
+}
+
+TEST_F(TovXtachThread, SignOfLifeDoesNotReadTheDebugFile) {
+  std::filesystem::create_directories("/data/cfg/qx_utils");
+  tov_test::write_file("/data/cfg/qx_utils/qx_utils_dbg_cfg.txt", "g_tov_pub_dbg_level 0\n");
+  setenv("DATA_QXOS_DIR", "/data/cfg", 1);
+  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+  FakeDaemon daemon;
+  tov_sys_reg_alive_info(gettid());
+  EXPECT_EQ(reset(), 0);
+  EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_END);
+  CaptureStdout();
+  EXPECT_EQ(reg(), 0);
+  GetCapturedStdout();
+  EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
+}
+
+// ---- leaving
+// ------------------------------------------------------------------------------------------
+
+TEST_F(TovXtachThread, UnregisteringNamesTheThread) {
+  FakeDaemon daemon;
+  EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0);
+  const Request request = daemon.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_CONS));
+  EXPECT_EQ(request.payload<tov_msg_cons_t>().event, TOV_UNREG_THREAD_NOTIFY);
+  EXPECT_EQ(request.payload<tov_msg_cons_t>().pid, 4711);
+  EXPECT_TRUE(request.answered);
+}
+
+TEST_F(TovXtachThread, UnregisteringThreadZeroIsToldAndSentAllTheSame) {
+  FakeDaemon daemon;
+  CaptureStdout();
+  EXPECT_EQ(tov_client_unreg_thread_notify(0), 0);
+  EXPECT_NE(GetCapturedStdout().find("]parameter error\n"), std::string::npos);
+  EXPECT_EQ(daemon.only_request().payload<tov_msg_cons_t>().pid, 0);
+}
+
+TEST_F(TovXtachThread, UnregisteringWithoutADaemonReturnsZeroAfterOneAttempt) {
+  RefusingSocket refusing;
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0);
+  EXPECT_LT(steady_clock::now() - begin, 900ms);
+}
+
+}  // namespace

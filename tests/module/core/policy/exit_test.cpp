@@ -1,0 +1,623 @@
+// The decision after the exit of a supervised process.
+#include "core/policy/exit.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "tests/module/fake_sleep.h"
+#include "tests/module/refused_calls.h"
+#include "tests/module/supervision.h"
+#include "util/priority.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using tov_test::Birth;
+using tov_test::FakeDaemon;
+using tov_test::GONE;
+using tov_test::helper_process_s;
+using tov_test::Program;
+using tov_test::TemporaryFile;
+using tov_test::write_file;
+
+static constexpr int KILLED = SIGKILL;
+static constexpr int CLEAN = 0;
+
+namespace {
+
+class TovHandleExit : public tov_test::Supervision {
+ protected:
+  void SetUp() override {
+    Supervision::SetUp();
+    tov_test::note_sleeps(true);
+  }
+  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+};
+
+class TovExitDuplicates : public TovHandleExit {};
+class TovExitStops : public TovHandleExit {};
+class TovExitDeferral : public TovHandleExit {};
+class TovExitThirdPart : public TovHandleExit {};
+
+// Holds the lock on a registration file as a process that has not ended yet does.
+helper_process_s holder_of(const std::string &path) {
+  return helper_process_s([&] {
+    const int fd = open(path.c_str(), O_RDWR);
+    if (fd < 0 || lock_file(fd) != 0) _exit(1);
+  });
+}
+
+}  // namespace
+
+// ---- who is concerned -----------------------------------------------------------------------
+
+TEST_F(TovHandleExit, UnregisteredProcessIsLeftAlone) {
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_THAT(notices(), IsEmpty());
+  EXPECT_THAT(events(TOV_LOG_RESTART), IsEmpty());
+}
+
+TEST_F(TovHandleExit, LivingProcessIsLeftAlone) {
+  const Program program("living");
+  const pid_t pid = tov_test::start(program.path);
+  tov_pid_t *record = add(pid, program.path);
+  tov_handle_netlink_exit(pid, KILLED, 0);
+  EXPECT_EQ(find(pid), record);
+  EXPECT_EQ(record->exit_signal, 0);
+  EXPECT_THAT(events(TOV_LOG_RESTART), IsEmpty());
+}
+
+TEST_F(TovHandleExit, OldestRecordOfTheProcessIsTheOneThatCounts) {
+  const Program program("oldest");
+  tov_pid_t *oldest = add(GONE, program.path);
+  const tov_pid_t *newest = add(GONE, "/opt/other", NORMAL_EXIT);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(oldest->pid, program.birth().pid);
+  EXPECT_EQ(newest->pid, GONE);
+}
+
+TEST_F(TovHandleExit, SuspendedTaskWaitsForItsAlarm) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  record->alarm_wait_flag = 1;
+  add(GONE + 1, "/opt/thread", RESPAWN, 0, tov_alive_chains)->ppid = GONE;
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(find(GONE), record);
+  EXPECT_EQ(record->exit_signal, 0);
+  EXPECT_EQ(count(tov_alive_chains), 1);  // not even that
+}
+
+TEST_F(TovHandleExit, ThreadRegistrationsOfTheProcessGo) {
+  add(GONE, "/opt/a", NORMAL_EXIT);
+  add(GONE + 1, "/opt/thread", RESPAWN, 0, tov_alive_chains)->ppid = GONE;
+  add(GONE + 2, "/opt/thread", RESPAWN, 0, tov_alive_chains)->ppid = GONE;
+  add(GONE + 3, "/opt/thread", RESPAWN, 0, tov_alive_chains)->ppid = GONE + 7;
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(count(tov_alive_chains), 1);
+  EXPECT_NE(find(GONE + 3, tov_alive_chains), nullptr);
+}
+
+TEST_F(TovHandleExit, ExpectedAndIgnoredExitsChangeNothing) {
+  for (const int action : {int{NORMAL_EXIT}, int{IGNORE_EXIT}, 0, 7}) {
+    tov_pid_t *record = add(GONE + action, "/opt/a" + std::to_string(action), action);
+    const std::string file = write_file_of(*record);
+    tov_handle_netlink_exit(GONE + action, KILLED, 1);
+    EXPECT_EQ(find(GONE + action), record);
+    EXPECT_EQ(record->exit_signal, KILLED);
+    EXPECT_EQ(record->force_restart, 1);
+    EXPECT_TRUE(exists(file));
+  }
+  EXPECT_THAT(notices(), IsEmpty());
+}
+
+// ---- restart --------------------------------------------------------------------------------
+
+TEST_F(TovHandleExit, CommandLineIsExecutedAgain) {
+  const Program program("executed");
+  tov_pid_t *record = add(GONE, program.path + " -a b");
+  const std::string file = write_file_of(*record);
+  tov_handle_netlink_exit(GONE, KILLED, 1);
+
+  const Birth birth = program.birth();
+  EXPECT_EQ(birth.argv, program.path + " -a b");
+  EXPECT_EQ(record->pid, birth.pid);
+  EXPECT_EQ(find(birth.pid), record);  // in its new bucket
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_FALSE(exists(file));
+  EXPECT_EQ(record->force_restart, 0);
+  EXPECT_EQ(record->exit_signal, KILLED);
+  EXPECT_EQ(record->count, 1);
+}
+
+TEST_F(TovHandleExit, AnnouncesBeforeAndAfter) {
+  const Program program("announced");
+  tov_pid_t *record = add(GONE, program.path + " -a");
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  // The name is what follows the last "/" of the whole command line.
+  const std::string task = program.name + " -a";
+  const std::string new_id = std::to_string(record->pid);
+  EXPECT_THAT(notices(),
+              ElementsAre("%HA-5-HA_SELF_CHECK: Task: " + task +
+                              "/5000000 receives event:0009 and self-checking ...",
+                          "%HA-5-HA_SELF_CHECK_INFO: Self-checking OK: 1 times and new id " + task +
+                              "/" + new_id + "."));
+  EXPECT_THAT(events(TOV_LOG_RESTART),
+              ElementsAre("%HA-5-HA_SELF_CHECK: Task: " + task +
+                              "/5000000 receives event:0009 and self-checking ...",
+                          "%HA-5-HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id " + task +
+                              "/" + new_id + "."));
+  EXPECT_THAT(
+      events(TOV_LOG_RUN_EVENT),
+      ElementsAre("tov_spawn--> tov_pid->process = " + program.path + ", new pid: " + new_id));
+}
+
+TEST_F(TovHandleExit, NameIsWhatFollowsTheLastSlashOfTheWholeCommandLine) {
+  const Program program("slash");
+  add(GONE, program.path + " -c /etc/x");
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_THAT(notices(), ElementsAre(HasSubstr("Task: x/5000000 receives"), HasSubstr("id x/")));
+}
+
+TEST_F(TovHandleExit, CleanExitIsAReinitialisation) {
+  const Program program("clean");
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, CLEAN, 0);
+  const std::string new_id = std::to_string(record->pid);
+  EXPECT_EQ(program.birth().pid, record->pid);
+  EXPECT_THAT(
+      notices(),
+      ElementsAre("%HA-5-HA_RE_INIT: Job " + program.name + "/5000000 will be re-initialized ...",
+                  "%HA-5-HA_RE_INIT_INFO: Re-initialized OK: new job id: " + new_id + "."));
+  EXPECT_THAT(
+      events(TOV_LOG_RESTART),
+      ElementsAre("%HA-5-HA_RE_INIT: Job " + program.name + "/5000000 will be re-initialized ...",
+                  "%HA-5-HA_RE_INIT_INFO Re-initialized OK: 1 times and new id " + program.name +
+                      "/" + new_id + "."));
+}
+
+TEST_F(TovHandleExit, ScriptIsRunAndAnnouncedAsOne) {
+  const Program program("scripted");
+  const TemporaryFile script("/etc/cmdmap/" + program.name + ".sh",
+                             "exec " + program.path + " \"$@\"\n");
+  tov_pid_t *record = add(GONE, program.path + " -a", SHELL_RESTART);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  const Birth birth = program.birth();
+  EXPECT_EQ(birth.argv, program.path + " start");
+  EXPECT_EQ(record->pid, birth.pid);
+  EXPECT_THAT(notices(),
+              ElementsAre(StartsWith("%HA-5-HA_SCRIPT_SELF_CHECK: Task: "),
+                          StartsWith("%HA-5-HA_SCRIPT_SELF_CHECK_INFO: Self-checking ")));
+}
+
+TEST_F(TovHandleExit, RestartWaitsAsLongAsTheRecordSays) {
+  const Program program("waiting");
+  add(GONE, program.path)->restart_time = 3;
+  tov_test::note_sleeps(false);
+  std::vector<bool> runs;
+  tov_test::fake_sleep.meanwhile = [&] { runs.push_back(!program.births().empty()); };
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  program.birth();
+  const auto &slept_us = tov_test::fake_sleep.slept_us;
+  const auto wait = std::find(slept_us.begin(), slept_us.end(), 3'000'000);
+  ASSERT_NE(wait, slept_us.end());
+  EXPECT_FALSE(runs[static_cast<size_t>(wait - slept_us.begin())]);
+}
+
+TEST_F(TovHandleExit, NewProcessIsOrdinaryForTheLowMemoryKiller) {
+  const Program program("score");
+  write_file("/proc/self/oom_score_adj", "500");  // stands in for the daemon's exemption
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(tov_test::read_file("/proc/" + std::to_string(record->pid) + "/oom_score_adj"), "0\n");
+  write_file("/proc/self/oom_score_adj", "0");
+}
+
+TEST_F(TovHandleExit, RefusedStartLeavesTheRecordAndItsFile) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  record->count = 4;
+  record->tm = tov_get_time();  // the fifth restart of a burst
+  const std::string file = write_file_of(*record);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(find(GONE), record);
+  EXPECT_EQ(record->alarm_wait_flag, 1);
+  EXPECT_TRUE(exists(file));
+  EXPECT_THAT(notices(), ElementsAre(StartsWith("%HA-5-HA_SELF_CHECK: "),
+                                     StartsWith("%HA-5-HA_WAIT_SELF_CHECK: ")));
+}
+
+// ---- markers of the operators ---------------------------------------------------------------
+
+TEST_F(TovHandleExit, MarkerMakesOneRestartSilent) {
+  const Program program("silent");
+  const TemporaryFile marker(TOV_DEV_MON_FILE), journal(TOV_DEBUG_LOG_FILE);
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(program.birth().pid, record->pid);
+  EXPECT_THAT(notices(), IsEmpty());
+  EXPECT_THAT(events(TOV_LOG_RESTART), IsEmpty());
+  EXPECT_FALSE(exists(TOV_JOURNAL_1));
+  EXPECT_FALSE(marker.exists());
+
+  tov_test::end(record->pid);
+  tov_handle_netlink_exit(record->pid, KILLED, 0);
+  EXPECT_THAT(notices(), testing::SizeIs(2));
+  EXPECT_TRUE(exists(TOV_JOURNAL_1));
+}
+
+TEST_F(TovHandleExit, JournalHasTwoLinesForARestart) {
+  const Program program("journalled");
+  const TemporaryFile journal(TOV_DEBUG_LOG_FILE);
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  const std::string text = tov_test::read_file(TOV_JOURNAL_1);
+  EXPECT_THAT(text, HasSubstr("%HA-5-HA_RESTART: Process:[" + program.name +
+                              "/5000000] receives internal event:[0x0009] and restarts.\n"));
+  EXPECT_THAT(text, HasSubstr("%HA-5-HA_RESTART_INFO: Process:" + program.name +
+                              " restarts 1 times and new process is " + program.name + "/" +
+                              std::to_string(record->pid) + ".\n"));
+  EXPECT_EQ(tov_log_cnt, 1);
+}
+
+TEST_F(TovHandleExit, NoJournalWithoutItsMarker) {
+  const Program program("unjournalled");
+  add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_FALSE(exists(TOV_JOURNAL_1));
+  EXPECT_EQ(tov_log_cnt, 0);
+}
+
+TEST_F(TovHandleExit, JournalThatCannotBeOpenedStopsTheRestart) {
+  const Program program("stopped");
+  const TemporaryFile journal(TOV_DEBUG_LOG_FILE);
+  ASSERT_EQ(mkdir(TOV_JOURNAL_1, 0777), 0);
+  tov_pid_t *record = add(GONE, program.path);
+  const std::string file = write_file_of(*record);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(find(GONE), record);
+  EXPECT_TRUE(exists(file));
+  EXPECT_THAT(program.births(), IsEmpty());
+  EXPECT_THAT(notices(), testing::SizeIs(1));  // the announcement came first
+}
+
+// ---- duplicates -----------------------------------------------------------------------------
+
+TEST_F(TovExitDuplicates, FirstRegistrationGivesWayToAnother) {
+  tov_pid_t *record = add(GONE, "/opt/a -x");
+  add(GONE, "/opt/a -x");
+  const tov_pid_t *other = add(GONE + 1, "/opt/a -x");
+  const std::string file = write_file_of(*record), others_file = write_file_of(*other);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(count(), 1);  // both records of the process went
+  EXPECT_EQ(find(GONE + 1), other);
+  EXPECT_FALSE(exists(file));
+  EXPECT_TRUE(exists(others_file));
+  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> del 5000000\n"));
+  EXPECT_THAT(notices(), IsEmpty());
+}
+
+TEST_F(TovExitDuplicates, RestartedTaskGivesWayToALivingOne) {
+  const Program program("successor");
+  const pid_t living = tov_test::start(program.path);
+  program.birth();
+  tov_pid_t *record = add(GONE, program.path);
+  record->flags = TOV_FLAG_STARTED;
+  const tov_pid_t *other = add(living, program.path);
+  const std::string file = write_file_of(*record), others_file = write_file_of(*other);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(find(living), other);
+  EXPECT_FALSE(exists(file));
+  EXPECT_TRUE(exists(others_file));
+  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> pid " + std::to_string(living) +
+                              " alive, del 5000000\n"));
+  EXPECT_EQ(program.births().size(), 1u);
+}
+
+TEST_F(TovExitDuplicates, DeadOneIsDroppedAndTheRestartedTaskComesBack) {
+  const Program program("survivor");
+  tov_pid_t *record = add(GONE, program.path);
+  record->flags = TOV_FLAG_STARTED;
+  const tov_pid_t *other = add(GONE + 1, program.path);
+  const std::string others_file = write_file_of(*other);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(find(GONE + 1), nullptr);
+  EXPECT_FALSE(exists(others_file));
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(record->pid, program.birth().pid);
+}
+
+// ---- deliberate stops -----------------------------------------------------------------------
+
+TEST_F(TovExitStops, SignalFifteenRemovesTheRecord) {
+  const Program program("stopped");
+  tov_pid_t *record = add(GONE, program.path + " -a");
+  const std::string file = write_file_of(*record);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, SIGTERM, 0); });
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(count(), 0);
+  EXPECT_FALSE(exists(file));
+  EXPECT_THAT(program.births(), IsEmpty());
+  EXPECT_THAT(notices(), IsEmpty());
+  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
+              ElementsAre("Task:" + program.path +
+                          " -a,pid:5000000,vsd_no:-1,killed by signal 15 from others."));
+  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit: hlist_del\n"));
+}
+
+TEST_F(TovExitStops, SignalFifteenWithACoreDumpIsACrash) {
+  const Program program("dumped");
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, SIGTERM | 0x80, 0);
+  EXPECT_EQ(record->pid, program.birth().pid);
+  EXPECT_THAT(notices(), ElementsAre(HasSubstr("receives event:008f and"), HasSubstr("OK")));
+}
+
+TEST_F(TovExitStops, ExitStatusFifteenIsACrash) {
+  const Program program("status");
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, 15 << 8, 0);
+  EXPECT_EQ(record->pid, program.birth().pid);
+}
+
+TEST_F(TovExitStops, MarkerOfTheDeviceGoesToo) {
+  add(GONE, "/opt/a", RESPAWN, 3);
+  write_file("/tmp/vsd/3/tov/5000000", "");
+  write_file("/tmp/vsd/3/tov/5000001", "");
+  write_file("/tmp/vsd/4/tov/5000000", "");  // not of the device that comes first
+  tov_handle_netlink_exit(GONE, SIGTERM, 0);
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_FALSE(exists("/tmp/vsd/3/tov/5000000"));
+  EXPECT_TRUE(exists("/tmp/vsd/3/tov/5000001"));
+  EXPECT_TRUE(exists("/tmp/vsd/4/tov/5000000"));
+  EXPECT_TRUE(exists("/tmp/vsd/3/tov/db"));  // a directory: passed over
+  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
+              ElementsAre("Task:/opt/a,pid:5000000,vsd_no:3,killed by signal 15 from others."));
+  EXPECT_EQ(std::filesystem::current_path(), "/");
+}
+
+TEST_F(TovExitStops, EntryThatCannotBeOpenedKeepsTheRecord) {
+  tov_pid_t *record = add(GONE, "/opt/a", RESPAWN, 3);
+  const std::string file = write_file_of(*record);
+  write_file("/tmp/vsd/3/tov/5000000", "");
+  // A socket cannot be opened, whoever asks.
+  const tov_fd_t unopenable(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un at{AF_UNIX, "/tmp/vsd/3/tov/0socket"};
+  ASSERT_EQ(bind(unopenable.n, reinterpret_cast<const sockaddr *>(&at), sizeof at), 0);
+  tov_handle_netlink_exit(GONE, SIGTERM, 0);
+  EXPECT_EQ(find(GONE), record);
+  EXPECT_TRUE(exists(file));
+  EXPECT_EQ(std::filesystem::current_path(), "/");
+}
+
+TEST_F(TovExitStops, ComesBeforeDeferral) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  const auto holder = holder_of(write_file_of(*record));
+  tov_handle_netlink_exit(GONE, SIGTERM, 0);
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(count(tov_chains_delay), 0);
+}
+
+// ---- deferral -------------------------------------------------------------------------------
+
+TEST_F(TovExitDeferral, LockedFileParksTheExit) {
+  const Program program("parked");
+  tov_pid_t *record = add(GONE, program.path, RESPAWN, 2);
+  record->restart_time = 7;
+  (void)snprintf(record->pathname, sizeof record->pathname, "/opt/script");
+  record->flags = TOV_FLAG_STARTED;
+  record->count = 3;
+  const auto holder = holder_of(write_file_of(*record));
+  const time_t before = tov_get_time();
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+
+  EXPECT_EQ(find(GONE), record);
+  EXPECT_THAT(program.births(), IsEmpty());
+  EXPECT_THAT(notices(), IsEmpty());
+  const tov_pid_t *parked = find(GONE, tov_chains_delay);
+  ASSERT_NE(parked, nullptr);
+  EXPECT_EQ(count(tov_chains_delay), 1);
+  EXPECT_EQ(parked->vsd_id, 2);
+  EXPECT_EQ(parked->alarm_wait_flag, 0);
+  EXPECT_EQ(parked->restart_time, 7);
+  EXPECT_EQ(parked->action, RESPAWN);
+  EXPECT_EQ(parked->exit_signal, KILLED);
+  EXPECT_EQ(parked->process, program.path);
+  EXPECT_STREQ(parked->pathname, "/opt/script");
+  EXPECT_GE(parked->delay_tm, before);
+  EXPECT_LE(parked->delay_tm, tov_get_time());
+  EXPECT_EQ(parked->force_restart, 0);
+  EXPECT_EQ(parked->flags, 0);
+  EXPECT_EQ(parked->count, 0);
+}
+
+TEST_F(TovExitDeferral, SecondTimeItStaysAsItWasParked) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  const auto holder = holder_of(write_file_of(*record));
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, SIGSEGV, 0); });
+  EXPECT_EQ(count(tov_chains_delay), 1);
+  EXPECT_EQ(find(GONE, tov_chains_delay)->exit_signal, KILLED);
+  EXPECT_THAT(said, HasSubstr("]tov_proc_restart_delay /opt/a/5000000 receives event:000b\n"));
+  EXPECT_THAT(said, HasSubstr("]be lock file /tmp/vsd/0/tov/db/a.5000000, "));
+  EXPECT_THAT(said, HasSubstr("]tov_proc_restart_delay pid 5000000 exist in tov_chains_delay\n"));
+}
+
+TEST_F(TovExitDeferral, ForceDoesNotAskForTheLock) {
+  const Program program("forced");
+  tov_pid_t *record = add(GONE, program.path);
+  const auto holder = holder_of(write_file_of(*record));
+  tov_handle_netlink_exit(GONE, KILLED, 1);
+  EXPECT_EQ(record->pid, program.birth().pid);
+  EXPECT_EQ(count(tov_chains_delay), 0);
+  EXPECT_EQ(record->force_restart, 0);
+}
+
+TEST_F(TovExitDeferral, FreeFileIsNoReason) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  write_file_of(*record);
+  EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
+              HasSubstr("]Succeed to lock file /tmp/vsd/0/tov/db/a.5000000.\n"));
+  EXPECT_EQ(tov_proc_restart_delay(record), 0);
+}
+
+TEST_F(TovExitDeferral, MissingFileIsNoReason) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
+              HasSubstr("]tov_proc_is_exit: /tmp/vsd/0/tov/db/a.5000000 fd < 0: No such file or "
+                        "directory\n"));
+  EXPECT_EQ(tov_proc_restart_delay(record), 0);
+}
+
+TEST_F(TovExitDeferral, LockEndsWithTheProcessThatHeldIt) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  auto holder = holder_of(write_file_of(*record));
+  EXPECT_EQ(tov_proc_is_exit(record), 0);
+  holder.end();
+  EXPECT_EQ(tov_proc_is_exit(record), 1);
+}
+
+TEST_F(TovExitDeferral, LockThatCannotBeAskedForIsNoReason) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  write_file_of(*record);
+  tov_test::in_child([&] {
+    tov_test::refuse({SYS_fcntl}, ENOLCK);
+    EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
+                HasSubstr("]Failed to lock file /tmp/vsd/0/tov/db/a.5000000, No locks "
+                          "available.\n"));
+  });
+}
+
+TEST_F(TovExitDeferral, NoRecordIsNoReason) {
+  EXPECT_EQ(tov_proc_restart_delay(nullptr), 0);
+}
+
+TEST_F(TovExitDeferral, PlantedFifoOrLinkIsNoReasonAndHoldsNobody) {
+  tov_pid_t *record = add(GONE, "/opt/a");
+  ASSERT_EQ(mkfifo(file_of(*record).c_str(), 0666), 0);
+  EXPECT_EQ(tov_proc_is_exit(record), 1);
+  tov_pid_t *linked = add(GONE + 1, "/opt/b");
+  write_file("/tmp/locked", "");
+  const auto holder = holder_of("/tmp/locked");
+  ASSERT_EQ(symlink("/tmp/locked", file_of(*linked).c_str()), 0);
+  EXPECT_EQ(tov_proc_is_exit(linked), 1);
+}
+
+// ---- verdict of the sweep -------------------------------------------------------------------
+
+TEST_F(TovHandleExit, LostProcessIsRestartedAndTheStrangerUnderItsIdLives) {
+  const Program program("lost"), stranger("stranger");
+  const pid_t pid = tov_test::start(stranger.path);
+  tov_pid_t *record = add(pid, program.path);
+  tov_register_found(tov_decide_lost_exit(pid));
+  EXPECT_EQ(record->pid, program.birth().pid);
+  EXPECT_NE(record->pid, pid);
+  EXPECT_TRUE(tov_test::process_lives(pid));
+  EXPECT_THAT(notices(),
+              ElementsAre(StartsWith("%HA-5-HA_RE_INIT: "), StartsWith("%HA-5-HA_RE_INIT_INFO: ")));
+}
+
+TEST_F(TovHandleExit, LostProcessIsStillDeferredWhileItsFileIsLocked) {
+  const Program program("holding");
+  const pid_t pid = tov_test::start(program.path);
+  tov_pid_t *record = add(pid, "/opt/" + program.name + " retitled");
+  const auto holder = holder_of(write_file_of(*record));
+  tov_register_found(tov_decide_lost_exit(pid));
+  EXPECT_EQ(record->pid, pid);
+  EXPECT_EQ(count(tov_chains_delay), 1);
+}
+
+TEST_F(TovHandleExit, LostProcessIsStillDroppedAsADuplicate) {
+  const Program program("twin");
+  const pid_t pid = tov_test::start(program.path);
+  add(pid, "/opt/twin");
+  const tov_pid_t *other = add(GONE + 1, "/opt/twin");
+  tov_register_found(tov_decide_lost_exit(pid));
+  EXPECT_EQ(find(pid), nullptr);
+  EXPECT_EQ(find(GONE + 1), other);
+}
+
+// ---- third-part programs --------------------------------------------------------------------
+
+TEST_F(TovExitThirdPart, ProgramThatSomebodyBroughtBackIsRegisteredInstead) {
+  const Program program("brought");
+  write_file(TOV_THIRD_PART_LIST, program.path + " -d TOV_RESTART\n");
+  const pid_t found = tov_test::start(program.path + " -d");
+  program.birth();
+  const std::string file = write_file_of(*add(GONE, program.path + " -d"));
+  FakeDaemon server;
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+
+  EXPECT_EQ(count(), 0);
+  EXPECT_FALSE(exists(file));
+  EXPECT_EQ(program.births().size(), 1u);
+  const auto request = server.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESTART));
+  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
+  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == RESPAWN, found child "
+                              "pid_get = " +
+                              std::to_string(found) + "\n"));
+  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
+  EXPECT_THAT(notices(), IsEmpty());
+}
+
+TEST_F(TovExitThirdPart, ScriptTaskIsRegisteredAsOne) {
+  const Program program("script");
+  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_SHELL_RESTART\n");
+  const pid_t found = tov_test::start(program.path);
+  add(GONE, program.path, SHELL_RESTART);
+  FakeDaemon server;
+  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  const auto request = server.only_request();
+  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
+  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
+  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == SHELL_RESTART, found "
+                              "child pid_get = " +
+                              std::to_string(found) + "\n"));
+}
+
+// The server wants the same lock to make the new record: nobody may hold it while it is asked.
+TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
+  const Program program("unlocked");
+  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  tov_test::start(program.path);
+  add(GONE, program.path);
+  FakeDaemon server({.think = std::chrono::milliseconds(500)});
+  auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  // Asking for the record takes the lock, so with the lock held this would last as long as the
+  // whole handling.
+  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
+  EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  handled.wait();
+  EXPECT_EQ(count(), 0);
+}
+
+TEST_F(TovExitThirdPart, ProgramThatIsNotRunningIsStartedAgain) {
+  const Program program("listed");
+  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(record->pid, program.birth().pid);
+}
+
+TEST_F(TovExitThirdPart, UnlistedProgramIsStartedThoughAnotherInstanceRuns) {
+  const Program program("unlisted");
+  const pid_t running = tov_test::start(program.path);
+  tov_pid_t *record = add(GONE, program.path);
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(record->pid, program.birth(2).pid);
+  EXPECT_NE(record->pid, running);
+}

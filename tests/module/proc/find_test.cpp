@@ -1,0 +1,127 @@
+// Finding a running process by its command line.
+#include "proc/find.h"
+
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/module/fake_sleep.h"
+#include "tests/module/supervision.h"
+
+using testing::ElementsAre;
+using tov_test::Program;
+
+namespace {
+
+class TovProcToPid : public tov_test::Supervision {
+ protected:
+  void SetUp() override {
+    Supervision::SetUp();
+    tov_test::note_sleeps(true);
+  }
+
+  // A process that vanishes during the only scan spoils it, so that the machine's other business
+  // could decide a test; such a scan is made again.
+  static int scan(const std::string &command, pid_t *found) {
+    int result = -1;
+    for (int attempt = 0; attempt < 20 && result < 0; attempt++) {
+      std::vector<char> key(command.begin(), command.end());
+      key.push_back('\0');
+      result = tov_proc_to_pid(key.data(), found, 0);
+    }
+    return result;
+  }
+};
+
+}  // namespace
+
+TEST_F(TovProcToPid, ProcessOfTheSameCommandLine) {
+  const Program program("found");
+  const pid_t pid = tov_test::start(program.path + " -a b");
+  pid_t found = 0;
+  EXPECT_EQ(scan(program.path + " -a b", &found), 1);
+  EXPECT_EQ(found, pid);
+}
+
+TEST_F(TovProcToPid, CommandLinesAreComparedWhole) {
+  const Program program("whole");
+  tov_test::start(program.path + " -a b");
+  pid_t found = 77;
+  EXPECT_EQ(scan(program.path, &found), 0);
+  EXPECT_EQ(scan(program.path + " -a", &found), 0);
+  EXPECT_EQ(scan(program.path + " -a b c", &found), 0);
+  EXPECT_EQ(found, 77);  // written on success only
+}
+
+TEST_F(TovProcToPid, TrailingBlanksOfTheKeyAreStrippedInPlace) {
+  const Program program("blanks");
+  const pid_t pid = tov_test::start(program.path);
+  std::string key = program.path + " \t ";
+  pid_t found = 0;
+  EXPECT_EQ(tov_proc_to_pid(key.data(), &found, 10), 1);
+  EXPECT_EQ(found, pid);
+  EXPECT_STREQ(key.c_str(), program.path.c_str());
+}
+
+TEST_F(TovProcToPid, TrailingBlanksOfAProcessDoNotCount) {
+  const Program program("argument");
+  char nothing[] = "";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    char *const argv[] = {const_cast<char *>(program.path.c_str()), nothing, nothing, nullptr};
+    execv(program.path.c_str(), argv);
+    _exit(127);
+  }
+  program.birth();
+  pid_t found = 0;
+  EXPECT_EQ(scan(program.path, &found), 1);
+  EXPECT_EQ(found, pid);
+}
+
+TEST_F(TovProcToPid, DeadProcessIsNotFound) {
+  const Program program("dead");
+  const pid_t pid = tov_test::start(program.path + " exit=0");
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
+  pid_t found = 0;
+  EXPECT_EQ(scan(program.path + " exit=0", &found), 0);
+}
+
+TEST_F(TovProcToPid, PausesGrowByATenthOfASecond) {
+  char key[] = "/no/such/program";
+  pid_t found = 0;
+  tov_test::note_sleeps(false);
+  EXPECT_LE(tov_proc_to_pid(key, &found, 3), 0);
+  EXPECT_THAT(tov_test::fake_sleep.slept_us, ElementsAre(100'000, 200'000, 300'000));
+}
+
+TEST_F(TovProcToPid, ProcessThatComesLaterIsFound) {
+  const Program program("later");
+  pid_t pid = 0;
+  std::thread starter([&] {
+    usleep(250000);
+    pid = tov_test::start(program.path);
+  });
+  std::string key = program.path;
+  pid_t found = 0;
+  EXPECT_EQ(tov_proc_to_pid(key.data(), &found, 10), 1);
+  starter.join();
+  EXPECT_EQ(found, pid);
+}
+
+TEST_F(TovProcToPid, ScanThatCannotBeMadeIsANegativeErrorNumber) {
+  tov_test::in_child([] {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    char key[] = "/bin/sh";
+    pid_t found = 77;
+    EXPECT_EQ(tov_proc_to_pid(key, &found, 1), -EMFILE);
+    EXPECT_EQ(found, 77);
+  });
+}

@@ -1,0 +1,220 @@
+// Looking executables up in list files.
+#include "util/list_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/private_root.h"
+
+namespace {
+
+class private_root_env : public testing::Environment {
+ public:
+  void SetUp() override { tov_test::enter_private_root(); }
+};
+const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
+
+constexpr char LIST[] = "/tmp/list";
+
+void write_list(const std::string &text) {
+  std::ofstream(LIST) << text;
+}
+
+struct answer_s {
+  int found;
+  std::string word;
+};
+
+answer_s look_up(const char *name, int size = 128) {
+  std::vector<char> out(static_cast<size_t>(size), 'x');
+  const int found = tov_proc_in_tovdb(LIST, name, out.data(), size);
+  return {found, std::string(out.data(), strnlen(out.data(), out.size()))};
+}
+
+std::string own_exe() {
+  char path[PATH_MAX] = {};
+  EXPECT_GT(readlink("/proc/self/exe", path, sizeof path - 1), 0);
+  return path;
+}
+
+}  // namespace
+
+TEST(PidToProc, ReadsTheExecutableIntoAZeroedBuffer) {
+  char buf[1024];
+  memset(buf, 'x', sizeof buf);
+  EXPECT_EQ(pid_to_proc(getpid(), buf, sizeof buf), 1);
+  EXPECT_EQ(std::string(buf), own_exe());
+  EXPECT_EQ(buf[sizeof buf - 1], '\0');
+}
+
+TEST(PidToProc, ShortBufferIsFilledWithoutATerminator) {
+  char buf[4] = {'x', 'x', 'x', 'x'};
+  EXPECT_EQ(pid_to_proc(getpid(), buf, 3), 1);
+  EXPECT_EQ(std::string(buf, 4), own_exe().substr(0, 3) + "x");
+}
+
+TEST(PidToProc, FailsForIdsThatNobodyHas) {
+  char buf[16];
+  for (pid_t pid : {0, -1, INT_MAX}) {
+    memset(buf, 'x', sizeof buf);
+    EXPECT_EQ(pid_to_proc(pid, buf, sizeof buf), 0);
+    EXPECT_STREQ(buf, "");
+  }
+  buf[0] = 'x';
+  EXPECT_EQ(pid_to_proc(getpid(), buf, 0), 0);
+  EXPECT_EQ(buf[0], 'x');
+}
+
+TEST(PidToProc, FailsForAZombie) {
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+  char buf[16] = "x";
+  EXPECT_EQ(pid_to_proc(child, buf, sizeof buf), 0);
+  waitpid(child, nullptr, 0);
+}
+
+TEST(TovProcInTovdb, LastWordOfTheLineComesWithItsLineEnd) {
+  write_list("/opt/a TOV_RESTART\n/opt/b -x TOV_SHELL_RESTART\n");
+  EXPECT_EQ(look_up("/opt/a").word, "TOV_RESTART\n");
+  EXPECT_EQ(look_up("/opt/b").word, "TOV_SHELL_RESTART\n");
+  EXPECT_EQ(look_up("/opt/b").found, 1);
+  EXPECT_EQ(look_up("/opt/c").found, 0);
+  EXPECT_EQ(look_up("/opt/c").word, "");
+}
+
+TEST(TovProcInTovdb, LastLineMayLackItsEnd) {
+  write_list("/opt/a TOV_RESTART");
+  EXPECT_EQ(look_up("/opt/a").word, "TOV_RESTART");
+}
+
+TEST(TovProcInTovdb, PartOfALongerPathMatches) {
+  write_list("/usr/opt/abc TOV_RESTART\n");
+  EXPECT_EQ(look_up("/opt/a").found, 1);
+  EXPECT_EQ(look_up("RESTART").found, 1);
+}
+
+TEST(TovProcInTovdb, FirstMatchDecidesEvenWithoutABlank) {
+  write_list("/opt/abc\n/opt/a TOV_RESTART\n");
+  EXPECT_EQ(look_up("/opt/a").found, 0);
+  EXPECT_EQ(look_up("/opt/a").word, "");
+  write_list("/opt/a\tTOV_RESTART\n");  // a tab is no blank
+  EXPECT_EQ(look_up("/opt/a").found, 0);
+}
+
+TEST(TovProcInTovdb, BlankAtTheEndOfTheLineGivesItsLineEndOnly) {
+  write_list("/opt/a TOV_RESTART \n");
+  EXPECT_EQ(look_up("/opt/a").found, 1);
+  EXPECT_EQ(look_up("/opt/a").word, "\n");
+}
+
+TEST(TovProcInTovdb, EmptyNameMatchesNothing) {
+  write_list("/opt/a TOV_RESTART\n");
+  EXPECT_EQ(look_up("").found, 0);
+  EXPECT_EQ(look_up("").word, "");
+}
+
+TEST(TovProcInTovdb, WordIsCutToTheBuffer) {
+  write_list("/opt/a TOV_RESTART\n");
+  EXPECT_EQ(look_up("/opt/a", 5).word, "TOV_");
+  EXPECT_EQ(look_up("/opt/a", 1).word, "");
+  EXPECT_EQ(look_up("/opt/a", 1).found, 1);
+  char untouched = 'x';
+  EXPECT_EQ(tov_proc_in_tovdb(LIST, "/opt/a", &untouched, 0), 0);
+  EXPECT_EQ(untouched, 'x');
+}
+
+TEST(TovProcInTovdb, UnreadableListLeavesTheBufferAlone) {
+  unlink(LIST);
+  EXPECT_EQ(look_up("/opt/a", 3).word, "xxx");
+  EXPECT_EQ(look_up("/opt/a", 3).found, 0);
+}
+
+TEST(TovProcInTovdb, WrongKindsOfFileAreEmpty) {
+  unlink(LIST);
+  ASSERT_EQ(mkfifo(LIST, 0644), 0);
+  EXPECT_EQ(look_up("/opt/a").found, 0);  // and does not wait for a writer
+  unlink(LIST);
+  ASSERT_EQ(mkdir(LIST, 0755), 0);
+  EXPECT_EQ(look_up("/opt/a").found, 0);
+  rmdir(LIST);
+}
+
+TEST(TovProcInTovdb, LinkToAListIsFollowed) {
+  std::ofstream("/tmp/real_list") << "/opt/a TOV_RESTART\n";
+  unlink(LIST);
+  ASSERT_EQ(symlink("/tmp/real_list", LIST), 0);
+  EXPECT_EQ(look_up("/opt/a").found, 1);
+  unlink(LIST);
+}
+
+TEST(TovProcInTovdb, LongLinesAreReadInPiecesOf1023Bytes) {
+  const std::string pad(1000, 'p');
+  // 1000 + 7 + 16 = 1023 bytes: all in the first piece.
+  write_list(pad + "/opt/a " + std::string(16, 'w') + "second piece\n");
+  EXPECT_EQ(look_up("/opt/a").word, std::string(16, 'w'));
+  EXPECT_EQ(look_up("second").word, "piece\n");
+  // The name lies across the border of two pieces.
+  write_list(std::string(1020, 'p') + "/opt/a TOV_RESTART\n");
+  EXPECT_EQ(look_up("/opt/a").found, 0);
+  EXPECT_EQ(look_up("t/a").word, "TOV_RESTART\n");
+}
+
+TEST(TovProcInTovdb, BytesBehindANulAreNotSeen) {
+  write_list(std::string("/opt/a\0 /opt/b X\n/opt/c Y\n", 26));
+  EXPECT_EQ(look_up("/opt/b").found, 0);
+  EXPECT_EQ(look_up("/opt/a").found, 0);
+  EXPECT_EQ(look_up("/opt/c").word, "Y\n");
+}
+
+// Against the C library's own reading, with a file much larger than any buffer.
+TEST(TovProcInTovdb, AgreesWithFgets) {
+  std::string text;
+  unsigned int seed = 1;
+  for (int i = 0; i < 400; i++) {
+    seed = seed * 1103515245 + 12345;
+    const size_t length = (seed >> 16) % 1500;
+    std::string line(length, static_cast<char>('a' + i % 26));
+    if (length > 20) line.replace(length - 20, 8, "/p" + std::to_string(1000 + i) + " z");
+    text += line + "\n";
+  }
+  write_list(text);
+  for (int i = 0; i < 400; i++) {
+    const std::string name = "/p" + std::to_string(1000 + i);
+    answer_s expected{0, ""};
+    FILE *file = fopen(LIST, "r");
+    char line[1024];
+    while (fgets(line, sizeof line, file) != nullptr) {
+      if (strstr(line, name.c_str()) == nullptr) continue;
+      const char *blank = strrchr(line, ' ');
+      if (blank != nullptr) expected = {1, blank + 1};
+      break;
+    }
+    fclose(file);
+    const answer_s got = look_up(name.c_str());
+    EXPECT_EQ(got.found, expected.found) << name;
+    EXPECT_EQ(got.word, expected.word) << name;
+  }
+}
+
+TEST(TovPidInTovdb, LooksUpTheExecutableOfAProcess) {
+  write_list(own_exe() + " TOV_RESTART\n");
+  char word[128] = {};
+  EXPECT_EQ(tov_pid_in_tovdb(getpid(), LIST, word, sizeof word), 1);
+  EXPECT_STREQ(word, "TOV_RESTART\n");
+  EXPECT_EQ(tov_pid_in_tovdb(getpid(), "/tmp/no_such_list", word, sizeof word), 0);
+  EXPECT_EQ(tov_pid_in_tovdb(-1, LIST, word, sizeof word), 0);
+  write_list("/no/such/program TOV_RESTART\n");
+  EXPECT_EQ(tov_pid_in_tovdb(getpid(), LIST, word, sizeof word), 0);
+}
