@@ -15,6 +15,7 @@
 #include "core/registry/query.h"
 #include "core/run/farewell.h"
 #include "core/run/flags.h"
+#include "core/run/lowmem.h"
 #include "core/run/settings.h"
 #include "core/run/thread.h"
 #include "core/server/server.h"

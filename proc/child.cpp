@@ -9,6 +9,7 @@
 
 #include <iterator>
 
+#include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "proc/files.h"

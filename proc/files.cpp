@@ -1,11 +1,7 @@
-// No shell is started for any of this, although "echo 1 > file" would do: a shell would run at the
-// caller's real-time priority, cost milliseconds, and compete with the SIGCHLD handler for its
-// exit status.
 #include "proc/files.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -18,8 +14,6 @@ enum {
   CONSOLE_TRIES = 5,
   CONSOLE_PAUSE_US = 10000,
   NUMBER_FILE_SIZE = 256,
-  OOM_ADJ_EXEMPT = -1000,
-  OOM_ADJ_ORDINARY = 0,
 };
 
 int debug_time(void) {
@@ -79,36 +73,4 @@ int tov_record_abnormal_fork(const char *text, const char *file) {
 void tov_remove_abnormal_fork_file(const char *file) {
   if (unlink(file) == 0 || errno == ENOENT) return;
   TOV_DBG_CHILD("unlink file ", file, " error, reason is ", strerrordesc_np(errno), "\n");
-}
-
-// What a shell's echo into the file would do, without creating it.
-static void write_switch(const char *path, const char *text) {
-  tov_fd_t fd(open(path, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
-  if (fd.n < 0) return;
-  (void)!write(fd.n, text, strlen(text));  // as ignored as an echo's failure would be
-}
-
-void change_proc_oom_adj(int para, pid_t pid) {
-  if (pid <= 0) return;
-  char path[64];
-  char text[16];
-  (void)snprintf(path, sizeof path, TOV_OOM_ADJ_FMT, pid);
-  (void)snprintf(text, sizeof text, "%d\n", para);
-  write_switch(path, text);
-}
-
-void tov_ignore_lmk(pid_t pid) {
-  change_proc_oom_adj(OOM_ADJ_EXEMPT, pid);
-}
-
-void tov_reset_lmk(pid_t pid) {
-  change_proc_oom_adj(OOM_ADJ_ORDINARY, pid);
-}
-
-void tov_flush_lmk(void) {
-  if (access(TOV_LMK_FLUSH_FILE, F_OK) == 0) {
-    write_switch(TOV_LMK_FLUSH_FILE, "1\n");
-    return;
-  }
-  TOV_DBG_CHILD(TOV_LMK_FLUSH_FILE, " find fail, error = ", strerrordesc_np(errno), ".\n");
 }

@@ -1,9 +1,7 @@
 // Small files around starting a program: the record of failed forks, the self-check period, the
-// console, the low-memory killer's score.
+// console.
 #ifndef TOV_PROC_FILES_H
 #define TOV_PROC_FILES_H
-
-#include <sys/types.h>
 
 enum {
   TOV_SELF_CHECK_PERIOD_S = 300  // without a usable /debug_time
@@ -25,17 +23,5 @@ int tov_record_abnormal_fork(const char *text, const char *file);
 
 // Removes `file` if it exists. Called in a child; async-signal-safe.
 void tov_remove_abnormal_fork_file(const char *file);
-
-// Writes `para` as the process's oom_score_adj. Errors are ignored: the process may be gone, or
-// the value below what we may set.
-void change_proc_oom_adj(int para, pid_t pid);
-
-// Exempts a process from the low-memory killer, or makes it ordinary again.
-void tov_ignore_lmk(pid_t pid);
-void tov_reset_lmk(pid_t pid);
-
-// Writes "1\n" to the low-memory killer's TLB switch where the kernel has one.
-// Async-signal-safe.
-void tov_flush_lmk(void);
 
 #endif  // TOV_PROC_FILES_H

@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+#include "core/run/lowmem.h"
 #include "include/tov.h"
 #include "proc/burst.h"
 #include "proc/files.h"

@@ -3,7 +3,6 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include "include/tov_ras_comp_config.h"
 #include "util/tov_utils.h"
 
 enum { CONFIG_SIZE = 256 };
@@ -20,11 +19,6 @@ int tov_get_file_config(const char *path, int *value) {
   char text[CONFIG_SIZE];
   if (tov_read_to_buf(path, text, sizeof text) < 0) return -1;
   return sscanf(text, "%d", value) == 1 ? 0 : -1;
-}
-
-int tov_is_reboot_available(void) {
-  int status = 1;
-  return tov_get_file_config(TOV_LMK_REBOOT_FILE, &status) < 0 || status != 0;
 }
 
 bool tov_file_exists(const char *path) {

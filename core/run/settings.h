@@ -5,6 +5,8 @@
 #ifndef TOV_CORE_RUN_SETTINGS_H
 #define TOV_CORE_RUN_SETTINGS_H
 
+#include "core/run/lowmem.h"  // the low-memory killer's answer is asked for like a setting
+
 // Reads two decimal integers separated by white space from the first 255 bytes of a file.
 // Returns 0, or -1 when the file cannot be read or does not begin with two numbers; what was
 // converted before that may have been stored.
@@ -12,10 +14,6 @@ int tov_get_config_value(const char *path, int *first, int *second);
 
 // The same with one number.
 int tov_get_file_config(const char *path, int *value);
-
-// Whether the low-memory killer lets the unit be reloaded: false only when its status file can be
-// read and holds 0.
-int tov_is_reboot_available(void);
 
 // Whether a file of this name exists, whatever its kind (access(2)).
 bool tov_file_exists(const char *path);

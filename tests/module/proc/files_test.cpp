@@ -1,14 +1,11 @@
-// Small files around starting a program: self-check period, console, fork record, low-memory
-// killer.
+// Small files around starting a program: self-check period, console, fork record.
 #include "proc/files.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
@@ -46,8 +43,6 @@ class ConsoleOpen : public testing::Test {
 };
 
 class AbnormalFork : public tov_test::Supervision {};
-class OomScore : public tov_test::Supervision {};
-class FlushLmk : public tov_test::Supervision {};
 
 }  // namespace
 
@@ -193,53 +188,4 @@ TEST_F(AbnormalFork, RecordThatCannotBeRemovedIsToldAbout) {
   fs::create_directory(TOV_FORK_FILE);
   EXPECT_THAT(diagnostics([] { tov_remove_abnormal_fork_file(TOV_FORK_FILE); }),
               HasSubstr("]unlink file /tmp/tov/forkfile error, reason is Is a directory\n"));
-}
-
-// ---- low-memory killer ----------------------------------------------------------------------
-
-static bool scores_can_be_lowered() {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct held[2] = {};
-  syscall(SYS_capget, &header, held);
-  return (held[0].effective & (1u << CAP_SYS_RESOURCE)) != 0;
-}
-
-static std::string score_of(pid_t pid) {
-  return read_file("/proc/" + std::to_string(pid) + "/oom_score_adj");
-}
-
-TEST_F(OomScore, IsWrittenAsGiven) {
-  const tov_test::helper_process_s process([] {});
-  change_proc_oom_adj(321, process.pid());
-  EXPECT_EQ(score_of(process.pid()), "321\n");
-  tov_reset_lmk(process.pid());
-  EXPECT_EQ(score_of(process.pid()), "0\n");
-}
-
-TEST_F(OomScore, ExemptionIsMinusThousand) {
-  if (!scores_can_be_lowered()) GTEST_SKIP() << "needs CAP_SYS_RESOURCE";
-  const tov_test::helper_process_s process([] {});
-  tov_ignore_lmk(process.pid());
-  EXPECT_EQ(score_of(process.pid()), "-1000\n");
-}
-
-TEST_F(OomScore, NobodyIsNoFailure) {
-  const std::string own = score_of(getpid());
-  for (const pid_t pid : {tov_test::GONE, 0, -1})
-    change_proc_oom_adj(500, pid);
-  EXPECT_EQ(score_of(getpid()), own);
-}
-
-TEST_F(FlushLmk, SwitchGetsAOne) {
-  const tov_test::TemporaryFile file(TOV_LMK_FLUSH_FILE, "what stood here before");
-  tov_flush_lmk();
-  EXPECT_EQ(read_file(TOV_LMK_FLUSH_FILE), "1\n");
-}
-
-TEST_F(FlushLmk, MissingSwitchIsToldAndNotMade) {
-  EXPECT_THAT(
-      diagnostics([] { tov_flush_lmk(); }),
-      HasSubstr("]/sys/kernel/qx_lowmem_killer/flush_tlb find fail, error = No such file or "
-                "directory.\n"));
-  EXPECT_FALSE(fs::exists(TOV_LMK_FLUSH_FILE));
 }

@@ -1,15 +1,11 @@
-// Small number files: what counts as a number, and what counts as a permission to reload.
+// Small number files: what counts as a number.
 #include "core/run/settings.h"
 
 #include <gtest/gtest.h>
-#include <limits.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
-#include "include/tov_ras_comp_config.h"
 #include "tests/module/private_root.h"
 #include "tests/support/files.h"
 
@@ -31,14 +27,6 @@ class TovCoreConfig : public testing::Test {
   const std::string path_ = "/tmp/numbers";
   int first_ = -7;
   int second_ = -7;
-};
-
-class TovIsRebootAvailable : public testing::Test {
- protected:
-  void SetUp() override {
-    std::filesystem::remove_all("/sys/kernel/qx_lowmem_killer");
-    std::filesystem::create_directories("/sys/kernel/qx_lowmem_killer");
-  }
 };
 
 }  // namespace
@@ -83,22 +71,6 @@ TEST_F(TovCoreConfig, AbsentFileIsAFailure) {
 
 TEST_F(TovCoreConfig, DirectoryIsAFailure) {
   EXPECT_EQ(tov_get_file_config("/tmp", &first_), -1);
-}
-
-TEST_F(TovIsRebootAvailable, WithoutTheStatusFile) {
-  EXPECT_TRUE(tov_is_reboot_available());
-}
-
-TEST_F(TovIsRebootAvailable, ZeroForbidsIt) {
-  write_file(TOV_LMK_REBOOT_FILE, "0\n");
-  EXPECT_FALSE(tov_is_reboot_available());
-}
-
-TEST_F(TovIsRebootAvailable, AnyOtherContentAllowsIt) {
-  for (const char *text : {"1\n", "-1", "2", "", "off"}) {
-    write_file(TOV_LMK_REBOOT_FILE, text);
-    EXPECT_TRUE(tov_is_reboot_available()) << text;
-  }
 }
 
 TEST(TovFileExists, WhateverItsKind) {
