@@ -4,6 +4,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "core/registry/record.h"
 #include "core/run/flags.h"
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
@@ -17,8 +18,6 @@
 #include "vsd/marker.h"
 
 enum {
-  BURST_SPAN_S = 120,
-  BURST_LIMIT = 4,  // the restart that goes beyond it is not made
   RELOAD_SPAN_S = 600,
   REASON_SIZE = 200,
 };
@@ -43,7 +42,11 @@ static void arm_alarm(int period_s) {
   alarm(pending > 0 && pending <= period ? pending : period);
 }
 
-static void suspend(tov_pid_t *record, const tov_proc_how_t &how, time_t now, int period_s) {
+// Considers a reload of the unit for a task that is suspended once more.
+static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
+
+static void suspend(const tov_chains_guard_t &held, tov_pid_t *record, const tov_proc_how_t &how,
+                    time_t now, int period_s) {
   tov_task_name_s name(*record);
   int minutes = period_s / 60;
   tov_ha_notice(how.suspended,
@@ -54,38 +57,29 @@ static void suspend(tov_pid_t *record, const tov_proc_how_t &how, time_t now, in
                   "%s Task: %s had checked more than 5 times. After %d mimutes, task will finish "
                   "self-checking.\n",
                   how.suspended, name.text, minutes);
-  record->flags &= ~TOV_FLAG_STARTED;
-  record->flags |= TOV_FLAG_SELF_CHECK;
-  record->tm = now;
+  tov_record_suspend(held, record, now);
   arm_alarm(period_s);
-  record->alarm_wait_flag = 1;
-  tov_check_restart_system(record, now);
+  consider_reload(held, record, now);
 }
 
-bool tov_burst_allows(tov_pid_t *record, const tov_proc_how_t &how) {
-  time_t now = tov_get_time();
-  if (record->tm == 0) record->tm = now;
-  int period_s = tov_self_check_period(how.function);
-  record->flags |= TOV_FLAG_STARTED;
-
-  if (record->action == how.action) {
-    // The span is measured from the first restart of the burst: `tm` stays while it lasts.
-    if (record->tm + BURST_SPAN_S <= now) {
-      record->count = 1;
-      record->tm = now;
-    } else {
-      record->count++;
-    }
-    if (record->count == 1) record->first_tm = now;
-  }
-  if (record->count <= BURST_LIMIT || del_dev_mon_log() == 0) return true;
-  suspend(record, how, now, period_s);
+bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record,
+                      const tov_proc_how_t &how) {
+  const time_t now = tov_get_time();
+  const int period_s = tov_self_check_period(how.function);
+  tov_record_count_start(held, record, record->action == how.action, now);
+  if (!tov_burst_is_over(record->count) || del_dev_mon_log() == 0) return true;
+  suspend(held, record, how, now, period_s);
   return false;
 }
 
 void tov_check_restart_system(tov_pid_t *record, time_t t) {
+  const tov_chains_guard_t held(tov_chains);
+  consider_reload(held, record, t);
+}
+
+static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t t) {
   if (record->con_pull_flag <= 0 || t - record->con_tm > RELOAD_SPAN_S) return;
-  record->con_pull_flag = 0;
+  tov_record_clear_self_checks(held, record);
   int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
   if (!tov_flag_get(tov_single_ps_ha_enable) || record->con_tm < enable_time ||
       !tov_is_reboot_available() || tov_file_exists(TOV_NO_REBOOT_FILE)) {
@@ -93,7 +87,7 @@ void tov_check_restart_system(tov_pid_t *record, time_t t) {
   }
 
   TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d t=%d tov_single_ps_ha_enable_time=%d.\n",
-          __func__, record->process, record->pid, record->con_pull_flag,
+          "tov_check_restart_system", record->process, record->pid, record->con_pull_flag,
           static_cast<int>(record->con_tm), static_cast<int>(t), enable_time);
   static constexpr char sentence[] = "tov detect process %s can not restart, so restart system.\n";
   TOV_DBG(sentence, record->process);

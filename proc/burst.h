@@ -7,17 +7,20 @@
 #ifndef TOV_PROC_BURST_H
 #define TOV_PROC_BURST_H
 
+#include "core/registry/tov_chain.h"
 #include "include/tov.h"
 #include "proc/how.h"
 
 // Counts one restart of `record` and decides whether it may take place. When not, the task is
 // suspended: announced, marked, the process's alarm armed (a sooner pending one is kept), and
 // tov_check_restart_system() asked. While /etc/dev_mon can be opened nothing is suspended.
-// Caller holds the lock of the registry. May sleep 2 s when a reload is asked for.
-bool tov_burst_allows(tov_pid_t *record, const tov_proc_how_t &how);
+//   held  the guard of `tov_chains`
+// May sleep 2 s when a reload is asked for.
+bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record, const tov_proc_how_t &how);
 
 // Asks the platform to reload the unit when the task suspended at monotonic second `t` came back
 // from a self-check no more than 600 s before, unless operators or the platform forbid it.
+// Takes the lock of `tov_chains` (recursive).
 void tov_check_restart_system(tov_pid_t *record, time_t t);
 
 // debug_time() with its failure reported and replaced by the default.

@@ -120,9 +120,10 @@ static pid_t parent_side(const start_s &start, pid_t forked, pid_t *res) {
   return forked;
 }
 
-static pid_t start_again(tov_pid_t *record, pid_t *res, const tov_proc_how_t &how) {
+static pid_t start_again(const tov_chains_guard_t &held, tov_pid_t *record, pid_t *res,
+                         const tov_proc_how_t &how) {
   *res = -1;
-  if (!tov_burst_allows(record, how)) return -1;
+  if (!tov_burst_allows(held, record, how)) return -1;
 
   start_s start(*record, how);
   for (;;) {
@@ -145,17 +146,19 @@ static pid_t start_again(tov_pid_t *record, pid_t *res, const tov_proc_how_t &ho
 }
 
 pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  return start_again(tov_pid, res, tov_proc_by_exec);
+  const tov_chains_guard_t held(tov_chains);
+  return start_again(held, tov_pid, res, tov_proc_by_exec);
 }
 
 pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  return start_again(tov_pid, res, tov_proc_by_script);
+  const tov_chains_guard_t held(tov_chains);
+  return start_again(held, tov_pid, res, tov_proc_by_script);
 }
 
-pid_t tov_proc_restart(tov_pid_t *tov_pid, pid_t *res) {
-  pid_t self = getpid();
-  pid_t result =
-      tov_pid->action == SHELL_RESTART ? tov_shell_spawn(tov_pid, res) : tov_spawn(tov_pid, res);
+pid_t tov_proc_restart(const tov_chains_guard_t &held, tov_pid_t *tov_pid, pid_t *res) {
+  const pid_t self = getpid();
+  const pid_t result = start_again(
+      held, tov_pid, res, tov_pid->action == SHELL_RESTART ? tov_proc_by_script : tov_proc_by_exec);
   // The child that could not change to "/": a second daemon with our sockets and another thread's
   // mutex if it went on.
   if (getpid() != self) _exit(1);

@@ -6,12 +6,13 @@
 // module's rooms with it.
 //
 // Threads: the event handler, the start-up rebuild, the delay and sweep threads, and the
-// self-check alarm's handler. All callers hold the lock of `tov_chains`; nothing here takes one.
+// self-check alarm's handler, all under the lock of `tov_chains`.
 #ifndef TOV_PROC_H
 #define TOV_PROC_H
 
 #include <sys/types.h>
 
+#include "core/registry/tov_chain.h"
 #include "core/run/lowmem.h"
 #include "include/tov.h"
 #include "proc/burst.h"
@@ -24,11 +25,12 @@
 
 // Starts the record's program again by executing its command line.
 //   res  set to -1 at entry, to the new process id when one is known
-// Returns the new process id; -1 when the burst limit suspended the task; 0 for a third-part
-// program whose new process was not found (*res then stays -1). While fork fails it does not
-// return but tries every 5 s.
-// Returns -1 a second time, inside the child, when that could not change to "/": a caller whose
-// process id is not the daemon's must _exit() before it unlocks anything. tov_proc_restart() does.
+// Returns the new process id; -1 when the burst limit suspended the task; 0 for
+// a third-part program whose new process was not found (*res then stays -1).
+// While fork fails it does not return but tries every 5 s. Returns -1 a second
+// time, inside the child, when that could not change to "/": a caller whose
+// process id is not the daemon's must _exit() before it unlocks anything.
+// tov_proc_restart() does. Takes the lock of `tov_chains` (recursive).
 pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res);
 
 // The same by running the task's start script with the argument "start": /etc/cmdmap/NAME.sh for a
@@ -38,6 +40,7 @@ pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res);
 
 // Starts the record's task in the way its action asks for: the script for SHELL_RESTART, the
 // command line for every other action. Ends a child that comes back here. Results as above.
-pid_t tov_proc_restart(tov_pid_t *tov_pid, pid_t *res);
+//   held  the guard of `tov_chains`
+pid_t tov_proc_restart(const tov_chains_guard_t &held, tov_pid_t *tov_pid, pid_t *res);
 
 #endif  // TOV_PROC_H

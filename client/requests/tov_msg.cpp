@@ -14,6 +14,7 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/registry/record.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/tov_utils.h"
@@ -131,14 +132,13 @@ int tov_process_shell_restart(tov_msg_xtach_t *payload, char *pathname) {
 }
 
 void tov_process_dump_all_msg(pid_t pid) {
-  tov_chains_guard_t hold(tov_chains);
-  tov_chain_for_each(&tov_chains, [pid](tov_pid_t &record) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_chain_for_each(&tov_chains, [&held, pid](tov_pid_t &record) {
     if (record.pid != pid) return true;
     tov_log_with_type(TOV_LOG_REG_RESTART,
                       "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
                       record.pid, record.vsd_id, record.action);
-    (void)tov_db_destroy(&record);  // the client has usually removed the file already
-    tov_chain_remove(&tov_chains, &record);
+    tov_record_forget(held, &record);  // the client has usually removed the file already
     return true;
   });
 }

@@ -5,11 +5,11 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "client/tov_pidfile.h"
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
 #include "core/policy/mass.h"
 #include "core/registry/query.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/settings.h"
@@ -87,11 +87,9 @@ static bool any_device_is_being_deleted() {
 
 // While a device goes down its exits are wanted; so nothing is started or said.
 static void drop_registration(int pid) {
-  tov_chains_guard_t guard(tov_chains);
+  const tov_chains_guard_t held(tov_chains);
   tov_pid_t *record = __tov_find_pid(&tov_chains, pid);
-  if (record == nullptr) return;
-  (void)tov_db_destroy(record);
-  tov_chain_remove(&tov_chains, record);
+  if (record != nullptr) tov_record_forget(held, record);
 }
 
 void tov_cn_msg_exit(int pid, int exit_code) {

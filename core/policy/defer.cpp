@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "client/tov_pidfile.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "log/tov_dbg.h"
 #include "util/priority.h"
@@ -13,7 +14,7 @@
 
 enum { FILE_NAME_SIZE = 256 };
 
-int tov_proc_is_exit(tov_pid_t *record) {
+int tov_proc_is_exit(const tov_pid_t *record) {
   char file[FILE_NAME_SIZE];
   tov_get_db_file_name(record->vsd_id, record->pid, record->process, file, sizeof file);
   tov_fd_t fd(tov_open_regular(file, O_RDWR));
@@ -35,32 +36,24 @@ int tov_proc_is_exit(tov_pid_t *record) {
   return 1;
 }
 
-// What the hand-back needs; everything else of the copy is zero.
-static tov_pid_t *copy_for_delay(const tov_pid_t &record) {
-  tov_pid_t *copy = tov_chain_new_record();
-  copy->pid = record.pid;
-  copy->vsd_id = record.vsd_id;
-  copy->alarm_wait_flag = record.alarm_wait_flag;
-  copy->restart_time = record.restart_time;
-  copy->action = record.action;
-  copy->exit_signal = record.exit_signal;
-  (void)snprintf(copy->process, sizeof copy->process, "%s", record.process);
-  (void)snprintf(copy->pathname, sizeof copy->pathname, "%s", record.pathname);
-  copy->delay_tm = tov_get_time();
-  return copy;
+bool tov_defer_is_needed(const tov_pid_t &record) {
+  if (record.force_restart == 1) return false;
+  TOV_DBG("%s %s/%d receives event:%04x\n", "tov_proc_restart_delay", record.process, record.pid,
+          static_cast<unsigned int>(record.exit_signal));
+  return tov_proc_is_exit(&record) != 1;
+}
+
+void tov_defer(const tov_pid_t &record) {
+  const tov_chains_guard_t held(tov_chains_delay);
+  if (__tov_find_pid(&tov_chains_delay, record.pid) != nullptr) {
+    TOV_DBG("%s pid %d exist in tov_chains_delay\n", "tov_proc_restart_delay", record.pid);
+    return;
+  }
+  tov_record_defer(held, record, tov_get_time());
 }
 
 int tov_proc_restart_delay(tov_pid_t *record) {
-  if (record == nullptr || record->force_restart == 1) return 0;
-  TOV_DBG("%s %s/%d receives event:%04x\n", __func__, record->process, record->pid,
-          static_cast<unsigned int>(record->exit_signal));
-  if (tov_proc_is_exit(record) == 1) return 0;
-
-  tov_chains_guard_t guard(tov_chains_delay);
-  if (__tov_find_pid(&tov_chains_delay, record->pid) != nullptr) {
-    TOV_DBG("%s pid %d exist in tov_chains_delay\n", __func__, record->pid);
-    return 1;
-  }
-  tov_chain_insert(&tov_chains_delay, copy_for_delay(*record));
+  if (record == nullptr || !tov_defer_is_needed(*record)) return 0;
+  tov_defer(*record);
   return 1;
 }

@@ -8,13 +8,19 @@
 
 #include "include/tov.h"
 
-// Parks the exit of `record` in `tov_chains_delay` while its registration file is locked.
-// Returns 1 when it is parked (or was already), 0 to go on; always 0 when it is forced.
-// Caller holds the lock of `tov_chains`.
+// Whether the exit of `record` has to wait: its registration file is locked and it is not forced.
+bool tov_defer_is_needed(const tov_pid_t &record);
+
+// Parks the exit of `record` in `tov_chains_delay`; nothing when its process is parked there.
+// Caller holds the lock of `tov_chains`, takes that of `tov_chains_delay`.
+void tov_defer(const tov_pid_t &record);
+
+// Both: parks the exit of `record` if it has to wait. Returns 1 when it is parked (or was already),
+// 0 to go on. Caller holds the lock of `tov_chains`.
 int tov_proc_restart_delay(tov_pid_t *record);
 
 // Whether anybody still holds the lock on the registration file of `record`: 0 while it is held,
 // 1 when it can be taken, the file is gone, or the question cannot be answered.
-int tov_proc_is_exit(tov_pid_t *record);
+int tov_proc_is_exit(const tov_pid_t *record);
 
 #endif  // TOV_CORE_POLICY_DEFER_H

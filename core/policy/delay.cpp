@@ -2,6 +2,7 @@
 
 #include "core/policy/defer.h"
 #include "core/policy/exit.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
@@ -20,10 +21,10 @@ struct delayed_exit_s {
   int force_restart = 0;
 };
 
-static bool is_due(tov_pid_t &record) {
+static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
   if (tov_get_time() - record.delay_tm > LONGEST_DELAY_S) {
     TOV_DBG("%s/%d more than 300s delay restart.\n", record.process, record.pid);
-    record.force_restart = 1;
+    tov_record_force(held, &record);
   }
   return record.force_restart == 1 || tov_proc_is_exit(&record) == 1;
 }
@@ -31,9 +32,9 @@ static bool is_due(tov_pid_t &record) {
 // Takes the first exit whose wait is over out of the registry.
 static delayed_exit_s take_due() {
   delayed_exit_s due;
-  tov_chains_guard_t guard(tov_chains_delay);
+  const tov_chains_guard_t held(tov_chains_delay);
   tov_chain_for_each(&tov_chains_delay, [&](tov_pid_t &record) {
-    if (!is_due(record)) return true;
+    if (!is_due(held, record)) return true;
     due = {record.pid, record.exit_signal, record.force_restart};
     tov_chain_remove(&tov_chains_delay, &record);
     return false;

@@ -6,10 +6,13 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "client/tov_pidfile.h"
-#include "core/policy/announce.h"
+#include <utility>
+
 #include "core/policy/defer.h"
+#include "core/policy/revive.h"
+#include "core/policy/rules.h"
 #include "core/registry/query.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_xtach.h"
@@ -26,29 +29,87 @@ enum {
   SCANS_MAX = 10,
 };
 
-static void forget(tov_pid_t *record) {
-  (void)tov_db_destroy(record);
-  __tov_del_pid(&tov_chains, record->pid);
-}
+namespace {
+
+// Who says that the process has ended.
+enum verdict_e {
+  REPORTED,  // the kernel, or who waited for the lock: the process is asked for once more
+  LOST,      // two sweeps that did not find it
+};
+
+// One exit under decision. The answers are asked for when a rule wants them, since some take long,
+// and kept, since some say something.
+class exit_case_s final : public tov_exit_case_t {
+ public:
+  exit_case_s(const tov_chains_guard_t &held, tov_pid_t *record, verdict_e verdict, int exit_code,
+              int force)
+      : held_(held), record_(record), verdict_(verdict), exit_code_(exit_code), force_(force) {}
+
+  bool lives() override { return verdict_ == REPORTED && process_life(record_->pid) == 0; }
+  tov_twin_e twin() override;
+  bool suspended() override { return tov_record_is_suspended(*record_); }
+  bool stopped() override { return exit_code_ == DELIBERATE_STOP; }
+  bool locked() override { return tov_defer_is_needed(*record_); }
+  bool restarted() override { return tov_record_is_restarted(*record_); }
+  bool runs_again() override;
+  void act(tov_exit_act_e act) override;
+
+  // What is to be registered when the lock is gone.
+  tov_registration_t later() const { return later_; }
+
+ private:
+  void drop();
+  void note();
+  void accept_stop();
+  void hand_over();
+
+  const tov_chains_guard_t &held_;
+  tov_pid_t *record_;
+  verdict_e verdict_;
+  int exit_code_;
+  int force_;
+  bool twin_asked_ = false;
+  tov_twin_e twin_ = TOV_TWIN_NONE;
+  tov_pid_t *other_ = nullptr;  // the twin's record
+  pid_t found_ = 0;             // the process of a program that runs again
+  tov_registration_t later_;
+};
+
+}  // namespace
+
+static constexpr char function[] = "tov_handle_netlink_exit";  // as its messages name it
 
 // ---- duplicates -----------------------------------------------------------------------------
 
-// Whether another registration of the same task is in charge, so that this one was dropped.
-static bool dropped_as_duplicate(tov_pid_t *record) {
-  tov_pid_t *other = tov_proc_is_running(record);
-  if (other == nullptr) return false;
-  if (other == record) {
-    TOV_DBG("%s--> del %d\n", "tov_handle_netlink_exit", record->pid);
-    forget(record);
-    return true;
+tov_twin_e exit_case_s::twin() {
+  if (std::exchange(twin_asked_, true)) return twin_;
+  other_ = tov_proc_is_running(record_);
+  if (other_ == nullptr) return twin_;
+  if (other_ == record_) return twin_ = TOV_TWIN_IN_CHARGE;
+  return twin_ = process_life(other_->pid) >= 0 ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
+}
+
+// An exit that was reported concerns every record of its process, a verdict its own record.
+static void forget(const tov_chains_guard_t &held, tov_pid_t *record, verdict_e verdict) {
+  if (verdict == REPORTED) {
+    tov_record_forget_process(held, record);
+  } else {
+    tov_record_forget(held, record);
   }
-  if (process_life(other->pid) >= 0) {
-    TOV_DBG("%s--> pid %d alive, del %d\n", "tov_handle_netlink_exit", other->pid, record->pid);
-    forget(record);
-    return true;
+}
+
+void exit_case_s::drop() {
+  if (twin_ == TOV_TWIN_IN_CHARGE) {
+    TOV_DBG("%s--> del %d\n", function, record_->pid);
+  } else {
+    TOV_DBG("%s--> pid %d alive, del %d\n", function, other_->pid, record_->pid);
   }
-  forget(other);
-  return false;
+  forget(held_, record_, verdict_);
+}
+
+void exit_case_s::note() {
+  tov_del_node_chain_safe(record_, &tov_alive_chains);
+  tov_record_ended(held_, record_, exit_code_, force_);
 }
 
 // ---- deliberate stops -----------------------------------------------------------------------
@@ -60,7 +121,7 @@ static bool remove_member_markers(int vsd_no, pid_t pid) {
   (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_DIR_FMT, vsd_no);
   tov_dir_t dir(opendir(path));
   if (!dir) {
-    TOV_DBG("%s: chdir fail: %s\n", "tov_handle_netlink_exit", strerror(errno));
+    TOV_DBG("%s: chdir fail: %s\n", function, strerror(errno));
     return false;
   }
   int dir_fd = dirfd(dir.get());
@@ -79,115 +140,99 @@ static bool remove_member_markers(int vsd_no, pid_t pid) {
 
 // A stop that somebody asked for with SIGTERM is never answered by a restart. When the markers
 // cannot be cleared the record stays, and the sweep will bring the process back.
-static void accept_stop(tov_pid_t *record) {
-  int vsd_no = find_app(record->pid);
+void exit_case_s::accept_stop() {
+  const int vsd_no = find_app(record_->pid);
   (void)tov_log_with_type(TOV_LOG_RUN_EVENT,
                           "Task:%s,pid:%d,vsd_no:%d,killed by signal 15 from others.\n",
-                          record->process, record->pid, vsd_no);
-  if (vsd_no > 0 && !remove_member_markers(vsd_no, record->pid)) return;
-  TOV_DBG("%s: hlist_del\n", "tov_handle_netlink_exit");
-  (void)tov_db_destroy(record);
-  tov_chain_remove(&tov_chains, record);
+                          record_->process, record_->pid, vsd_no);
+  if (vsd_no > 0 && !remove_member_markers(vsd_no, record_->pid)) return;
+  TOV_DBG("%s: hlist_del\n", function);
+  tov_record_forget(held_, record_);
 }
 
-// ---- restart --------------------------------------------------------------------------------
+// ---- programs that run again ----------------------------------------------------------------
 
-// A third-part program that somebody else brought back is registered under its new process
-// instead of being started once more.
-static bool handed_over_to_running(tov_pid_t *record, tov_registration_t *later) {
+bool exit_case_s::runs_again() {
   char attribute[ATTRIBUTE_SIZE];
-  if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record->process, attribute, sizeof attribute)) {
+  if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record_->process, attribute, sizeof attribute)) {
     return false;
   }
   char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place
-  (void)snprintf(key, sizeof key, "%s", record->process);
-  pid_t found = 0;
+  (void)snprintf(key, sizeof key, "%s", record_->process);
   // Without pauses, since the registry is locked; but a scan that something else's end spoiled has
   // not said that the program does not run, and a second copy of it would be started.
   int result = -1;
   for (int scan = 0; result < 0 && scan < SCANS_MAX; scan++)
-    result = tov_proc_to_pid(key, &found, 0);
-  if (result != 1) return false;
-
-  bool by_script = record->action == SHELL_RESTART;
-  TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", "tov_handle_netlink_exit",
-          by_script ? "SHELL_RESTART" : "RESPAWN", found);
-  forget(record);
-  *later = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
-  return true;
+    result = tov_proc_to_pid(key, &found_, 0);
+  return result == 1;
 }
 
-// Moves the registration from the dead process to its successor. The file carries the old id in
-// its name, so it goes first.
-static void renew(tov_pid_t *record, pid_t new_pid) {
-  (void)tov_db_destroy(record);
-  tov_chain_rekey(&tov_chains, record, new_pid);
-  record->force_restart = 0;
-}
-
-static void restart(tov_pid_t *record) {
-  if (record->restart_time > 0) safe_sleep(record->restart_time);
-
-  tov_task_name_s name(*record);
-  tov_restart_news_t news{name.text, record->action == SHELL_RESTART, record->pid,
-                          static_cast<unsigned int>(record->exit_signal)};
-  if (del_dev_mon_log() != 0) {
-    tov_announce_before(news);
-    if (debug_log() == 0 && tov_journal_before(news) < 0) return;
-  }
-
-  pid_t new_pid = -1;
-  if (tov_proc_restart(record, &new_pid) < 1) return;
-  renew(record, new_pid);
-  // Before anything is said: the child inherited the daemon's exemption from the low-memory killer.
-  tov_reset_lmk(new_pid);
-
-  // The marker stands for one restart that nobody hears of.
-  if (del_dev_mon_restart() == 0) return;
-  news.count = record->count;
-  news.new_pid = new_pid;
-  tov_announce_after(news);
-  if (debug_log() == 0) (void)tov_journal_after(news);
+// A third-part program that somebody else brought back is registered under its new process
+// instead of being started once more.
+void exit_case_s::hand_over() {
+  const bool by_script = record_->action == SHELL_RESTART;
+  TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
+          by_script ? "SHELL_RESTART" : "RESPAWN", found_);
+  forget(held_, record_, verdict_);
+  later_ = {found_, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
 }
 
 // ---- the decision ---------------------------------------------------------------------------
 
-// Top to bottom; each rule either ends the matter or leaves it to the next. Returns what is to be
-// registered when the lock is gone.
-static tov_registration_t decide(int pid, int exit_code, int force, bool known_gone) {
-  tov_registration_t later;
-  tov_chains_guard_t guard(tov_chains);
-  tov_pid_t *record = tov_get_oldest_node(pid);
-  if (record == nullptr) return later;
-  if (!known_gone && process_life(pid) == 0) return later;
-  if (dropped_as_duplicate(record)) return later;
-  if (record->alarm_wait_flag == 1) return later;  // the self-check alarm will start it
-
-  tov_del_node_chain_safe(record, &tov_alive_chains);
-  record->exit_signal = exit_code;
-  record->force_restart = force;
-  if (exit_code == DELIBERATE_STOP) {
-    accept_stop(record);
-    return later;
+void exit_case_s::act(tov_exit_act_e act) {
+  switch (act) {
+    case TOV_EXIT_LEAVE:
+    case TOV_EXIT_WAIT_FOR_ALARM:
+    case TOV_EXIT_LEAVE_DEAD:
+    case TOV_EXIT_ACT_NUM:
+      break;
+    case TOV_EXIT_DROP:
+      drop();
+      break;
+    case TOV_EXIT_DROP_OTHER:
+      tov_record_forget_process(held_, other_);
+      break;
+    case TOV_EXIT_NOTE:
+      note();
+      break;
+    case TOV_EXIT_ACCEPT_STOP:
+      accept_stop();
+      break;
+    case TOV_EXIT_DEFER:
+      tov_defer(*record_);
+      break;
+    case TOV_EXIT_HAND_OVER:
+      hand_over();
+      break;
+    case TOV_EXIT_RESTART:
+      (void)tov_revive(held_, record_, TOV_REVIVE_AFTER_EXIT);
+      break;
   }
-  if (tov_proc_restart_delay(record) == 1) return later;
-  if (record->action != RESPAWN && record->action != SHELL_RESTART) return later;
-  if (!handed_over_to_running(record, &later)) restart(record);
-  return later;
+}
+
+static tov_registration_t decide_reported_exit(int pid, int exit_code, int force) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_get_oldest_node(pid);
+  if (record == nullptr) return {};
+  exit_case_s asked(held, record, REPORTED, exit_code, force);
+  (void)tov_exit_decide(asked);
+  return asked.later();
 }
 
 void tov_handle_netlink_exit(int pid, int exit_code, int force) {
-  tov_register_found(decide(pid, exit_code, force, false));
+  tov_register_found(decide_reported_exit(pid, exit_code, force));
 }
 
-tov_registration_t tov_decide_lost_exit(int pid) {
-  return decide(pid, 0, 0, true);
+tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
+  exit_case_s asked(held, record, LOST, 0, 0);
+  (void)tov_exit_decide(asked);
+  return asked.later();
 }
 
 void tov_register_found(const tov_registration_t &found) {
   if (found.pid == 0) return;
   if (reg_third_part_process_exit_action(found.pid, found.type) != 0) {
     (void)tov_log_with_type(TOV_LOG_ERROR, "%s-->reg_third_part_process_exit_action error!\n",
-                            "tov_handle_netlink_exit");
+                            function);
   }
 }

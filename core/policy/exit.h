@@ -1,21 +1,15 @@
-// The decision after the exit of a supervised process.
-//
-//   registered --exit--> dropped              a duplicate: another registration stays in charge
-//                    --> removed              ended by signal 15: a deliberate stop
-//                    --> deferred             its registration file is still locked; the delay
-//                                             thread hands it back here, by force after 300 s
-//                    --> registered, new id   restarted
-//                    --> registered, dead id  NORMAL_EXIT, IGNORE_EXIT, or the start failed; the
-//                                             sweep keeps looking at it
+// The decision after the exit of a supervised process: the rules (core/policy/rules) asked of the
+// registry, the kernel and the files. What becomes of the record is drawn in
+// core/registry/record.h.
 //
 // Threads: the event handler, the delay thread, the sweep. The whole handling of one exit runs
-// under the lock of `tov_chains`, sleeps and the spawn included, so exits are handled one at a
+// under the lock of `tov_chains`, waits and the start included, so exits are handled one at a
 // time and a new process that dies at once finds its record already renewed. Only a registration
 // with our own server is made after the lock is gone, because the server wants the same lock.
 #ifndef TOV_CORE_POLICY_EXIT_H
 #define TOV_CORE_POLICY_EXIT_H
 
-#include "core/policy/defer.h"
+#include "core/registry/tov_chain.h"
 #include "include/tov.h"
 
 // Decides about the exit of `pid`.
@@ -33,11 +27,14 @@ struct tov_registration_s {
 };
 using tov_registration_t = tov_registration_s;
 
-// The same decision about a process that two sweeps in a row did not find running: their verdict
-// stands in place of the liveness question, because another program may live under the id by now.
-// That stranger is not touched.
+// The same decision about a record whose process two sweeps in a row did not find as it was
+// registered: their verdict stands in place of the liveness question, because another program may
+// live under the id by now. That stranger is not touched, and neither is another record of its id.
+//   held    the guard of `tov_chains`
+//   record  may be freed
 // Returns what the caller hands to tov_register_found() once it holds no registry's lock.
-[[nodiscard]] tov_registration_t tov_decide_lost_exit(int pid);
+[[nodiscard]] tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held,
+                                                      tov_pid_t *record);
 
 // Registers the process with our own server, which takes the lock of `tov_chains` in another
 // thread: never call it with that lock held. A failure is logged. Waits for the server's answer.

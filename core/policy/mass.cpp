@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
@@ -34,10 +35,10 @@ static limits_s read_limits() {
 
 // Stamps the newest record of `pid`; false when there is none.
 static bool remember(int pid, bool dumped, time_t now, tov_chains_t *chains) {
-  tov_chains_guard_t guard(*chains);
+  const tov_chains_guard_t held(*chains);
   tov_pid_t *record = __tov_find_pid(chains, pid);
   if (record == nullptr) return false;
-  if (dumped) record->ill_tm = now;
+  if (dumped) tov_record_dumped_core(held, record, now);
   return true;
 }
 

@@ -7,10 +7,10 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
+#include "core/policy/revive.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
-#include "proc/tov_proc.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -30,8 +30,6 @@ static tov_pid_t *read_record(int vsd_id, const char *dir, const char *entry) {
     return nullptr;
   }
   record->vsd_id = vsd_id;
-  record->alarm_wait_flag = 0;
-  record->restart_time = 0;
   (void)snprintf(record->process, sizeof record->process, "%s", record->pathname);
   rtrim(record->process);  // readings of a live process are compared without trailing blanks
   return record;
@@ -40,16 +38,11 @@ static tov_pid_t *read_record(int vsd_id, const char *dir, const char *entry) {
 // Everything found registered and dead is brought back: the action only chooses the way, and the
 // result of the start is not asked. A start that failed leaves the record with the id -1 or 0,
 // which the sweep reports.
-static void bring_back(tov_chains_t *chains, tov_pid_t *record) {
+static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   TOV_DBG("pid (%d) is not exist\n", record->pid);
   if (tov_proc_restart_delay(record) != 0) return;
-
-  pid_t new_pid = -1;
-  pid_t result = tov_proc_restart(record, &new_pid);
-  (void)tov_db_destroy(record);  // its name holds the old id
-  tov_chain_rekey(chains, record, new_pid);
-  tov_reset_lmk(new_pid);
-  TOV_DBG("pid (%d) %s ret = %d\n", new_pid,
+  const pid_t result = tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
+  TOV_DBG("pid (%d) %s ret = %d\n", record->pid,
           record->action == SHELL_RESTART ? "shell restart" : "restart", result);
 }
 
@@ -62,9 +55,9 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
     tov_pid_t *record = read_record(vsd_id, path, entry->d_name);
     if (record == nullptr) continue;
-    tov_chains_guard_t guard(*chains);
+    const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);
-    if (process_life(record->pid) < 0) bring_back(chains, record);
+    if (process_life(record->pid) < 0) bring_back(held, record);
   }
 }
 

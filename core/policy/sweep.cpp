@@ -4,6 +4,7 @@
 
 #include "core/policy/exit.h"
 #include "core/registry/query.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
@@ -18,15 +19,15 @@ enum {
 static constexpr char function[] = "tov_proc_stat_check";
 
 // Tasks that wait for the self-check alarm are passed over: they have no process.
-static void count_miss(tov_pid_t &record) {
-  if (record.alarm_wait_flag != 0) return;
+static void look_at(const tov_chains_guard_t &held, tov_pid_t &record) {
+  if (tov_record_is_suspended(record)) return;
   if (tov_check_process_alive(&record) == 0) {
-    record.stat_check_cnt = 0;
+    tov_record_clear_misses(held, &record);
     return;
   }
   (void)tov_log_with_type(TOV_LOG_RESTART, "%s: tov_pid(%s, %d, %d) is not running.\n", function,
                           record.process, record.vsd_id, record.pid);
-  record.stat_check_cnt++;
+  tov_record_missed(held, &record);
 }
 
 // A record of the bucket that was missed once too often, or null.
@@ -42,18 +43,18 @@ static tov_pid_t *find_lost(unsigned int bucket) {
 // The bucket's share under the lock. Returns the processes to register when it is gone.
 static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
   std::vector<tov_registration_t> found;
-  tov_chains_guard_t guard(tov_chains);
-  tov_chain_for_each_in(&tov_chains, bucket, [](tov_pid_t &record) {
-    count_miss(record);
+  const tov_chains_guard_t held(tov_chains);
+  tov_chain_for_each_in(&tov_chains, bucket, [&held](tov_pid_t &record) {
+    look_at(held, record);
     return true;
   });
   // A walk of its own for each: the decision about one record may remove others.
   while (tov_pid_t *lost = find_lost(bucket)) {
-    lost->stat_check_cnt = 0;
+    tov_record_clear_misses(held, lost);
     (void)tov_log_with_type(TOV_LOG_RESTART,
                             "%s: tov_pid(%s, %d, %d) exit code lost, restart it.\n", function,
                             lost->process, lost->vsd_id, lost->pid);
-    tov_registration_t later = tov_decide_lost_exit(lost->pid);
+    tov_registration_t later = tov_decide_lost_exit(held, lost);
     if (later.pid != 0) found.push_back(later);
   }
   return found;

@@ -30,7 +30,8 @@ class tov_chains_guard_s {
   tov_chains_guard_s(const tov_chains_guard_s &) = delete;
   tov_chains_guard_s &operator=(const tov_chains_guard_s &) = delete;
   ~tov_chains_guard_s() { release(); }
-  void release();  // unlocks before the end of the scope; once
+  void release();                                     // unlocks before the end of the scope; once
+  tov_chains_t *registry() const { return chains_; }  // null once released
 
  private:
   tov_chains_t *chains_;

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
-#include "client/tov_pidfile.h"
-#include "core/policy/announce.h"
+#include "core/policy/revive.h"
 #include "core/registry/query.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "log/tov_dbg.h"
@@ -29,6 +29,8 @@ enum {
   SIGNAL_LAST = 65,
 };
 
+namespace {
+
 // What one run of the alarm's handler works with.
 struct self_check_s {
   time_t now;
@@ -38,68 +40,51 @@ struct self_check_s {
   time_t deadline(const tov_pid_t &record) const { return record.tm + period_s; }
 };
 
-static bool is_waiting(const tov_pid_t &record) {
-  return (record.flags & TOV_FLAG_SELF_CHECK) != 0;
-}
+}  // namespace
 
 // A waiting task that somebody registered anew meanwhile needs no restart.
-static bool dropped_as_duplicate(tov_pid_t &record) {
-  const tov_pid_t *other = tov_proc_is_running(&record);
+static bool dropped_as_duplicate(const tov_chains_guard_t &held, tov_pid_t *record) {
+  const tov_pid_t *other = tov_proc_is_running(record);
   if (other == nullptr) return false;
-  TOV_DBG("%s--> %s/%d is running!\n", "tov_alrm_handler", other->process, record.pid);
-  (void)tov_db_destroy(&record);
-  tov_chain_remove(&tov_chains, &record);
+  TOV_DBG("%s--> %s/%d is running!\n", "tov_alrm_handler", other->process, record->pid);
+  tov_record_forget(held, record);
   return true;
 }
 
 // Counts this self-check for the reload rule, when the task's burst lay within the time in which
 // the single-process switch is on.
-static void count_self_check(tov_pid_t &record, const self_check_s &check) {
-  int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
+static void count_self_check(const tov_chains_guard_t &held, tov_pid_t *record,
+                             const self_check_s &check) {
+  const int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
   TOV_DBG(
       "%s--> %s/%d tm=%d, first_tm=%d, t=%d, con_pull_flag=%d, "
       "tov_single_ps_ha_enable_time=%d\n",
-      "tov_alrm_handler", record.process, record.pid, static_cast<int>(record.tm),
-      static_cast<int>(record.first_tm), check.period_s, record.con_pull_flag, enable_time);
-  if (tov_flag_get(tov_single_ps_ha_enable) && record.first_tm >= enable_time) {
-    record.con_pull_flag++;
-    record.con_tm = check.now;
-  } else {
-    record.con_pull_flag = 0;
-    record.con_tm = 0;
-  }
-  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d.\n", "tov_alrm_handler", record.process,
-          record.pid, record.con_pull_flag, static_cast<int>(record.con_tm));
+      "tov_alrm_handler", record->process, record->pid, static_cast<int>(record->tm),
+      static_cast<int>(record->first_tm), check.period_s, record->con_pull_flag, enable_time);
+  const bool counted = tov_flag_get(tov_single_ps_ha_enable) && record->first_tm >= enable_time;
+  tov_record_count_self_check(held, record, counted, check.now);
+  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d.\n", "tov_alrm_handler", record->process,
+          record->pid, record->con_pull_flag, static_cast<int>(record->con_tm));
 }
 
-static void end_suspension(tov_pid_t &record, const self_check_s &check) {
-  count_self_check(record, check);
-  record.flags &= ~TOV_FLAG_SELF_CHECK;
-  record.count = 0;
-  record.alarm_wait_flag = 0;
-  record.tm = 0;
-  pid_t new_pid = -1;
-  if (tov_proc_restart(&record, &new_pid) < 1) return;
-
-  (void)tov_db_destroy(&record);  // its name holds the old id
-  tov_chain_rekey(&tov_chains, &record, new_pid);
-  tov_reset_lmk(new_pid);
-  tov_task_name_s name(record);
-  tov_announce_self_check_ok(
-      {name.text, record.action == SHELL_RESTART, record.pid, 0, record.count, new_pid});
+static void end_suspension(const tov_chains_guard_t &held, tov_pid_t *record,
+                           const self_check_s &check) {
+  count_self_check(held, record, check);
+  tov_record_resume(held, record);
+  (void)tov_revive(held, record, TOV_REVIVE_AFTER_SUSPENSION);
 }
 
-static void look_after(tov_pid_t &record, self_check_s *check) {
-  if (!is_waiting(record)) return;
+static void check_task(const tov_chains_guard_t &held, tov_pid_t *record, self_check_s *check) {
+  if (!tov_record_is_suspended(*record)) return;
   // Strictly: the alarm fires in the very second of the deadline, and a task that waits alone is
   // started one second later.
-  bool over = check->deadline(record) < check->now;
-  if (over && dropped_as_duplicate(record)) return;
-  if (record.action != RESPAWN && record.action != SHELL_RESTART) return;
+  const bool over = check->deadline(*record) < check->now;
+  if (over && dropped_as_duplicate(held, record)) return;
+  if (!tov_record_is_restarted(*record)) return;
   if (over) {
-    end_suspension(record, *check);
+    end_suspension(held, record, *check);
   } else {
-    check->next = std::max(check->next, check->deadline(record));
+    check->next = std::max(check->next, check->deadline(*record));
   }
 }
 
@@ -107,10 +92,10 @@ void tov_alrm_handler(int) {
   tov_errno_keeper_s keep;
   self_check_s check{0, tov_self_check_period("tov_alrm_handler"), 0};
   {
-    tov_chains_guard_t guard(tov_chains);
+    const tov_chains_guard_t held(tov_chains);
     check.now = tov_get_time();
-    tov_chain_for_each(&tov_chains, [&](tov_pid_t &record) {
-      look_after(record, &check);
+    tov_chain_for_each(&tov_chains, [&held, &check](tov_pid_t &record) {
+      check_task(held, &record, &check);
       return true;
     });
   }

@@ -34,6 +34,12 @@ class TovBurst : public tov_test::Supervision {
   static unsigned int pending_alarm() { return alarm(0); }
 };
 
+// One restart under the registry's lock.
+bool allows(tov_pid_t *record, const tov_proc_how_t &how) {
+  const tov_chains_guard_t held(tov_chains);
+  return tov_burst_allows(held, record, how);
+}
+
 class TovCheckRestartSystem : public tov_test::Supervision {
  protected:
   // A task whose self-check ended `ago_s` seconds before it was suspended again.
@@ -58,7 +64,7 @@ class TovCheckRestartSystem : public tov_test::Supervision {
 TEST_F(TovBurst, FirstRestartBeginsABurst) {
   tov_pid_t *record = task(0);
   const time_t before = tov_get_time();
-  EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_TRUE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->count, 1);
   EXPECT_GE(record->tm, before);
   EXPECT_EQ(record->first_tm, record->tm);
@@ -69,11 +75,11 @@ TEST_F(TovBurst, FirstRestartBeginsABurst) {
 TEST_F(TovBurst, FifthRestartIsNotMade) {
   tov_pid_t *record = task(0);
   for (int i = 1; i <= 4; i++) {
-    EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_exec)) << i;
+    EXPECT_TRUE(allows(record, tov_proc_by_exec)) << i;
     EXPECT_EQ(record->count, i);
   }
   const time_t before = tov_get_time();
-  EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_FALSE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->flags, TOV_FLAG_SELF_CHECK);
   EXPECT_GE(record->tm, before);
   EXPECT_EQ(record->alarm_wait_flag, 1);
@@ -86,7 +92,7 @@ TEST_F(TovBurst, FifthRestartIsNotMade) {
 TEST_F(TovBurst, SpanIsMeasuredFromTheFirstRestart) {
   tov_pid_t *record = task(3, 100);
   const time_t begun = record->tm;
-  EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_TRUE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->tm, begun);
   EXPECT_EQ(record->count, 4);
 }
@@ -94,7 +100,7 @@ TEST_F(TovBurst, SpanIsMeasuredFromTheFirstRestart) {
 TEST_F(TovBurst, RestartAfter120SecondsBeginsANewBurst) {
   tov_pid_t *record = task(4, 120);
   const time_t before = tov_get_time();
-  EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_TRUE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->count, 1);
   EXPECT_GE(record->tm, before);
   EXPECT_EQ(record->first_tm, record->tm);
@@ -102,19 +108,19 @@ TEST_F(TovBurst, RestartAfter120SecondsBeginsANewBurst) {
 
 TEST_F(TovBurst, RestartShortlyBeforeDoesNot) {
   tov_pid_t *record = task(4, 118);
-  EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_FALSE(allows(record, tov_proc_by_exec));
 }
 
 TEST_F(TovBurst, OnlyItsOwnWayIsCounted) {
   tov_pid_t *script = task(4, 0, SHELL_RESTART);
-  EXPECT_TRUE(tov_burst_allows(script, tov_proc_by_exec));
+  EXPECT_TRUE(allows(script, tov_proc_by_exec));
   EXPECT_EQ(script->count, 4);
-  EXPECT_FALSE(tov_burst_allows(script, tov_proc_by_script));
+  EXPECT_FALSE(allows(script, tov_proc_by_script));
   tov_pid_t *program = task(4, 0, RESPAWN);
-  EXPECT_TRUE(tov_burst_allows(program, tov_proc_by_script));
+  EXPECT_TRUE(allows(program, tov_proc_by_script));
   EXPECT_EQ(program->count, 4);
   tov_pid_t *other = task(4, 0, NORMAL_EXIT);
-  EXPECT_TRUE(tov_burst_allows(other, tov_proc_by_exec));
+  EXPECT_TRUE(allows(other, tov_proc_by_exec));
   EXPECT_EQ(other->count, 4);
   EXPECT_EQ(other->flags, TOV_FLAG_STARTED);
 }
@@ -123,7 +129,7 @@ TEST_F(TovBurst, MarkerOfTheOperatorsSuspendsNothing) {
   const TemporaryFile marker(TOV_DEV_MON_FILE);
   tov_pid_t *record = task(4);
   for (int i = 5; i <= 8; i++) {
-    EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_exec));
+    EXPECT_TRUE(allows(record, tov_proc_by_exec));
     EXPECT_EQ(record->count, i);
   }
   EXPECT_EQ(record->alarm_wait_flag, 0);
@@ -134,7 +140,7 @@ TEST_F(TovBurst, MarkerOfTheOperatorsSuspendsNothing) {
 
 TEST_F(TovBurst, SoonerAlarmStaysInForce) {
   alarm(10);
-  EXPECT_FALSE(tov_burst_allows(task(4), tov_proc_by_exec));
+  EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
   const unsigned int alarm_s = pending_alarm();
   EXPECT_GE(alarm_s, 9u);
   EXPECT_LE(alarm_s, 10u);
@@ -142,13 +148,13 @@ TEST_F(TovBurst, SoonerAlarmStaysInForce) {
 
 TEST_F(TovBurst, LaterAlarmIsReplaced) {
   alarm(1000);
-  EXPECT_FALSE(tov_burst_allows(task(4), tov_proc_by_exec));
+  EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
   EXPECT_LE(pending_alarm(), 300u);
 }
 
 TEST_F(TovBurst, PeriodOfTheFileIsUsed) {
   const TemporaryFile period(TOV_DEBUG_TIME_FILE, "60");
-  EXPECT_FALSE(tov_burst_allows(task(4), tov_proc_by_exec));
+  EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
   const unsigned int alarm_s = pending_alarm();
   EXPECT_GE(alarm_s, 59u);
   EXPECT_LE(alarm_s, 60u);
@@ -158,7 +164,7 @@ TEST_F(TovBurst, PeriodOfTheFileIsUsed) {
 TEST_F(TovBurst, PeriodThatCannotBeReadIsToldAndReplaced) {
   std::filesystem::create_directory(TOV_DEBUG_TIME_FILE);
   tov_pid_t *record = task(0);
-  EXPECT_THAT(diagnostics([&] { EXPECT_TRUE(tov_burst_allows(record, tov_proc_by_script)); }),
+  EXPECT_THAT(diagnostics([&] { EXPECT_TRUE(allows(record, tov_proc_by_script)); }),
               HasSubstr("]tov_shell_spawn: get disable time fail: Is a directory\n"));
 }
 
@@ -166,8 +172,7 @@ TEST_F(TovBurst, PeriodThatCannotBeReadIsToldAndReplaced) {
 
 TEST_F(TovBurst, SuspensionIsAnnouncedInThreeWays) {
   tov_pid_t *record = task(4);
-  const std::string said =
-      diagnostics([&] { EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_exec)); });
+  const std::string said = diagnostics([&] { EXPECT_FALSE(allows(record, tov_proc_by_exec)); });
   const std::string text =
       "Task: foo had checked more than 5 times. After 5 mimutes, task will finish self-checking.";
   EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: " + text));
@@ -177,8 +182,7 @@ TEST_F(TovBurst, SuspensionIsAnnouncedInThreeWays) {
 
 TEST_F(TovBurst, SuspensionOfAScriptHasItsOwnTag) {
   tov_pid_t *record = task(4, 0, SHELL_RESTART);
-  const std::string said =
-      diagnostics([&] { EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_script)); });
+  const std::string said = diagnostics([&] { EXPECT_FALSE(allows(record, tov_proc_by_script)); });
   const std::string text =
       "Task: foo had checked more than 5 times. After 5 mimutes, task will finish self-checking.";
   EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SCRIPT_SELF_CHECK: " + text));
@@ -188,7 +192,7 @@ TEST_F(TovBurst, SuspensionOfAScriptHasItsOwnTag) {
 
 TEST_F(TovBurst, ProductLineReadsTheSame) {
   const TemporaryFile marker(DORVIK_MARKER);
-  EXPECT_FALSE(tov_burst_allows(task(4), tov_proc_by_exec));
+  EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
   EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: Task: foo had checked more than 5 "
                                      "times. After 5 mimutes, task will finish self-checking."));
 }
@@ -196,7 +200,7 @@ TEST_F(TovBurst, ProductLineReadsTheSame) {
 TEST_F(TovBurst, NameIsWithoutTrailingBlanksAndTheKeyKeepsThem) {
   tov_pid_t *record = task(4);
   (void)snprintf(record->process, sizeof record->process, "/opt/foo -a \t");
-  EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_FALSE(allows(record, tov_proc_by_exec));
   EXPECT_THAT(notices(), ElementsAre(HasSubstr("Task: foo -a had checked")));
   EXPECT_STREQ(record->process, "/opt/foo -a \t");
 }
@@ -291,6 +295,6 @@ TEST_F(TovCheckRestartSystem, IsAskedByASuspension) {
   tov_pid_t *record = task(0);
   record->count = 4;
   record->tm = tov_get_time();
-  EXPECT_FALSE(tov_burst_allows(record, tov_proc_by_exec));
+  EXPECT_FALSE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->con_pull_flag, 0);
 }

@@ -117,6 +117,12 @@ class PlainConsole {
   PlainConsole &operator=(const PlainConsole &) = delete;
 };
 
+// A start under the registry's lock.
+pid_t restart(tov_pid_t *record, pid_t *res) {
+  const tov_chains_guard_t held(tov_chains);
+  return tov_proc_restart(held, record, res);
+}
+
 }  // namespace
 
 // ---- an ordinary program --------------------------------------------------------------------
@@ -585,11 +591,11 @@ TEST_F(TovShellSpawn, DaemonOfAScriptIsFollowed) {
 TEST_F(TovProcRestart, ScriptForOneActionCommandLineForAllOthers) {
   const Program program("chosen");
   const TemporaryFile script("/etc/cmdmap/" + program.name + ".sh", script_of(program));
-  EXPECT_GT(tov_proc_restart(add(GONE, program.path, SHELL_RESTART), &res_), 0);
+  EXPECT_GT(restart(add(GONE, program.path, SHELL_RESTART), &res_), 0);
   EXPECT_EQ(program.birth(1).argv, program.path + " /etc/cmdmap/" + program.name + ".sh start");
-  EXPECT_GT(tov_proc_restart(add(GONE, program.path, RESPAWN), &res_), 0);
+  EXPECT_GT(restart(add(GONE, program.path, RESPAWN), &res_), 0);
   EXPECT_EQ(program.birth(2).argv, program.path);
-  EXPECT_GT(tov_proc_restart(add(GONE, program.path, NORMAL_EXIT), &res_), 0);
+  EXPECT_GT(restart(add(GONE, program.path, NORMAL_EXIT), &res_), 0);
   EXPECT_EQ(program.birth(3).argv, program.path);
 }
 
@@ -597,7 +603,7 @@ TEST_F(TovProcRestart, ChildThatCannotGoToTheRootNeverComesBack) {
   tov_test::in_child([this] {
     refuse({SYS_chdir}, EIO);
     const pid_t self = getpid();
-    const pid_t result = tov_proc_restart(add(GONE, "/bin/true"), &res_);
+    const pid_t result = restart(add(GONE, "/bin/true"), &res_);
     if (getpid() != self) _exit(43);
     EXPECT_EQ(status_of(result), 1);
   });

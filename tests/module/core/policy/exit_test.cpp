@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "core/registry/record.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/refused_calls.h"
 #include "tests/module/supervision.h"
@@ -60,6 +61,16 @@ helper_process_s holder_of(const std::string &path) {
   });
 }
 
+// Carries out a sweep's verdict about a record.
+void decide_lost(tov_pid_t *record) {
+  tov_registration_t found;
+  {
+    const tov_chains_guard_t held(tov_chains);
+    found = tov_decide_lost_exit(held, record);
+  }
+  tov_register_found(found);
+}
+
 }  // namespace
 
 // ---- who is concerned -----------------------------------------------------------------------
@@ -91,7 +102,10 @@ TEST_F(TovHandleExit, OldestRecordOfTheProcessIsTheOneThatCounts) {
 
 TEST_F(TovHandleExit, SuspendedTaskWaitsForItsAlarm) {
   tov_pid_t *record = add(GONE, "/opt/a");
-  record->alarm_wait_flag = 1;
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_suspend(held, record, tov_get_time());
+  }
   add(GONE + 1, "/opt/thread", RESPAWN, 0, tov_alive_chains)->ppid = GONE;
   tov_handle_netlink_exit(GONE, KILLED, 0);
   EXPECT_EQ(find(GONE), record);
@@ -522,7 +536,7 @@ TEST_F(TovHandleExit, LostProcessIsRestartedAndTheStrangerUnderItsIdLives) {
   const Program program("lost"), stranger("stranger");
   const pid_t pid = tov_test::start(stranger.path);
   tov_pid_t *record = add(pid, program.path);
-  tov_register_found(tov_decide_lost_exit(pid));
+  decide_lost(record);
   EXPECT_EQ(record->pid, program.birth().pid);
   EXPECT_NE(record->pid, pid);
   EXPECT_TRUE(tov_test::process_lives(pid));
@@ -535,7 +549,7 @@ TEST_F(TovHandleExit, LostProcessIsStillDeferredWhileItsFileIsLocked) {
   const pid_t pid = tov_test::start(program.path);
   tov_pid_t *record = add(pid, "/opt/" + program.name + " retitled");
   const auto holder = holder_of(write_file_of(*record));
-  tov_register_found(tov_decide_lost_exit(pid));
+  decide_lost(record);
   EXPECT_EQ(record->pid, pid);
   EXPECT_EQ(count(tov_chains_delay), 1);
 }
@@ -543,11 +557,45 @@ TEST_F(TovHandleExit, LostProcessIsStillDeferredWhileItsFileIsLocked) {
 TEST_F(TovHandleExit, LostProcessIsStillDroppedAsADuplicate) {
   const Program program("twin");
   const pid_t pid = tov_test::start(program.path);
-  add(pid, "/opt/twin");
+  tov_pid_t *record = add(pid, "/opt/twin");
   const tov_pid_t *other = add(GONE + 1, "/opt/twin");
-  tov_register_found(tov_decide_lost_exit(pid));
+  decide_lost(record);
   EXPECT_EQ(find(pid), nullptr);
   EXPECT_EQ(find(GONE + 1), other);
+}
+
+TEST_F(TovHandleExit, VerdictConcernsItsOwnRecordAlone) {
+  const Program program("healthy"), lost("lost");
+  const pid_t pid = tov_test::start(program.path);
+  tov_pid_t *healthy = add(pid, program.path);  // the older one, which an exit event would take
+  tov_pid_t *mistaken = add(pid, lost.path);
+  decide_lost(mistaken);
+  EXPECT_EQ(healthy->pid, pid);
+  EXPECT_EQ(program.births().size(), 1u);
+  EXPECT_EQ(mistaken->pid, lost.birth().pid);
+}
+
+TEST_F(TovHandleExit, VerdictThatDropsADuplicateLeavesOtherRecordsOfTheId) {
+  const Program program("healthy");
+  const pid_t pid = tov_test::start(program.path);
+  const tov_pid_t *healthy = add(pid, program.path);
+  tov_pid_t *mistaken = add(pid, "/opt/twin");
+  add(GONE + 1, "/opt/twin");
+  decide_lost(mistaken);
+  EXPECT_EQ(find(pid), healthy);
+  EXPECT_EQ(count(), 2);
+}
+
+TEST_F(TovHandleExit, MissesOfADeadProcessAreNotItsSuccessors) {
+  const Program program("missed");
+  tov_pid_t *record = add(GONE, program.path);
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_missed(held, record);
+  }
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(record->pid, program.birth().pid);
+  EXPECT_EQ(record->stat_check_cnt, 0);
 }
 
 // ---- third-part programs --------------------------------------------------------------------

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "core/registry/record.h"
 #include "tests/module/supervision.h"
 
 using testing::ElementsAre;
@@ -116,7 +117,10 @@ TEST_F(TovSweep, ProgramThatBecameAnotherIsReplacedButNotKilled) {
 
 TEST_F(TovSweep, SuspendedTaskIsNeverLookedAt) {
   tov_pid_t *record = add(GONE, "/opt/a");
-  record->alarm_wait_flag = 1;
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_suspend(held, record, tov_get_time());
+  }
   for (int i = 0; i < 3; i++)
     sweep();
   EXPECT_EQ(record->stat_check_cnt, 0);

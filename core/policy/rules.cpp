@@ -1,0 +1,48 @@
+#include "core/policy/rules.h"
+
+#include <iterator>
+
+static bool always(tov_exit_case_t &) {
+  return true;
+}
+
+static constexpr tov_exit_rule_t rules[] = {
+    {"the process lives", [](tov_exit_case_t &asked) { return asked.lives(); }, TOV_EXIT_LEAVE,
+     true},
+    {"another registration is in charge of the task",
+     [](tov_exit_case_t &asked) { return asked.twin() == TOV_TWIN_IN_CHARGE; }, TOV_EXIT_DROP,
+     true},
+    {"another process of the task lives",
+     [](tov_exit_case_t &asked) { return asked.twin() == TOV_TWIN_LIVES; }, TOV_EXIT_DROP, true},
+    {"another process of the task is dead, too",
+     [](tov_exit_case_t &asked) { return asked.twin() == TOV_TWIN_DEAD; }, TOV_EXIT_DROP_OTHER,
+     false},
+    {"the task is suspended", [](tov_exit_case_t &asked) { return asked.suspended(); },
+     TOV_EXIT_WAIT_FOR_ALARM, true},
+    {"the exit is accepted", always, TOV_EXIT_NOTE, false},
+    {"the process was stopped on purpose", [](tov_exit_case_t &asked) { return asked.stopped(); },
+     TOV_EXIT_ACCEPT_STOP, true},
+    {"its registration file is still locked", [](tov_exit_case_t &asked) { return asked.locked(); },
+     TOV_EXIT_DEFER, true},
+    {"its action asks for nothing", [](tov_exit_case_t &asked) { return !asked.restarted(); },
+     TOV_EXIT_LEAVE_DEAD, true},
+    {"the listed program runs again", [](tov_exit_case_t &asked) { return asked.runs_again(); },
+     TOV_EXIT_HAND_OVER, true},
+    {"otherwise", always, TOV_EXIT_RESTART, true},
+};
+// Every act has a row; two rows drop.
+static_assert(std::size(rules) == TOV_EXIT_ACT_NUM + 1);
+static_assert(std::end(rules)[-1].applies == always && std::end(rules)[-1].ends);
+
+std::span<const tov_exit_rule_t> tov_exit_rules() {
+  return rules;
+}
+
+const tov_exit_rule_t &tov_exit_decide(tov_exit_case_t &asked) {
+  for (const tov_exit_rule_t &rule : rules) {
+    if (!rule.applies(asked)) continue;
+    asked.act(rule.act);
+    if (rule.ends) return rule;
+  }
+  return std::end(rules)[-1];  // not reached: the last rule applies and ends
+}

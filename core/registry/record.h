@@ -1,0 +1,118 @@
+// The life of a supervised process's record, and the only writer of it.
+//
+//                         tov_record_renew (the task has a new process)
+//        +----------------------------------------------------------------------------+
+//        v                                                                            |
+//   registered --tov_record_ended--> ended --(the rules of core/policy)--+--> starting+
+//                                      ^                                 |        |
+//                                      |                                 |        | fifth start
+//                                      |  lock gone, or 300 s            |        | within 120 s
+//                                      +------------ deferred <----------+        v
+//                                                    (tov_record_defer)  |    suspended
+//                                                                        |        | the alarm
+//                                                                        v        v
+//                                                   forgotten (tov_record_forget)  starting
+//
+// (suspended: tov_record_suspend, ended by tov_record_resume; starting: tov_record_count_start.)
+// An ended record whose action asks for nothing, or whose start failed, stays as it is; the sweep
+// keeps looking for its process.
+//
+//   state       how it shows                               what may be trusted
+//   registered  no other state shows                       pid; stat_check_cnt: sweeps that missed
+//   it ended       pid names no process (it may be reused)    exit_signal, force_restart deferred
+//   ended, and a copy in tov_chains_delay      the copy: pid, exit_signal, delay_tm,
+//                                                          force_restart
+//   suspended   tov_record_is_suspended()                  tm: since when; first_tm: of the burst
+//   any         tm, count, first_tm: the burst (tm is the suspension's time while suspended);
+//               con_pull_flag, con_tm: self-checks that the reload rule counts; ill_tm: last dump
+//
+// The fields named above are written here and nowhere else (script/lint looks). Every function that
+// writes takes the guard of the registry as its witness: who has none cannot call it.
+#ifndef TOV_CORE_REGISTRY_RECORD_H
+#define TOV_CORE_REGISTRY_RECORD_H
+
+#include <time.h>
+
+#include "core/registry/tov_chain.h"
+#include "include/tov.h"
+
+// ---- questions ------------------------------------------------------------------------------
+
+// Whether the record waits for the self-check alarm. It has no process then: neither exits nor
+// sweeps concern it.
+bool tov_record_is_suspended(const tov_pid_t &record);
+
+// Whether its action asks for a new process when the old one has ended.
+bool tov_record_is_restarted(const tov_pid_t &record);
+
+// A burst of starts: what a record's fields hold of it.
+struct tov_burst_s {
+  time_t tm;        // monotonic seconds of its first start
+  int count;        // starts in it
+  time_t first_tm;  // like tm; it outlasts a suspension
+};
+using tov_burst_t = tov_burst_s;
+
+// The burst after one more start at monotonic second `now`. Starts that lie within 120 s of the
+// first belong to one burst; `counted` false leaves the count as it is. Touches nothing.
+tov_burst_t tov_burst_after_start(const tov_pid_t &record, bool counted, time_t now);
+
+// Whether a burst of that many starts goes beyond the limit, so that its last is not made.
+bool tov_burst_is_over(int count);
+
+// ---- moves ----------------------------------------------------------------------------------
+
+// The exit of its process is accepted as such.
+//   exit_code  wait status
+//   force      1: the lock on the registration file is not waited for any longer
+void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code, int force);
+
+// Its process dumped core at monotonic second `now`.
+void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
+
+// Counts a start, tov_burst_after_start(), and notes that the record went through one.
+void tov_record_count_start(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
+                            time_t now);
+
+// The start is not made: the task waits for the self-check alarm from `now` on.
+void tov_record_suspend(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
+
+// The self-check that ends the suspension counts for the reload rule, from `now` on, or (not
+// `counted`) clears what was counted.
+void tov_record_count_self_check(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
+                                 time_t now);
+
+// The reload rule has considered the self-checks; they count no more.
+void tov_record_clear_self_checks(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// Ends the suspension; the next start begins a burst.
+void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// The task has a new process: the registration file of the old one goes (its name holds the old
+// id), the record is found under the new id, misses and force do not pass on to the successor, and
+// the low-memory killer treats it like any process (as a child of ours it was born exempt).
+//   new_pid  below 1 where a start that failed is not asked for its result: no process
+void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid);
+
+// A sweep did not find the process as it was registered; or it did, or the misses have led to a
+// verdict, and counting begins anew.
+void tov_record_missed(const tov_chains_guard_t &held, tov_pid_t *record);
+void tov_record_clear_misses(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// Parks a copy of what the hand-back needs in `tov_chains_delay`.
+//   held   of `tov_chains_delay`
+//   now    monotonic seconds
+void tov_record_defer(const tov_chains_guard_t &held, const tov_pid_t &record, time_t now);
+
+// The parked exit is handed back by force.
+//   held  of `tov_chains_delay`
+void tov_record_force(const tov_chains_guard_t &held, tov_pid_t *parked);
+
+// Removes the record and its registration file. The record is freed.
+void tov_record_forget(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// The same, and every other record of its process goes with it (their files stay: whoever wrote
+// them under another name removes them).
+void tov_record_forget_process(const tov_chains_guard_t &held, tov_pid_t *record);
+
+#endif  // TOV_CORE_REGISTRY_RECORD_H
