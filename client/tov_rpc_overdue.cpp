@@ -9,7 +9,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <stdint.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,11 +16,10 @@
 #include <utility>
 
 #include "client/tov_rpc_stop.h"
+#include "util/clock.h"
 #include "util/owner.h"
 
 enum { TOV_ROOM_WAIT_MS = 5000 };
-static constexpr int64_t MS_PER_S = 1000;
-static constexpr int64_t NS_PER_MS = 1'000'000;
 
 // One place. A descriptor is stored last and taken out first: a fork may copy the places while
 // another thread is at work on them.
@@ -55,18 +53,12 @@ static bool close_answered(int timeout_ms) {
   return true;
 }
 
-static int64_t now_ms() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * MS_PER_S + now.tv_nsec / NS_PER_MS;
-}
-
 // Returns a free place, for which a connection was closed unanswered if need be. Unlike the wait
 // for an acknowledgement this one has no caller to tell that a signal came, so it goes on.
 static overdue_s *make_room() {
-  const int64_t end_ms = now_ms() + TOV_ROOM_WAIT_MS;
+  const int64_t end_ms = tov_clock_ms() + TOV_ROOM_WAIT_MS;
   for (int64_t left_ms = TOV_ROOM_WAIT_MS; left_ms > 0 && !tov_rpc_stopping();
-       left_ms = end_ms - now_ms()) {
+       left_ms = end_ms - tov_clock_ms()) {
     if (close_answered(static_cast<int>(left_ms))) break;
   }
   if (overdue_s *room = find_room()) return room;

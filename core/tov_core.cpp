@@ -30,6 +30,7 @@
 #include "platform/tov_platform.h"
 #include "proc/selfcheck/tov_signals.h"
 #include "proc/tov_proc.h"
+#include "util/clock.h"
 #include "util/tov_utils.h"
 #include "vsd/tov_opt.h"
 

@@ -19,6 +19,7 @@
 #include "proc/files.h"
 #include "proc/find.h"
 #include "proc/how.h"
+#include "util/clock.h"
 #include "util/priority.h"
 #include "util/tov_utils.h"
 #include "vsd/entry.h"

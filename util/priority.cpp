@@ -21,9 +21,3 @@ void tov_reset_priority(void) {
   sched_param param{};
   (void)sched_setscheduler(0, SCHED_OTHER, &param);
 }
-
-time_t tov_get_time(void) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
-}

@@ -1,8 +1,6 @@
-// Scheduling of the calling thread, and the clock that all rules over spans of time use.
+// Scheduling of the calling thread.
 #ifndef TOV_UTIL_PRIORITY_H
 #define TOV_UTIL_PRIORITY_H
-
-#include <time.h>
 
 enum {
   TOV_RT_PRIORITY = 99  // of the event, netlink, server and watchdog threads
@@ -15,8 +13,5 @@ int tov_set_priority(int prio);
 // Puts the calling thread back under SCHED_OTHER. Failure is ignored: a thread that never was
 // real-time has nothing to lose. Async-signal-safe, for a child between fork and exec.
 void tov_reset_priority(void);
-
-// Whole seconds of CLOCK_MONOTONIC; never the wall clock, which operators and NTP may step.
-time_t tov_get_time(void);
 
 #endif  // TOV_UTIL_PRIORITY_H

@@ -4,13 +4,15 @@
 //
 // Nothing here prints or logs: the caller knows the story, so failures are return values only.
 // No state: every function is reentrant and may be called from any thread. The readers of /proc
-// stand in procfs.h, the maker of directories in path.h, the owners of resources in owner.h.
+// stand in procfs.h, the maker of directories in path.h, the owners of resources in owner.h, the
+// clock in clock.h; this header brings them with it.
 #ifndef TOV_UTILS_H
 #define TOV_UTILS_H
 
 #include <stddef.h>
 #include <sys/types.h>
 
+#include "util/clock.h"
 #include "util/owner.h"
 #include "util/path.h"
 #include "util/procfs.h"

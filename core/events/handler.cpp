@@ -18,6 +18,7 @@
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "util/clock.h"
 #include "util/priority.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
@@ -123,7 +124,7 @@ void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
 class pace_s {
  public:
   void wait_for_slot() {
-    int64_t now = now_us();
+    int64_t now = tov_clock_us();
     if (now < slot_) usleep(static_cast<useconds_t>(slot_ - now));
     slot_ = (now < slot_ ? slot_ : now) + SLOT_US;
   }
@@ -131,12 +132,6 @@ class pace_s {
  private:
   enum { SLOT_US = 1000 };
   int64_t slot_ = 0;
-
-  static int64_t now_us() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-  }
 };
 
 static void handle_events() {

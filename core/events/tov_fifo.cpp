@@ -16,12 +16,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
-#include <time.h>
 
 #include <algorithm>
 #include <bit>
 
 #include "log/tov_dbg.h"
+#include "util/clock.h"
 #include "util/owner.h"
 
 struct kfifo tov_cnmsg_fifo;
@@ -112,12 +112,6 @@ void tov_cnmsg_fifo_free(void) {
   tov_fd_t close_it(std::exchange(wake_fd, -1));
 }
 
-static int64_t now_ms(void) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Sleeps until the producer writes to the eventfd or the time is over. The wake-up is taken off
 // the eventfd; one that belongs to an earlier wait (its producer was late) only costs a pass.
 static void sleep_for_wake(int timeout_ms) {
@@ -131,14 +125,14 @@ static void sleep_for_wake(int timeout_ms) {
 bool tov_cnmsg_fifo_wait(int timeout_ms) {
   if (!kfifo_is_empty(&tov_cnmsg_fifo)) return true;
 
-  const int64_t deadline_ms = now_ms() + timeout_ms;
+  const int64_t deadline_ms = tov_clock_ms() + timeout_ms;
   int64_t left_ms = timeout_ms;
   do {
     __atomic_exchange_n(&consumer_waits, 1, __ATOMIC_ACQ_REL);
     if (kfifo_is_empty(&tov_cnmsg_fifo)) sleep_for_wake(static_cast<int>(left_ms));
     __atomic_exchange_n(&consumer_waits, 0, __ATOMIC_ACQ_REL);
     if (!kfifo_is_empty(&tov_cnmsg_fifo)) return true;
-    if (timeout_ms >= 0) left_ms = deadline_ms - now_ms();
+    if (timeout_ms >= 0) left_ms = deadline_ms - tov_clock_ms();
   } while (timeout_ms < 0 || left_ms > 0);
   return false;
 }

@@ -12,7 +12,7 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
-#include "util/priority.h"
+#include "util/clock.h"
 #include "util/tov_utils.h"
 
 enum {
