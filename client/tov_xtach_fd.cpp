@@ -5,7 +5,6 @@
 // which needs none.
 //
 // Threads: one; `fd_count` has no lock.
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -18,7 +17,7 @@
 #include "client/tov_rpc_fork.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
-#include "util/owner.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -54,16 +53,17 @@ static int count_own_fds() {
 static int count_fds(pid_t pid) {
   char path[TOV_FD_DIR_SIZE];
   snprintf(path, sizeof path, "/proc/%d/fd", pid);
-  tov_dir_t dir(opendir(path));
-  if (dir == nullptr) {
+  tov_entries_t fds(path);
+  if (!fds) {
     return errno == EMFILE && pid == getpid() ? count_own_fds() : -1;
   }
   int count = 0;
-  errno = 0;
-  while (const dirent *entry = readdir(dir.get())) {
-    if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') count++;
+  while (const char *name = fds.next()) {
+    if (name[0] >= '0' && name[0] <= '9') count++;
   }
-  return errno == 0 ? count : -1;
+  if (fds.error() == 0) return count;
+  errno = fds.error();
+  return -1;
 }
 
 static void tell_over_limit(pid_t pid) {

@@ -6,6 +6,7 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -31,14 +32,12 @@ void tov_third_part_proc_init(void) {
     TOV_DBG("fopen failed, reason: %s\n", strerror(errno));
     return;
   }
-  tov_dir_t dir(opendir(TOV_THIRD_PART_DIR));
-  if (!dir) {
+  tov_entries_t entries(TOV_THIRD_PART_DIR);
+  if (!entries) {
     TOV_DBG("opendir failed, reason: %s\n", strerror(errno));
     return;
   }
-  while (const dirent *entry = readdir(dir.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    copy_entry(list.get(), entry->d_name);
-  }
+  while (const char *name = entries.next())
+    copy_entry(list.get(), name);
   (void)fflush(list.get());
 }

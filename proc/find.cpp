@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "util/entries.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -20,13 +21,13 @@ enum {
 // busy machine something always vanishes; the looks therefore follow the listing at once, and the
 // command lines, which take most of the time, are read afterwards.
 static int list_processes(std::vector<pid_t> *pids) {
-  tov_dir_t dir(opendir("/proc"));
-  if (!dir) return -errno;
-  while (const dirent *entry = readdir(dir.get())) {
-    if (!isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
+  tov_entries_t entries("/proc");
+  if (!entries) return -errno;
+  while (const char *name = entries.next()) {
+    if (!isdigit(static_cast<unsigned char>(name[0]))) continue;
     struct stat status {};
-    if (fstatat(dirfd(dir.get()), entry->d_name, &status, 0) < 0) return -errno;
-    if (S_ISDIR(status.st_mode)) pids->push_back(tov_atoi(entry->d_name));
+    if (fstatat(entries.fd(), name, &status, 0) < 0) return -errno;
+    if (S_ISDIR(status.st_mode)) pids->push_back(tov_atoi(name));
   }
   return 0;
 }

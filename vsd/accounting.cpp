@@ -8,7 +8,6 @@
 #include "vsd/accounting.h"
 
 #include <ctype.h>
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -23,6 +22,7 @@
 
 #include "core/run/settings.h"
 #include "log/tov_dbg.h"
+#include "util/entries.h"
 #include "util/lines.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
@@ -143,16 +143,14 @@ static void measure_member(const char *name, largest_s *largest) {
 
 void find_max_rss(int vsd_no) {
   const tov_vsd_path_t path = tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no);
-  const tov_dir_t members(opendir(path.text));
+  tov_entries_t members(path.text);
   if (!members) {
     (void)TOV_VSD_FAILED(__func__, "open dir fail");
     return;
   }
   largest_s largest;
-  while (const dirent *entry = readdir(members.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    measure_member(entry->d_name, &largest);
-  }
+  while (const char *name = members.next())
+    measure_member(name, &largest);
   TOV_DBG("max_pid %d max_rss %d\n", largest.pid, largest.rss_kb);
   (void)fflush(stdout);  // the signal may be for ourselves
   // 0 when no member was measured: the kernel then takes our own process group, and the sweeper
@@ -186,13 +184,13 @@ static void hold_to_limit(int vsd_no) {
 }
 
 void poll_use_mem(uint64_t usleep_time) {
-  const tov_dir_t proc(opendir("/proc"));
+  tov_entries_t proc("/proc");
   if (!proc) {
     (void)TOV_VSD_FAILED(__func__, "open dir fail");
     return;
   }
-  while (const dirent *entry = readdir(proc.get())) {
-    const pid_t pid = tov_atoi(entry->d_name);
+  while (const char *name = proc.next()) {
+    const pid_t pid = tov_atoi(name);
     if (pid <= 0) continue;
     add_process(pid);
     rest(usleep_time);

@@ -26,6 +26,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"
@@ -174,14 +175,14 @@ int create_vsd(int vsd_no) {
 }
 
 void save_vsdinfo(int vsd_no) {
-  const tov_dir_t proc(opendir("/proc/"));
+  tov_entries_t proc("/proc/");
   if (!proc) {
     (void)TOV_VSD_FAILED(__func__, "opendir fail");
     return;
   }
-  while (const dirent *entry = readdir(proc.get())) {
-    if (sisdigit(entry->d_name) != 0) continue;
-    const pid_t pid = tov_atoi(entry->d_name);
+  while (const char *name = proc.next()) {
+    if (sisdigit(name) != 0) continue;
+    const pid_t pid = tov_atoi(name);
     const int found = get_vsdid(pid);
     if (found < 1 || found != vsd_no) continue;
     if (make_member_file(__func__, vsd_no, pid) < 0) return;
@@ -201,6 +202,8 @@ int check_shell(char *sbin_name) {
   return script_path(path, sbin_name) && tov_file_exists(path) ? 1 : 0;
 }
 
+// "." and ".." count as entries here: a program of that name is placed, fails to run and gets its
+// member file all the same, as with every other name that stands there.
 int check_sbin(char *sbin_name) {
   const tov_dir_t programs(opendir(TOV_VSD_PROGRAM_DIR));
   if (!programs) return TOV_VSD_FAILED(__func__, "opendir fail");

@@ -10,6 +10,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
 
 enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
@@ -17,11 +18,10 @@ enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
 static bool device_has_member(int vsd_no, pid_t tid) {
   char path[64];
   (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_DIR_FMT, vsd_no);
-  tov_dir_t dir(opendir(path));  // close-on-exec by itself
-  if (!dir) return false;
-  while (const dirent *entry = readdir(dir.get())) {
+  tov_entries_t members(path);
+  while (const char *name = members.next()) {
     // "db", the registration directory, always stands here and reads as 0.
-    if (tov_atoi(entry->d_name) == tid) return true;
+    if (tov_atoi(name) == tid) return true;
   }
   return false;
 }

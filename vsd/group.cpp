@@ -7,7 +7,6 @@
 // (ESRCH); should its id already belong to another process, that one is moved.
 #include "vsd/group.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
@@ -18,6 +17,7 @@
 #include <unistd.h>
 
 #include "include/tov_ras_comp_config.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
 #include "vsd/path.h"
 
@@ -63,18 +63,13 @@ static void add_to_groups(int vsd_no, int pid) {
   }
 }
 
-static bool is_dot_entry(const char *name) {
-  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
-}
-
 // Goes through the member directory, which is the working directory.
-static int add_members(DIR *members, int vsd_no) {
-  while (const dirent *entry = readdir(members)) {
-    if (is_dot_entry(entry->d_name)) continue;
+static int add_members(tov_entries_t &members, int vsd_no) {
+  while (const char *name = members.next()) {
     struct stat found {};
-    if (stat(entry->d_name, &found) < 0) (void)TOV_VSD_FAILED("set_cgroups", "stat fail");
+    if (stat(name, &found) < 0) (void)TOV_VSD_FAILED("set_cgroups", "stat fail");
     if (S_ISDIR(found.st_mode)) continue;  // "db", the registrations
-    const int pid = tov_atoi(entry->d_name);
+    const int pid = tov_atoi(name);
     if (pid < 0) {
       errno = EINVAL;
       return TOV_VSD_FAILED("set_cgroups", "atio proc");
@@ -89,8 +84,8 @@ int set_cgroups(int vsd_no) {
   if (chdir(path.text) < 0) return TOV_VSD_FAILED(__func__, "chdir fail");
   int res = 0;
   {
-    const tov_dir_t members(opendir(path.text));
-    res = members ? add_members(members.get(), vsd_no) : TOV_VSD_FAILED(__func__, "open dir fail");
+    tov_entries_t members(path.text);
+    res = members ? add_members(members, vsd_no) : TOV_VSD_FAILED(__func__, "open dir fail");
   }
   if (chdir("/") < 0 && res == 0) res = TOV_VSD_FAILED(__func__, "chdir fail");
   return res;

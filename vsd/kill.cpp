@@ -7,7 +7,6 @@
 // missed; the second round of a deletion (SIGKILL) finds it.
 #include "vsd/kill.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -17,6 +16,7 @@
 #include <unistd.h>
 
 #include "log/tov_dbg.h"
+#include "util/entries.h"
 #include "util/lines.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
@@ -63,11 +63,11 @@ static void signal_member(const wanted_s &wanted, const char *name) {
 }
 
 int kill_proc_by_groups(int signo, int supplement_id) {
-  const tov_dir_t proc(opendir("/proc/"));
+  tov_entries_t proc("/proc/");
   if (!proc) return TOV_VSD_FAILED(__func__, "opendir fail");
   wanted_s wanted = {signo, {}};
   (void)snprintf(wanted.group, sizeof wanted.group, "%d", supplement_id);
-  while (const dirent *entry = readdir(proc.get()))
-    if (sisdigit(entry->d_name) == 0) signal_member(wanted, entry->d_name);
+  while (const char *name = proc.next())
+    if (sisdigit(name) == 0) signal_member(wanted, name);
   return 0;
 }

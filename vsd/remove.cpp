@@ -15,7 +15,6 @@
 // removal fail with -ENOTEMPTY.
 #include "vsd/remove.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -23,8 +22,8 @@
 #include <unistd.h>
 
 #include <string>
-#include <vector>
 
+#include "util/entries.h"
 #include "util/owner.h"
 #include "util/path.h"
 
@@ -41,28 +40,13 @@ static int remove_place(const place_s &place);
 
 // ---- directories ----------------------------------------------------------------------------
 
-static std::vector<std::string> names_in(DIR *dir) {
-  std::vector<std::string> names;
-  while (const dirent *entry = readdir(dir))
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-      names.emplace_back(entry->d_name);
-  return names;
-}
-
-static tov_dir_t open_directory(const tov_fd_t &judged) {
-  tov_fd_t readable(openat(judged.n, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  tov_dir_t dir(readable.n < 0 ? nullptr : fdopendir(readable.n));
-  if (dir) (void)tov_fd_take(readable);  // the directory closes it
-  return dir;
-}
-
 // Removes all entries; the last failure wins, 0 without any.
-static int empty_directory(DIR *dir, size_t path_length) {
+static int empty_directory(tov_entries_t &dir, size_t path_length) {
   int remembered = 0;
-  for (const std::string &name : names_in(dir)) {
+  for (const std::string &name : dir.rest()) {
     const size_t length = path_length + 1 + name.size();
     const int res =
-        length < PATH_ROOM ? remove_place({dirfd(dir), name.c_str(), length}) : -ENAMETOOLONG;
+        length < PATH_ROOM ? remove_place({dir.fd(), name.c_str(), length}) : -ENAMETOOLONG;
     if (res < 0) remembered = res;
   }
   return remembered;
@@ -70,11 +54,11 @@ static int empty_directory(DIR *dir, size_t path_length) {
 
 // `judged` is the directory itself, the place its name.
 static int remove_directory(const place_s &place, tov_fd_t judged) {
-  tov_dir_t dir = open_directory(judged);
+  tov_entries_t dir(tov_fd_t(openat(judged.n, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!dir) return -errno;
   judged.reset();  // one descriptor a level is enough
-  const int remembered = empty_directory(dir.get(), place.length);
-  if (closedir(dir.release()) < 0) return -errno;
+  const int remembered = empty_directory(dir, place.length);
+  if (const int res = dir.close(); res < 0) return res;
   return unlinkat(place.dir, place.name, AT_REMOVEDIR) < 0 ? -errno : remembered;
 }
 

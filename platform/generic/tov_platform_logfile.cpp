@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/tov_platform.h"
+#include "util/entries.h"
 #include "util/regular_file.h"
 
 static constexpr off_t KILOBYTE = 1024;
@@ -133,28 +134,28 @@ struct old_log_s {
 
 }  // namespace
 
-static std::vector<old_log_s> list_logs(DIR *dir, const char *base_name) {
+static std::vector<old_log_s> list_logs(tov_entries_t &dir, const char *base_name) {
   std::vector<old_log_s> logs;
-  while (const dirent *entry = readdir(dir)) {
-    if (strncmp(entry->d_name, base_name, strlen(base_name)) != 0) continue;
+  while (const char *name = dir.next()) {
+    if (strncmp(name, base_name, strlen(base_name)) != 0) continue;
     struct stat found;
-    if (fstatat(dirfd(dir), entry->d_name, &found, AT_SYMLINK_NOFOLLOW) < 0) continue;
-    if (S_ISREG(found.st_mode)) logs.push_back({found.st_mtim, entry->d_name});
+    if (fstatat(dir.fd(), name, &found, AT_SYMLINK_NOFOLLOW) < 0) continue;
+    if (S_ISREG(found.st_mode)) logs.push_back({found.st_mtim, name});
   }
   return logs;
 }
 
 // Collects first and deletes afterwards: deleting while reading a directory may skip entries.
 static int prune(const char *directory, const char *base_name, size_t keep) {
-  const tov_dir_t dir(opendir(directory));
-  if (dir == nullptr) return -errno;
-  std::vector<old_log_s> logs = list_logs(dir.get(), base_name);
+  tov_entries_t dir(directory);
+  if (!dir) return -errno;
+  std::vector<old_log_s> logs = list_logs(dir, base_name);
   if (logs.size() <= keep) return 0;
   std::sort(logs.begin(), logs.end(),
             [](const old_log_s &a, const old_log_s &b) { return a.is_newer_than(b); });
   int res = 0;
   for (size_t i = keep; i < logs.size(); i++)
-    if (unlinkat(dirfd(dir.get()), logs[i].name.c_str(), 0) < 0 && res == 0) res = -errno;
+    if (unlinkat(dir.fd(), logs[i].name.c_str(), 0) < 0 && res == 0) res = -errno;
   return res;
 }
 
