@@ -21,8 +21,7 @@ enum {
 };
 
 void tov_rm_db_file_by_pid(pid_t pid) {
-  const int found = get_vsdid(pid);
-  const int vsd_id = found < 0 ? 0 : found;
+  const int vsd_id = tov_vsd_or_base(pid);
 
   char cmdline[TOV_PATHNAME_SIZE] = "";
   if (pid_to_cmdline(pid, cmdline, sizeof cmdline) == nullptr) {

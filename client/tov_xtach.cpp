@@ -40,8 +40,7 @@ static void fill_group(tov_msg_xtach_t *payload) {
 static void prepare_registration(const char *caller, pid_t pid, TOV_MSG_TYPE type,
                                  tov_msg_xtach_t *payload) {
   payload->pid = resolve_pid(pid);
-  const int found = get_vsdid(payload->pid);
-  payload->vsd_id = found < 0 ? 0 : found;
+  payload->vsd_id = tov_vsd_or_base(payload->pid);
   if (pid_to_cmdline(payload->pid, payload->pathname, sizeof payload->pathname) == nullptr) {
     TOV_DBG("%s: fail to get pid %d's cmdline\n", caller, payload->pid);
     return;

@@ -20,9 +20,6 @@
 static constexpr int EXE_PATH_SIZE = 32;
 static constexpr int STATUS_PATH_SIZE = 64;
 static constexpr int STAT_SIZE = 1024;
-// "Name:", "Umask:", "State:" and "Tgid:" are the first lines of a status file; the kernel cuts
-// and escapes the name, so together they stay far below this.
-static constexpr int STATUS_HEAD_SIZE = 1024;
 static constexpr size_t CMDLINE_CHUNK = 4096;
 static constexpr int LIFE_ATTEMPTS = 3;
 static constexpr useconds_t LIFE_PAUSE_US = 10000;
@@ -94,27 +91,26 @@ char *pid_to_cmdline(pid_t pid, char *buf, int len) {
 
 // ---- status file ----------------------------------------------------------------------------
 
-// Reads the head of the task's status file into `head` and finds the line that begins with `key`.
-// Returns what follows the key, ended at the line's end, or null.
-static const char *status_value(pid_t pid, const char *key, char (&head)[STATUS_HEAD_SIZE]) {
-  if (pid < 1) return nullptr;
+static tov_fd_t open_status(pid_t task) {
   char path[STATUS_PATH_SIZE];
-  snprintf(path, sizeof path, "/proc/%d/status", pid);
-  if (tov_read_to_buf(path, head, sizeof head) < 0) return nullptr;
+  snprintf(path, sizeof path, "/proc/%d/status", task);
+  errno = ENOENT;  // no task has an id of 0 or below
+  return tov_fd_t(task > 0 ? open(path, O_RDONLY | O_CLOEXEC) : -1);
+}
 
-  const size_t key_length = strlen(key);
-  for (char *line = head; line != nullptr && *line != '\0';) {
-    char *end = strchr(line, '\n');
-    if (end != nullptr) *end++ = '\0';
-    if (strncmp(line, key, key_length) == 0) return line + key_length;
-    line = end;
-  }
+tov_status_file_s::tov_status_file_s(pid_t task)
+    : file_(open_status(task)), lines_(file_.n, PIECE_MAX) {}
+
+const char *tov_status_file_s::find(const char *key) {
+  const size_t length = strlen(key);
+  for (const char *line = next(); line != nullptr; line = next())
+    if (strncmp(line, key, length) == 0) return line + length;
   return nullptr;
 }
 
 pid_t tov_get_ppid_form_pid(pid_t pid) {
-  char head[STATUS_HEAD_SIZE];
-  const char *value = status_value(pid, "Tgid:", head);
+  tov_status_file_t status(pid);
+  const char *value = status.find("Tgid:");
   int owner = -1;
   if (value == nullptr || !tov_parse_int(value, &owner)) return -1;
   return owner;
@@ -122,8 +118,8 @@ pid_t tov_get_ppid_form_pid(pid_t pid) {
 
 int tov_get_pid_name(pid_t pid, char *pid_name, int len) {
   if (pid_name == nullptr || len < 1) return -1;
-  char head[STATUS_HEAD_SIZE];
-  const char *value = status_value(pid, "Name:", head);
+  tov_status_file_t status(pid);
+  const char *value = status.find("Name:");
   if (value == nullptr) return -1;
 
   // A task can give itself any name: leading white space is no part of it, a CR ends it.

@@ -8,7 +8,34 @@
 #ifndef TOV_UTIL_PROCFS_H
 #define TOV_UTIL_PROCFS_H
 
+#include <stddef.h>
 #include <sys/types.h>
+
+#include "util/lines.h"
+#include "util/owner.h"
+
+// The status file of a task (/proc/TASK/status), line by line.
+class tov_status_file_s {
+ public:
+  // Lines come in pieces of at most PIECE_MAX bytes. What could not be opened has none, says so and
+  // leaves errno.
+  explicit tov_status_file_s(pid_t task);
+  explicit operator bool() const { return file_.n >= 0; }
+
+  // The next line, its line end included; valid until the next call. Null at the end.
+  const char *next() { return file_.n < 0 ? nullptr : lines_.next(); }
+
+  // What follows `key` in the next line that begins with it, or null. The name of a task is its own
+  // choice and may hold any key, but no line end.
+  const char *find(const char *key);
+
+ private:
+  static constexpr size_t PIECE_MAX = 254;  // longer lists of groups are cut there, as agreed
+
+  tov_fd_t file_;
+  tov_lines_s lines_;
+};
+using tov_status_file_t = tov_status_file_s;
 
 // The command line of a process: the path of its executable (/proc/PID/exe) followed by the
 // arguments from the second on (/proc/PID/cmdline), separated by single blanks; argv[0] may hold

@@ -35,7 +35,6 @@ static constexpr uint64_t SWEEP_REST_US = 100'000;
 static constexpr uint64_t US_PER_S = 1'000'000;
 static constexpr uint64_t BYTES_PER_KB = 1024;
 static constexpr size_t SMAPS_LINE_MAX = 1023;
-static constexpr size_t STATUS_LINE_MAX = 254;
 static constexpr size_t LIMIT_SIZE = 256;
 
 // ---- one process ----------------------------------------------------------------------------
@@ -108,18 +107,14 @@ static constexpr const char *FIND_MAX = "find_max_rss";
 
 // The "VmRSS:" number of a process, 0 without one; -1 when the process cannot be read.
 static int resident_kb(pid_t pid) {
-  char path[64];
-  (void)snprintf(path, sizeof path, "/proc/%d/status", pid);
-  errno = ENOENT;  // no process has an id of 0 or below
-  const tov_fd_t status(pid > 0 ? open(path, O_RDONLY | O_CLOEXEC) : -1);
-  if (status.n < 0) {
+  tov_status_file_t status(pid);
+  if (!status) {
     (void)TOV_VSD_FAILED(FIND_MAX, "fopen fail");
     return -1;
   }
   static constexpr char NAME[] = "Name:";  // the program's own choice: it may hold the word, too
   int rss_kb = 0;
-  tov_lines_s lines(status.n, STATUS_LINE_MAX);
-  for (const char *line = lines.next(); line != nullptr; line = lines.next()) {
+  for (const char *line = status.next(); line != nullptr; line = status.next()) {
     const char *word = strstr(line, "VmRSS:");
     if (word != nullptr && strncmp(line, NAME, strlen(NAME)) != 0)
       rss_kb = tov_atoi(behind(word, sizeof "VmRSS:"));

@@ -8,21 +8,17 @@
 #include "vsd/kill.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "log/tov_dbg.h"
 #include "util/entries.h"
-#include "util/lines.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"
 
-static constexpr size_t STATUS_LINE_MAX = 254;
 static constexpr const char *FUNCTION = "kill_proc_by_groups";
 
 struct wanted_s {
@@ -47,15 +43,12 @@ static void send_signal(const wanted_s &wanted, const char *match, const char *n
 }
 
 static void signal_member(const wanted_s &wanted, const char *name) {
-  char path[NAME_MAX + sizeof "/proc//status"];
-  (void)snprintf(path, sizeof path, "/proc/%s/status", name);
-  const tov_fd_t status(open(path, O_RDONLY | O_CLOEXEC));
-  if (status.n < 0) {
+  tov_status_file_t status(tov_atoi(name));
+  if (!status) {
     (void)TOV_VSD_FAILED(FUNCTION, "fopen fail");
     return;
   }
-  tov_lines_s lines(status.n, STATUS_LINE_MAX);
-  for (const char *line = lines.next(); line != nullptr; line = lines.next()) {
+  for (const char *line = status.next(); line != nullptr; line = status.next()) {
     if (strstr(line, "Groups:") == nullptr) continue;
     const char *match = strstr(line, wanted.group);
     if (match != nullptr) send_signal(wanted, match, name);

@@ -15,6 +15,10 @@
 // Returns that number; a negative errno, with a diagnostic, when the status file cannot be opened.
 int get_vsdid(pid_t pid);
 
+// The device under which a process is registered: that of get_vsdid(), or 0, the base system, when
+// that is below 0 or cannot be told.
+int tov_vsd_or_base(pid_t pid);
+
 // 0 when `text` is not empty and all decimal digits, else -1.
 int sisdigit(const char *text);
 

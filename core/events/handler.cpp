@@ -56,8 +56,7 @@ void tov_cn_msg_exec(int pid, int) {
     TOV_DBG("%s is not in tovdb!\n", program.process);
     return;
   }
-  int vsd_id = get_vsdid(pid);
-  program.vsd_id = vsd_id < 0 ? 0 : vsd_id;
+  program.vsd_id = tov_vsd_or_base(pid);
   {
     tov_chains_guard_t guard(tov_chains);
     if (tov_proc_is_running(&program) != nullptr) {

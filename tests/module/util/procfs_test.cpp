@@ -2,6 +2,7 @@
 #include "util/procfs.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -184,6 +185,29 @@ TEST(TovUtilsCmdline, NoDescriptorIsLeft) {
 }
 
 // ---- status ---------------------------------------------------------------------------------
+
+TEST(TovStatusFile, LinesComeInOrderAndWithTheirEnds) {
+  tov_status_file_t status(getpid());
+  ASSERT_TRUE(status);
+  const char *first = status.next();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(strncmp(first, "Name:\t", 6), 0);
+  EXPECT_EQ(first[strlen(first) - 1], '\n');
+  EXPECT_EQ(atoi(status.find("Pid:")), getpid());
+  EXPECT_EQ(status.find("Pid:"), nullptr) << "what was passed does not come again";
+  EXPECT_EQ(status.next(), nullptr);
+}
+
+TEST(TovStatusFile, UnknownTaskHasNoLines) {
+  for (const pid_t task : {0, -1, INT_MAX}) {
+    errno = 0;
+    tov_status_file_t status(task);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(status);
+    EXPECT_EQ(status.next(), nullptr);
+    EXPECT_EQ(status.find("Name:"), nullptr);
+  }
+}
 
 TEST(TovUtilsTgid, ThreadBelongsToItsProcess) {
   pid_t thread_id = 0, owner = 0;

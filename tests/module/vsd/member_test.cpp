@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/caught_diagnostics.h"
@@ -77,6 +78,15 @@ TEST(GetVsdid, MissingProcessIsANegativeErrnoWithADiagnostic) {
     EXPECT_NE(said.find("]get_vsdid: fopen fail: No such file or directory\n"), std::string::npos)
         << said;
   }
+}
+
+TEST(TovVsdOrBase, DeviceOfAMemberAndTheBaseSystemForAllOthers) {
+  for (const auto &[group, device] : {std::pair<gid_t, int>{3500, 5}, {3000, 0}, {2900, 0}, {0, 0}})
+    tov_test::in_child([group = group, device = device] {
+      ASSERT_EQ(setgroups(1, &group), 0);
+      EXPECT_EQ(tov_vsd_or_base(getpid()), device) << group;
+    });
+  EXPECT_EQ(tov_vsd_or_base(INT_MAX), 0);
 }
 
 TEST(Sisdigit, OnlyDecimalDigitsAndAtLeastOne) {
