@@ -9,12 +9,12 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/tov_utils.h"
+#include "vsd/path.h"
 
 enum {
   OPEN_FILES = 2304,
   DEVICE_FIRST = 0,
   DEVICE_LAST = 15,
-  PATH_SIZE = 64,
 };
 
 // In the order in which they are made.
@@ -64,11 +64,8 @@ void tov_make_directories(void) {
   make_all(later_directories);
   (void)chmod("/data/", 0777);
   for (int vsd_no = DEVICE_FIRST; vsd_no <= DEVICE_LAST; vsd_no++) {
-    char path[PATH_SIZE];
-    (void)snprintf(path, sizeof path, "/tmp/vsd/%d/tov", vsd_no);
-    (void)tov_make_dir(path);
-    (void)snprintf(path, sizeof path, TOV_VSD_DB_DIR_FMT, vsd_no);
-    (void)tov_make_dir(path);
+    (void)tov_make_dir(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text);
+    (void)tov_make_dir(tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_no).text);
   }
 }
 

@@ -30,6 +30,7 @@
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"
+#include "vsd/variables.h"
 
 #ifdef TOV_COVERAGE
 extern "C" void __gcov_dump(void);
@@ -52,22 +53,16 @@ static constexpr way_in_s PLACE = {"create_proc_to_vsd", false};
 
 // A device's directories, in the order in which they are made.
 struct vsd_dir_s {
-  const char *path;      // a format, takes the device
-  const char *variable;  // environment variable that names it; null: none does
-  bool creation_only;    // a joining program does without
-  bool in_data2;         // only where there is a second data tree
+  const char *path;    // a format, takes the device
+  bool creation_only;  // a joining program does without
+  bool in_data2;       // only where there is a second data tree
 };
 static constexpr vsd_dir_s vsd_dirs[] = {
-    {TOV_VSD_QX_CFG_DIR_FMT, "QX_CFG_DIR", false, false},
-    {TOV_VSD_QXOS_DIR_FMT, "QXOS_DIR", false, false},
-    {TOV_VSD_DATA_DIR_FMT, "DATA_QXOS_DIR", false, false},
-    {TOV_VSD_DATA2_DIR_FMT, "DATA_QXOS_DIR2", true, true},
-    {TOV_VSD_DATA2_RUN_DIR_FMT, nullptr, true, true},
-    {TOV_VSD_ETC_DIR_FMT, nullptr, false, false},
-    {TOV_VSD_DIR_FMT, "TMPDIR", false, false},
-    {TOV_VSD_MEMBER_DIR_FMT, nullptr, false, false},
-    {TOV_VSD_DB_DIR_FMT, nullptr, true, false},
-    {TOV_VSD_RUN_DIR_FMT, nullptr, false, false},
+    {TOV_VSD_QX_CFG_DIR_FMT, false, false},  {TOV_VSD_QXOS_DIR_FMT, false, false},
+    {TOV_VSD_DATA_DIR_FMT, false, false},    {TOV_VSD_DATA2_DIR_FMT, true, true},
+    {TOV_VSD_DATA2_RUN_DIR_FMT, true, true}, {TOV_VSD_ETC_DIR_FMT, false, false},
+    {TOV_VSD_DIR_FMT, false, false},         {TOV_VSD_MEMBER_DIR_FMT, false, false},
+    {TOV_VSD_DB_DIR_FMT, true, false},       {TOV_VSD_RUN_DIR_FMT, false, false},
 };
 
 // ---- helpers --------------------------------------------------------------------------------
@@ -86,11 +81,8 @@ static pid_t fork_flushed() {
   return fork();
 }
 
-// Makes an empty file below the device's directory, which is open to everybody.
 static int make_member_file(const char *caller, int vsd_no, pid_t pid) {
-  const tov_vsd_path_t path = tov_vsd_member_path(vsd_no, pid);
-  const tov_fd_t file(tov_open_regular(path.text, O_RDWR | O_CREAT, TOV_VSD_FILE_MODE));
-  return file.n < 0 ? TOV_VSD_FAILED(caller, "open fail") : 0;
+  return tov_vsd_make_member_file(vsd_no, pid) < 0 ? TOV_VSD_FAILED(caller, "open fail") : 0;
 }
 
 // ---- entering a device ----------------------------------------------------------------------
@@ -106,7 +98,15 @@ static void make_directories(const way_in_s &way, int vsd_no) {
     if (row.in_data2 && !tov_file_exists(TOV_DATA2_DIR)) continue;
     const tov_vsd_path_t path = tov_vsd_path(row.path, vsd_no);
     (void)tov_make_dir(path.text);  // what is missing shows when the run directory is entered
-    if (row.variable != nullptr) (void)setenv(row.variable, path.text, 1);
+  }
+}
+
+// A joining program is not told of the second data tree.
+static void set_variables(const way_in_s &way, int vsd_no) {
+  for (const tov_vsd_variable_t &row : tov_vsd_variables) {
+    if (row.in_data2 && !(way.creates && tov_file_exists(TOV_DATA2_DIR))) continue;
+    const tov_vsd_path_t path = tov_vsd_path(row.format, vsd_no);
+    (void)setenv(row.name, path.text, 1);
   }
 }
 
@@ -119,6 +119,7 @@ static int enter_device(const way_in_s &way, int vsd_no) {
   (void)chmod(TOV_VSD_LSM_NODE, OPEN_MODE);
   (void)chmod(TOV_VSD_MMAPIPC_NODE, OPEN_MODE);
   make_directories(way, vsd_no);
+  set_variables(way, vsd_no);
   return 0;
 }
 

@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <iterator>
+
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
@@ -16,9 +18,7 @@
 enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
 
 static bool device_has_member(int vsd_no, pid_t tid) {
-  char path[64];
-  (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_DIR_FMT, vsd_no);
-  tov_entries_t members(path);
+  tov_entries_t members(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text);
   while (const char *name = members.next()) {
     // "db", the registration directory, always stands here and reads as 0.
     if (tov_atoi(name) == tid) return true;
@@ -37,27 +37,24 @@ int find_app(pid_t tid) {
 void save_proc_info(int vsd_no, pid_t pid) {
   // The device's run directory is the proof that the device still stands. It is opened, not
   // entered: the daemon's working directory belongs to all its threads.
-  char path[64];
-  (void)snprintf(path, sizeof path, TOV_VSD_RUN_DIR_FMT, vsd_no);
-  tov_fd_t run_dir(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const tov_vsd_path_t path = tov_vsd_path(TOV_VSD_RUN_DIR_FMT, vsd_no);
+  tov_fd_t run_dir(open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (run_dir.n < 0 || faccessat(run_dir.n, ".", X_OK, 0) < 0) return;
-  (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_FMT, vsd_no, pid);
-  tov_fd_t marker(tov_open_regular(path, O_RDWR | O_CREAT, 0754));
+  (void)tov_vsd_make_member_file(vsd_no, pid);
 }
 
 void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid) {
   env->vsd_no = vsd_no;
-  env->gid = static_cast<gid_t>(TOV_VSD_GID_BASE + TOV_VSD_GID_STEP * vsd_no);
-  auto text = [&](int i, const char *format) {
-    (void)snprintf(env->text[i], tov_proc_env_t::TEXT_SIZE, format, vsd_no);
-  };
-  text(0, "QX_CFG_DIR=" TOV_VSD_QX_CFG_DIR_FMT);
-  text(1, "QXOS_DIR=" TOV_VSD_QXOS_DIR_FMT);
-  text(2, "DATA_QXOS_DIR=" TOV_VSD_DATA_DIR_FMT);
-  if (tov_file_exists(TOV_DATA2_DIR)) text(3, "DATA_QXOS_DIR2=" TOV_VSD_DATA2_DIR_FMT);
-  text(4, "TMPDIR=" TOV_VSD_DIR_FMT);
-  (void)snprintf(env->run_dir, sizeof env->run_dir, TOV_VSD_RUN_DIR_FMT, vsd_no);
-  (void)snprintf(env->marker, sizeof env->marker, TOV_VSD_MEMBER_FMT, vsd_no, pid);
+  env->gid = tov_vsd_gid(vsd_no);
+  const bool data2 = tov_file_exists(TOV_DATA2_DIR);
+  for (size_t i = 0; i < std::size(tov_vsd_variables); i++) {
+    const tov_vsd_variable_t &row = tov_vsd_variables[i];
+    if (row.in_data2 && !data2) continue;
+    const tov_vsd_path_t value = tov_vsd_path(row.format, vsd_no);
+    (void)snprintf(env->text[i], sizeof env->text[i], "%s=%s", row.name, value.text);
+  }
+  env->run_dir = tov_vsd_path(TOV_VSD_RUN_DIR_FMT, vsd_no);
+  env->marker = tov_vsd_member_path(vsd_no, pid);
 
   size_t inherited = 0;
   while (environ != nullptr && environ[inherited] != nullptr)
@@ -103,11 +100,11 @@ void tov_proc_env_enter(tov_proc_env_t *env) {
     return;
   }
   take_environment(env);
-  if (chdir(env->run_dir) < 0) return;
+  if (chdir(env->run_dir.text) < 0) return;
   // The bare system call: the library's setgroups() would speak to threads that the fork left
   // behind.
   if (syscall(SYS_setgroups, 1, &env->gid) == 0) TOV_DBG_CHILD("setgroups success\n");
-  (void)unlink(env->marker);  // it may never have been there
+  (void)unlink(env->marker.text);  // it may never have been there
 }
 
 void set_proc_env(int vsd_no, pid_t pid) {

@@ -9,7 +9,11 @@
 
 #include <sys/types.h>
 
+#include <iterator>
 #include <memory>
+
+#include "vsd/path.h"
+#include "vsd/variables.h"
 
 enum {
   TOV_SPAWN_VSD_MIN = 1,
@@ -26,13 +30,14 @@ void save_proc_info(int vsd_no, pid_t pid);
 
 // What a child needs to enter a device, prepared by its parent.
 struct tov_proc_env_s {
-  enum { VARIABLES = 5, TEXT_SIZE = 64, SPARE_VARIABLES = 64 };
+  static constexpr size_t VARIABLES = std::size(tov_vsd_variables);
+  enum { TEXT_SIZE = 80, SPARE_VARIABLES = 64 };
 
   int vsd_no = 0;
   gid_t gid = 0;
   char text[VARIABLES][TEXT_SIZE] = {};  // "NAME=value"; an empty text is left out
-  char run_dir[TEXT_SIZE] = {};
-  char marker[TEXT_SIZE] = {};          // of the dead instance
+  tov_vsd_path_t run_dir = {};
+  tov_vsd_path_t marker = {};           // of the dead instance
   size_t room = 0;                      // of `variables`
   std::unique_ptr<char *[]> variables;  // becomes the child's environment
 };

@@ -1,17 +1,20 @@
 // What the rooms of the virtual-device module share: names built from a device's number, the
-// group id, the failure line.
+// group id, the member file, the failure line.
 //
 // No state. Everything lives on the caller's stack.
 #ifndef TOV_VSD_PATH_H
 #define TOV_VSD_PATH_H
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 
 // A path that holds one or two numbers; every format of tov_ras_comp_config.h fits.
 struct tov_vsd_path_s {
@@ -39,6 +42,14 @@ enum { TOV_VSD_FILE_MODE = 0754 };
 // overflowing.
 inline unsigned int tov_vsd_gid(int vsd_no) {
   return TOV_VSD_GID_BASE + TOV_VSD_GID_STEP * static_cast<unsigned int>(vsd_no);
+}
+
+// Makes the marker file of a member, empty, below the device's directory, which is open to
+// everybody. Returns 0 or -errno.
+inline int tov_vsd_make_member_file(int vsd_no, pid_t pid) {
+  const tov_vsd_path_t path = tov_vsd_member_path(vsd_no, pid);
+  const tov_fd_t file(tov_open_regular(path.text, O_RDWR | O_CREAT, TOV_VSD_FILE_MODE));
+  return file.n < 0 ? -errno : 0;
 }
 
 // Says that `what` ("open fail") failed in function `caller`, with the text of errno. Returns the

@@ -1,7 +1,6 @@
 #include "core/events/handler.h"
 
 #include <errno.h>
-#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -22,6 +21,7 @@
 #include "util/priority.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
+#include "vsd/path.h"
 
 static constexpr char thread_name[] = "tov_cnmsg_handle";
 
@@ -78,9 +78,7 @@ static bool is_registered(int pid) {
 
 static bool any_device_is_being_deleted() {
   for (int vsd_no = MARKER_FIRST; vsd_no <= MARKER_LAST; vsd_no++) {
-    char path[64];
-    (void)snprintf(path, sizeof path, TOV_VSD_DELETE_MARKER_FMT, vsd_no);
-    if (tov_file_exists(path)) return true;
+    if (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_no).text)) return true;
   }
   return false;
 }
