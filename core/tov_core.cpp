@@ -80,8 +80,7 @@ enum next_e {
 
 // The daemon cannot run: its failure line gets a second to reach storage.
 static next_e give_up() {
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
   tov_flag_set(quit, 1);
   return SHUT_DOWN;
 }
@@ -261,8 +260,7 @@ static void shut_down(daemon_s &daemon) {
   tov_destroy_chains(&tov_chains_delay);
   daemon.pid_file.reset();
   (void)tov_log_with_type(TOV_LOG_ERROR, "TOV exit.\r\n");
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
 }
 
 int main(int argc, char **argv) {

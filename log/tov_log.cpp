@@ -34,6 +34,7 @@ static constexpr size_t DIR_LENGTH = sizeof TOV_LOG_DIR - 1;
 static constexpr mode_t DIR_MODE = 0777;
 static constexpr int LOG_LIMIT_KB = 1000;
 static constexpr int LOG_KEEP = 10;  // files of one type that remain
+static constexpr int FLUSH_WAIT_S = 1;
 
 static constexpr int NO_TIME = -201;
 static constexpr int NO_BUFFER = -202;
@@ -193,6 +194,11 @@ int tov_log_with_type(int type, const char *format, ...) {
 void tov_log_flush_emergency(void) {
   for (void *handle : tov_logfile_info)
     ras_logfile_flush_buf_in_emergency(handle);
+}
+
+void tov_log_flush_and_wait(void) {
+  tov_log_flush_emergency();
+  safe_sleep(FLUSH_WAIT_S);
 }
 
 // ---- events of a forked child ---------------------------------------------------------------

@@ -49,6 +49,10 @@ int tov_log_vwith_type(int type, const char *format, va_list arguments)
 // Brings all logs to storage: right before a reset or a deliberate end of the daemon.
 void tov_log_flush_emergency(void);
 
+// The same, and waits a second for them to get there: storage may take its time to write what it
+// has accepted.
+void tov_log_flush_and_wait(void);
+
 // The same text as a diagnostic of the daemon and as an event. The arguments are evaluated twice.
 #define TOV_DBG_AND_LOG(type, ...)              \
   do {                                          \

@@ -5,7 +5,6 @@
 
 #include "core/run/flags.h"
 #include "log/tov_log.h"
-#include "util/tov_utils.h"
 
 int tov_core_thread_name(const char *name) {
   return prctl(PR_SET_NAME, name, 0, 0, 0);
@@ -16,6 +15,5 @@ void tov_core_thread_end(const char *name, int res, int err) {
   (void)tov_log_with_type(TOV_LOG_ERROR,
                           "Thread \"%s\" exit, tov will be restart. res=%d, %s(%d)\r\n", name, res,
                           strerror(err), err);
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
 }

@@ -65,8 +65,7 @@ struct watch_s {
                           "wd_tov_cfg, fd_num)=(%d, %d, %d, %d).",
                           "tov_inotify_fork_error", watch.inotify.n, watch.wd_fork,
                           watch.wd_tov_cfg, watch.fd_num);
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
   tov_core_leave(1);
 }
 

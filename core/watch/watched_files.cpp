@@ -32,8 +32,7 @@ enum {
   (void)tov_write_buf_to_file(nullptr, 0, TOV_FORK_FILE);  // the next daemon starts clean
   safe_sleep(2);
   (void)tov_log_with_type(TOV_LOG_ERROR, "Unable to restart the process, tov will be restart.\r\n");
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
   tov_core_leave(1);
 }
 
