@@ -134,8 +134,7 @@ int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ac
     return -1;
   }
 
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   tov_lock_guard_t hold(tov_rpc_lock);
   tov_rpc_overdue_look();
   drop_used_connection();

@@ -35,7 +35,7 @@ void tov_rm_db_file_by_pid(pid_t pid) {
 }
 
 extern "C" int tov_cancel_proc(pid_t pid) {
-  const tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   TOV_DBG("tov_cancel_proc:%d\n", pid);
   if (pid < 0) {
     TOV_DBG("The pid you enter is %d < 0 \n", pid);
@@ -43,7 +43,6 @@ extern "C" int tov_cancel_proc(pid_t pid) {
   }
   if (pid == 0) pid = getpid();
 
-  tov_rpc_guard_forks();
   tov_rm_db_file_by_pid(pid);
   tov_msg_cons_t request = {.event = TOV_CONS_DUMP_ALL, .pid = pid};
   const int ret = tov_rpc_persist(TOV_MSG_CONS, &request, sizeof request);

@@ -9,7 +9,7 @@
 #include <pthread.h>
 
 // Makes sure that children start afresh: own locks, no connection, no registration files held.
-// Every call that takes a lock of the library calls this first. Cheap after the first time.
+// Cheap after the first time.
 // Any thread; not from a signal handler.
 void tov_rpc_guard_forks();
 
@@ -26,5 +26,16 @@ class tov_rpc_no_cancel_s {
   int before_ = PTHREAD_CANCEL_ENABLE;
 };
 using tov_rpc_no_cancel_t = tov_rpc_no_cancel_s;
+
+// Stands at the head of every call that takes a lock of the library: children start afresh from
+// then on, and the calling thread is not cancelled while the call lasts.
+class tov_rpc_call_s {
+ public:
+  tov_rpc_call_s() { tov_rpc_guard_forks(); }
+
+ private:
+  tov_rpc_no_cancel_t no_cancel_;
+};
+using tov_rpc_call_t = tov_rpc_call_s;
 
 #endif  // TOV_RPC_FORK_H

@@ -52,8 +52,7 @@ static void prepare_registration(const char *caller, pid_t pid, TOV_MSG_TYPE typ
 }
 
 extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) {
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
   prepare_registration(__func__, pid, type, &payload);
@@ -62,8 +61,7 @@ extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) {
 }
 
 extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type, const char *path) {
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
   prepare_registration(__func__, pid, type, &payload);
@@ -92,8 +90,7 @@ extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) {
 }
 
 extern "C" int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time) {
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   tov_msg_xtach_t payload{};
   payload.pid = resolve_pid(pid);
   payload.restart_time = restart_time;

@@ -60,8 +60,7 @@ static tov_msg_xtach_t thread_payload(const thread_s &thread) {
 
 extern "C" int tov_client_reg_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
                                             unsigned int m_n_counter) {
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   tov_parse_dbg_file();
   const thread_s thread = {pid, tid, m_n_notify_time, m_n_counter};
   if (check_caller(thread) != 0) return -1;
@@ -108,8 +107,7 @@ static int mark_alive(const thread_s &thread) {
 
 extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
                                               unsigned int m_n_counter) {
-  tov_rpc_guard_forks();
-  tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   const thread_s thread = {pid, tid, m_n_notify_time, m_n_counter};
   if (check_caller(thread) != 0) return -1;
   if (pid_exist_in_file(tid, TOV_DEBUG_PID_FILE) != 0) return 0;
@@ -119,8 +117,7 @@ extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int
 }
 
 extern "C" int tov_client_unreg_thread_notify(pid_t tid) {
-  tov_rpc_guard_forks();
-  const tov_rpc_no_cancel_t no_cancel;
+  const tov_rpc_call_t call;
   if (tid == 0) TOV_DBG("parameter error\n");
   tov_msg_cons_t request = {.event = TOV_UNREG_THREAD_NOTIFY, .pid = tid};
   (void)tov_rpc(TOV_MSG_CONS, nullptr, &request, sizeof request, true, false);
