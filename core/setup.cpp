@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/tov_utils.h"

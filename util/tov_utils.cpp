@@ -81,6 +81,10 @@ int tov_read_to_buf(const char *filename, void *buf, int len) {
   return static_cast<int>(count);
 }
 
+bool tov_file_exists(const char *path) {
+  return access(path, F_OK) == 0;
+}
+
 int lock_file(int fd) {
   struct flock whole {};
   whole.l_type = F_WRLCK;

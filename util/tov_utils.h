@@ -42,6 +42,9 @@ ssize_t safe_write(int fd, const void *buf, size_t len);
 // nobody, a FIFO reads as empty. Allocates nothing.
 int tov_read_to_buf(const char *filename, void *buf, int len);
 
+// Whether a file of this name exists, whatever its kind (access(2)).
+bool tov_file_exists(const char *path);
+
 // Asks for a write lock on the whole file without waiting (fcntl F_SETLK).
 // Returns 0, or -1 with errno (EACCES or EAGAIN: another process holds it).
 // The lock belongs to the process, not to the descriptor: closing any descriptor of the same file

@@ -20,7 +20,6 @@
 
 #include <algorithm>
 
-#include "core/run/settings.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
 #include "util/lines.h"

@@ -22,7 +22,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"

@@ -8,7 +8,6 @@
 
 #include <iterator>
 
-#include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"

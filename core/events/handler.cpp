@@ -11,7 +11,6 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
-#include "core/run/settings.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_xtach.h"

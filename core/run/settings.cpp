@@ -1,7 +1,6 @@
 #include "core/run/settings.h"
 
 #include <stdio.h>
-#include <unistd.h>
 
 #include "util/tov_utils.h"
 
@@ -19,8 +18,4 @@ int tov_get_file_config(const char *path, int *value) {
   char text[CONFIG_SIZE];
   if (tov_read_to_buf(path, text, sizeof text) < 0) return -1;
   return sscanf(text, "%d", value) == 1 ? 0 : -1;
-}
-
-bool tov_file_exists(const char *path) {
-  return access(path, F_OK) == 0;
 }

@@ -15,7 +15,4 @@ int tov_get_config_value(const char *path, int *first, int *second);
 // The same with one number.
 int tov_get_file_config(const char *path, int *value);
 
-// Whether a file of this name exists, whatever its kind (access(2)).
-bool tov_file_exists(const char *path);
-
 #endif  // TOV_CORE_RUN_SETTINGS_H

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include "core/run/farewell.h"
-#include "core/run/settings.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"

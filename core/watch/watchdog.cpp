@@ -9,7 +9,6 @@
 #include "core/registry/query.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
-#include "core/run/settings.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"

@@ -283,6 +283,16 @@ TEST(TovUtilsReadToBuf, FailuresLeaveAnEmptyText) {
   EXPECT_EQ(tov_test::open_descriptors(), before);
 }
 
+TEST(TovFileExists, WhateverItsKind) {
+  const ScratchDir dir;
+  tov_test::write_file(dir / "plain", "");
+  EXPECT_TRUE(tov_file_exists((dir / "plain").c_str()));
+  EXPECT_TRUE(tov_file_exists(dir.path().c_str()));
+  EXPECT_FALSE(tov_file_exists((dir / "none").c_str()));
+  ASSERT_EQ(symlink((dir / "none").c_str(), (dir / "dangling").c_str()), 0);
+  EXPECT_FALSE(tov_file_exists((dir / "dangling").c_str()));
+}
+
 // ---- locks ----------------------------------------------------------------------------------
 
 TEST(TovUtilsLock, SecondProcessIsRefusedAtOnce) {

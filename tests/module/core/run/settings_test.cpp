@@ -2,7 +2,6 @@
 #include "core/run/settings.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -71,13 +70,4 @@ TEST_F(TovCoreConfig, AbsentFileIsAFailure) {
 
 TEST_F(TovCoreConfig, DirectoryIsAFailure) {
   EXPECT_EQ(tov_get_file_config("/tmp", &first_), -1);
-}
-
-TEST(TovFileExists, WhateverItsKind) {
-  write_file("/tmp/plain", "");
-  EXPECT_TRUE(tov_file_exists("/tmp/plain"));
-  EXPECT_TRUE(tov_file_exists("/tmp"));
-  EXPECT_FALSE(tov_file_exists("/tmp/none"));
-  ASSERT_EQ(symlink("/tmp/none", "/tmp/dangling"), 0);
-  EXPECT_FALSE(tov_file_exists("/tmp/dangling"));
 }
