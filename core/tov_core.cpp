@@ -111,6 +111,12 @@ static next_e hold_signals_back(daemon_s &) {
   return GO_ON;
 }
 
+// The tool's own ends are the C++ library's: it works in the foreground.
+static next_e answer_lack_of_memory(daemon_s &) {
+  tov_core_end_without_memory();
+  return GO_ON;
+}
+
 static next_e be_the_only_one(daemon_s &daemon) {
   daemon.pid_file = tov_fd_t(already_running(TOV_PID_FILE));
   if (daemon.pid_file.n >= 0) return GO_ON;
@@ -222,6 +228,7 @@ static constexpr next_e (*start_up[])(daemon_s &) = {
     read_debug_switches,
     obey_command_line,
     hold_signals_back,
+    answer_lack_of_memory,
     be_the_only_one,
     note_start_time,
     raise_file_limit,

@@ -5,48 +5,47 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <vector>
-
 #include "util/entries.h"
 #include "util/tov_utils.h"
 
 enum {
   COMMAND_SIZE = 1024,
   RETRY_PAUSE_US = 100000,
-  USUAL_PROCESSES = 512,
 };
 
-// The process ids of the moment. A process that vanishes between the listing and the look spoils
-// the scan (negative errno): which process it was cannot be said, so the caller scans again. On a
-// busy machine something always vanishes; the looks therefore follow the listing at once, and the
-// command lines, which take most of the time, are read afterwards.
-static int list_processes(std::vector<pid_t> *pids) {
+// Calls `look` with the name of each process of the moment until it answers other than 0.
+// Returns that answer, 0, or the negative errno of a listing that could not be opened.
+template <typename Look>
+static int for_each_process(Look look) {
   tov_entries_t entries("/proc");
   if (!entries) return -errno;
-  while (const char *name = entries.next()) {
-    if (!isdigit(static_cast<unsigned char>(name[0]))) continue;
-    struct stat status {};
-    if (fstatat(entries.fd(), name, &status, 0) < 0) return -errno;
-    if (S_ISDIR(status.st_mode)) pids->push_back(tov_atoi(name));
-  }
-  return 0;
+  int answer = 0;
+  for (const char *name = entries.next(); name != nullptr && answer == 0; name = entries.next())
+    if (isdigit(static_cast<unsigned char>(name[0]))) answer = look(entries.fd(), name);
+  return answer;
 }
 
+static int look_whether_there(int proc_fd, const char *name) {
+  struct stat status {};
+  return fstatat(proc_fd, name, &status, 0) < 0 ? -errno : 0;
+}
+
+// A process that vanishes between the listing and the look spoils the scan (negative errno): which
+// process it was cannot be said, so the caller scans again. On a busy machine something always
+// vanishes; so one round only looks, at once, and a second one reads the command lines, which takes
+// most of the time. Two rounds and no list between them: a search goes on without memory.
 static int scan_once(const char *proc, pid_t *pid) {
-  std::vector<pid_t> pids;
-  pids.reserve(USUAL_PROCESSES);
-  int result = list_processes(&pids);
+  const int result = for_each_process(look_whether_there);
   if (result < 0) return result;
-  for (pid_t candidate : pids) {
+  return for_each_process([&](int, const char *name) {
+    const pid_t candidate = tov_atoi(name);
     char command[COMMAND_SIZE];
-    if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) continue;
+    if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) return 0;
     rtrim(command);
-    if (strcmp(command, proc) == 0) {
-      *pid = candidate;
-      return 1;
-    }
-  }
-  return 0;
+    if (strcmp(command, proc) != 0) return 0;
+    *pid = candidate;
+    return 1;
+  });
 }
 
 int tov_proc_to_pid(char *proc, pid_t *pid, int retry_times) {

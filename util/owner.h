@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <memory>
@@ -75,6 +76,13 @@ struct tov_close_s {
 };
 using tov_file_t = std::unique_ptr<FILE, tov_close_s>;
 using tov_dir_t = std::unique_ptr<DIR, tov_close_s>;
+
+// Owns a block of malloc(3), calloc(3) or safe_malloc().
+struct tov_free_s {
+  void operator()(void *block) const { free(block); }
+};
+template <typename T>
+using tov_block_t = std::unique_ptr<T, tov_free_s>;
 
 // Holds a mutex for as long as it lives.
 class tov_lock_guard_s {

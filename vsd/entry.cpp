@@ -59,7 +59,7 @@ void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid) {
   while (environ != nullptr && environ[inherited] != nullptr)
     inherited++;
   env->room = inherited + tov_proc_env_t::SPARE_VARIABLES;
-  env->variables = std::make_unique<char *[]>(env->room + 1);
+  env->variables.reset(static_cast<char **>(safe_malloc((env->room + 1) * sizeof(char *))));
 }
 
 // Puts "NAME=value" over the variable of that name, or behind the last one.

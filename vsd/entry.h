@@ -10,8 +10,8 @@
 #include <sys/types.h>
 
 #include <iterator>
-#include <memory>
 
+#include "util/owner.h"
 #include "vsd/path.h"
 #include "vsd/variables.h"
 
@@ -37,13 +37,14 @@ struct tov_proc_env_s {
   gid_t gid = 0;
   char text[VARIABLES][TEXT_SIZE] = {};  // "NAME=value"; an empty text is left out
   tov_vsd_path_t run_dir = {};
-  tov_vsd_path_t marker = {};           // of the dead instance
-  size_t room = 0;                      // of `variables`
-  std::unique_ptr<char *[]> variables;  // becomes the child's environment
+  tov_vsd_path_t marker = {};       // of the dead instance
+  size_t room = 0;                  // of `variables`
+  tov_block_t<char *[]> variables;  // becomes the child's environment
 };
 using tov_proc_env_t = tov_proc_env_s;
 
-// Prepares the way into `vsd_no` for the successor of process `pid`. In the parent.
+// Prepares the way into `vsd_no` for the successor of process `pid`. In the parent. Without memory
+// it waits until there is some, as the start that it serves waits for a fork.
 void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid);
 
 // Enters the device: the platform's environment, our variables over it, the run directory, the

@@ -2,6 +2,11 @@
 
 #include <stdio.h>
 #include <unistd.h>
+
+#include <new>
+
+#include "log/tov_dbg.h"
+#include "log/tov_log.h"
 #ifdef TOV_SANITIZE_ADDRESS
 #include <sanitizer/lsan_interface.h>
 #endif
@@ -18,4 +23,19 @@ void tov_core_leave(int status) {
   __lsan_do_leak_check();
 #endif
   _exit(status);
+}
+
+// In whichever thread it was, with whatever locks that one holds: takes none of ours and allocates
+// nothing. Without this an exception would leave the thread's body, or the alarm's handler, and the
+// process would end with no word.
+[[noreturn]] static void end_without_memory() {
+  static constexpr const char *said[] = {"No memory is left, tov will be restart.\n", nullptr};
+  tov_dbg_print_raw(__FILE_NAME__, __LINE__, said);
+  (void)tov_log_with_type(TOV_LOG_ERROR, "%s", said[0]);
+  tov_log_flush_and_wait();
+  tov_core_leave(1);
+}
+
+void tov_core_end_without_memory(void) {
+  std::set_new_handler(end_without_memory);
 }
