@@ -215,7 +215,7 @@ void tov_log_prepare(tov_log_child_line_s *line, const char *beginning) {
 }
 
 int tov_log_write_prepared(int type, const tov_log_child_line_s *line, const char *const *rest) {
-  if (!is_type(type) || tov_logfile_info[type] == nullptr || line->length < 1) return -1;
+  if (!is_type(type) || tov_logfile_info[type] == nullptr || line->length < 1) return -EINVAL;
   const tov_errno_keeper_s keep;
   char text[LINE_SIZE];
   size_t length = static_cast<size_t>(line->length);

@@ -78,7 +78,7 @@ void tov_log_prepare(tov_log_child_line_s *line, const char *beginning);
 
 // Child: writes the prepared line with the texts of `rest` (ended by a null pointer) behind it, to
 // the same rules as tov_log_with_type(). Async-signal-safe as far as the platform's write is.
-// Returns 0, -1 (no such type or log, nothing prepared) or the platform's negative result.
+// Returns 0, -EINVAL (no such type or log, nothing prepared) or the platform's negative result.
 int tov_log_write_prepared(int type, const tov_log_child_line_s *line, const char *const *rest);
 
 #endif  // TOV_LOG_H

@@ -25,7 +25,7 @@ struct tov_errno_keeper_s {
   ~tov_errno_keeper_s() { errno = saved; }
 };
 
-// Owns one descriptor; -1 owns nothing.
+// Owns one descriptor; below 0, as a failed call answers, it owns nothing.
 struct tov_fd_s {
   int n;
   explicit tov_fd_s(int fd = -1) noexcept : n(fd) {}
@@ -57,11 +57,14 @@ inline int tov_fd_take(tov_fd_t &fd) {
 
 // Moves a descriptor that was just made off the numbers of the standard streams, which a host may
 // have closed: what is printed there would land in it. Close-on-exec.
-// Returns the descriptor, the caller's own; or -1 with errno, and `fd` is closed.
+//   fd  what the call that makes one returned: -1, with errno, when it failed
+// Returns the descriptor, the caller's own; or -errno, and `fd` is closed. Leaves errno, too.
 inline int tov_fd_above_streams(int fd) {
-  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  if (fd < 0) return -errno;
+  if (fd > STDERR_FILENO) return fd;
   const tov_fd_t low(fd);
-  return fcntl(low.n, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int high = fcntl(low.n, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  return high < 0 ? -errno : high;
 }
 
 struct tov_close_s {

@@ -23,19 +23,19 @@
 //   flags  of open(2); O_NOFOLLOW, O_NONBLOCK, O_NOCTTY and O_CLOEXEC are added (O_NONBLOCK means
 //          nothing on a regular file, so it stays set)
 //   mode   for O_CREAT, narrowed by the umask
-// Returns the descriptor, the caller's own, or -1 with errno: that of open(2) (ELOOP: a link;
-// ENXIO: a FIFO or socket) or EINVAL for anything else that is no regular file.
+// Returns the descriptor, the caller's own, or -errno: that of open(2) (-ELOOP: a link; -ENXIO: a
+// FIFO or socket) or -EINVAL for anything else that is no regular file. Leaves errno, too.
 // Any thread; async-signal-safe.
 inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
   tov_fd_t fd(tov_fd_above_streams(
       open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
-  if (fd.n < 0) return -1;
+  if (fd.n < 0) return fd.n;
 
   struct stat found;
-  if (fstat(fd.n, &found) < 0) return -1;
+  if (fstat(fd.n, &found) < 0) return -errno;
   if (!S_ISREG(found.st_mode)) {
     errno = EINVAL;
-    return -1;
+    return -EINVAL;
   }
   return tov_fd_take(fd);
 }

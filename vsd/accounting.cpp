@@ -104,13 +104,10 @@ struct largest_s {
 
 static constexpr const char *FIND_MAX = "find_max_rss";
 
-// The "VmRSS:" number of a process, 0 without one; -1 when the process cannot be read.
+// The "VmRSS:" number of a process, 0 without one; negative when the process cannot be read.
 static int resident_kb(pid_t pid) {
   tov_status_file_t status(pid);
-  if (!status) {
-    (void)TOV_VSD_FAILED(FIND_MAX, "fopen fail");
-    return -1;
-  }
+  if (!status) return TOV_VSD_FAILED(FIND_MAX, "fopen fail");
   static constexpr char NAME[] = "Name:";  // the program's own choice: it may hold the word, too
   int rss_kb = 0;
   for (const char *line = status.next(); line != nullptr; line = status.next()) {

@@ -1,5 +1,6 @@
 #include "core/run/thread.h"
 
+#include <errno.h>
 #include <string.h>
 #include <sys/prctl.h>
 
@@ -7,7 +8,7 @@
 #include "log/tov_log.h"
 
 int tov_core_thread_name(const char *name) {
-  return prctl(PR_SET_NAME, name, 0, 0, 0);
+  return prctl(PR_SET_NAME, name, 0, 0, 0) < 0 ? -errno : 0;
 }
 
 void tov_core_thread_end(const char *name, int res, int err) {

@@ -3,7 +3,7 @@
 #define TOV_CORE_RUN_THREAD_H
 
 // Names the calling thread (the kernel keeps 15 characters).
-// Returns 0, or -1 with errno set.
+// Returns 0 or -errno. Leaves errno, too: the thread ends with it.
 int tov_core_thread_name(const char *name);
 
 // The last thing a joined thread does, whatever ended it: asks all other threads to end, writes to

@@ -379,7 +379,7 @@ TEST_F(TovLogOpen, DiagnosticAndEventCarryTheSameText) {
 
 // ---- lines of a forked child ----------------------------------------------------------------
 
-// Writes the prepared line in a forked child. Returns what the write returned (0 to -2).
+// Writes the prepared line in a forked child. Returns what the write returned.
 static int write_in_child(int type, const tov_log_child_line_t &line,
                           std::vector<const char *> rest) {
   rest.push_back(nullptr);
@@ -429,12 +429,12 @@ TEST_F(TovLogOpen, ChildsLineFollowsTheSameRules) {
 TEST_F(TovLogOpen, NothingPreparedIsNotWritten) {
   tov_log_child_line_t line;
   tov_log_prepare(&line, "");
-  EXPECT_EQ(write_in_child(TOV_LOG_KILL, line, {"x"}), -1);
+  EXPECT_EQ(write_in_child(TOV_LOG_KILL, line, {"x"}), -EINVAL);
   tov_log_prepare(&line, "x");
-  EXPECT_EQ(write_in_child(-1, line, {}), -1);
-  EXPECT_EQ(write_in_child(TOV_LOG_TYPE_NUM, line, {}), -1);
+  EXPECT_EQ(write_in_child(-1, line, {}), -EINVAL);
+  EXPECT_EQ(write_in_child(TOV_LOG_TYPE_NUM, line, {}), -EINVAL);
   void *const handle = std::exchange(tov_logfile_info[TOV_LOG_KILL], nullptr);
-  EXPECT_EQ(write_in_child(TOV_LOG_KILL, line, {}), -1);
+  EXPECT_EQ(write_in_child(TOV_LOG_KILL, line, {}), -EINVAL);
   tov_logfile_info[TOV_LOG_KILL] = handle;
   EXPECT_EQ(content(TOV_LOG_KILL), "");
 }

@@ -390,7 +390,7 @@ TEST(TovUtilsOpenRegular, AnythingElseIsRefusedWithoutWaiting) {
   };
   for (const auto &c : cases) {
     errno = 0;
-    EXPECT_EQ(tov_open_regular(c.path.c_str(), c.flags), -1) << c.path;
+    EXPECT_EQ(tov_open_regular(c.path.c_str(), c.flags), -c.error) << c.path;
     EXPECT_EQ(errno, c.error) << c.path << " " << c.flags;
   }
   EXPECT_EQ(tov_test::open_descriptors(), before);
