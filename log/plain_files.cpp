@@ -53,16 +53,23 @@ static bool sync_stream(FILE *file) {
   return fflush(file) == 0 && fsync(fileno(file)) == 0;
 }
 
+// Writes one line under the current time and brings it to storage; when that fails nothing is left
+// to be done about it.
+__attribute__((format(printf, 2, 0))) static void store_record(FILE *file, const char *format,
+                                                               va_list arguments) {
+  char when[TIME_SIZE];
+  time_text(when);
+  write_record(file, when, format, arguments);
+  (void)sync_stream(file);
+}
+
 void tov_log_record_reboot_info(const char *path, const char *format, ...) {
   const tov_file_t file = tov_fopen_regular(path, O_WRONLY | O_CREAT | O_APPEND, "a");
   if (file == nullptr) return;
-  char when[TIME_SIZE];
-  time_text(when);
   va_list arguments;
   va_start(arguments, format);
-  write_record(file.get(), when, format, arguments);
+  store_record(file.get(), format, arguments);
   va_end(arguments);
-  (void)sync_stream(file.get());  // nothing is left to be done about it
 }
 
 // ---- ring of ten notifications --------------------------------------------------------------
@@ -119,13 +126,10 @@ void tov_log_notify_info(const char *path, const char *format, ...) {
   const tov_file_t file = tov_fopen_regular(path, O_RDWR, "r+");
   if (file == nullptr) return;
   skip_records(file.get(), slot);
-  char when[TIME_SIZE];
-  time_text(when);
   va_list arguments;
   va_start(arguments, format);
-  write_record(file.get(), when, format, arguments);
+  store_record(file.get(), format, arguments);
   va_end(arguments);
-  (void)sync_stream(file.get());
 
   // The number comes from a file that anybody may have written.
   const int next = static_cast<int>((int64_t{slot} + 1) % RECORD_NUM);
