@@ -34,7 +34,7 @@ void tov_rm_db_file_by_pid(pid_t pid) {
   TOV_DBG("%s unlink file %s ret %d\n", __func__, file, ret);
 }
 
-extern "C" int tov_cancel_proc(pid_t pid) {
+extern "C" int tov_cancel_proc(pid_t pid) noexcept {
   const tov_rpc_call_t call;
   TOV_DBG("tov_cancel_proc:%d\n", pid);
   if (pid < 0) {

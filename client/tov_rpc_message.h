@@ -1,8 +1,9 @@
 // One framed message in one packet: sending and receiving, for both sides.
 //
-// A message is a head of 268 bytes and the `len` bytes that the head announces (layout: tov.h); it
-// travels as exactly one packet of a local sequenced-packet socket, so there is no reassembly. The
-// sender of a packet is never believed: its `len` is only compared with what really came.
+// A message is a head of 268 bytes and the `len` bytes that the head announces (layout:
+// include/tov_wire.h); it travels as exactly one packet of a local sequenced-packet socket, so
+// there is no reassembly. The sender of a packet is never believed: its `len` is only compared with
+// what really came.
 //
 // Threads: any; a socket is used by one thread at a time.
 #ifndef TOV_RPC_MESSAGE_H

@@ -51,7 +51,7 @@ static void prepare_registration(const char *caller, pid_t pid, TOV_MSG_TYPE typ
   }
 }
 
-extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) {
+extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) noexcept {
   const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
@@ -60,7 +60,8 @@ extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) {
   return 0;
 }
 
-extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type, const char *path) {
+extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type,
+                                             const char *path) noexcept {
   const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
@@ -72,7 +73,7 @@ extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type, const
   return tov_rpc(type, script, &payload, sizeof payload, false, false);
 }
 
-extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) {
+extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
   static constexpr struct {
     const char *word;  // what the text begins with; no word is the beginning of another
     TOV_MSG_TYPE type;
@@ -89,7 +90,7 @@ extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) {
   return -1;
 }
 
-extern "C" int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time) {
+extern "C" int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time) noexcept {
   const tov_rpc_call_t call;
   tov_msg_xtach_t payload{};
   payload.pid = resolve_pid(pid);

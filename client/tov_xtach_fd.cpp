@@ -28,7 +28,7 @@ enum {
 // Consecutive checks that found too many open files.
 static int fd_count = 0;
 
-extern "C" int get_resource_limit(int resource) {
+extern "C" int get_resource_limit(int resource) noexcept {
   const tov_rpc_no_cancel_t no_cancel;
   rlimit limit{};
   // The C library declares the parameter as an enumeration for C++ only.
@@ -75,7 +75,7 @@ static void tell_over_limit(pid_t pid) {
   }
 }
 
-extern "C" void tov_client_watch_process_fd(pid_t pid) {
+extern "C" void tov_client_watch_process_fd(pid_t pid) noexcept {
   const tov_rpc_no_cancel_t no_cancel;
   const int count = count_fds(pid);
   if (count < 0) {

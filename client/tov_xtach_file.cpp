@@ -69,14 +69,14 @@ static int find_line(int fd, const char *text) {
   return 0;
 }
 
-extern "C" int string_exist_in_file(const char *text, const char *file) {
+extern "C" int string_exist_in_file(const char *text, const char *file) noexcept {
   if (text == nullptr || file == nullptr) return 0;
   const tov_rpc_no_cancel_t no_cancel;
   const tov_fd_t fd = open_text(file);
   return fd.n < 0 ? 0 : find_line(fd.n, text);
 }
 
-extern "C" int pid_exist_in_file(pid_t pid, const char *file) {
+extern "C" int pid_exist_in_file(pid_t pid, const char *file) noexcept {
   if (file == nullptr) return 0;
   const tov_rpc_no_cancel_t no_cancel;
   const tov_fd_t fd = open_text(file);
@@ -86,7 +86,7 @@ extern "C" int pid_exist_in_file(pid_t pid, const char *file) {
   return find_line(fd.n, text);
 }
 
-extern "C" int get_pid_notify_counter(const char *key, const char *file) {
+extern "C" int get_pid_notify_counter(const char *key, const char *file) noexcept {
   if (key == nullptr || file == nullptr) return 0;
   const tov_rpc_no_cancel_t no_cancel;
   const tov_fd_t fd = open_text(file);
@@ -101,7 +101,7 @@ extern "C" int get_pid_notify_counter(const char *key, const char *file) {
   return 0;
 }
 
-extern "C" int pid_reset_counter_in_file(pid_t pid, const char *file) {
+extern "C" int pid_reset_counter_in_file(pid_t pid, const char *file) noexcept {
   char text[TOV_LOOKUP_WORD_SIZE];
   snprintf(text, sizeof text, "%d", pid);
   return get_pid_notify_counter(text, file);

@@ -59,7 +59,7 @@ static tov_msg_xtach_t thread_payload(const thread_s &thread) {
 }
 
 extern "C" int tov_client_reg_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
-                                            unsigned int m_n_counter) {
+                                            unsigned int m_n_counter) noexcept {
   const tov_rpc_call_t call;
   tov_parse_dbg_file();
   const thread_s thread = {pid, tid, m_n_notify_time, m_n_counter};
@@ -73,7 +73,7 @@ extern "C" int tov_client_reg_thread_notify(pid_t pid, pid_t tid, unsigned int m
 
 extern "C" int tov_client_reg_thread_notify_no_proc(pid_t pid, pid_t tid,
                                                     unsigned int m_n_notify_time,
-                                                    unsigned int m_n_counter) {
+                                                    unsigned int m_n_counter) noexcept {
   signal(SIGABRT, SIG_IGN);
   return tov_client_reg_thread_notify(pid, tid, m_n_notify_time, m_n_counter);
 }
@@ -106,7 +106,7 @@ static int mark_alive(const thread_s &thread) {
 }
 
 extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
-                                              unsigned int m_n_counter) {
+                                              unsigned int m_n_counter) noexcept {
   const tov_rpc_call_t call;
   const thread_s thread = {pid, tid, m_n_notify_time, m_n_counter};
   if (check_caller(thread) != 0) return -1;
@@ -116,7 +116,7 @@ extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int
   return 0;
 }
 
-extern "C" int tov_client_unreg_thread_notify(pid_t tid) {
+extern "C" int tov_client_unreg_thread_notify(pid_t tid) noexcept {
   const tov_rpc_call_t call;
   if (tid == 0) TOV_DBG("parameter error\n");
   tov_msg_cons_t request = {.event = TOV_UNREG_THREAD_NOTIFY, .pid = tid};

@@ -87,11 +87,22 @@ add_dependencies(tov_static tov_archive)
 
 # ---- what is installed -----------------------------------------------------------------------
 
-set(tov_headers include/tov.h include/tov_xtach.h)
-foreach(header IN LISTS tov_headers) # in the build tree under the names that programs use
-  cmake_path(GET header FILENAME name)
-  configure_file(${header} ${tov_client_dir}/include/tov/${name} COPYONLY)
-endforeach()
+# Programs get the wire and the calls. The daemon's records are no part of it: their tov.h is not
+# the tree's, which holds both.
+set(tov_headers tov.h tov_wire.h tov_xtach.h)
+list(TRANSFORM tov_headers PREPEND ${tov_client_dir}/include/tov/)
+configure_file(cmake/tov.h.in ${tov_client_dir}/include/tov/tov.h COPYONLY)
+configure_file(include/tov_wire.h ${tov_client_dir}/include/tov/tov_wire.h COPYONLY)
+configure_file(include/tov_xtach.h ${tov_client_dir}/include/tov/tov_xtach.h COPYONLY)
+
+# Programs ask the headers for the release, and the headers are written by hand.
+file(STRINGS include/tov_wire.h tov_version_lines REGEX "^#define TOV_VERSION_")
+list(TRANSFORM tov_version_lines REPLACE ".* " "")
+list(JOIN tov_version_lines . tov_headers_version)
+if(NOT tov_headers_version VERSION_EQUAL PROJECT_VERSION)
+  message(FATAL_ERROR
+    "include/tov_wire.h is of release ${tov_headers_version}, the project of ${PROJECT_VERSION}")
+endif()
 
 # The package file finds its prefix from its own place, so the tree can be installed anywhere.
 file(RELATIVE_PATH tov_pc_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -137,7 +148,7 @@ endforeach()
 
 # The tests that look at the product look at the one of this build.
 if(TOV_TESTS)
-  foreach(test product_public_symbols product_installed_client)
+  foreach(test product_public_symbols product_installed_client product_installed_headers)
     cmake_language(EVAL CODE
       "cmake_language(DEFER CALL add_dependencies ${test} tov_shared tov_archive)")
   endforeach()

@@ -29,14 +29,19 @@
 
 #include <sys/types.h>
 
-#include "tov.h"
+#include "tov_wire.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Public calls are all that the library exports. */
+/* Public calls are all that the library exports. None throws. */
 #define TOV_API __attribute__((visibility("default")))
+#ifdef __cplusplus
+#define TOV_NOTHROW noexcept
+#else
+#define TOV_NOTHROW
+#endif
 
 /* ---- what happens when the process ends ----------------------------------------------------- */
 
@@ -50,7 +55,7 @@ extern "C" {
  * apart. Without a daemon the call therefore takes about six minutes.
  * Always returns 0. A second registration of the same process changes nothing at the daemon.
  */
-TOV_API int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type);
+TOV_API int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) TOV_NOTHROW;
 
 /*
  * The same with a start script of the caller's choice, sent once, without acknowledgement.
@@ -61,14 +66,15 @@ TOV_API int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type);
  *         reg_process_exit_action().
  * Returns 0 when the request left, -1 when there is no daemon (after about 5 s).
  */
-TOV_API int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type, const char *path);
+TOV_API int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type,
+                                          const char *path) TOV_NOTHROW;
 
 /*
  * reg_process_exit_action() for a type that is given as text, as in a configuration file: what
  * begins with "TOV_RESTART" or with "TOV_SHELL_RESTART".
  * Returns 0, or -1 for any other text.
  */
-TOV_API int reg_third_part_process_exit_action(pid_t pid, const char *type);
+TOV_API int reg_third_part_process_exit_action(pid_t pid, const char *type) TOV_NOTHROW;
 
 /*
  * Sets how many seconds the daemon waits before it restarts a process. To be called instead of a
@@ -79,7 +85,7 @@ TOV_API int reg_third_part_process_exit_action(pid_t pid, const char *type);
  *   restart_time  seconds
  * Sent once, without acknowledgement. Returns 0 when the request left, -1 without a daemon.
  */
-TOV_API int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time);
+TOV_API int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time) TOV_NOTHROW;
 
 /*
  * Withdraws every registration of a process and removes its registration file, as before a
@@ -88,7 +94,7 @@ TOV_API int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time);
  * Asks until the daemon acknowledges: 60 attempts, a second apart; takes a second when all is well.
  * Returns 0, or -1: a negative pid, or no daemon (after about six minutes).
  */
-TOV_API int tov_cancel_proc(pid_t pid);
+TOV_API int tov_cancel_proc(pid_t pid) TOV_NOTHROW;
 
 /* ---- watched threads ------------------------------------------------------------------------ */
 
@@ -106,14 +112,14 @@ TOV_API int tov_cancel_proc(pid_t pid);
  * Returns 0, also without a daemon; -1 for bad arguments, another thread or a failed exchange.
  */
 TOV_API int tov_client_reg_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
-                                         unsigned int m_n_counter);
+                                         unsigned int m_n_counter) TOV_NOTHROW;
 
 /*
  * The same, and makes the calling process ignore SIGABRT, the signal by which the daemon's platform
  * ends a hung process. The only call that changes a signal's disposition.
  */
 TOV_API int tov_client_reg_thread_notify_no_proc(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
-                                                 unsigned int m_n_counter);
+                                                 unsigned int m_n_counter) TOV_NOTHROW;
 
 /*
  * Tells that the calling thread is alive; arguments as for its registration. Cheap: one failing
@@ -125,12 +131,12 @@ TOV_API int tov_client_reg_thread_notify_no_proc(pid_t pid, pid_t tid, unsigned 
  * Returns 0; -1 for bad arguments or another thread.
  */
 TOV_API int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int m_n_notify_time,
-                                           unsigned int m_n_counter);
+                                           unsigned int m_n_counter) TOV_NOTHROW;
 
 /*
  * Ends the watching of a thread, which may be any; waits for the acknowledgement. Always returns 0.
  */
-TOV_API int tov_client_unreg_thread_notify(pid_t tid);
+TOV_API int tov_client_unreg_thread_notify(pid_t tid) TOV_NOTHROW;
 
 /* ---- open files ----------------------------------------------------------------------------- */
 
@@ -140,10 +146,10 @@ TOV_API int tov_client_unreg_thread_notify(pid_t tid);
  * started again; a check below the limit starts the count anew. The descriptor that the check
  * itself needs is counted. For one thread only.
  */
-TOV_API void tov_client_watch_process_fd(pid_t pid);
+TOV_API void tov_client_watch_process_fd(pid_t pid) TOV_NOTHROW;
 
 /* Soft limit of an RLIMIT_* of the calling process, at most INT_MAX; -1 when it cannot be read. */
-TOV_API int get_resource_limit(int resource);
+TOV_API int get_resource_limit(int resource) TOV_NOTHROW;
 
 /* ---- small text files ----------------------------------------------------------------------- */
 
@@ -153,23 +159,26 @@ TOV_API int get_resource_limit(int resource);
  */
 
 /* 1 when a line of `file` equals `text`, otherwise 0; 0 also when the file cannot be read. */
-TOV_API int string_exist_in_file(const char *text, const char *file);
+TOV_API int string_exist_in_file(const char *text, const char *file) TOV_NOTHROW;
 
 /* The same for the decimal form of `pid`. */
-TOV_API int pid_exist_in_file(pid_t pid, const char *file);
+TOV_API int pid_exist_in_file(pid_t pid, const char *file) TOV_NOTHROW;
 
 /*
  * The number that follows `key` and a blank on the first such line of `file`; keys and values are
  * cut at 15 characters. 0 when there is none, when it is no number that an int can hold, or when
  * the file cannot be read.
  */
-TOV_API int get_pid_notify_counter(const char *key, const char *file);
+TOV_API int get_pid_notify_counter(const char *key, const char *file) TOV_NOTHROW;
 
 /* The same for the decimal form of `pid`. */
-TOV_API int pid_reset_counter_in_file(pid_t pid, const char *file);
+TOV_API int pid_reset_counter_in_file(pid_t pid, const char *file) TOV_NOTHROW;
 
 #ifdef __cplusplus
 }
 #endif
+
+#undef TOV_NOTHROW
+#undef TOV_API
 
 #endif /* TOV_XTACH_H */
