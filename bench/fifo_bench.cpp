@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "core/events/tov_fifo.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 static void in_and_out(benchmark::State &state) {
   kfifo ring{};

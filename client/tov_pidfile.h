@@ -16,7 +16,7 @@
 #ifndef TOV_PIDFILE_H
 #define TOV_PIDFILE_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // Builds the name of a registration file in `out` of `size` bytes, cut to fit. The program is the
 // command line up to its first blank, and of that what follows the last '/'. (For a program below

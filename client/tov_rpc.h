@@ -18,7 +18,7 @@
 #include "client/tov_rpc_message.h"
 #include "client/tov_rpc_overdue.h"
 #include "client/tov_rpc_stop.h"
-#include "include/tov.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"  // tov_cancel_proc(), which is public
 
 extern pthread_mutex_t tov_rpc_lock;  // serialises the requests of this process

@@ -9,7 +9,7 @@
 #ifndef TOV_RPC_MESSAGE_H
 #define TOV_RPC_MESSAGE_H
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 
 enum { TOV_MSG_HEAD_SIZE = sizeof(tov_msg_head_t) };
 

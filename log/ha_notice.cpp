@@ -3,7 +3,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "log/notice.h"
 #include "platform/tov_platform.h"
 

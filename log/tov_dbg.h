@@ -9,7 +9,7 @@
 #ifndef TOV_DBG_H
 #define TOV_DBG_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "log/notice.h"
 
 // The switches by TOV_MODULE_*; TOV_DBG_END is off. Read and write through the functions below

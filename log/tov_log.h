@@ -13,7 +13,7 @@
 
 #include <stdarg.h>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "log/plain_files.h"
 #include "log/tov_dbg.h"
 

@@ -9,7 +9,7 @@
 #ifndef TOV_CORE_EVENTS_HANDLER_H
 #define TOV_CORE_EVENTS_HANDLER_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // Acts on one event; unknown codes are dropped.
 void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event);

@@ -15,7 +15,7 @@
 #include "core/events/tov_fifo.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/priority.h"

@@ -17,7 +17,7 @@
 #ifndef TOV_CORE_WATCH_WATCHDOG_H
 #define TOV_CORE_WATCH_WATCHDOG_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // 0 while the registered thread still exists and belongs to the process that registered it with
 // the command line it had; -1 otherwise. Reads /proc.

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 #include "util/owner.h"
 
 namespace tov_chaos {

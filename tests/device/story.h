@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 #include "tests/support/device.h"
 
 namespace tov_test {

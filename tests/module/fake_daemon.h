@@ -23,8 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "include/tov.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "util/owner.h"
 
 namespace tov_test {

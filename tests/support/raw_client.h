@@ -15,8 +15,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "include/tov.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "util/owner.h"
 
 namespace tov_test {

@@ -8,7 +8,7 @@
 #include <string>
 #include <type_traits>
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "tests/support/caught_diagnostics.h"
 
 // The sanitizers end the program at an impossible allocation unless they are told otherwise.
