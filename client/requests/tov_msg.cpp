@@ -1,8 +1,7 @@
 // The daemon's request handlers.
 //
-// Two tables carry the differences between near-twins: what the two exit actions fill, and which
-// record each message type brings. The command line in a record is read by the daemon itself; the
-// client's own reading is only quoted in the event log.
+// The command line in a record is read by the daemon itself; the client's own reading is only
+// quoted in the event log.
 //
 // Threads: the server's. Locks: one registry at a time. Event lines are written after the lock is
 // released, but for removals, whose record is gone afterwards; the log writer takes no registry
@@ -30,27 +29,6 @@ static bool has_slot(pid_t tid) {
 template <size_t SIZE>
 static void copy_field(char (&to)[SIZE], const char *from) {
   memcpy(to, from, strnlen(from, SIZE - 1));
-}
-
-int tov_msg_check_payload(int type, int len) {
-  static constexpr struct {
-    int type;
-    size_t size;
-    const char *handler;
-  } records[] = {
-      {TOV_RESTART, sizeof(tov_msg_xtach_t), "tov_process_restart"},
-      {TOV_SHELL_RESTART, sizeof(tov_msg_xtach_t), "tov_process_shell_restart"},
-      {TOV_MSG_ACK, sizeof(tov_msg_xtach_t), "tov_notifier_start"},
-      {TOV_RESET, sizeof(tov_msg_xtach_t), "tov_notifier_reset"},
-      {TOV_MSG_CONS, sizeof(tov_msg_cons_t), "tov_process_cons_msg"},
-  };
-  for (const auto &record : records) {
-    if (record.type != type) continue;
-    if (len >= 0 && static_cast<size_t>(len) >= record.size) return 0;
-    TOV_DBG("%s: payload too short(type:%d, len:%d)!\n", record.handler, type, len);
-    return -1;
-  }
-  return 0;
 }
 
 // Reads the command line of the process or thread that a request is about into a new record's

@@ -10,15 +10,10 @@
 #ifndef TOV_MSG_H
 #define TOV_MSG_H
 
+#include "client/requests/table.h"
 #include "core/registry/dump.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov.h"
-
-// Whether a request brought the whole record that its handler reads.
-//   type  of the message
-//   len   bytes of payload that really came
-// Returns 0, or -1 (diagnostic printed). A type without a handler needs nothing.
-int tov_msg_check_payload(int type, int len);
 
 // Register a process: execute it again, or run its start script `pathname` again, when it ends. A
 // process that is registered already stays as it is, whatever its action.

@@ -29,7 +29,7 @@
 #include <iterator>
 #include <memory>
 
-#include "client/requests/tov_msg.h"
+#include "client/requests/table.h"
 #include "client/tov_rpc.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
@@ -73,51 +73,31 @@ using received_t = std::unique_ptr<tov_msg_head_t, free_received_s>;
 
 // ---- one request ------------------------------------------------------------------------------
 
+// What comes of a type that has no row.
+static void print_unknown(int type) {
+  TOV_DBG("recv unknown type msg %d\n", type);
+}
+
 int tov_rsp_domain_msg(int sd, tov_msg_head_t *msg) {
-  switch (msg->type) {
-    case TOV_RESET:
-      return 0;
-    case TOV_RESTART:
-    case TOV_SHELL_RESTART:
-    case TOV_MSG_ACK:
-    case TOV_MSG_CONS:
-      break;
-    default:
-      TOV_DBG("recv unknown type msg %d\n", static_cast<int>(msg->type));
-      return -1;
+  const int type = static_cast<int>(msg->type);
+  const tov_request_t *request = tov_request_of(type);
+  if (request == nullptr) {
+    print_unknown(type);
+    return -1;
   }
+  if (!request->acknowledged) return 0;
   tov_msg_head_t answer{};
   const int ret = tov_inner_send_msg(sd, &answer);
   if (ret != 0) {
-    TOV_DBG("%s: tov_inner_send_msg err(ret:%d, sk:%d, type:%d)!\n", __func__, ret, sd,
-            static_cast<int>(msg->type));
+    TOV_DBG("%s: tov_inner_send_msg err(ret:%d, sk:%d, type:%d)!\n", __func__, ret, sd, type);
   }
   return ret;
 }
 
-// The handlers by type.
-static constexpr struct {
-  int type;
-  int (*handle)(char *pathname, void *data);
-} handlers[] = {
-    {TOV_RESTART,
-     [](char *, void *data) { return tov_process_restart(static_cast<tov_msg_xtach_t *>(data)); }},
-    {TOV_SHELL_RESTART,
-     [](char *pathname, void *data) {
-       return tov_process_shell_restart(static_cast<tov_msg_xtach_t *>(data), pathname);
-     }},
-    {TOV_MSG_ACK,
-     [](char *, void *data) { return tov_notifier_start(static_cast<tov_msg_xtach_t *>(data)); }},
-    {TOV_RESET,
-     [](char *, void *data) { return tov_notifier_reset(static_cast<tov_msg_xtach_t *>(data)); }},
-    {TOV_MSG_CONS,
-     [](char *, void *data) { return tov_process_cons_msg(static_cast<tov_msg_cons_t *>(data)); }},
-};
-
-// A request without a handler. The acknowledgement refuses such types first; this is the second
-// line behind it, should a type ever be acknowledged and not handled.
+// A type without a row. The acknowledgement refuses it first, so only another caller of the
+// dispatch can come here.
 static int refuse_type(int type) {
-  TOV_DBG("recv unknown type msg %d\n", type);
+  print_unknown(type);
   tov_log_with_type(TOV_LOG_ERROR, "domain recv unknown type[%d] msg.\n", type);
   return -1;
 }
@@ -128,10 +108,8 @@ static void print_result(int type, int err) {
 }
 
 void tov_dispatch_domain_msg(int type, char *pathname, [[maybe_unused]] int sd, void *data) {
-  const auto *known = std::find_if(std::begin(handlers), std::end(handlers),
-                                   [type](const auto &row) { return row.type == type; });
-  print_result(type,
-               known != std::end(handlers) ? known->handle(pathname, data) : refuse_type(type));
+  const tov_request_t *request = tov_request_of(type);
+  print_result(type, request != nullptr ? request->handle(pathname, data) : refuse_type(type));
 }
 
 int tov_recv_domain_msg(int sd) {
