@@ -2,6 +2,6 @@
 
 time_t tov_get_time(void) {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  tov_sys_clock_gettime(CLOCK_MONOTONIC, &now);
   return now.tv_sec;
 }

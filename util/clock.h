@@ -8,13 +8,15 @@
 #include <stdint.h>
 #include <time.h>
 
+#include "util/tov_sys.h"
+
 // Whole seconds, as records keep them.
 time_t tov_get_time(void);
 
 // Microseconds and whole milliseconds, for deadlines and for pacing.
 inline int64_t tov_clock_us() {
   timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  tov_sys_clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
 }
 inline int64_t tov_clock_ms() {

@@ -16,6 +16,8 @@
 
 #include <algorithm>
 
+#include "util/tov_sys.h"
+
 class tov_lines_s {
  public:
   // Reads from `fd`, borrowed, pieces of at most `limit` bytes (1 to MAX_LIMIT).
@@ -59,7 +61,7 @@ class tov_lines_s {
     begin_ = 0;
     ssize_t count = 0;
     do
-      count = read(fd_, buf_ + end_, MAX_LIMIT - end_);
+      count = tov_sys_read(fd_, buf_ + end_, MAX_LIMIT - end_);
     while (count < 0 && errno == EINTR);
     if (count <= 0) return false;
     end_ += static_cast<size_t>(count);

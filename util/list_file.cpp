@@ -7,10 +7,10 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "util/lines.h"
 #include "util/owner.h"
+#include "util/tov_sys.h"
 
 enum {
   EXE_LINK_SIZE = 32,   // "/proc/%d/exe"
@@ -24,7 +24,7 @@ int pid_to_proc(pid_t pid, char *buf, int size) {
   if (pid <= 0) return 0;
   char link[EXE_LINK_SIZE];
   snprintf(link, sizeof link, "/proc/%d/exe", pid);
-  return readlink(link, buf, static_cast<size_t>(size)) < 0 ? 0 : 1;
+  return tov_sys_readlink(link, buf, static_cast<size_t>(size)) < 0 ? 0 : 1;
 }
 
 // The first line that contains `name`, or null.
@@ -37,7 +37,7 @@ static const char *matching_line(tov_lines_s &lines, const char *name) {
 
 int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int size) {
   // O_NONBLOCK: a FIFO in the place of the list must not hold the event handler for ever.
-  tov_fd_t fd(open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  tov_fd_t fd(tov_sys_open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (fd.n < 0 || size <= 0) return 0;
   memset(out, 0, static_cast<size_t>(size));
   if (name[0] == '\0') return 0;  // would be part of every line

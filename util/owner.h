@@ -7,7 +7,6 @@
 
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,6 +14,8 @@
 
 #include <memory>
 #include <utility>
+
+#include "util/tov_sys.h"
 
 // Restores `errno` when it goes out of scope: for signal handlers and for clean-up.
 struct tov_errno_keeper_s {
@@ -45,7 +46,7 @@ struct tov_fd_s {
   void reset() noexcept {
     if (n < 0) return;
     tov_errno_keeper_s keep;
-    close(std::exchange(n, -1));
+    tov_sys_close(std::exchange(n, -1));
   }
 };
 using tov_fd_t = tov_fd_s;
@@ -63,7 +64,7 @@ inline int tov_fd_above_streams(int fd) {
   if (fd < 0) return -errno;
   if (fd > STDERR_FILENO) return fd;
   const tov_fd_t low(fd);
-  const int high = fcntl(low.n, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int high = tov_sys_dup_above(low.n, STDERR_FILENO + 1);
   return high < 0 ? -errno : high;
 }
 
@@ -74,7 +75,7 @@ struct tov_close_s {
   }
   void operator()(DIR *dir) const {
     tov_errno_keeper_s keep;
-    closedir(dir);
+    tov_sys_closedir(dir);
   }
 };
 using tov_file_t = std::unique_ptr<FILE, tov_close_s>;

@@ -15,6 +15,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 static constexpr int EXE_PATH_SIZE = 32;
@@ -38,7 +39,7 @@ struct byte_reader_s {
   // The next byte, or -1 at the end of the file; a read error ends it too.
   int next() {
     if (at == filled) {
-      const ssize_t n = TEMP_FAILURE_RETRY(read(fd, chunk, sizeof chunk));
+      const ssize_t n = TEMP_FAILURE_RETRY(tov_sys_read(fd, chunk, sizeof chunk));
       if (n <= 0) return -1;
       filled = static_cast<size_t>(n);
       at = 0;
@@ -75,14 +76,14 @@ char *pid_to_cmdline(pid_t pid, char *buf, int len) {
 
   char path[EXE_PATH_SIZE];
   snprintf(path, sizeof path, "/proc/%d/exe", pid);
-  const ssize_t target = readlink(path, buf, static_cast<size_t>(len) - 1);
+  const ssize_t target = tov_sys_readlink(path, buf, static_cast<size_t>(len) - 1);
   if (target < 0) return nullptr;
   const int n = static_cast<int>(target);
   buf[n] = '\0';
   if (n + 3 > len) return buf;
 
   snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
-  tov_fd_t fd(open(path, O_RDONLY | O_CLOEXEC));
+  tov_fd_t fd(tov_sys_open(path, O_RDONLY | O_CLOEXEC));
   if (fd.n < 0) return buf;
   byte_reader_s reader(fd.n);
   if (skip_first_argument(reader)) append_arguments(reader, buf, n, len);
@@ -148,7 +149,7 @@ int process_life(pid_t pid) {
   snprintf(path, sizeof path, "/proc/%d/stat", pid);
   for (int attempt = 0; attempt < LIFE_ATTEMPTS; attempt++) {
     if (pid > 0 && looks_alive(path)) return 0;
-    usleep(LIFE_PAUSE_US);
+    tov_sys_usleep(LIFE_PAUSE_US);
   }
   return -1;
 }

@@ -14,9 +14,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "util/owner.h"
+#include "util/tov_sys.h"
 
 // Opens a regular file and nothing else; never blocks, never follows a link at the last component,
 // never acquires a terminal. The descriptor is close-on-exec and above the standard streams.
@@ -28,11 +28,11 @@
 // Any thread; async-signal-safe.
 inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
   tov_fd_t fd(tov_fd_above_streams(
-      open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
+      tov_sys_open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode)));
   if (fd.n < 0) return fd.n;
 
   struct stat found;
-  if (fstat(fd.n, &found) < 0) return -errno;
+  if (tov_sys_fstat(fd.n, &found) < 0) return -errno;
   if (!S_ISREG(found.st_mode)) {
     errno = EINVAL;
     return -EINVAL;
@@ -46,8 +46,8 @@ inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
 // Any thread; async-signal-safe.
 inline bool tov_clear_file_place(const char *path) {
   struct stat found;
-  if (lstat(path, &found) < 0 || S_ISREG(found.st_mode)) return false;
-  return (S_ISDIR(found.st_mode) ? rmdir(path) : unlink(path)) == 0;
+  if (tov_sys_lstat(path, &found) < 0 || S_ISREG(found.st_mode)) return false;
+  return (S_ISDIR(found.st_mode) ? tov_sys_rmdir(path) : tov_sys_unlink(path)) == 0;
 }
 
 // The same as a stream; a created file gets mode 0666, narrowed by the umask, as with fopen(3).

@@ -9,9 +9,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "util/tov_sys.h"
 
 static constexpr int MALLOC_RETRY_S = 5;
 static constexpr mode_t PID_FILE_MODE = 0700;
@@ -21,7 +22,7 @@ void safe_sleep_common(int sec, int usec) {
   left.tv_sec = sec;
   left.tv_usec = usec;
   // The kernel leaves the time that remains in `left`, so a signal costs nothing of the sleep.
-  while (select(0, nullptr, nullptr, nullptr, &left) < 0 && errno == EINTR) {
+  while (tov_sys_sleep(&left) < 0 && errno == EINTR) {
   }
 }
 
@@ -59,12 +60,14 @@ static ssize_t transfer_all(size_t len, Transfer transfer) {
 
 ssize_t safe_read(int fd, void *buf, size_t len) {
   char *bytes = static_cast<char *>(buf);
-  return transfer_all(len, [=](size_t at, size_t left) { return read(fd, bytes + at, left); });
+  return transfer_all(len,
+                      [=](size_t at, size_t left) { return tov_sys_read(fd, bytes + at, left); });
 }
 
 ssize_t safe_write(int fd, const void *buf, size_t len) {
   const char *bytes = static_cast<const char *>(buf);
-  return transfer_all(len, [=](size_t at, size_t left) { return write(fd, bytes + at, left); });
+  return transfer_all(len,
+                      [=](size_t at, size_t left) { return tov_sys_write(fd, bytes + at, left); });
 }
 
 int tov_read_to_buf(const char *filename, void *buf, int len) {
@@ -74,7 +77,7 @@ int tov_read_to_buf(const char *filename, void *buf, int len) {
 
   // O_NONBLOCK: a FIFO in the place of a settings file reads as empty instead of holding its
   // reader, who may be the event handler, until somebody writes.
-  tov_fd_t fd(open(filename, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  tov_fd_t fd(tov_sys_open(filename, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (fd.n < 0) return -1;
   const ssize_t count = safe_read(fd.n, text, static_cast<size_t>(len) - 1);
   text[count < 0 ? 0 : count] = '\0';
@@ -89,7 +92,7 @@ int lock_file(int fd) {
   struct flock whole {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
-  return fcntl(fd, F_SETLK, &whole);
+  return tov_sys_lock(fd, &whole);
 }
 
 int already_running(const char *path) {
@@ -99,8 +102,8 @@ int already_running(const char *path) {
 
   // The lock alone decides. The number is for people, so a full disk is no reason to refuse.
   char text[16];
-  const int length = snprintf(text, sizeof text, "%d", getpid());
-  (void)!ftruncate(fd.n, 0);
+  const int length = snprintf(text, sizeof text, "%d", tov_sys_getpid());
+  (void)!tov_sys_ftruncate(fd.n, 0);
   (void)!safe_write(fd.n, text, static_cast<size_t>(length) + 1);
   return tov_fd_take(fd);
 }
