@@ -23,6 +23,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -76,7 +77,7 @@ static void drop_kept(kept_s **link) {
 static void keep(const char *path, tov_fd_t &fd) {
   struct stat status {};
   const int number = tov_fd_take(fd);
-  if (fstat(number, &status) < 0) return;
+  if (tov_sys_fstat(number, &status) < 0) return;
   auto *entry = static_cast<kept_s *>(calloc(1, sizeof(kept_s)));
   if (entry == nullptr) return;
 
@@ -94,7 +95,7 @@ static int kept_descriptor(const char *path) {
   kept_s **link = find_kept(path);
   if (*link == nullptr) return -1;
   struct stat status {};
-  const bool same = (*link)->fd >= 0 && lstat(path, &status) == 0 &&
+  const bool same = (*link)->fd >= 0 && tov_sys_lstat(path, &status) == 0 &&
                     status.st_dev == (*link)->dev && status.st_ino == (*link)->ino;
   if (same) return (*link)->fd;
   drop_kept(link);
@@ -149,8 +150,8 @@ static void make_content(content_s &content, int pid, int action, const char *cm
 // Overwrites first and cuts afterwards, so that a reader of a file that is written again never
 // finds it empty.
 static void write_content(int fd, const content_s &content) {
-  if (lseek(fd, 0, SEEK_SET) == 0) (void)safe_write(fd, content.text, content.length);
-  (void)!ftruncate(fd, static_cast<off_t>(content.length));
+  if (tov_sys_lseek(fd, 0, SEEK_SET) == 0) (void)safe_write(fd, content.text, content.length);
+  (void)!tov_sys_ftruncate(fd, static_cast<off_t>(content.length));
 }
 
 // Locks `fd` and keeps it. A file that another process holds locked is left to that one.
@@ -214,7 +215,7 @@ int tov_db_destroy(const tov_pid_s *record) {
   file_name(record->vsd_id, record->pid, cmdline, path, sizeof path);
 
   tov_lock_guard_t guard(kept_lock);
-  const int result = unlink(path);
+  const int result = tov_sys_unlink(path);
   drop_kept(find_kept(path));
   return result;
 }
@@ -229,7 +230,7 @@ bool tov_db_is_own(int vsd_id, int pid, const char *cmdline) {
 int tov_rm_pidfile(const tov_pid_s *record) {
   char path[FILE_NAME_SIZE];
   snprintf(path, sizeof path, TOV_VSD_OLD_DB_FILE_FMT, record->vsd_id, record->pid);
-  return unlink(path);
+  return tov_sys_unlink(path);
 }
 
 // ---- reading -------------------------------------------------------------------------------
