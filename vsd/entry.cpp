@@ -12,6 +12,7 @@
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"
 #include "util/entries.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
@@ -37,8 +38,8 @@ void save_proc_info(int vsd_no, pid_t pid) {
   // The device's run directory is the proof that the device still stands. It is opened, not
   // entered: the daemon's working directory belongs to all its threads.
   const tov_vsd_path_t path = tov_vsd_path(TOV_VSD_RUN_DIR_FMT, vsd_no);
-  tov_fd_t run_dir(open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (run_dir.n < 0 || faccessat(run_dir.n, ".", X_OK, 0) < 0) return;
+  tov_fd_t run_dir(tov_sys_open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (run_dir.n < 0 || tov_sys_faccessat(run_dir.n, ".", X_OK, 0) < 0) return;
   (void)tov_vsd_make_member_file(vsd_no, pid);
 }
 

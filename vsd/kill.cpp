@@ -15,6 +15,7 @@
 #include "log/tov_dbg.h"
 #include "util/entries.h"
 #include "util/procfs.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"
@@ -39,7 +40,7 @@ static void send_signal(const wanted_s &wanted, const char *match, const char *n
   const pid_t pid = tov_atoi(name);
   complain_if_negative(pid, "atoi proc");
   TOV_DBG("delete vsd: supplement_id: %d pid: %d\n", group, pid);
-  if (pid > 0) (void)kill(pid, wanted.signo);  // it may be gone by now
+  if (pid > 0) (void)tov_sys_kill(pid, wanted.signo);  // it may be gone by now
 }
 
 static void signal_member(const wanted_s &wanted, const char *name) {

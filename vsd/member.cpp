@@ -10,6 +10,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/procfs.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 static constexpr char GROUPS[] = "Groups:";
