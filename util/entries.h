@@ -22,7 +22,7 @@
 class tov_entries_s {
  public:
   // Opens a directory. What could not be opened has no names, says so and leaves errno.
-  explicit tov_entries_s(const char *path) : dir_(opendir(path)) {}
+  explicit tov_entries_s(const char *path) : dir_(tov_sys_opendir(path)) {}
   // Takes an open, readable directory over; the empty owner stands for a failed open(2).
   explicit tov_entries_s(tov_fd_t dir) : dir_(dir.n < 0 ? nullptr : fdopendir(dir.n)) {
     if (dir_) (void)tov_fd_take(dir);
@@ -40,7 +40,7 @@ class tov_entries_s {
     if (!dir_) return nullptr;
     const tov_errno_keeper_s keep;
     errno = 0;
-    while (const dirent *entry = readdir(dir_.get()))
+    while (const dirent *entry = tov_sys_readdir(dir_.get()))
       if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return entry->d_name;
     error_ = errno;
     return nullptr;

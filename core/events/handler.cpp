@@ -18,6 +18,7 @@
 #include "log/tov_log.h"
 #include "util/clock.h"
 #include "util/priority.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"
@@ -121,7 +122,7 @@ class pace_s {
  public:
   void wait_for_slot() {
     int64_t now = tov_clock_us();
-    if (now < slot_) usleep(static_cast<useconds_t>(slot_ - now));
+    if (now < slot_) tov_sys_usleep(static_cast<useconds_t>(slot_ - now));
     slot_ = (now < slot_ ? slot_ : now) + SLOT_US;
   }
 

@@ -19,6 +19,7 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/priority.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 static constexpr char thread_name[] = "tov_process_netlink";
@@ -116,8 +117,8 @@ int tov_recv_netlink_msg(int sock) {
   alignas(nlmsghdr) char buffer[RECEIVE_SIZE];
   sockaddr_nl sender{};
   socklen_t sender_length = sizeof sender;
-  ssize_t length = recvfrom(sock, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&sender),
-                            &sender_length);
+  ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, 0,
+                                    reinterpret_cast<sockaddr *>(&sender), &sender_length);
   if (length < 0) {
     tov_errno_keeper_s keep;
     TOV_DBG("%s: netlink recvfrom fail: %s\n", __func__, strerror(errno));
@@ -139,12 +140,12 @@ int tov_recv_netlink_msg(int sock) {
 // clamped without a word.
 static void set_options(int sock) {
   int bytes = SOCKET_BUFFER_BYTES;
-  if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) < 0 &&
-      setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) < 0) {
+  if (tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) < 0 &&
+      tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) < 0) {
     TOV_DBG("socket set recvbuffer error\n");
   }
   timeval timeout{RECEIVE_TIMEOUT_S, 0};  // bounds how late the thread notices `quit`
-  if (setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0) {
+  if (tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0) {
     TOV_DBG("socket set recv timeout error\n");
   }
 }
@@ -176,7 +177,7 @@ static void filter_in_kernel(int sock) {
       BPF_STMT(BPF_RET | BPF_K, 0),                  // drop
   };
   sock_fprog attached{static_cast<unsigned short>(std::size(program)), program};
-  (void)setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached);
+  (void)tov_sys_setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached);
 }
 
 static bool subscribe(int sock, uint32_t port_id) {
@@ -195,22 +196,22 @@ static bool subscribe(int sock, uint32_t port_id) {
   memcpy(buffer, &header, sizeof header);
   memcpy(buffer + NLMSG_HDRLEN, &message, sizeof message);
   memcpy(buffer + NLMSG_HDRLEN + sizeof message, &listen, sizeof listen);
-  return send(sock, buffer, length, 0) == static_cast<ssize_t>(length);
+  return tov_sys_send(sock, buffer, length, 0) == static_cast<ssize_t>(length);
 }
 
 // Sets the thread and its socket up. Returns 0, or the result code of the step that failed.
 static int open_connector(tov_fd_t *sock) {
   errno = tov_set_priority(TOV_RT_PRIORITY);
   if (errno != 0) return RESULT_PRIORITY;
-  *sock = tov_fd_t(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
+  *sock = tov_fd_t(tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
   if (sock->n < 0) return RESULT_SOCKET;
   set_options(sock->n);
   filter_in_kernel(sock->n);
   sockaddr_nl own{};
   own.nl_family = AF_NETLINK;
   own.nl_groups = CN_IDX_PROC;
-  own.nl_pid = static_cast<uint32_t>(getpid());
-  if (bind(sock->n, reinterpret_cast<sockaddr *>(&own), sizeof own) < 0) return RESULT_BIND;
+  own.nl_pid = static_cast<uint32_t>(tov_sys_getpid());
+  if (tov_sys_bind(sock->n, reinterpret_cast<sockaddr *>(&own), sizeof own) < 0) return RESULT_BIND;
   return subscribe(sock->n, own.nl_pid) ? 0 : RESULT_SUBSCRIBE;
 }
 

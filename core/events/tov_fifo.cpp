@@ -23,6 +23,7 @@
 #include "log/tov_dbg.h"
 #include "util/clock.h"
 #include "util/owner.h"
+#include "util/tov_sys.h"
 
 struct kfifo tov_cnmsg_fifo;
 
@@ -98,7 +99,7 @@ unsigned int __kfifo_out(kfifo *fifo, void *dst, unsigned int len) {
 // ---- the event queue -----------------------------------------------------------------------
 
 int tov_cnmsg_fifo_alloc(void) {
-  tov_fd_t fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  tov_fd_t fd(tov_sys_eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (fd.n < 0 || __kfifo_alloc(&tov_cnmsg_fifo, TOV_CNMSG_FIFO_BYTES, 1) < 0) {
     TOV_DBG("%s: kfifo_alloc fail!\n", __func__);
     return -1;
@@ -117,9 +118,10 @@ void tov_cnmsg_fifo_free(void) {
 static void sleep_for_wake(int timeout_ms) {
   pollfd waited{wake_fd, POLLIN, 0};
   uint64_t count = 0;
-  const int ready = poll(&waited, 1, timeout_ms);
-  if (ready > 0) (void)!read(wake_fd, &count, sizeof count);
-  if (ready < 0 && errno != EINTR) usleep(1000);  // no memory: the caller's loop must not spin
+  const int ready = tov_sys_poll(&waited, 1, timeout_ms);
+  if (ready > 0) (void)!tov_sys_read(wake_fd, &count, sizeof count);
+  if (ready < 0 && errno != EINTR)
+    tov_sys_usleep(1000);  // no memory: the caller's loop must not spin
 }
 
 bool tov_cnmsg_fifo_wait(int timeout_ms) {
@@ -141,5 +143,5 @@ void tov_cnmsg_fifo_wake(void) {
   if (__atomic_exchange_n(&consumer_waits, 0, __ATOMIC_ACQ_REL) == 0) return;
   const uint64_t one = 1;
   // Fails only when the counter is full, and then the consumer wakes anyway.
-  (void)!write(wake_fd, &one, sizeof one);
+  (void)!tov_sys_write(wake_fd, &one, sizeof one);
 }

@@ -2,13 +2,13 @@
 
 #include <errno.h>
 #include <string.h>
-#include <sys/prctl.h>
 
 #include "core/run/flags.h"
 #include "log/tov_log.h"
+#include "util/tov_sys.h"
 
 int tov_core_thread_name(const char *name) {
-  return prctl(PR_SET_NAME, name, 0, 0, 0) < 0 ? -errno : 0;
+  return tov_sys_set_name(name) < 0 ? -errno : 0;
 }
 
 void tov_core_thread_end(const char *name, int res, int err) {
