@@ -2,7 +2,6 @@
 
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "core/registry/record.h"
 #include "core/run/flags.h"
@@ -14,6 +13,7 @@
 #include "platform/tov_platform.h"
 #include "proc/files.h"
 #include "util/priority.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/marker.h"
 
@@ -38,8 +38,8 @@ int tov_self_check_period(const char *function) {
 // An alarm that comes sooner stays in force: it serves another task that waits.
 static void arm_alarm(int period_s) {
   unsigned int period = static_cast<unsigned int>(period_s);
-  unsigned int pending = alarm(0);
-  alarm(pending > 0 && pending <= period ? pending : period);
+  unsigned int pending = tov_sys_alarm(0);
+  tov_sys_alarm(pending > 0 && pending <= period ? pending : period);
 }
 
 // Considers a reload of the unit for a task that is suspended once more.

@@ -7,6 +7,7 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -19,8 +20,8 @@ int debug_time(void) {
   if (!tov_file_exists(TOV_DEBUG_TIME_FILE)) return TOV_SELF_CHECK_PERIOD_S;
   // O_NONBLOCK: our own descriptor would count as the writer of a FIFO, and a read wait for ever,
   // with the registry locked.
-  tov_fd_t fd(
-      open(TOV_DEBUG_TIME_FILE, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0754));
+  tov_fd_t fd(tov_sys_open(TOV_DEBUG_TIME_FILE,
+                           O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0754));
   if (fd.n < 0) return -errno;
 
   char text[NUMBER_FILE_SIZE + 1] = {};
@@ -39,11 +40,11 @@ int debug_time(void) {
 int console_open(int mode) {
   int fd = -1;
   for (int tries = 0; tries < CONSOLE_TRIES; tries++) {
-    fd = open(TOV_CONSOLE, mode | O_NONBLOCK);
+    fd = tov_sys_open(TOV_CONSOLE, mode | O_NONBLOCK);
     if (fd >= 0) break;
-    if (tries + 1 < CONSOLE_TRIES) usleep(CONSOLE_PAUSE_US);
+    if (tries + 1 < CONSOLE_TRIES) tov_sys_usleep(CONSOLE_PAUSE_US);
   }
-  if (fd >= 0 && (mode & O_NONBLOCK) == 0) (void)fcntl(fd, F_SETFL, mode);
+  if (fd >= 0 && (mode & O_NONBLOCK) == 0) (void)tov_sys_set_flags(fd, mode);
   return fd;
 }
 
@@ -66,10 +67,10 @@ int tov_record_abnormal_fork(const char *text, const char *file) {
   ssize_t written = safe_write(fd.n, text, length);
   if (written < 0) return -errno;
   if (static_cast<size_t>(written) != length) return -EIO;
-  return fsync(fd.n) < 0 ? -errno : 0;
+  return tov_sys_fsync(fd.n) < 0 ? -errno : 0;
 }
 
 void tov_remove_abnormal_fork_file(const char *file) {
-  if (unlink(file) == 0 || errno == ENOENT) return;
+  if (tov_sys_unlink(file) == 0 || errno == ENOENT) return;
   TOV_DBG_CHILD("unlink file ", file, " error, reason is ", strerrordesc_np(errno), "\n");
 }

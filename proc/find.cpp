@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "util/entries.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 enum {
@@ -27,7 +28,7 @@ static int for_each_process(Look look) {
 
 static int look_whether_there(int proc_fd, const char *name) {
   struct stat status {};
-  return fstatat(proc_fd, name, &status, 0) < 0 ? -errno : 0;
+  return tov_sys_fstatat(proc_fd, name, &status, 0) < 0 ? -errno : 0;
 }
 
 // A process that vanishes between the listing and the look spoils the scan (negative errno): which

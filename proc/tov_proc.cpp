@@ -11,6 +11,7 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "proc/child.h"
+#include "util/tov_sys.h"
 
 enum {
   FORK_RETRY_PAUSE_S = 5,
@@ -132,7 +133,7 @@ static pid_t start_again(const tov_chains_guard_t &held, tov_pid_t *record, pid_
       sigchld_block_s blocked;
       tov_log_prepare(&start.plan.exec_failed, "Tov execvp fail,error:");
       (void)fflush(stdout);  // what waits in the buffer must not be written twice
-      pid_t forked = fork();
+      pid_t forked = tov_sys_fork();
       fork_errno = errno;
       if (forked == 0) return tov_proc_child_run(&start.plan);
       pid_t result = parent_side(start, forked, res);
@@ -156,11 +157,11 @@ pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res) {
 }
 
 pid_t tov_proc_restart(const tov_chains_guard_t &held, tov_pid_t *tov_pid, pid_t *res) {
-  const pid_t self = getpid();
+  const pid_t self = tov_sys_getpid();
   const pid_t result = start_again(
       held, tov_pid, res, tov_pid->action == SHELL_RESTART ? tov_proc_by_script : tov_proc_by_exec);
   // The child that could not change to "/": a second daemon with our sockets and another thread's
   // mutex if it went on.
-  if (getpid() != self) _exit(1);
+  if (tov_sys_getpid() != self) _exit(1);
   return result;
 }

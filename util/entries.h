@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "util/owner.h"
+#include "util/tov_sys.h"
 
 class tov_entries_s {
  public:

@@ -85,7 +85,7 @@ int tov_read_to_buf(const char *filename, void *buf, int len) {
 }
 
 bool tov_file_exists(const char *path) {
-  return access(path, F_OK) == 0;
+  return tov_sys_access(path, F_OK) == 0;
 }
 
 int lock_file(int fd) {

@@ -10,6 +10,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
+#include "util/tov_sys.h"
 
 enum {
   OOM_ADJ_EXEMPT = -1000,
@@ -23,9 +24,9 @@ int tov_is_reboot_available(void) {
 
 // What a shell's echo into the file would do, without creating it.
 static void write_switch(const char *path, const char *text) {
-  tov_fd_t fd(open(path, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
+  tov_fd_t fd(tov_sys_open(path, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
   if (fd.n < 0) return;
-  (void)!write(fd.n, text, strlen(text));  // as ignored as an echo's failure would be
+  (void)!tov_sys_write(fd.n, text, strlen(text));  // as ignored as an echo's failure would be
 }
 
 void change_proc_oom_adj(int para, pid_t pid) {
@@ -46,7 +47,7 @@ void tov_reset_lmk(pid_t pid) {
 }
 
 void tov_flush_lmk(void) {
-  if (access(TOV_LMK_FLUSH_FILE, F_OK) == 0) {
+  if (tov_sys_access(TOV_LMK_FLUSH_FILE, F_OK) == 0) {
     write_switch(TOV_LMK_FLUSH_FILE, "1\n");
     return;
   }

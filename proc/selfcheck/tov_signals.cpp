@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -15,6 +14,7 @@
 #include "core/run/flags.h"
 #include "log/tov_dbg.h"
 #include "proc/tov_proc.h"
+#include "util/tov_sys.h"
 
 #ifdef TOV_SANITIZE_THREAD
 // The sanitizer calls locks and memory in a handler unsafe wherever it runs; the header says why
@@ -102,7 +102,7 @@ void tov_alrm_handler(int) {
   if (check.next == 0) return;
   // For the latest deadline: tasks whose own comes earlier are started together with the last.
   time_t delay = std::max<time_t>(check.next - check.now, 1);
-  alarm(static_cast<unsigned int>(delay));
+  tov_sys_alarm(static_cast<unsigned int>(delay));
 }
 
 void tov_chld_handler(int) {
@@ -110,7 +110,7 @@ void tov_chld_handler(int) {
   // One signal may stand for many children. Only EINTR is no reason to end: an old error number
   // must neither end the loop early nor keep it going.
   for (;;) {
-    pid_t reaped = waitpid(-1, nullptr, WNOHANG);
+    pid_t reaped = tov_sys_waitpid(-1, nullptr, WNOHANG);
     if (reaped > 0 || (reaped < 0 && errno == EINTR)) continue;
     return;
   }
