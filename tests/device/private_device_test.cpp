@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -252,6 +253,7 @@ struct Held {
 
 // The other test: opens a device, starts stubborn programs in it, reports and never ends.
 [[noreturn]] static void hold_device(int report) {
+  signal(SIGINT, SIG_DFL);  // a test run in the background of a shell inherits it ignored
   Device device;
   const std::string name = unique_name("held");
   const std::string program = device.install_program(name);
