@@ -51,9 +51,13 @@ struct Request {
 struct Manners {
   bool answer = true;                  // acknowledge what wants it
   std::chrono::milliseconds think{0};  // before the answer
+  bool held = false;                   // no answer before let_go()
   int hang_up = 0;                     // so many requests are answered by closing instead
   std::vector<char> answer_bytes = std::vector<char>(sizeof(tov_msg_head_t));
 };
+
+// So long a client waits for an answer that does not come; whoever is back earlier has not waited.
+inline constexpr std::chrono::milliseconds LONGEST_WAIT_FOR_AN_ANSWER{4900};
 
 class FakeDaemon {
  public:
@@ -96,6 +100,9 @@ class FakeDaemon {
 
   size_t connections() const { return connections_; }
 
+  // Ends what `held` began, for good.
+  void let_go() { let_go_ = true; }
+
  private:
   static constexpr int LOOK_MS = 5;
 
@@ -137,6 +144,8 @@ class FakeDaemon {
       stays = false;
     } else if (manners_.answer && request.head().type != TOV_RESET) {
       std::this_thread::sleep_for(manners_.think);
+      while (manners_.held && !let_go_ && !ending_)
+        std::this_thread::sleep_for(std::chrono::milliseconds(LOOK_MS));
       request.answered = send(client, manners_.answer_bytes.data(), manners_.answer_bytes.size(),
                               MSG_DONTWAIT | MSG_NOSIGNAL) > 0;
     }
@@ -150,6 +159,7 @@ class FakeDaemon {
   tov_fd_t listener_;
   std::vector<tov_fd_t> clients_;
   std::atomic<bool> ending_{false};
+  std::atomic<bool> let_go_{false};
   std::atomic<size_t> connections_{0};
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -177,6 +187,16 @@ class RefusingSocket {
  private:
   tov_fd_t fd_;
 };
+
+// How often a client tried to connect in vain, by its diagnostics.
+inline size_t attempts_told_in(const std::string &printed) {
+  static constexpr char ATTEMPT[] = "tov_connect: connect refused, wait and retry(";
+  size_t count = 0;
+  for (size_t at = printed.find(ATTEMPT); at != std::string::npos;
+       at = printed.find(ATTEMPT, at + 1))
+    count++;
+  return count;
+}
 
 }  // namespace tov_test
 

@@ -159,24 +159,26 @@ TEST_F(RasOsMutexSem, SignalOnlyDelaysTheWait) {
   ASSERT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), 0);
   ASSERT_EQ(ras_os_lock_mutex_sem(id), 0);
   struct sigaction quiet {};
-  quiet.sa_handler = [](int) {};
+  static std::atomic<bool> interrupted;
+  interrupted = false;
+  quiet.sa_handler = [](int) { interrupted = true; };
   sigaction(SIGUSR1, &quiet, nullptr);
   std::atomic<int> result{99};
   std::thread waiter([id, &result] { result = ras_os_lock_mutex_sem(id); });
   while (semctl(id, 0, GETNCNT) != 1)
     usleep(1000);
-  pthread_kill(waiter.native_handle(), SIGUSR1);
-  while (semctl(id, 0, GETNCNT) != 0)
-    usleep(1000);  // off the semaphore, in its pause
   timespec before{};
   clock_gettime(CLOCK_MONOTONIC, &before);
+  pthread_kill(waiter.native_handle(), SIGUSR1);
+  while (!interrupted)
+    usleep(1000);  // then it is off the semaphore, in its pause
   EXPECT_EQ(ras_os_unlock_mutex_sem(id), 0);
   waiter.join();
   timespec after{};
   clock_gettime(CLOCK_MONOTONIC, &after);
   EXPECT_EQ(result, 0);
   EXPECT_GE((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000,
-            800);
+            1000);
   EXPECT_EQ(value_of(id), 0);
   EXPECT_EQ(ras_os_unlock_mutex_sem(id), 0);
 }

@@ -306,9 +306,12 @@ TEST_F(TovRpcMessage, SignalDoesNotEndTheWaitForAMessage) {
   struct sigaction before {};
   sigaction(SIGUSR1, &action, &before);
   const pthread_t waiting = pthread_self();
+  const pid_t waiting_id = gettid();
   std::thread sender([&] {
     for (int i = 0; i < 20; i++) {  // the first ones may come before the wait
       std::this_thread::sleep_for(10ms);
+      EXPECT_TRUE(tov_test::wait_until([&] { return tov_test::process_state(waiting_id) == 'S'; },
+                                       tov_test::Millis(10'000)));
       pthread_kill(waiting, SIGUSR1);
     }
     write_packet(0, 0);

@@ -1,11 +1,14 @@
 // The request handlers: what they put into the registries and the event logs, and the dumps.
 #include "client/requests/tov_msg.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -513,10 +516,21 @@ TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
   dup2(pipe_ends[1], STDOUT_FILENO);
   close(pipe_ends[1]);
   std::thread dumper([] { tov_cli_dump_process_msg_console(0, &tov_chains); });
-  // The pipe holds 64 KiB of some 200: the dump is stuck until somebody reads.
-  std::this_thread::sleep_for(200ms);
-  const bool free_meanwhile = pthread_mutex_trylock(&tov_chains.lock) == 0;
-  if (free_meanwhile) pthread_mutex_unlock(&tov_chains.lock);
+  // The pipe holds 64 KiB of some 200: once it is full, the dump is stuck until somebody reads.
+  const bool stuck = tov_test::wait_until(
+      [&] {
+        int held = 0;
+        return ioctl(pipe_ends[0], FIONREAD, &held) == 0 &&
+               held > fcntl(pipe_ends[0], F_GETPIPE_SZ) - PIPE_BUF;
+      },
+      20s);
+  const bool free_meanwhile = tov_test::wait_until(
+      [] {
+        const bool free = pthread_mutex_trylock(&tov_chains.lock) == 0;
+        if (free) pthread_mutex_unlock(&tov_chains.lock);
+        return free;
+      },
+      20s);
   static constexpr size_t ALL = 199 * 1000;
   size_t total = 0;
   char buf[65536];
@@ -535,6 +549,7 @@ TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
   close(console);
   drain.join();
   close(pipe_ends[0]);
+  EXPECT_TRUE(stuck);
   EXPECT_TRUE(free_meanwhile);
   EXPECT_GE(total, ALL);
 }

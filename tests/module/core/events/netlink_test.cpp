@@ -413,7 +413,7 @@ TEST_F(TovRecvNetlinkMsg, SignalIsNoFailure) {
     action.sa_handler = [](int) {};
     sigaction(SIGALRM, &action, nullptr);
     itimerval soon{};
-    soon.it_value.tv_usec = 50000;
+    soon.it_value.tv_usec = soon.it_interval.tv_usec = 50000;  // the first may come too early
     setitimer(ITIMER_REAL, &soon, nullptr);
     EXPECT_EQ(tov_recv_netlink_msg(silent.n), 0);
   });

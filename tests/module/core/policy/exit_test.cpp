@@ -643,12 +643,13 @@ TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
   write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
   tov_test::start(program.path);
   add(GONE, program.path);
-  FakeDaemon server({.think = std::chrono::milliseconds(500)});
+  FakeDaemon server({.held = true});
   auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
   // Asking for the record takes the lock, so with the lock held this would last as long as the
   // whole handling.
   EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
   EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  server.let_go();
   handled.wait();
   EXPECT_EQ(count(), 0);
 }

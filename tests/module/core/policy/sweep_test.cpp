@@ -172,13 +172,14 @@ TEST_F(TovSweep, RegistryIsFreeWhileAProgramThatWasFoundIsRegistered) {
   const pid_t found = tov_test::start(program.path);
   add(GONE, program.path);
   sweep_bucket_of(GONE);
-  tov_test::FakeDaemon server({.think = std::chrono::milliseconds(500)});
+  tov_test::FakeDaemon server({.held = true});
   auto swept = std::async(std::launch::async, [] { sweep_bucket_of(GONE); });
   // Asking for the record takes the lock, so with the lock held this would last as long as the
   // whole sweep.
   EXPECT_TRUE(
       tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(10'000)));
   EXPECT_EQ(swept.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  server.let_go();
   swept.wait();
   EXPECT_EQ(count(), 0);
   EXPECT_EQ(server.only_request().payload<tov_msg_xtach_t>().pid, found);
