@@ -23,7 +23,7 @@ int pid_to_proc(pid_t pid, char *buf, int size);
 // empty then), or when the file cannot be opened (`out` is untouched).
 int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int size);
 
-// The same for the executable of a process.
+// The same for the executable of a process: 0, with `out` untouched, also when it cannot be read.
 int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size);
 
 #endif  // TOV_UTIL_LIST_FILE_H

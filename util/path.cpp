@@ -89,7 +89,7 @@ static int take_name(walk_s *walk, char (&name)[NAME_MAX + 1]) {
   return 0;
 }
 
-// Opens a directory up to everybody.
+// Lets every user read, write and search a directory.
 //   judged  the directory itself (O_PATH)
 static int open_up(const tov_fd_t &judged) {
   const tov_fd_t dir(openat(judged.n, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -97,7 +97,7 @@ static int open_up(const tov_fd_t &judged) {
   return fchmod(dir.n, OPEN_DIR_MODE) < 0 ? -errno : 0;
 }
 
-// Makes a missing directory. Should somebody else make one of that name at the same moment, it is
+// Makes a missing directory. One that another process makes under that name at the same moment is
 // judged like any other.
 static int make_missing(int dir, const char *name, tov_fd_t *entry, struct stat *found) {
   const bool made = mkdirat(dir, name, OPEN_DIR_MODE) == 0;

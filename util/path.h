@@ -1,10 +1,10 @@
-// Paths through directories that are open to everybody, walked one name at a time.
+// Paths through directories that every user may write, walked one name at a time.
 //
 // The kernel follows every link on a path, whoever planted it; the daemon and its tool are root and
 // most of their directories have mode 0777 without a sticky bit. So a name is opened without
 // following (O_PATH | O_NOFOLLOW), judged on that descriptor, and a link is followed only when it
-// belongs to the caller's own user. What was judged is what is used: nobody can exchange it
-// meanwhile.
+// belongs to the caller's own user. What was judged is what is used: no other process can
+// exchange it meanwhile.
 //
 // Any thread; no state, nothing is allocated.
 #ifndef TOV_UTIL_PATH_H
@@ -24,8 +24,8 @@ struct tov_place_s {
 };
 using tov_place_t = tov_place_s;
 
-// Finds the place of the last name of `path`; the name itself is not looked at. Slashes at the end
-// do not matter.
+// Finds the place of the last name of `path`; whether anything has that name is not asked. Slashes
+// at the end do not matter.
 //   from  where a relative path begins: an open directory or AT_FDCWD
 // Returns 0 or -errno: -ELOOP for another user's link on the way (and for too many links), -ENOENT,
 // -ENOTDIR, -ENAMETOOLONG (a name above NAME_MAX, or PATH_MAX bytes and more).
@@ -50,7 +50,7 @@ int tov_follow_own_link(int dir, tov_fd_t *entry, struct stat *found);
 // above it are left as they are. Links, on the way and at the end, are followed only when they
 // belong to the caller's own user, and nothing is made where such a link leads to nothing.
 //   path  at most PATH_MAX - 1 bytes; trailing slashes do not matter
-// Returns 0 or -errno (-ELOOP: somebody else's link, -ENOTDIR: no directory).
+// Returns 0 or -errno (-ELOOP: another user's link, -ENOTDIR: no directory).
 int tov_make_dir(const char *path);
 
 #endif  // TOV_UTIL_PATH_H

@@ -1,8 +1,7 @@
 // Readers of the kernel's /proc files of a process.
 //
-// All of them answer for a process that may vanish, or be replaced by another one under the same
-// id, while they look; they take one look at one file and say what they saw. A process id below 1
-// names no process.
+// A process may vanish, or be replaced by another one under the same id, before the answer is used
+// and between two files: each function says what it read. A process id below 1 names no process.
 //
 // Any thread, no state. Only fixed buffers on the stack: nothing here allocates.
 #ifndef TOV_UTIL_PROCFS_H
@@ -57,7 +56,7 @@ int tov_get_pid_name(pid_t pid, char *pid_name, int len);
 
 // Tells whether a process lives: 0 when it does, -1 otherwise. Zombies are dead, and so is a
 // process whose first thread has ended while others still run.
-// Says 0 after one look. Before it says -1 it looks three times and sleeps 10 ms after each look,
+// Says 0 after one reading. Before it says -1 it reads three times and sleeps 10 ms after each,
 // about 30 ms in all, because the answer -1 may start a second copy of the program.
 int process_life(pid_t pid);
 

@@ -1,7 +1,7 @@
 // Opening files that may lie under world-writable directories.
 //
 // Most of what the daemon reads and writes lies in directories of mode 0777 without a sticky bit,
-// so anybody can plant a link, a FIFO or a device under a name that we are about to open: a FIFO
+// so any user can plant a link, a FIFO or a device under a name that we are about to open: a FIFO
 // would block start-up for ever, a link would lead a root process elsewhere. Every file there is
 // therefore opened through this one function. What stands in the place of a file that the daemon
 // cannot do without is removed.
@@ -50,7 +50,8 @@ inline bool tov_clear_file_place(const char *path) {
   return (S_ISDIR(found.st_mode) ? tov_sys_rmdir(path) : tov_sys_unlink(path)) == 0;
 }
 
-// The same as a stream; a created file gets mode 0666, narrowed by the umask, as with fopen(3).
+// Opens a regular file as tov_open_regular() does, as a stream; a created file gets mode 0666,
+// narrowed by the umask, as with fopen(3). Allocates: not in a forked child.
 //   flags  of open(2)
 //   how    of fdopen(3), agreeing with `flags`
 // Returns the stream, or an empty owner with errno.

@@ -38,8 +38,8 @@ ssize_t safe_write(int fd, const void *buf, size_t len);
 // Reads at most `len` - 1 bytes of a file from its beginning and puts a NUL behind them.
 //   len  size of `buf`, at least 1
 // Returns the bytes read, or -1 with errno; `buf` then holds an empty text.
-// Follows links: not for files in world-writable directories that must not be links. Waits for
-// nobody, a FIFO reads as empty. Allocates nothing.
+// Follows links: not for files in world-writable directories that must not be links. Never waits
+// for a writer: a FIFO reads as empty. Allocates nothing.
 int tov_read_to_buf(const char *filename, void *buf, int len);
 
 // Whether a file of this name exists, whatever its kind (access(2)).
@@ -59,7 +59,7 @@ int already_running(const char *path);
 
 // Reads a decimal number as atoi(3) does (leading white space, sign, digits up to the first other
 // character), with a defined result for every text: numbers outside the range of int give its
-// nearest end, so an overflow can never turn into somebody's process id.
+// nearest end, so an overflow can never turn into the id of a process.
 // tov_parse_int() returns false, with *out untouched, when the text begins with no number;
 // tov_atoi() gives 0 then.
 bool tov_parse_int(const char *text, int *out);
