@@ -1,3 +1,6 @@
+// The one place that knows both ways of a notice.
+//
+// Threads: any; no state. Losses: a notice that the platform does not take.
 #include "log/ha_notice.h"
 
 #include <stdarg.h>

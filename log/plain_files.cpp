@@ -131,13 +131,13 @@ void tov_log_notify_info(const char *path, const char *format, ...) {
   store_record(file.get(), format, arguments);
   va_end(arguments);
 
-  // The number comes from a file that anybody may have written.
+  // The number comes from a file that any user may have written.
   const int next = static_cast<int>((int64_t{slot} + 1) % RECORD_NUM);
   if (tov_log_notify_update_count(TOV_NOTIFY_COUNT_FILE, next) < 0)
     TOV_DBG("tov_log_notify_update_count error!\n");
 }
 
-// ---- text journal ---------------------------------------------------------------------------
+// ---- restart journal ------------------------------------------------------------------------
 
 int tov_openlog(const char *path) {
   tov_closelog();

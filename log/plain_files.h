@@ -1,7 +1,7 @@
-// Plain-file writers beside the event logs: the reboot-reason record, the ring of notifications
-// and the exit handler's text journal.
+// Plain-file writers beside the event logs: why the daemon ended, the ring of notifications (for
+// other programs; the daemon writes none) and the restart journal.
 //
-// The files lie in directories that are open to everybody: what is no regular file counts as
+// The files lie in directories that every user may write: what is no regular file counts as
 // unreadable. Records that must survive a reset are flushed and synced.
 //
 // Threads: the writers of records open, write and close in each call and share nothing but the
@@ -31,11 +31,11 @@ int tov_log_notify_update_count(const char *path, int count);
 void tov_log_notify_info(const char *path, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
-// ---- text journal ---------------------------------------------------------------------------
+// ---- restart journal ------------------------------------------------------------------------
 
 // Opens the journal for appending. Returns 0, or -1 with errno.
-// tov_openlog() and tov_closelog() take no lock: only the exit handler calls them, around each
-// line, while it holds the lock of `tov_chains`.
+// tov_openlog() and tov_closelog() take no lock: their callers write under the lock of
+// `tov_chains`, which is held from the opening to the closing of each line.
 int tov_openlog(const char *path);
 
 // Appends "TIME TEXT\n" to the open journal and flushes it; nothing while no journal is open.

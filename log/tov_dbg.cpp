@@ -43,7 +43,7 @@ void tov_dbg_print(const char *file, int line, const char *format, ...) {
   const size_t room = sizeof text - length;
   length += tov_printed(vsnprintf(text + length, room, format, arguments), room);
   va_end(arguments);
-  (void)fwrite(text, 1, length, stdout);  // nobody reads it: nothing to be done
+  (void)fwrite(text, 1, length, stdout);  // a diagnostic that has no reader is lost
 }
 
 namespace {
@@ -102,7 +102,7 @@ int _tov_parse_dbg_file(tov_dbg_t *levels) {
   char path[DBG_PATH_SIZE];
   if (ras_make_vsd_data_qxos_path(TOV_DEBUG_CFG_SUFFIX, path, sizeof path) == nullptr) return -1;
 
-  // The data directory is open to everybody.
+  // Every user may write the data directory.
   const tov_file_t file = tov_fopen_regular(path, O_RDONLY, "r");
   if (file == nullptr) return -1;
 

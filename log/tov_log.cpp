@@ -153,7 +153,7 @@ void tov_log_logfile_init(int type) {
     path[DIR_LENGTH] = '\0';
     directory = path;
   }
-  (void)ras_remove_obsolete_files(directory, base, LOG_KEEP, 1);  // too many files harm nobody
+  (void)ras_remove_obsolete_files(directory, base, LOG_KEEP, 1);  // too many do no harm
 }
 
 // ---- writing --------------------------------------------------------------------------------
