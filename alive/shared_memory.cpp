@@ -1,4 +1,7 @@
 // Making, mapping and removing record memory.
+//
+// Threads: any; no state beside the caller's handle. Losses: what was written behind the end of an
+// object that is cut.
 #include "alive/shared_memory.h"
 
 #include <errno.h>
@@ -73,7 +76,7 @@ int ras_os_init_record_memory(const char *name, uint32_t size, ras_os_recordm_t 
     return 0;
   }
   *err = errno;
-  if (fd.n >= 0) (void)shm_unlink(name);  // an area that nobody can map helps nobody
+  if (fd.n >= 0) (void)shm_unlink(name);  // unmapped it is of no use
   free(made.name);
   return result;
 }

@@ -55,7 +55,7 @@ int ras_os_close_record_memory(ras_os_recordm_t *recordm, int *err);
 // Gives an object that was cut short its length back; the missing part comes back as zeroes. One
 // fstat(2) when nothing is amiss.
 // Returns 0, -EBADF (the handle's descriptor is no longer ours: the length is not known) or -EIO
-// (too short, and cannot be lengthened). Somebody may cut it again at once: this heals, it does
+// (too short, and cannot be lengthened). Any user may cut it again at once: this heals, it does
 // not protect.
 int ras_os_restore_record_memory(const ras_os_recordm_t *recordm);
 

@@ -16,7 +16,7 @@ union semun_u {
   unsigned short *array;
 };
 
-// Sets a new semaphore free. Without that nobody would ever get it, so a failure removes it.
+// Sets a new semaphore free. Without that no process would ever get it, so a failure removes it.
 static int set_free(int sem_id) {
   semun_u value{};
   value.val = VALUE_FREE;

@@ -6,7 +6,7 @@
 //
 // Threads: any. Only the initialisation has a lock.
 // Losses: when the object was cut, all registrations in it are gone; the clients notice at their
-// next keep-alive and register again.
+// next sign of life and register again.
 #include "alive/tov_sys_alive.h"
 
 #include <errno.h>
@@ -103,7 +103,7 @@ static int map_area(bool is_master) {
 }
 
 int tov_sys_init_alive_info(bool is_master) {
-  if (__atomic_load_n(&inited, __ATOMIC_ACQUIRE)) return 0;  // each keep-alive passes here
+  if (__atomic_load_n(&inited, __ATOMIC_ACQUIRE)) return 0;  // each sign of life passes here
   tov_lock_guard_t guard(init_lock);
   return inited ? 0 : map_area(is_master);
 }
@@ -137,7 +137,7 @@ static int bit_of(int pid) {
   return 1 << (pid % BITS_PER_BYTE);
 }
 
-// A client's look before it touches the bytes of a thread; gives a cut area its length back.
+// A client's test before it touches the bytes of a thread; gives a cut area its length back.
 static bool is_backed_or_healed(int pid) {
   if (is_backed(seq_byte(pid))) return true;
   (void)ras_os_restore_record_memory(&g_tov_alive_info.recordm);

@@ -10,12 +10,12 @@
 // SIGBUS. What is protected:
 // - The daemon (the master) never touches the mapping. It reads and writes single bytes through
 //   the descriptor, where a missing byte reads as zero, and gives a cut object its length back.
-// - A client looks once per tov_sys_isreg_alive_info(), which comes first in every keep-alive,
+// - A client tests once per tov_sys_isreg_alive_info(), which comes first in every sign of life,
 //   whether its bytes are still there, and restores the length if not; the thread then finds its
-//   bit gone and registers afresh. So an area that was cut - by accident, or by somebody some time
-//   ago - does no harm.
+//   bit gone and registers afresh. So an area that was cut some time ago, by accident or on
+//   purpose, does no harm.
 // - What is left: a local user who cuts the object within the some hundred nanoseconds between
-//   that look and the touch kills the client with SIGBUS. Closing that gap would cost each advance
+//   that test and the touch kills the client with SIGBUS. Closing that gap would cost each advance
 //   a system call or the host program its signal handler; neither is ours to take.
 //
 // The calls take thread ids, whatever their parameter is called. Any thread.
@@ -60,7 +60,7 @@ typedef struct tov_alive_info_s {
 extern tov_alive_info_t g_tov_alive_info;
 
 // Maps the area, once per process; further calls return 0 and do nothing. The object is made if
-// nobody made it yet and opened to everybody as far as its owner allows.
+// it does not exist, and opened to every user as far as its owner allows.
 //   is_master  true in the daemon: all registrations are cleared, and from here on this process
 //              goes through the descriptor
 // Returns 0, or the code of ras_os_init_record_memory() with a diagnostic; the next call then
