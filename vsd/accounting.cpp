@@ -1,7 +1,7 @@
 // Sums over /proc/PID/smaps, compared with the limits of the control groups.
 //
 // Why smaps and not the group's own figure: a process counts for the device whose group id it
-// carries, in whatever control group it is, and the shared libraries count for nobody.
+// carries, in whatever control group it is, and the shared libraries count for no device.
 //
 // Threads: one sweeps; the arrays have no lock, a 64-bit value is read and written in one piece.
 // Losses: processes that vanish, or that may not be read, count with what was read of them.

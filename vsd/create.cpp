@@ -6,8 +6,8 @@
 //
 // Threads: one; forked children share nothing but the files. Standard output is flushed before each
 // fork and before each exec, because what stays in its buffer would be written twice or not at all.
-// Losses: when a fork fails, nothing is started and nobody is told; a program that ends before the
-// members are recorded gets no file.
+// Losses: when a fork fails, nothing is started and the caller is not told; a program that ends
+// before the members are recorded gets no file.
 #include "vsd/create.h"
 
 #include <dirent.h>

@@ -1,3 +1,8 @@
+// Recognising members by their member files, and a child's way into a device.
+//
+// Threads: any; the child's part makes async-signal-safe calls only, but for the platform's.
+// Losses: a step of the way in that fails leaves the rest undone, and the program runs all the
+// same.
 #include "vsd/entry.h"
 
 #include <fcntl.h>

@@ -1,9 +1,12 @@
-// A restarted program comes back inside its virtual device: group, environment, directory, marker.
+// A restarted program comes back inside its virtual device: group, environment, directory,
+// member file.
 //
-// Which device a dead process belonged to is known from the marker file named by its id in the
+// Which device a dead process belonged to is known from the member file named by its id in the
 // device's member directory. The child of a restart must set itself up without heap and locks
 // (the daemon is threaded), so everything it needs is prepared before the fork; only the
 // platform's own call has to run in the child.
+//
+// Threads: any, without a lock; each function says on which side of the fork it belongs.
 #ifndef TOV_VSD_ENTRY_H
 #define TOV_VSD_ENTRY_H
 
@@ -20,11 +23,11 @@ enum {
   TOV_SPAWN_VSD_MAX = 16  // callers accept 16, although find_app() never answers it
 };
 
-// The device, 1 to 15, whose member directory holds an entry whose decimal value is `tid`; -1 when
-// there is none or `tid` is not above 0. Reads up to fifteen directories.
+// The device, 1 to 15, whose member directory holds an entry whose decimal value is `tid`, a
+// process id; -1 when there is none or `tid` is not above 0. Reads up to fifteen directories.
 int find_app(pid_t tid);
 
-// Makes the marker file of `pid` for a device, mode 0754, if the device's run directory can be
+// Makes the member file of `pid` for a device, mode 0754, if the device's run directory can be
 // entered. Failures are ignored: the program runs all the same.
 void save_proc_info(int vsd_no, pid_t pid);
 
@@ -48,11 +51,11 @@ using tov_proc_env_t = tov_proc_env_s;
 void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid);
 
 // Enters the device: the platform's environment, our variables over it, the run directory, the
-// group; removes the dead instance's marker. In the child; async-signal-safe but for the
+// group; removes the dead instance's member file. In the child; async-signal-safe but for the
 // platform's call. A failed platform call or directory change leaves the rest undone.
 void tov_proc_env_enter(tov_proc_env_t *env);
 
-// Both in one, for a process with a single thread.
+// Both in one, for a process with a single thread; what it allocates is never freed.
 void set_proc_env(int vsd_no, pid_t pid);
 
 #endif  // TOV_VSD_ENTRY_H

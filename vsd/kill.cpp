@@ -1,6 +1,6 @@
 // Finding the processes of a device by what the kernel says about their groups.
 //
-// Not by the member files: those name only the processes that were there when somebody wrote them,
+// Not by the member files: those name only the processes that were there when they were written,
 // a process that a member has started since has the group and no file.
 //
 // Threads: any. Losses: a process that is born between the reading of /proc and its end can be

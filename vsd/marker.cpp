@@ -1,4 +1,4 @@
-// Looking at the marker files and making or removing one.
+// Testing the marker files, making and removing one.
 #include "vsd/marker.h"
 
 #include <errno.h>

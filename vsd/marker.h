@@ -1,7 +1,7 @@
 // The marker files by which operators steer the next restart: "/etc/dev_mon" asks for one restart
 // without the usual announcements, "/etc/debug_log" for the text journal.
 //
-// Each is looked at anew whenever it is asked for; nothing is kept open or remembered. A marker
+// Each call tests the file anew; nothing is kept open or remembered. A marker
 // counts when it can be opened for reading and writing, so a directory of that name does not.
 //
 // Any thread.

@@ -28,7 +28,7 @@ inline tov_vsd_path_t tov_vsd_path(const char *format, int vsd_no) {
   return path;
 }
 
-// The marker file of a member.
+// The member file of a process.
 inline tov_vsd_path_t tov_vsd_member_path(int vsd_no, pid_t pid) {
   tov_vsd_path_t path;
   (void)snprintf(path.text, sizeof path.text, TOV_VSD_MEMBER_FMT, vsd_no, pid);

@@ -1,8 +1,8 @@
 // Removing a tree without leaving it.
 //
 // The trees of a device are writable for everybody, and the tool that removes them is root: a link
-// planted there would turn the removal against the rest of the machine. So nothing is looked at by
-// one name and then used by the same name again. Every entry is opened without following
+// planted there would turn the removal against the rest of the machine. So nothing is tested under
+// one name and then used under the same name again. Every entry is opened without following
 // (O_PATH | O_NOFOLLOW), judged on that descriptor, and what is descended into is the very object
 // that was judged; names are only used to unlink, relative to the open directory they stand in. The
 // way to the tree is walked in the same manner (util/path.h): its upper directories are open to

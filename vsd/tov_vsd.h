@@ -2,9 +2,10 @@
 // control groups of their own. This header brings the module's rooms with it.
 //
 // Nearly everything here runs in the command-line tool: short-lived, single-threaded, root. What
-// the daemon uses is in two rooms, member.h and marker.h. Between the tool and the
-// daemon there is no connection but files: the member files, the delete marker, the registrations.
-// docs/vsd.md tells the operator's side.
+// the daemon uses is in three rooms: member.h, marker.h and entry.h, which is not brought here
+// because the tool does without it. Between the tool and the daemon there is no connection but
+// files: the member files, the delete marker, the registrations. docs/vsd.md tells the operator's
+// side.
 #ifndef TOV_VSD_H
 #define TOV_VSD_H
 
