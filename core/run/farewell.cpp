@@ -1,3 +1,4 @@
+// Leaving without destructors, and what instrumented builds still have to write before that.
 #include "core/run/farewell.h"
 
 #include <stdio.h>

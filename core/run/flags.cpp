@@ -1,3 +1,4 @@
+// The flags' values at the start of the daemon: running, reloads permitted.
 #include "core/run/flags.h"
 
 int quit = 0;

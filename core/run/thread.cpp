@@ -1,3 +1,6 @@
+// Naming a thread and reporting its end.
+//
+// Threads: any; no state but `quit`. Losses: a name behind its 15th character.
 #include "core/run/thread.h"
 
 #include <errno.h>

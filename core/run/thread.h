@@ -6,11 +6,13 @@
 // Returns 0 or -errno. Leaves errno, too: the thread ends with it.
 int tov_core_thread_name(const char *name);
 
-// The last thing a joined thread does, whatever ended it: asks all other threads to end, writes to
-// the event log that the daemon will be restarted, brings the logs to storage and gives them a
-// second to get there.
-//   res  the thread's own result code, 0 when `quit` was set by somebody else
-//   err  errno of the failure
+// The last thing that a thread does whose failure ends the daemon, whatever ended it: sets `quit`,
+// writes to the event log that the daemon will be restarted, brings the logs to storage and gives
+// them a second to get there. (The watchdog has nothing that could fail and does without.)
+//   name  of the thread, for the log
+//   res   the thread's own result code, 0 when another thread set `quit`
+//   err   errno of the failure, else 0
+// Call it with no registry lock held: it sleeps a second.
 void tov_core_thread_end(const char *name, int res, int err);
 
 #endif  // TOV_CORE_RUN_THREAD_H
