@@ -1,3 +1,7 @@
+// The watcher's thread: its inotify watches and what an event leads to. What the two files say is
+// read in watched_files.cpp.
+//
+// Thread: "tov_inotify_fork" owns the watches. Losses: see the header.
 #include "core/watch/fork_watcher.h"
 
 #include <errno.h>
@@ -150,8 +154,8 @@ static bool try_to_watch(watch_s *watch) {
 
 // ---- events ---------------------------------------------------------------------------------
 
-// A file that was removed while somebody holds it open ends no watch and sends no event. (An
-// operator who follows the fork-error file's end is enough, since every restart removes it.)
+// A file that was removed while a process holds it open ends no watch and sends no event. (An
+// operator's "tail -f" of the fork-error file is enough, since every restart removes it.)
 static bool watches_what_is_there(const watch_s &watch) {
   return watch.fork_file == file_under(TOV_FORK_FILE) &&
          watch.config_file == file_under(TOV_HA_CONFIG_FILE);

@@ -5,13 +5,13 @@
 // be started any more, and the daemon ends so that a fresh one may do better. The device's
 // configuration file holds the switch; it is mirrored where operators look.
 //
-// What could get lost: a file that is removed and made again between two looks, or one that
-// another process holds open while it is removed. Both files are looked at once after every
+// What could get lost: a file that is removed and made again between two readings, or one that
+// another process holds open while it is removed. Both files are read once after every
 // set-up, and the set-up is made again whenever a watch ends, for whatever reason, or a quiet
 // minute shows that another file stands under the name by now.
 //
-// Anybody can write in both directories. In the place of the fork-error file nothing but a regular
-// file is left standing, otherwise a link could hide every failure.
+// Every user can write in both directories. In the place of the fork-error file nothing but a
+// regular file is left standing, otherwise a link could hide every failure.
 //
 // Thread: "tov_inotify_fork", detached, at ordinary priority. It never takes a registry lock: the
 // endless retry of a failing fork holds one, and this thread is what ends it.
@@ -19,15 +19,16 @@
 #define TOV_CORE_WATCH_FORK_WATCHER_H
 
 // Thread body. Waits until /data is mounted; never returns, ends the process on a fatal error.
-// It does not look at `quit`: a thread that tries a failing fork again for ever does not either,
-// and when all others wait for that one, it is the watcher who makes an end.
+// It does not ask `quit`: a thread that tries a failing fork again for ever does not either, and
+// when all others wait for that one, it is the watcher that ends the daemon.
 void *tov_inotify_fork_error(void *);
 
-// Looks at the fork-error file; with more than six characters in it, reports and ends the process
-// with status 1.
+// Reads the fork-error file; with more than six characters in it, reports and ends the process with
+// status 1 (after 3 s). A file that cannot be read, or is no regular one, is a diagnostic only.
 void tov_deal_forkfile_change(void);
 
-// Reads the switch from the configuration file and mirrors it. An unreadable file means on.
+// Reads the switch from the configuration file into `tov_single_ps_ha_enable`, notes the time when
+// it goes on, and mirrors it. An unreadable file means on.
 void tov_update_cfg(void);
 
 // 1 when a line of /proc/mounts mentions "/data" anywhere, else 0.

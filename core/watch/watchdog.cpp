@@ -1,3 +1,7 @@
+// One pass of the watchdog: who is still there, whose byte has changed, whose budget is spent.
+//
+// Thread: "tov_thread_notify_timer". Losses: while two threads hang, the process of the second
+// goes on until the first is gone.
 #include "core/watch/watchdog.h"
 
 #include <stdio.h>

@@ -1,7 +1,7 @@
 // The watchdog: finds threads that hang, and has their process killed.
 //
 // A watched thread advances one byte in the shared area at least once per notify period. Once a
-// minute every record in `tov_alive_chains` is looked at:
+// minute the byte of every record in `tov_alive_chains` is compared with the last one seen:
 //
 //   full budget --one period without a change--> one miss less  ... --> 0
 //        ^--------------- any change -----------------'
@@ -30,10 +30,13 @@ int tov_check_pid_exist(tov_pid_t *record);
 int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool disable_check,
                                     bool disable_check_tmp);
 
-// One minute's scan: dumps when public diagnostics are on, then every record.
+// One minute's scan: dumps the registries when the daemon's diagnostics are on, then compares every
+// record; one whose thread is gone is removed. Takes the registries' locks one after the other:
+// call it with none held.
 void tov_notifer_scan(void);
 
-// Thread body.
+// Thread body; the parameter is ignored and the result is null. Ends within 5 s of `quit`. Goes on
+// at ordinary priority when the real-time one is refused.
 void *tov_notifer_run(void *);
 
 #endif  // TOV_CORE_WATCH_WATCHDOG_H

@@ -1,4 +1,6 @@
-// The files that the watcher reads and writes.
+// The files that the watcher reads and writes; declared in fork_watcher.h.
+//
+// Thread: the watcher's. Losses: a mirror that cannot be written is out of date.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -59,7 +61,7 @@ void tov_update_cfg(void) {
   bool was_on = tov_flag_get(tov_single_ps_ha_enable) != 0;
 
   // Unreadable is as good as empty. A link is followed, since the platform may keep the file
-  // elsewhere; a FIFO holds nobody up.
+  // elsewhere; a FIFO does not block.
   char text[READ_SIZE];
   (void)tov_read_to_buf(TOV_HA_CONFIG_FILE, text, sizeof text);
   bool is_on = strstr(text, "no tov single-process-ha auto-restart enable") == nullptr;
