@@ -1,11 +1,11 @@
 // One request of a client process to the daemon.
 //
 // Why a connection is kept although tov_check_socket() rejects nearly every one: an acknowledgement
-// that nobody waited for may lie on it, and the next request would take it for its own. Keeping the
-// socket still has a use: as long as it is open, the daemon can answer the last request, and it
+// that no call waited for may lie on it, and the next request would take it for its own. Keeping
+// the socket still has a use: as long as it is open, the daemon can answer the last request, and it
 // carries out only what it can answer. A connection that is still owed an answer when it is to be
-// dropped (nobody waited for it, a signal ended the wait, or the daemon was silent for too long) is
-// therefore put away, see tov_rpc_overdue.h. All connections are bound to the same path in turn.
+// dropped (the call did not wait, a signal ended the wait, or the daemon was silent for too long)
+// is therefore put away, see tov_rpc_overdue.h. All connections are bound to the same path in turn.
 //
 // Threads: any; `tov_rpc_lock` is held for the whole of a request, connecting and waiting included,
 // which is what keeps a request and its acknowledgement together.
@@ -57,7 +57,7 @@ static void start_afresh_in_child() {
 }
 
 static void install_fork_handler() {
-  // Without memory for the handler children keep the parent's state; there is nobody to tell.
+  // Without memory for the handler children keep the parent's state; no caller could help it.
   (void)pthread_atfork(nullptr, nullptr, start_afresh_in_child);
 }
 

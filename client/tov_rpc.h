@@ -34,14 +34,15 @@ extern int tov_rpc_sd;                // the kept connection, -1: none; guarded 
 // answer: a request that left is not lost because its caller was interrupted or tired of waiting.
 // Waits for other threads' requests; never in the daemon's server thread, never with a registry
 // lock held.
-// Returns 0, or a negative value: bad arguments, no memory, no daemon (after about 5 s), a failed
-// send, or a connection that ended instead of acknowledging.
+// Returns 0, or a negative value (with a diagnostic): bad arguments, no memory, no daemon (after
+// about 5 s), a failed send, or a connection that ended instead of acknowledging. 0 without an
+// acknowledgement means that the request left, or that the daemon was silent for 5 s.
 int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ack,
             bool allow_tov_exit);
 
 // A request that a missing daemon must not lose: waits for the acknowledgement and makes up to 60
 // attempts, a second apart. Ends early when tov_rpc_stop_asked() says so.
-// Returns the last attempt's result.
+// Waits and locks as tov_rpc() does in each attempt. Returns the last attempt's result.
 int tov_rpc_persist(TOV_MSG_TYPE type, void *data, int datalen);
 
 // Removes the registration file of a living process, whose name follows from its device and its

@@ -21,15 +21,15 @@ socklen_t tov_rpc_address(sockaddr_un *at, const char *path);
 // Returns the connected socket, close-on-exec, which the caller closes; or -1 (diagnostic printed).
 int tov_connect(const char *name);
 
-// Waits up to 5 s for an acknowledgement and drops it unread: anybody could stand in for the
-// daemon, so nothing is learnt from its content.
+// Waits up to 5 s for an acknowledgement and drops it unread: any process could stand in for
+// the daemon, so nothing is learnt from its content.
 // Returns 0 when a message came and when none came; a negative value when the wait failed (a signal
 // ends it too), the connection ended or what came was no message.
 int tov_wait_msg_ack_timeout(int sd);
 
 // The same, and tells whether the answer is still to be expected.
-//   due  out: true when nothing came and the connection has not ended, because of silence or of a
-//        signal
+//   due  out, always written: true when nothing came and the connection has not ended, because of
+//        silence or of a signal
 int tov_rpc_await_answer(int sd, bool *due);
 
 // Whether a kept connection may serve another request.

@@ -1,8 +1,8 @@
 // The client library across fork().
 //
 // A host may fork while another of its threads is inside a call: the child then holds a copy of a
-// taken lock that nobody will release, and a copy of the connection whose answers belong to the
-// parent. From the first call on, a handler puts this right in every child.
+// taken lock that no thread of it will release, and a copy of the connection whose answers belong
+// to the parent. From the first call on, a handler puts this right in every child.
 #ifndef TOV_RPC_FORK_H
 #define TOV_RPC_FORK_H
 

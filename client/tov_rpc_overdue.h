@@ -4,11 +4,11 @@
 // cannot be delivered is not carried out at all. So the end of a connection loses a request that
 // the daemon has not come to, however long ago the call that made it has returned. A connection
 // that is done with, but owed an answer, is therefore put away here instead of being closed, and
-// closed when the answer has come, which is looked for at the next requests. It is never used
+// closed when the answer has come, which the next requests test for. It is never used
 // again: what it will bring would be taken for the answer to another request.
 //
 // There are a few places only, because each costs the host a descriptor and the daemon one of its
-// clients. Who needs one when all are taken waits for the first answer, as long as for any
+// clients. A call that needs one when all are taken waits for the first answer, as long as for any
 // acknowledgement; then the oldest is closed, and its request may be lost.
 //
 // All but the last are called with tov_rpc_lock held, which guards the places.

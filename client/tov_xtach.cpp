@@ -20,7 +20,8 @@
 
 enum { TOV_GRP_LABELS = 20 };
 
-// What the caller meant by `pid`: 0 is itself, and a negative one becomes 0, which names nobody.
+// What the caller meant by `pid`: 0 is itself, and a negative one becomes 0, which names no
+// process.
 static pid_t resolve_pid(pid_t pid) {
   if (pid < 0) {
     TOV_DBG("The pid you enter is < 0 \n");

@@ -5,7 +5,7 @@
 // value belongs to whoever raised it. The id is looked up once per process and kept for good, so
 // that a removed key file does no harm.
 //
-// Any thread.
+// Any thread; no lock.
 #ifndef TOV_XTACH_SEM_H
 #define TOV_XTACH_SEM_H
 
