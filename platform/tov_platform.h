@@ -17,25 +17,28 @@ extern "C" {
 
 /* ---- self-healing --------------------------------------------------------------------------- */
 
+/* What the service can be asked for; the numbers are its own. The daemon asks for 1, 2 and 3
+ * only. */
 enum {
   PSH_UNDEF_ACT = 0,
-  PSH_INNER_ACT = 1,
-  PSH_KILL_PROCESS_ACT = 2,
-  PSH_RELOAD_SELF_ACT = 3,
-  PSH_RELOAD_NODE_ACT = 4,
-  PSH_RESET_DEVICE_ACT = 5,
-  PSH_REDUNDANCE_SWITCH_ACT = 6,
+  PSH_INNER_ACT = 1,             /* nothing: the daemon tells that it ends itself */
+  PSH_KILL_PROCESS_ACT = 2,      /* end a hung process */
+  PSH_RELOAD_SELF_ACT = 3,       /* reload this unit */
+  PSH_RELOAD_NODE_ACT = 4,       /* reload the node */
+  PSH_RESET_DEVICE_ACT = 5,      /* reset the device */
+  PSH_REDUNDANCE_SWITCH_ACT = 6, /* switch over to the redundant unit */
   PSH_ACT_MAX = 7
 };
 
-/* Connects to the self-healing service. Returns 0, or -1 with errno set. */
+/* Connects to the self-healing service; once, from main. Returns 0, or -1 with errno set: the
+ * daemon then goes on, and its requests may fail. */
 int psh_lib_common_init(void);
 
 /*
  * Asks the service to act.
  *   action  PSH_*
  *   pid     the process that PSH_KILL_PROCESS_ACT ends, otherwise 0
- *   module  who asks ("tov")
+ *   module  who asks ("tov"); copied
  *   reason  one line of text, with or without its line feed; copied
  * Returns 0, or a negative value. Must not wait for the action to be carried out: callers hold
  * registry locks.
@@ -74,8 +77,9 @@ void qx_syslog(int priority, const char *format, ...) __attribute__((format(prin
  */
 int ras_logfile_init(const char *path, int limit_kb, void **handle, int reserved_a, int reserved_b);
 
-/* Appends `length` bytes. Any thread, without a lock of the caller's; also in a forked child.
- * Returns 0 or more, or a negative value. */
+/* Appends `length` bytes in one piece: lines of several threads must not mix. Any thread, without a
+ * lock of the caller's; also in a forked child, where the locks of other threads stay held for
+ * ever. handle  of ras_logfile_init(), not null Returns 0 or more, or a negative value. */
 int ras_logfile_write_buf(void *handle, const char *data, int length);
 
 /* Brings to storage what was written so far, for use just before a reset. A null handle is
