@@ -23,7 +23,6 @@
 #include "vsd/marker.h"
 
 enum {
-  DELIBERATE_STOP = 15,  // ended by SIGTERM, without a core dump
   ATTRIBUTE_SIZE = 256,
   MEMBER_PATH_SIZE = 64,
   SCANS_MAX = 10,
@@ -48,7 +47,7 @@ class exit_case_s final : public tov_exit_case_t {
   bool lives() override { return verdict_ == REPORTED && process_life(record_->pid) == 0; }
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
-  bool stopped() override { return exit_code_ == DELIBERATE_STOP; }
+  bool stopped() override { return tov_exit_is_stop(exit_code_); }
   bool locked() override { return tov_defer_is_needed(*record_); }
   bool restarted() override { return tov_record_is_restarted(*record_); }
   bool runs_again() override;

@@ -40,7 +40,9 @@ std::span<const tov_exit_rule_t> tov_exit_rules() {
 
 const tov_exit_rule_t &tov_exit_decide(tov_exit_case_t &asked) {
   for (const tov_exit_rule_t &rule : rules) {
-    if (!rule.applies(asked)) continue;
+    const bool applies = rule.applies(asked);
+    asked.heard(rule, applies);
+    if (!applies) continue;
     asked.act(rule.act);
     if (rule.ends) return rule;
   }

@@ -32,6 +32,16 @@ enum tov_twin_e {
   TOV_TWIN_DEAD,       // yes, but that process is dead
 };
 
+class tov_exit_case_s;
+
+struct tov_exit_rule_s {
+  const char *name;  // in plain words: "the process lives"
+  bool (*applies)(tov_exit_case_s &asked);
+  tov_exit_act_e act;
+  bool ends;  // the walk
+};
+using tov_exit_rule_t = tov_exit_rule_s;
+
 // The questions, in the order in which the rules ask them; twin() is asked by more than one.
 class tov_exit_case_s {
  public:
@@ -44,18 +54,23 @@ class tov_exit_case_s {
   virtual bool runs_again() = 0;  // a listed program that somebody else brought back
   virtual void act(tov_exit_act_e act) = 0;
 
+  // Told of each rule that was asked, before its act.
+  virtual void heard(const tov_exit_rule_t &rule, bool applies) {
+    (void)rule;
+    (void)applies;
+  }
+
  protected:
   ~tov_exit_case_s() = default;
 };
 using tov_exit_case_t = tov_exit_case_s;
 
-struct tov_exit_rule_s {
-  const char *name;  // in plain words: "the process lives"
-  bool (*applies)(tov_exit_case_t &asked);
-  tov_exit_act_e act;
-  bool ends;  // the walk
-};
-using tov_exit_rule_t = tov_exit_rule_s;
+// Whether a wait status is that of a process that somebody asked to end: SIGTERM, without a core
+// dump.
+inline bool tov_exit_is_stop(int exit_code) {
+  constexpr int terminated = 15;
+  return exit_code == terminated;
+}
 
 // The table; the last rule always applies.
 std::span<const tov_exit_rule_t> tov_exit_rules();

@@ -5,7 +5,7 @@
 #include <ctime>
 
 #include "tests/support/processes.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 namespace tov_test {
 
