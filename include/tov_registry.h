@@ -13,6 +13,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include "tov_thread_safety.h"
 #include "tov_wire.h"
 
 #ifdef __cplusplus
@@ -118,11 +119,11 @@ typedef struct tov_pid_s {
 
 /* A registry: records hashed by process id. When two registries are held, `tov_chains` is taken
  * first, then `tov_alive_chains` or `tov_chains_delay`. */
-typedef struct tov_chains_s {
-  struct tov_hlist_head_s pidchain[TOV_PID_BUCKETS];
-  struct tov_list_head_s grpchain; /* unused; nothing may depend on its content */
-  pthread_mutex_t lock;            /* recursive; guards buckets, records and node_num */
-  int node_num;                    /* linked records */
+typedef struct TOV_CAPABILITY("registry") tov_chains_s {
+  struct tov_hlist_head_s pidchain[TOV_PID_BUCKETS] TOV_GUARDED_BY(this);
+  struct tov_list_head_s grpchain;   /* unused; nothing may depend on its content */
+  pthread_mutex_t lock;              /* recursive; guards buckets, records and node_num */
+  int node_num TOV_GUARDED_BY(this); /* linked records */
 } tov_chains_t;
 
 /* ---- process events ------------------------------------------------------------------------- */

@@ -15,6 +15,7 @@
 #include <memory>
 #include <utility>
 
+#include "include/tov_thread_safety.h"
 #include "util/tov_sys.h"
 
 // Restores `errno` when it goes out of scope: for signal handlers and for clean-up.
@@ -88,16 +89,22 @@ struct tov_free_s {
 template <typename T>
 using tov_block_t = std::unique_ptr<T, tov_free_s>;
 
+// A mutex of which the analysis of locks knows; otherwise the plain type.
+typedef pthread_mutex_t TOV_CAPABILITY("mutex") tov_mutex_t;
+
 // Holds a mutex for as long as it lives.
-class tov_lock_guard_s {
+class TOV_SCOPED_CAPABILITY tov_lock_guard_s {
  public:
-  explicit tov_lock_guard_s(pthread_mutex_t &mutex) : mutex_(&mutex) { pthread_mutex_lock(mutex_); }
+  explicit tov_lock_guard_s(tov_mutex_t &mutex) TOV_ACQUIRE(mutex) : mutex_(&mutex) {
+    pthread_mutex_lock(mutex_);
+  }
   tov_lock_guard_s(const tov_lock_guard_s &) = delete;
   tov_lock_guard_s &operator=(const tov_lock_guard_s &) = delete;
-  ~tov_lock_guard_s() { release(); }
+  ~tov_lock_guard_s() TOV_RELEASE() { release(); }
 
   // Unlocks before the end of the scope.
-  void release() {
+  // Not analysed: this is the unlocking, of which the C library's header does not tell.
+  void release() TOV_RELEASE() TOV_NO_THREAD_SAFETY {
     if (mutex_ != nullptr) pthread_mutex_unlock(std::exchange(mutex_, nullptr));
   }
 

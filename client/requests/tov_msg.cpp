@@ -63,15 +63,16 @@ static bool insert_process(const tov_msg_xtach_t *payload, int action, const cha
   return true;
 }
 
-// Whether a record is registered under the file name of `wanted`. Caller holds tov_chains.
-static bool has_record_of_file(const tov_pid_t &wanted) {
+// Whether a record is registered under the file name of `wanted`.
+static bool has_record_of_file(const tov_pid_t &wanted) TOV_REQUIRES(tov_chains) {
   char name[FILE_NAME_SIZE];
   tov_get_db_file_name(wanted.vsd_id, wanted.pid, wanted.process, name, sizeof name);
-  return !tov_chain_for_each_in(&tov_chains, pidhash(wanted.pid), [&](const tov_pid_t &record) {
+  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(wanted.pid))) {
     char other[FILE_NAME_SIZE];
     tov_get_db_file_name(record.vsd_id, record.pid, record.process, other, sizeof other);
-    return strcmp(name, other) != 0;
-  });
+    if (strcmp(name, other) == 0) return true;
+  }
+  return false;
 }
 
 // Removes the registration file of a request that the daemon itself made for a third-part program,
@@ -111,14 +112,13 @@ int tov_process_shell_restart(tov_msg_xtach_t *payload, char *pathname) {
 
 void tov_process_dump_all_msg(pid_t pid) {
   const tov_chains_guard_t held(tov_chains);
-  tov_chain_for_each(&tov_chains, [&held, pid](tov_pid_t &record) {
-    if (record.pid != pid) return true;
+  for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
+    if (record.pid != pid) continue;
     tov_log_with_type(TOV_LOG_REG_RESTART,
                       "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
                       record.pid, record.vsd_id, record.action);
     tov_record_forget(held, &record);  // the client has usually removed the file already
-    return true;
-  });
+  }
 }
 
 // ---- watched threads ----------------------------------------------------------------------------
@@ -130,7 +130,8 @@ static void fill_periods(tov_pid_t *record, const tov_msg_xtach_t *payload) {
   record->m_n_cur_notify_time = payload->m_n_cur_notify_time;
 }
 
-static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *process) {
+static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *process)
+    TOV_REQUIRES(tov_alive_chains) {
   tov_pid_t *record = tov_chain_new_record();
   record->pid = payload->pid;
   record->ppid = payload->ppid;
@@ -181,8 +182,8 @@ int tov_notifier_reset(tov_msg_xtach_t *payload) {
 
 void tov_notifier_stop(pid_t pid) {
   tov_chains_guard_t hold(tov_alive_chains);
-  tov_chain_for_each(&tov_alive_chains, [pid](tov_pid_t &record) {
-    if (record.pid != pid) return true;
+  for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
+    if (record.pid != pid) continue;
     if (has_slot(pid)) {
       tov_log_with_type(TOV_LOG_REG_ALIVE,
                         "Thread %s/%d (pid %d) unreg TOV thread-alive service.\n", record.process,
@@ -190,8 +191,7 @@ void tov_notifier_stop(pid_t pid) {
       (void)tov_sys_unreg_alive_info(pid);
     }
     tov_chain_remove(&tov_alive_chains, &record);
-    return true;
-  });
+  }
 }
 
 // ---- control events -----------------------------------------------------------------------------

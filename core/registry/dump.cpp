@@ -51,11 +51,10 @@ static void write_heading(FILE *out, int kind) {
 static void write_records(FILE *out, tov_chains_t *chains) {
   tov_chains_guard_t hold(*chains);
   fprintf(out, "node num:%d\n%c", chains->node_num, '\0');
-  tov_chain_for_each(chains, [out](const tov_pid_t &record) {
+  for (const tov_pid_t &record : tov_chain_records(chains)) {
     fprintf(out, "pid: %-6d, vsd: %-2d, regact: %d, pname: %s, %s\n%c", record.pid, record.vsd_id,
             record.action, record.process, record.pathname, '\0');
-    return true;
-  });
+  }
 }
 
 // Fills `dump` with the lines of a registry, each followed by a NUL.

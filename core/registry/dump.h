@@ -19,7 +19,7 @@ enum tov_dump_kind_e {
 
 // Dump a registry: its heading by `kind`, the number of its nodes, one line for every record.
 // Another kind has no heading. Without memory the dump ends early.
-void tov_cli_dump_process_msg_syslog(int kind, tov_chains_t *chains);
-void tov_cli_dump_process_msg_console(int kind, tov_chains_t *chains);
+void tov_cli_dump_process_msg_syslog(int kind, tov_chains_t *chains) TOV_EXCLUDES(*chains);
+void tov_cli_dump_process_msg_console(int kind, tov_chains_t *chains) TOV_EXCLUDES(*chains);
 
 #endif  // TOV_CORE_REGISTRY_DUMP_H

@@ -9,17 +9,20 @@
 
 enum { COMMAND_SIZE = 512 };
 
-tov_pid_t *tov_proc_is_running(tov_pid_t *record) {
-  tov_pid_t *hit = nullptr;
-  tov_chain_for_each(&tov_chains, [&](tov_pid_t &other) {
+// Another record of the same task, or null.
+static tov_pid_t *find_twin(const tov_pid_t &record) TOV_REQUIRES(tov_chains) {
+  for (tov_pid_t &other : tov_chain_records(&tov_chains)) {
     // The numbers first: they tell nearly all records apart without touching the long text.
-    if (other.pid == record->pid || other.vsd_id != record->vsd_id ||
-        strcmp(other.process, record->process) != 0) {
-      return true;
+    if (other.pid != record.pid && other.vsd_id == record.vsd_id &&
+        strcmp(other.process, record.process) == 0) {
+      return &other;
     }
-    hit = &other;
-    return false;
-  });
+  }
+  return nullptr;
+}
+
+tov_pid_t *tov_proc_is_running(tov_pid_t *record) {
+  tov_pid_t *hit = find_twin(*record);
   if (hit == nullptr) return nullptr;
   TOV_DBG("ptov_pid pid %d vsd %d process %s!\n", record->pid, record->vsd_id, record->process);
   TOV_DBG("tov_pid pid %d vsd %d process %s!\n", hit->pid, hit->vsd_id, hit->process);

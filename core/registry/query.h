@@ -2,6 +2,7 @@
 #ifndef TOV_CORE_REGISTRY_QUERY_H
 #define TOV_CORE_REGISTRY_QUERY_H
 
+#include "core/registry/tov_chain.h"
 #include "include/tov.h"
 
 // Another record in `tov_chains` of the same task: same `process`, same device, other process id.
@@ -9,10 +10,10 @@
 // and `record` itself when they are 0: a record that never went through a restart gives way, so
 // its caller only tests the answer for null.
 // Caller holds the lock of `tov_chains`; the answer is borrowed under it. Walks all buckets.
-tov_pid_t *tov_proc_is_running(tov_pid_t *record);
+tov_pid_t *tov_proc_is_running(tov_pid_t *record) TOV_REQUIRES(tov_chains);
 
 // Whether `pid` has a record in `tov_alive_chains`. Caller holds that registry's lock.
-bool tov_is_reg_alive_inlock(pid_t pid);
+bool tov_is_reg_alive_inlock(pid_t pid) TOV_REQUIRES(tov_alive_chains);
 
 // 0 while the registered process is alive and still what was registered: same command line, same
 // device; -1 otherwise. Reads /proc; a dead process costs about 30 ms.

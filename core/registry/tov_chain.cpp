@@ -70,7 +70,8 @@ tov_chains_guard_s::tov_chains_guard_s(tov_chains_t &chains) : chains_(&chains) 
   pthread_mutex_lock(&chains_->lock);
 }
 
-void tov_chains_guard_s::release() {
+// Not analysed: this is the unlocking, of which the C library's header does not tell.
+void tov_chains_guard_s::release() TOV_NO_THREAD_SAFETY {
   if (chains_ == nullptr) return;
   note_unlock(chains_);
   pthread_mutex_unlock(&std::exchange(chains_, nullptr)->lock);
@@ -99,7 +100,7 @@ void tov_init_chains(tov_chains_t *chains) {
 }
 
 // Removes a record for good: a watched thread also loses its slot in the shared area.
-static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) {
+static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains) {
   if (chains == &tov_alive_chains && record->pid < TOV_ALIVE_ID_COUNT)
     tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(chains, record);
@@ -107,15 +108,13 @@ static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) {
 
 void tov_destroy_chains(tov_chains_t *chains) {
   tov_chains_guard_t guard(*chains);
-  tov_chain_for_each(chains, [chains](tov_pid_t &record) {
+  for (tov_pid_t &record : tov_chain_records(chains))
     remove_with_slot(chains, &record);
-    return true;
-  });
 }
 
 // ---- records -------------------------------------------------------------------------------
 
-static tov_hlist_head_s *bucket_of(tov_chains_t *chains, pid_t pid) {
+static tov_hlist_head_s *bucket_of(tov_chains_t *chains, pid_t pid) TOV_REQUIRES(*chains) {
   return &chains->pidchain[pidhash(pid)];
 }
 
@@ -143,54 +142,47 @@ void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid) {
 }
 
 tov_pid_t *__tov_find_pid(tov_chains_t *chains, pid_t pid) {
-  for (tov_hlist_node_s *node = bucket_of(chains, pid)->first; node != nullptr; node = node->next) {
-    tov_pid_t *record = tov_chain_record(node);
-    if (record->pid == pid) return record;
+  for (tov_pid_t &record : tov_chain_bucket(chains, pidhash(pid))) {
+    if (record.pid == pid) return &record;
   }
   return nullptr;
 }
 
 tov_pid_t *tov_get_oldest_node(pid_t pid) {
   tov_pid_t *oldest = nullptr;
-  for (tov_hlist_node_s *node = bucket_of(&tov_chains, pid)->first; node != nullptr;
-       node = node->next) {
-    tov_pid_t *record = tov_chain_record(node);
-    if (record->pid == pid) oldest = record;
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid) oldest = &record;
   }
   return oldest;
 }
 
 void __tov_del_pid(tov_chains_t *chains, pid_t pid) {
-  tov_hlist_node_s *next = nullptr;
-  for (tov_hlist_node_s *node = bucket_of(chains, pid)->first; node != nullptr; node = next) {
-    next = node->next;
-    tov_pid_t *record = tov_chain_record(node);
-    if (record->pid != pid) continue;
+  for (tov_pid_t &record : tov_chain_bucket(chains, pidhash(pid))) {
+    if (record.pid != pid) continue;
     TOV_DBG("%s del pid %d\n", __func__, pid);
-    tov_chain_remove(chains, record);
+    tov_chain_remove(chains, &record);
   }
+}
+
+// Says so when an argument of tov_del_node_chain() is missing.
+static bool both_given(const tov_pid_t *record, const tov_chains_t *chains) {
+  if (record != nullptr && chains != nullptr) return true;
+  TOV_DBG("%s: %s\n", "tov_del_node_chain", strerror(EINVAL));
+  return false;
 }
 
 void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) {
-  if (record == nullptr || chains == nullptr) {
-    TOV_DBG("%s: %s\n", __func__, strerror(EINVAL));
-    return;
-  }
+  if (!both_given(record, chains)) return;
   const pid_t parent = record->pid;  // `record` itself may be among those removed
-  tov_chain_for_each(chains, [chains, parent](tov_pid_t &child) {
-    if (child.ppid != parent) return true;
-    TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", "tov_del_node_chain", child.pid,
-            child.ppid);
+  for (tov_pid_t &child : tov_chain_records(chains)) {
+    if (child.ppid != parent) continue;
+    TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", __func__, child.pid, child.ppid);
     remove_with_slot(chains, &child);
-    return true;
-  });
+  }
 }
 
 void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains) {
-  if (record == nullptr || chains == nullptr) {
-    tov_del_node_chain(record, chains);  // says so and does nothing
-    return;
-  }
+  if (!both_given(record, chains)) return;
   tov_chains_guard_t guard(*chains);
   tov_del_node_chain(record, chains);
 }

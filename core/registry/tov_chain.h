@@ -13,24 +13,28 @@
 #ifndef TOV_CHAIN_H
 #define TOV_CHAIN_H
 
+#include <iterator>
+#include <span>
+
 #include "alive/tov_sys_alive.h"  // TOV_ALIVE_ID_COUNT
 #include "core/registry/links.h"
 #include "include/tov.h"
 #include "util/list_file.h"
 
-extern tov_chains_t tov_chains;        // processes that registered an exit action
 extern tov_chains_t tov_alive_chains;  // threads watched for liveness
 extern tov_chains_t tov_chains_delay;  // exits that wait for a lock to go
+extern tov_chains_t tov_chains         // processes that registered an exit action
+    TOV_ACQUIRED_BEFORE(tov_alive_chains, tov_chains_delay);
 
 // Holds a registry's lock; debug builds assert the order above. Taking a lock again that this
 // thread holds already is always allowed.
-class tov_chains_guard_s {
+class TOV_SCOPED_CAPABILITY tov_chains_guard_s {
  public:
-  explicit tov_chains_guard_s(tov_chains_t &chains);
+  explicit tov_chains_guard_s(tov_chains_t &chains) TOV_ACQUIRE(chains);
   tov_chains_guard_s(const tov_chains_guard_s &) = delete;
   tov_chains_guard_s &operator=(const tov_chains_guard_s &) = delete;
-  ~tov_chains_guard_s() { release(); }
-  void release();                                     // unlocks before the end of the scope; once
+  ~tov_chains_guard_s() TOV_RELEASE() { release(); }
+  void release() TOV_RELEASE();                       // unlocks before the end of the scope; once
   tov_chains_t *registry() const { return chains_; }  // null once released
 
  private:
@@ -57,50 +61,100 @@ tov_pid_t *tov_chain_new_record(void);
 // Links `record` at the head of the bucket of its `pid`, so that it is found before older records
 // of the same id. The registry owns it from here on.
 // Caller holds the lock.
-void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record);
+void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains);
 
 // Unlinks and frees one record. A thread's slot in the shared area stays: the caller who wants it
 // gone releases it. Caller holds the lock.
-void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record);
+void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains);
 
 // Moves `record` to the head of the bucket of `new_pid` and stores the id; the count stays. What is
 // named after the old id (the registration file) is removed before this. Caller holds the lock.
-void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid);
+void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid) TOV_REQUIRES(*chains);
 
 // The newest record of `pid`, or null. Caller holds the lock and borrows the record under it.
-tov_pid_t *__tov_find_pid(tov_chains_t *chains, pid_t pid);
+tov_pid_t *__tov_find_pid(tov_chains_t *chains, pid_t pid) TOV_REQUIRES(*chains);
 
 // The oldest record of `pid` in `tov_chains`, or null. Caller holds the lock.
-tov_pid_t *tov_get_oldest_node(pid_t pid);
+tov_pid_t *tov_get_oldest_node(pid_t pid) TOV_REQUIRES(tov_chains);
 
 // Removes and frees every record of `pid`. Caller holds the lock.
-void __tov_del_pid(tov_chains_t *chains, pid_t pid);
+void __tov_del_pid(tov_chains_t *chains, pid_t pid) TOV_REQUIRES(*chains);
 
 // Removes and frees every record whose `ppid` is `record->pid`; `record` itself stays unless it
 // is its own parent. In `tov_alive_chains` each removed thread's slot in the shared area is
 // released. Null arguments print a diagnostic and do nothing. Caller holds the lock.
-void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains);
+void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) TOV_REQUIRES(*chains);
 
 // The same under the registry's lock.
 void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains);
 
-// Calls `visit(tov_pid_t &)` for every record, buckets 0 to 255 in order, each from its head. The
-// successor is taken before the call, so that `visit` may remove the record it was given, but no
-// other. Ends early when `visit` returns false. Caller holds the lock.
+// The records of some buckets, for a range-for: the buckets in order, each from its head. The
+// successor is taken before the body runs, so that the body may remove the record it was given, but
+// no other. Made under the registry's lock and used under it.
+class tov_chain_range_s {
+ public:
+  explicit tov_chain_range_s(std::span<tov_hlist_head_s> buckets) : buckets_(buckets) {}
+
+  class iterator_s {
+   public:
+    explicit iterator_s(std::span<tov_hlist_head_s> buckets) : rest_(buckets) { settle(); }
+    tov_pid_t &operator*() const { return *tov_chain_record(node_); }
+    iterator_s &operator++() {
+      settle();
+      return *this;
+    }
+    bool operator==(std::default_sentinel_t) const { return node_ == nullptr; }
+
+   private:
+    // Goes to the next record: in this bucket, or the first in those that are left.
+    void settle() {
+      node_ = next_;
+      while (node_ == nullptr && !rest_.empty()) {
+        node_ = rest_.front().first;
+        rest_ = rest_.subspan(1);
+      }
+      next_ = node_ != nullptr ? node_->next : nullptr;
+    }
+
+    std::span<tov_hlist_head_s> rest_;  // buckets behind that of `node_`
+    tov_hlist_node_s *node_ = nullptr;
+    tov_hlist_node_s *next_ = nullptr;
+  };
+
+  iterator_s begin() const { return iterator_s(buckets_); }
+  std::default_sentinel_t end() const { return {}; }
+
+ private:
+  std::span<tov_hlist_head_s> buckets_;
+};
+
+// All records, buckets 0 to 255 in order. Caller holds the lock.
+inline tov_chain_range_s tov_chain_records(tov_chains_t *chains) TOV_REQUIRES(*chains) {
+  return tov_chain_range_s(chains->pidchain);
+}
+
+// The records of one bucket. Caller holds the lock.
+inline tov_chain_range_s tov_chain_bucket(tov_chains_t *chains, unsigned int bucket)
+    TOV_REQUIRES(*chains) {
+  return tov_chain_range_s({&chains->pidchain[bucket], 1});
+}
+
+// The same with a function: calls `visit(tov_pid_t &)` for every record and ends early when it
+// returns false. The analysis of locks does not see that `visit` runs under the lock: a body that
+// calls what asks for it goes through the ranges above.
 template <typename Visit>
-bool tov_chain_for_each_in(tov_chains_t *chains, unsigned int bucket, Visit visit) {
-  for (tov_hlist_node_s *node = chains->pidchain[bucket].first; node != nullptr;) {
-    tov_hlist_node_s *next = node->next;
-    if (!visit(*tov_chain_record(node))) return false;
-    node = next;
+bool tov_chain_for_each_in(tov_chains_t *chains, unsigned int bucket, Visit visit)
+    TOV_REQUIRES(*chains) {
+  for (tov_pid_t &record : tov_chain_bucket(chains, bucket)) {
+    if (!visit(record)) return false;
   }
   return true;
 }
 
 template <typename Visit>
-void tov_chain_for_each(tov_chains_t *chains, Visit visit) {
-  for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS; bucket++) {
-    if (!tov_chain_for_each_in(chains, bucket, visit)) return;
+void tov_chain_for_each(tov_chains_t *chains, Visit visit) TOV_REQUIRES(*chains) {
+  for (tov_pid_t &record : tov_chain_records(chains)) {
+    if (!visit(record)) return;
   }
 }
 

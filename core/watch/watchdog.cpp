@@ -66,7 +66,7 @@ static bool deserves_warning(unsigned int budget, unsigned int missed) {
   return budget < 6 ? missed > 2 : missed > 4;
 }
 
-static void end_period(tov_pid_t *record, bool held_back) {
+static void end_period(tov_pid_t *record, bool held_back) TOV_REQUIRES(tov_alive_chains) {
   if (tov_is_reg_alive_inlock(record->ppid) && record->m_n_cur_counter > 0 && !held_back) {
     record->m_n_cur_counter--;
     unsigned int missed = record->m_n_counter - record->m_n_cur_counter;
@@ -126,7 +126,7 @@ static void dump_registries() {
   dump(TOV_DUMP_DELAY, &tov_chains_delay);
 }
 
-static void drop(tov_pid_t *record, int result) {
+static void drop(tov_pid_t *record, int result) TOV_REQUIRES(tov_alive_chains) {
   TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, result);
   if (record->pid < TOV_ALIVE_ID_COUNT) (void)tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(&tov_alive_chains, record);
@@ -139,7 +139,7 @@ void tov_notifer_scan(void) {
   bool disable_check_tmp = tov_get_semval() != 0;
 
   tov_chains_guard_t guard(tov_alive_chains);
-  tov_chain_for_each(&tov_alive_chains, [&](tov_pid_t &record) {
+  for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
     TOV_DBG_ALIVE(
         "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) "
         "cur_ntfy_time (%d)\n",
@@ -152,8 +152,7 @@ void tov_notifer_scan(void) {
       (void)tov_check_alive_info_periodical(&record, &kill_proc_flag, disable_check,
                                             disable_check_tmp);
     }
-    return true;
-  });
+  }
 }
 
 // Main waits for this thread first; a whole minute's sleep would leave the device unsupervised for

@@ -17,6 +17,7 @@
 #ifndef TOV_CORE_WATCH_WATCHDOG_H
 #define TOV_CORE_WATCH_WATCHDOG_H
 
+#include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 
 // 0 while the registered thread still exists and belongs to the process that registered it with
@@ -28,7 +29,7 @@ int tov_check_pid_exist(tov_pid_t *record);
 //   disable_check, disable_check_tmp  hold the countdown back
 // Always 0. Caller holds the lock of `tov_alive_chains`.
 int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool disable_check,
-                                    bool disable_check_tmp);
+                                    bool disable_check_tmp) TOV_REQUIRES(tov_alive_chains);
 
 // One minute's scan: dumps the registries when the daemon's diagnostics are on, then compares every
 // record; one whose thread is gone is removed. Takes the registries' locks one after the other:
