@@ -24,7 +24,9 @@ enum { MODE_EVERYBODY = 0777, SEQ_FIRST = 1, SEQ_LAST = 255, BITS_PER_BYTE = 8, 
 
 tov_alive_info_t g_tov_alive_info;
 
-static pthread_mutex_t init_lock = PTHREAD_MUTEX_INITIALIZER;
+static tov_mutex_t init_lock = PTHREAD_MUTEX_INITIALIZER;
+// Written under init_lock. Not guarded by it in the analysis' sense: who reads `inited` with
+// acquire reads the rest without the lock.
 static bool inited = false;  // set last, with release
 static bool master = false;  // set before `inited`, then read-only
 
@@ -83,7 +85,7 @@ static void clear_area(int fd) {
   }
 }
 
-static int map_area(bool is_master) {
+static int map_area(bool is_master) TOV_REQUIRES(init_lock) {
   ras_os_recordm_t *recordm = &g_tov_alive_info.recordm;
   int err = 0;
   const int result =

@@ -48,15 +48,15 @@ struct kept_s {
 
 // A plain mutex without priority inheritance: the library must not need an initialiser in its
 // host, and in the daemon the callers come under the registry's lock, which does inherit.
-static pthread_mutex_t kept_lock = PTHREAD_MUTEX_INITIALIZER;
+static tov_mutex_t kept_lock = PTHREAD_MUTEX_INITIALIZER;
 
 // A list whose links are whole at every instant: a fork may copy it while another thread is at
-// work, and the child then walks the copy. Written under kept_lock; no destructor, because
-// threads of the host may register while the process ends.
-static kept_s *kept_files = nullptr;
+// work, and the child then walks the copy. No destructor, because threads of the host may register
+// while the process ends.
+static kept_s *kept_files TOV_GUARDED_BY(kept_lock) = nullptr;
 
 // The link that points to the entry of `path`; its target is null when there is none.
-static kept_s **find_kept(const char *path) {
+static kept_s **find_kept(const char *path) TOV_REQUIRES(kept_lock) {
   kept_s **link = &kept_files;
   while (*link != nullptr && strcmp((*link)->path, path) != 0)
     link = &(*link)->next;
@@ -64,7 +64,7 @@ static kept_s **find_kept(const char *path) {
 }
 
 // Unlinks an entry, if there is one, then closes and frees it. Keeps errno.
-static void drop_kept(kept_s **link) {
+static void drop_kept(kept_s **link) TOV_REQUIRES(kept_lock) {
   kept_s *entry = *link;
   if (entry == nullptr) return;
   __atomic_store_n(link, entry->next, __ATOMIC_RELEASE);
@@ -74,7 +74,7 @@ static void drop_kept(kept_s **link) {
 
 // Keeps `fd` open for the file at `path`. Without an entry (no memory) it stays open all the same,
 // since the lock is what counts.
-static void keep(const char *path, tov_fd_t &fd) {
+static void keep(const char *path, tov_fd_t &fd) TOV_REQUIRES(kept_lock) {
   struct stat status {};
   const int number = tov_fd_take(fd);
   if (tov_sys_fstat(number, &status) < 0) return;
@@ -91,7 +91,7 @@ static void keep(const char *path, tov_fd_t &fd) {
 
 // The descriptor under which this process registered the file that is at `path` now, or -1. An
 // entry whose file was removed or replaced is dropped; its lock protects nothing any more.
-static int kept_descriptor(const char *path) {
+static int kept_descriptor(const char *path) TOV_REQUIRES(kept_lock) {
   kept_s **link = find_kept(path);
   if (*link == nullptr) return -1;
   struct stat status {};
@@ -102,7 +102,8 @@ static int kept_descriptor(const char *path) {
   return -1;
 }
 
-void tov_pidfile_forget_locks(void) {
+// Not analysed: in the child of a fork no other thread is there.
+void tov_pidfile_forget_locks(void) TOV_NO_THREAD_SAFETY {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   kept_lock = fresh;  // the thread that may have held it does not exist here
   // The entries stay, without a descriptor: freeing memory is nothing for a child between fork and
@@ -155,7 +156,7 @@ static void write_content(int fd, const content_s &content) {
 }
 
 // Locks `fd` and keeps it. A file that another process holds locked is left to that one.
-static void lock_and_keep(const char *path, tov_fd_t &fd) {
+static void lock_and_keep(const char *path, tov_fd_t &fd) TOV_REQUIRES(kept_lock) {
   const int locked = lock_file(fd.n);
   const int cause = errno;
   if (locked < 0) TOV_DBG("%s: file %s fd < 0: %s\n", "tov_db_create", path, strerror(cause));

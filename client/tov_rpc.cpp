@@ -30,12 +30,12 @@
 
 enum { TOV_CLIENT_PATH_SIZE = 32, TOV_PERSIST_ATTEMPTS = 60, TOV_PERSIST_PAUSE_S = 1 };
 
-pthread_mutex_t tov_rpc_lock = PTHREAD_MUTEX_INITIALIZER;
+tov_mutex_t tov_rpc_lock = PTHREAD_MUTEX_INITIALIZER;
 int tov_rpc_sd = -1;
 std::atomic<tov_rpc_stop_fn> tov_rpc_stop_asked{nullptr};
 
-// The daemon has yet to answer the last request on tov_rpc_sd. Guarded by tov_rpc_lock.
-static bool answer_is_due = false;
+// The daemon has yet to answer the last request on tov_rpc_sd.
+static bool answer_is_due TOV_GUARDED_BY(tov_rpc_lock) = false;
 
 struct free_message_s {
   void operator()(tov_msg_head_t *msg) const { free(msg); }
@@ -45,8 +45,9 @@ using message_t = std::unique_ptr<tov_msg_head_t, free_message_s>;
 // ---- fork -----------------------------------------------------------------------------------
 
 // Runs in the child, which has this one thread: what other threads of the parent held is put back
-// to its first state, because their copies here will never go on.
-static void start_afresh_in_child() {
+// to its first state, because their copies here will never go on. Not analysed: the lock that
+// guards this is one of them, and no other thread is there to guard it from.
+static void start_afresh_in_child() TOV_NO_THREAD_SAFETY {
   tov_errno_keeper_s keep;
   pthread_mutex_init(&tov_rpc_lock, nullptr);
   if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
@@ -66,22 +67,22 @@ void tov_rpc_guard_forks() {
   pthread_once(&once, install_fork_handler);
 }
 
-// ---- the kept connection, under tov_rpc_lock --------------------------------------------------
+// ---- the kept connection -----------------------------------------------------------------------
 
 // Ends the connection, at once or when its answer has come.
-static void drop_connection() {
+static void drop_connection() TOV_REQUIRES(tov_rpc_lock) {
   const bool due = std::exchange(answer_is_due, false);
   tov_fd_t sd(std::exchange(tov_rpc_sd, -1));
   if (due && sd.n >= 0) tov_rpc_overdue_add(tov_fd_take(sd));
 }
 
 // Drops a kept connection that may not serve again.
-static void drop_used_connection() {
+static void drop_used_connection() TOV_REQUIRES(tov_rpc_lock) {
   if (tov_rpc_sd >= 0 && tov_check_socket(tov_rpc_sd) != 0) drop_connection();
 }
 
 // Returns 0 with a connection in tov_rpc_sd, or -1.
-static int make_connection() {
+static int make_connection() TOV_REQUIRES(tov_rpc_lock) {
   if (tov_rpc_sd >= 0) return 0;
   char own_path[TOV_CLIENT_PATH_SIZE];
   snprintf(own_path, sizeof own_path, TOV_CLIENT_SOCKET_FMT, getpid());
@@ -90,7 +91,7 @@ static int make_connection() {
 }
 
 // Sends, and waits for the acknowledgement where one is wanted.
-static int exchange_message(tov_msg_head_t *msg, bool need_ack) {
+static int exchange_message(tov_msg_head_t *msg, bool need_ack) TOV_REQUIRES(tov_rpc_lock) {
   int ret = tov_inner_send_msg(tov_rpc_sd, msg);
   if (ret != 0) {
     TOV_DBG("%s: send fail(ret:%d, err:%d,%s)\n", "tov_rpc", ret, errno, strerror(errno));

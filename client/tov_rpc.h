@@ -4,25 +4,23 @@
 // wait for its acknowledgement. The daemon shares the message functions and makes requests itself
 // for third-part programs, never from its server thread, which would wait for its own answer.
 //
-// Rooms: tov_rpc_message (framing), tov_rpc_connect (connection), tov_rpc_overdue (connections that
-// are owed an answer), tov_rpc_fork (a fork between two requests), tov_rpc_stop (how the daemon
-// ends long waits), tov_rpc_cancel (withdrawing).
+// Rooms: tov_rpc_lock, tov_rpc_message (framing), tov_rpc_connect (connection), tov_rpc_overdue
+// (connections that are owed an answer), tov_rpc_fork (a fork between two requests), tov_rpc_stop
+// (how the daemon ends long waits), tov_rpc_cancel (withdrawing).
 #ifndef TOV_RPC_H
 #define TOV_RPC_H
-
-#include <pthread.h>
 
 #include "alive/tov_ras_os.h"  // ras_os_dump_msg(), the hex dump of a message
 #include "client/tov_rpc_connect.h"
 #include "client/tov_rpc_fork.h"
+#include "client/tov_rpc_lock.h"
 #include "client/tov_rpc_message.h"
 #include "client/tov_rpc_overdue.h"
 #include "client/tov_rpc_stop.h"
 #include "include/tov_wire.h"
 #include "include/tov_xtach.h"  // tov_cancel_proc(), which is public
 
-extern pthread_mutex_t tov_rpc_lock;  // serialises the requests of this process
-extern int tov_rpc_sd;                // the kept connection, -1: none; guarded by tov_rpc_lock
+extern int tov_rpc_sd TOV_GUARDED_BY(tov_rpc_lock);  // the kept connection, -1: none
 
 // Makes one request.
 //   type            of the message
@@ -38,12 +36,12 @@ extern int tov_rpc_sd;                // the kept connection, -1: none; guarded 
 // about 5 s), a failed send, or a connection that ended instead of acknowledging. 0 without an
 // acknowledgement means that the request left, or that the daemon was silent for 5 s.
 int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ack,
-            bool allow_tov_exit);
+            bool allow_tov_exit) TOV_EXCLUDES(tov_rpc_lock);
 
 // A request that a missing daemon must not lose: waits for the acknowledgement and makes up to 60
 // attempts, a second apart. Ends early when tov_rpc_stop_asked() says so.
 // Waits and locks as tov_rpc() does in each attempt. Returns the last attempt's result.
-int tov_rpc_persist(TOV_MSG_TYPE type, void *data, int datalen);
+int tov_rpc_persist(TOV_MSG_TYPE type, void *data, int datalen) TOV_EXCLUDES(tov_rpc_lock);
 
 // Removes the registration file of a living process, whose name follows from its device and its
 // command line. Prints what it did; nothing when the command line cannot be read.

@@ -27,14 +27,15 @@ struct overdue_s {
   int sd;         // -1: free
   uint64_t turn;  // the smaller, the older
 };
-static overdue_s overdue[TOV_RPC_OVERDUE_NUM] = {{-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
-static uint64_t next_turn = 0;
+static overdue_s overdue[TOV_RPC_OVERDUE_NUM] TOV_GUARDED_BY(tov_rpc_lock) = {
+    {-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
+static uint64_t next_turn TOV_GUARDED_BY(tov_rpc_lock) = 0;
 
 static void close_place(overdue_s &place) {
   const tov_fd_t close_it(std::exchange(place.sd, -1));
 }
 
-static overdue_s *find_room() {
+static overdue_s *find_room() TOV_REQUIRES(tov_rpc_lock) {
   overdue_s *place = std::find_if(std::begin(overdue), std::end(overdue),
                                   [](const overdue_s &each) { return each.sd < 0; });
   return place == std::end(overdue) ? nullptr : place;
@@ -42,7 +43,7 @@ static overdue_s *find_room() {
 
 // Waits until one place or more can be read from, closes those and returns whether there are any.
 // A failed wait finds nothing.
-static bool close_answered(int timeout_ms) {
+static bool close_answered(int timeout_ms) TOV_REQUIRES(tov_rpc_lock) {
   pollfd asked[TOV_RPC_OVERDUE_NUM];
   for (size_t i = 0; i < std::size(asked); i++)
     asked[i] = {.fd = overdue[i].sd, .events = POLLIN, .revents = 0};  // -1 is passed over
@@ -55,7 +56,7 @@ static bool close_answered(int timeout_ms) {
 
 // Returns a free place, for which a connection was closed unanswered if need be. Unlike the wait
 // for an acknowledgement this one has no caller to tell that a signal came, so it goes on.
-static overdue_s *make_room() {
+static overdue_s *make_room() TOV_REQUIRES(tov_rpc_lock) {
   const int64_t end_ms = tov_clock_ms() + TOV_ROOM_WAIT_MS;
   for (int64_t left_ms = TOV_ROOM_WAIT_MS; left_ms > 0 && !tov_rpc_stopping();
        left_ms = end_ms - tov_clock_ms()) {
@@ -86,7 +87,9 @@ void tov_rpc_overdue_look() {
   (void)close_answered(0);
 }
 
-void tov_rpc_overdue_forget() {
+// Not analysed: in the child of a fork no other thread is there, and the lock is a copy that one of
+// them may have taken along.
+void tov_rpc_overdue_forget() TOV_NO_THREAD_SAFETY {
   for (overdue_s &place : overdue)
     close_place(place);
 }

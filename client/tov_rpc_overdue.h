@@ -15,15 +15,17 @@
 #ifndef TOV_RPC_OVERDUE_H
 #define TOV_RPC_OVERDUE_H
 
+#include "client/tov_rpc_lock.h"
+
 enum { TOV_RPC_OVERDUE_NUM = 4 };
 
 // Puts a connection away, or closes it at once when the answer is there or can come no more.
 //   sd  connected socket, >= 0; the caller's no longer
 // Waits up to 5 s when all places are taken.
-void tov_rpc_overdue_add(int sd);
+void tov_rpc_overdue_add(int sd) TOV_REQUIRES(tov_rpc_lock);
 
 // Closes what has been answered or ended since. Without a system call when nothing is put away.
-void tov_rpc_overdue_look();
+void tov_rpc_overdue_look() TOV_REQUIRES(tov_rpc_lock);
 
 // For the child of a fork: closes its copies, which ends no connection of the parent's, and waits
 // for nothing. Takes no lock; async-signal-safe.

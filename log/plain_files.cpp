@@ -1,6 +1,6 @@
 // Plain-file writers beside the event logs.
 //
-// Threads: see the header. `tov_log_lock` guards writes to the journal's stream.
+// Threads: see the header.
 // Losses: a record that cannot be written is dropped; these files are evidence, not state.
 #include "log/plain_files.h"
 
@@ -26,10 +26,11 @@ static constexpr int SKIP_PIECE_SIZE = 128;
 static constexpr size_t COUNT_SIZE = 32;
 static constexpr mode_t PLAIN_MODE = 0666;
 
+static tov_mutex_t tov_log_lock = PTHREAD_MUTEX_INITIALIZER;
+
 // The journal. Null while it is closed, so that a write then has no effect; a stream that was
 // closed is forgotten at once and cannot be closed or written a second time.
-static FILE *fp = nullptr;
-static pthread_mutex_t tov_log_lock = PTHREAD_MUTEX_INITIALIZER;
+static FILE *fp TOV_GUARDED_BY(tov_log_lock) = nullptr;
 
 // The current time as ctime(3) puts it, without its line feed; empty when it cannot be told.
 static void time_text(char (&text)[TIME_SIZE]) {
@@ -139,19 +140,23 @@ void tov_log_notify_info(const char *path, const char *format, ...) {
 
 // ---- restart journal ------------------------------------------------------------------------
 
+static void close_journal() TOV_REQUIRES(tov_log_lock) {
+  if (fp != nullptr) (void)fclose(std::exchange(fp, nullptr));
+}
+
 int tov_openlog(const char *path) {
-  tov_closelog();
+  const tov_lock_guard_t guard(tov_log_lock);
+  close_journal();
   fp = tov_fopen_regular(path, O_WRONLY | O_CREAT | O_APPEND, "a").release();
   return fp == nullptr ? -1 : 0;
 }
 
 void tov_log(const char *format, ...) {
+  const tov_lock_guard_t guard(tov_log_lock);
   if (fp == nullptr) return;
   char when[TIME_SIZE];
   time_text(when);
   if (when[0] == '\0') return;
-
-  const tov_lock_guard_t guard(tov_log_lock);
   va_list arguments;
   va_start(arguments, format);
   write_record(fp, when, format, arguments);
@@ -160,6 +165,6 @@ void tov_log(const char *format, ...) {
 }
 
 void tov_closelog(void) {
-  if (fp == nullptr) return;
-  (void)fclose(std::exchange(fp, nullptr));
+  const tov_lock_guard_t guard(tov_log_lock);
+  close_journal();
 }

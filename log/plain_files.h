@@ -34,12 +34,11 @@ void tov_log_notify_info(const char *path, const char *format, ...)
 // ---- restart journal ------------------------------------------------------------------------
 
 // Opens the journal for appending. Returns 0, or -1 with errno.
-// tov_openlog() and tov_closelog() take no lock: their callers write under the lock of
-// `tov_chains`, which is held from the opening to the closing of each line.
+// The three functions here are serialised by a lock of their own, and what belongs together by that
+// of `tov_chains`, which their callers hold from the opening to the closing of each line.
 int tov_openlog(const char *path);
 
 // Appends "TIME TEXT\n" to the open journal and flushes it; nothing while no journal is open.
-// Serialised by a lock of its own.
 void tov_log(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Closes the journal; nothing when none is open.
