@@ -3,14 +3,15 @@
 // The texts are the device's operational interface: operators' tools match them letter by letter,
 // the differences in brackets, colons and arguments included. They stand in tables in the source.
 //
-// All functions: caller holds the lock of `tov_chains`, which also guards `tov_log_cnt`.
+// All functions: caller holds the lock of `tov_chains`.
 #ifndef TOV_CORE_POLICY_ANNOUNCE_H
 #define TOV_CORE_POLICY_ANNOUNCE_H
 
+#include "core/registry/tov_chain.h"
 #include "include/tov.h"
 
 // Restarts journalled since the journal was last begun anew; above 10 nothing is written.
-extern int tov_log_cnt;
+extern int tov_log_cnt TOV_GUARDED_BY(tov_chains);
 
 // What the texts speak of.
 struct tov_restart_news_s {
@@ -24,20 +25,20 @@ struct tov_restart_news_s {
 using tov_restart_news_t = tov_restart_news_s;
 
 // "... receives event and self-checking", or "... will be re-initialized".
-void tov_announce_before(const tov_restart_news_t &news);
+void tov_announce_before(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
 // "Self-checking OK", or "Re-initialized OK".
-void tov_announce_after(const tov_restart_news_t &news);
+void tov_announce_after(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
 // "Self-checking OK" after a suspension, whatever the exit code was that led to it.
-void tov_announce_self_check_ok(const tov_restart_news_t &news);
+void tov_announce_self_check_ok(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
 // Appends the line before a restart to the journal and counts it.
 // Returns 0, or -1 when the journal cannot be opened: the restart is then not made here.
-int tov_journal_before(const tov_restart_news_t &news);
+int tov_journal_before(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
 // Appends the line after a restart and begins the journal's other file anew when this one is full.
 // Returns 0, or -1 when the journal cannot be opened.
-int tov_journal_after(const tov_restart_news_t &news);
+int tov_journal_after(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
 #endif  // TOV_CORE_POLICY_ANNOUNCE_H

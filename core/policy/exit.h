@@ -38,6 +38,6 @@ using tov_registration_t = tov_registration_s;
 
 // Registers the process with our own server, which takes the lock of `tov_chains` in another
 // thread: never call it with that lock held. A failure is logged. Waits for the server's answer.
-void tov_register_found(const tov_registration_t &found);
+void tov_register_found(const tov_registration_t &found) TOV_EXCLUDES(tov_chains);
 
 #endif  // TOV_CORE_POLICY_EXIT_H
