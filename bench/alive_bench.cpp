@@ -39,11 +39,15 @@ static constexpr unsigned int BUDGET = 5;
 
 // ---- the watched threads ------------------------------------------------------------------------
 
+namespace {
+
 // Written by the watched threads, each its own place, and read when `ready` says so.
 struct Shared {
   std::atomic<int> ready;
   pid_t tids[MOST_THREADS];
 };
+
+}  // namespace
 
 static void *wait_for_ever(void *place) {
   auto *shared = static_cast<std::pair<Shared *, int> *>(place);
@@ -68,6 +72,8 @@ static void *wait_for_ever(void *place) {
   wait_for_ever(&places[0]);
   _exit(0);
 }
+
+namespace {
 
 // Watched threads and their records. Made once for each size.
 class Watched {
@@ -120,6 +126,8 @@ class Watched {
   Shared *shared_ = nullptr;
   std::vector<pid_t> pids_;
 };
+
+}  // namespace
 
 // ---- the scan -----------------------------------------------------------------------------------
 

@@ -44,6 +44,8 @@ static constexpr std::chrono::seconds CLIENTS_LIMIT{60};
 
 // ---- times of single calls --------------------------------------------------------------------
 
+namespace {
+
 // Collects the time of each iteration and reports median and p99 beside the mean.
 class Times {
  public:
@@ -99,6 +101,8 @@ class BatchTimes {
   std::vector<double> times_;
 };
 
+}  // namespace
+
 // ---- the floor ----------------------------------------------------------------------------------
 
 // Answers whatever comes with a head's worth of zeroes, one client at a time; at the server's
@@ -138,6 +142,8 @@ static void floor_exchange(int sd) {
   if (recv(sd, answer, sizeof answer, 0) < 0) abort();
 }
 
+namespace {
+
 class Floor {
  public:
   Floor() : listener_(bound_socket(FLOOR_PATH)) {
@@ -155,6 +161,8 @@ class Floor {
   tov_fd_t listener_;
   std::thread thread_;
 };
+
+}  // namespace
 
 static void FloorOpenConnection(benchmark::State &state) {
   const Floor floor;
@@ -218,6 +226,8 @@ static int registered() {
   return tov_chains.node_num;
 }
 
+namespace {
+
 // Client processes that register when the gate opens, and live until they are killed.
 class Clients {
  public:
@@ -253,6 +263,8 @@ class Clients {
   std::vector<pid_t> pids_;
 };
 
+}  // namespace
+
 // From the opening of the gate until the last of them stands in the registry.
 static void ThousandClientsAtOnce(benchmark::State &state) {
   for ([[maybe_unused]] auto _ : state) {
@@ -271,6 +283,8 @@ static void ThousandClientsAtOnce(benchmark::State &state) {
 BENCHMARK(ThousandClientsAtOnce)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
 
 // ---- signs of life ------------------------------------------------------------------------------
+
+namespace {
 
 // Where the exemption file is looked for: a file system in memory asks itself anew for a name that
 // it does not hold, one on a disk remembers that there is none.
@@ -295,6 +309,8 @@ class Data {
  private:
   bool on_disk_;
 };
+
+}  // namespace
 
 // What no sign of life can do without: who is calling, and whether there is an exemption file.
 static void FloorKeepAlive(benchmark::State &state) {

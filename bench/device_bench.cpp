@@ -75,6 +75,8 @@ static int64_t machine_forks() {
   return 0;
 }
 
+namespace {
+
 // Tells at its end how quiet the machine was.
 class Noise {
  public:
@@ -88,6 +90,8 @@ class Noise {
   int64_t begin_ns_ = monotonic_ns();
   int64_t forks_ = machine_forks();
 };
+
+}  // namespace
 
 // ---- programs -------------------------------------------------------------------------------
 
@@ -217,6 +221,8 @@ static Switches switches(pid_t pid) {
   return all;
 }
 
+namespace {
+
 // Wake-ups over some time, by thread.
 struct WakeUps {
   Switches count;
@@ -234,6 +240,8 @@ struct WakeUps {
     return found != count.end() ? static_cast<double>(found->second) / seconds : 0;
   }
 };
+
+}  // namespace
 
 static void print_wakeups(const WakeUps &all, const WakeUps &quiet) {
   double sum = 0, quiet_sum = 0;
@@ -276,10 +284,14 @@ static void measure_wakeups() {
 
 // ---- memory ---------------------------------------------------------------------------------
 
+namespace {
+
 struct Memory {
   int64_t rss_kb;
   int64_t pss_kb;
 };
+
+}  // namespace
 
 static Memory memory_of(pid_t pid) {
   Memory memory{atoll(tov_test::status_field(pid, "VmRSS").c_str()), 0};

@@ -20,6 +20,8 @@ enum {
   SEED = 1,
 };
 
+namespace {
+
 // A registry of `count` records, and process ids of it in random order.
 class Filled {
  public:
@@ -48,6 +50,8 @@ class Filled {
   std::vector<size_t> indexes;
   std::vector<pid_t> pids;
 };
+
+}  // namespace
 
 // Look-ups that do not wait for each other.
 static void look_up(benchmark::State &state) {

@@ -36,6 +36,8 @@ static constexpr size_t CMDLINE_SIZE = TOV_PROCESS_SIZE;
 
 // ---- the table of kept descriptors ---------------------------------------------------------
 
+namespace {
+
 // A registration file that this process wrote. It is the same file for as long as path, device
 // and inode agree; anything else at that path is somebody else's.
 struct kept_s {
@@ -45,6 +47,8 @@ struct kept_s {
   int fd;  // owned; holds the lock, unless locking failed for want of resources. -1: forgotten
   char path[FILE_NAME_SIZE];
 };
+
+}  // namespace
 
 // A plain mutex without priority inheritance: the library must not need an initialiser in its
 // host, and in the daemon the callers come under the registry's lock, which does inherit.
@@ -135,11 +139,15 @@ void tov_get_db_file_name(int vsd_id, int pid, const char *cmdline, char *out, i
 
 // ---- writing -------------------------------------------------------------------------------
 
+namespace {
+
 // The file's content in one buffer, so that one write brings it all.
 struct content_s {
   char text[NUMBERS_SIZE + CMDLINE_SIZE];
   size_t length;
 };
+
+}  // namespace
 
 static void make_content(content_s &content, int pid, int action, const char *cmdline) {
   const int cmdline_length = static_cast<int>(strnlen(cmdline, CMDLINE_SIZE - 1));

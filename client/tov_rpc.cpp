@@ -37,9 +37,14 @@ std::atomic<tov_rpc_stop_fn> tov_rpc_stop_asked{nullptr};
 // The daemon has yet to answer the last request on tov_rpc_sd.
 static bool answer_is_due TOV_GUARDED_BY(tov_rpc_lock) = false;
 
+namespace {
+
 struct free_message_s {
   void operator()(tov_msg_head_t *msg) const { free(msg); }
 };
+
+}  // namespace
+
 using message_t = std::unique_ptr<tov_msg_head_t, free_message_s>;
 
 // ---- fork -----------------------------------------------------------------------------------

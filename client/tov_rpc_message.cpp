@@ -27,9 +27,13 @@
 // who could free memory.
 enum { TOV_RESEND_PAUSE_US = 50 };
 
+namespace {
+
 struct free_block_s {
   void operator()(tov_msg_head_t *msg) const { free(msg); }
 };
+
+}  // namespace
 
 // True when a send that failed with `err` is to be made again; pauses first where that helps.
 static bool send_again(int err) {

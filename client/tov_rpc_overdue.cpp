@@ -21,12 +21,17 @@
 
 enum { TOV_ROOM_WAIT_MS = 5000 };
 
+namespace {
+
 // One place. A descriptor is stored last and taken out first: a fork may copy the places while
 // another thread is at work on them.
 struct overdue_s {
   int sd;         // -1: free
   uint64_t turn;  // the smaller, the older
 };
+
+}  // namespace
+
 static overdue_s overdue[TOV_RPC_OVERDUE_NUM] TOV_GUARDED_BY(tov_rpc_lock) = {
     {-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
 static uint64_t next_turn TOV_GUARDED_BY(tov_rpc_lock) = 0;

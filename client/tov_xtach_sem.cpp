@@ -20,12 +20,16 @@ enum {
   RETRY_PAUSE_S = 1
 };
 
+namespace {
+
 // What semctl(2) takes as its last argument; the C library leaves the definition to the caller.
 union semun_u {
   int val;
   semid_ds *buf;
   unsigned short *array;
 };
+
+}  // namespace
 
 int g_tov_sem_id = -1;
 

@@ -20,6 +20,8 @@
 
 enum { TOV_ODD_PERIOD_S = 180, TOV_ODD_COUNT = 4, TOV_EVEN_PERIOD_S = 120, TOV_EVEN_COUNT = 5 };
 
+namespace {
+
 // What a caller tells about its thread.
 struct thread_s {
   pid_t pid;
@@ -27,6 +29,8 @@ struct thread_s {
   unsigned int period_s;
   unsigned int count;
 };
+
+}  // namespace
 
 // Returns 0 when the call is meant for the calling thread and names all that is needed, else -1.
 static int check_caller(const thread_s &thread) {

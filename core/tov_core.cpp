@@ -41,12 +41,16 @@ enum {
 
 // ---- threads --------------------------------------------------------------------------------
 
+namespace {
+
 struct thread_s {
   void *(*body)(void *);
   const char *failure;     // event-log line
   const char *diagnostic;  // the same with a small first letter
   bool joined;             // the others are detached and end with the process
 };
+
+}  // namespace
 
 #define TOV_THREAD(body, subject, joined) \
   { body, "Fail to create " subject ": %s\n", "fail to create " subject ": %s\n", joined }
@@ -61,6 +65,8 @@ static constexpr thread_s threads[] = {
     TOV_THREAD(tov_delay_restart, "tov_delay_restart thread", false),
     TOV_THREAD(tov_proc_stat_check, "tov_proc_stat_check thread", false),
 };
+
+namespace {
 
 struct daemon_s {
   int argc;  // the command line
@@ -77,6 +83,8 @@ enum next_e {
   REFUSE,     // leave at once; there is nothing to tear down
   SHUT_DOWN,  // start nothing more and tear down what there is
 };
+
+}  // namespace
 
 // The daemon cannot run: its failure line gets a second to reach storage.
 static next_e give_up() {

@@ -84,6 +84,8 @@ static pid_t start_shell(const tov_test::Device &device) {
   return child;
 }
 
+namespace {
+
 // Hands on what the device has said since the last look.
 class Recorder {
  public:
@@ -106,6 +108,8 @@ class Recorder {
   size_t notices_ = 0;
   size_t console_bytes_ = 0;
 };
+
+}  // namespace
 
 static bool has_ended(pid_t child) {
   siginfo_t info{};

@@ -75,11 +75,15 @@ static void deliberate_ends(Stage &stage) {
   stage.end_and_see_away(stage.program(BY_SCRIPT), SIGTERM, "taken as a deliberate stop");
 }
 
+namespace {
+
 struct Scene {
   const char *title;
   const char *explanation;
   void (*play)(Stage &stage);
 };
+
+}  // namespace
 
 static constexpr Scene opening[] = {
     {"The daemon starts", "It listens on its socket and to the kernel's process events.",

@@ -15,6 +15,8 @@
 
 static constexpr mode_t OPEN_DIR_MODE = 0777;
 
+namespace {
+
 // A walk under way.
 struct walk_s {
   tov_fd_t at;  // the directory reached so far
@@ -25,6 +27,8 @@ struct walk_s {
 
 // What happens to a name that is missing on the way.
 enum missing_e { FAIL, MAKE };
+
+}  // namespace
 
 // ---- links ----------------------------------------------------------------------------------
 

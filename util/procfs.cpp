@@ -27,6 +27,8 @@ static constexpr useconds_t LIFE_PAUSE_US = 10000;
 
 // ---- command line ---------------------------------------------------------------------------
 
+namespace {
+
 // Hands out the bytes of a file one by one.
 struct byte_reader_s {
   int fd;
@@ -47,6 +49,8 @@ struct byte_reader_s {
     return chunk[at++];
   }
 };
+
+}  // namespace
 
 // Skips argv[0] with its NUL. Returns false when the file ends before the NUL.
 static bool skip_first_argument(byte_reader_s &reader) {

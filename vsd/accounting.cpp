@@ -97,10 +97,14 @@ uint64_t get_maxmem_set(int vsd_no) {
 
 // ---- the largest member ---------------------------------------------------------------------
 
+namespace {
+
 struct largest_s {
   pid_t pid = 0;
   int rss_kb = 0;
 };
+
+}  // namespace
 
 static constexpr const char *FIND_MAX = "find_max_rss";
 

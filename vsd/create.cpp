@@ -42,13 +42,20 @@ enum {
 };
 static constexpr mode_t OPEN_MODE = 0777;
 
+namespace {
+
 // The ways into a device.
 struct way_in_s {
   const char *name;  // of the function, for its diagnostics
   bool creates;      // makes also what a joining program finds there
 };
+
+}  // namespace
+
 static constexpr way_in_s CREATE = {"create_vsd", true};
 static constexpr way_in_s PLACE = {"create_proc_to_vsd", false};
+
+namespace {
 
 // A device's directories, in the order in which they are made.
 struct vsd_dir_s {
@@ -56,6 +63,9 @@ struct vsd_dir_s {
   bool creation_only;  // a joining program does without
   bool in_data2;       // only where there is a second data tree
 };
+
+}  // namespace
+
 static constexpr vsd_dir_s vsd_dirs[] = {
     {TOV_VSD_QX_CFG_DIR_FMT, false, false},  {TOV_VSD_QXOS_DIR_FMT, false, false},
     {TOV_VSD_DATA_DIR_FMT, false, false},    {TOV_VSD_DATA2_DIR_FMT, true, true},

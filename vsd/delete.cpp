@@ -32,6 +32,8 @@ enum {
   KILL_TO_REMOVAL_S = 10,
 };
 
+namespace {
+
 // Who removes a directory, as bits.
 enum variant_e : unsigned {
   DELETE = 1,
@@ -45,6 +47,8 @@ struct trace_s {
   unsigned removed_by;
   bool in_data2;  // looked for only where there is a second data tree
 };
+
+}  // namespace
 
 // In the order of removal.
 static constexpr trace_s traces[] = {
@@ -69,6 +73,8 @@ static void remove_traces(variant_e variant, int vsd_no) {
   }
 }
 
+namespace {
+
 // Ignores SIGPIPE while it lives; gives the caller's disposition back for what is started later.
 class deaf_to_pipe_s {
  public:
@@ -84,6 +90,8 @@ class deaf_to_pipe_s {
  private:
   struct sigaction before_ {};
 };
+
+}  // namespace
 
 // Says what comes next; operators watch these lines, so they are shown at once and always.
 static void announce(const char *format, int vsd_no) {

@@ -22,10 +22,14 @@
 
 static constexpr const char *FUNCTION = "kill_proc_by_groups";
 
+namespace {
+
 struct wanted_s {
   int signo;
   char group[16];  // decimal
 };
+
+}  // namespace
 
 static void complain_if_negative(int number, const char *what) {
   if (number >= 0) return;

@@ -29,12 +29,16 @@
 
 static constexpr size_t PATH_ROOM = 256;  // of a whole path, its end included
 
+namespace {
+
 // Where an entry stands.
 struct place_s {
   int dir;           // open directory, borrowed
   const char *name;  // in it
   size_t length;     // bytes of the whole path
 };
+
+}  // namespace
 
 static int remove_place(const place_s &place);
 

@@ -32,10 +32,14 @@ enum {
   IDLE_WAIT_MS = 2000,
 };
 
+namespace {
+
 enum result_e {
   RESULT_NAME = -1,
   RESULT_PRIORITY = -2,
 };
+
+}  // namespace
 
 // ---- executions -----------------------------------------------------------------------------
 
@@ -116,6 +120,8 @@ void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
 
 // ---- the thread -----------------------------------------------------------------------------
 
+namespace {
+
 // Slots one millisecond apart; each takes one event. A slot that was missed, because handling took
 // longer, is not made up for.
 class pace_s {
@@ -130,6 +136,8 @@ class pace_s {
   enum { SLOT_US = 1000 };
   int64_t slot_ = 0;
 };
+
+}  // namespace
 
 static void handle_events() {
   pace_s pace;

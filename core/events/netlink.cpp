@@ -31,6 +31,8 @@ enum {
   KERNEL_PORT_ID = 0,
 };
 
+namespace {
+
 enum result_e {
   RESULT_PRIORITY = -1,
   RESULT_SOCKET = -2,
@@ -38,6 +40,8 @@ enum result_e {
   RESULT_SUBSCRIBE = -4,
   RESULT_RECEIVE = -5,
 };
+
+}  // namespace
 
 // ---- one event ------------------------------------------------------------------------------
 

@@ -32,11 +32,15 @@ static int consumer_waits = 0;  // exchanged only
 
 // ---- the ring ------------------------------------------------------------------------------
 
+namespace {
+
 // An element index in the ring as a byte position, and how many elements follow it before the end.
 struct place_s {
   size_t offset;
   uint32_t until_end;
 };
+
+}  // namespace
 
 static place_s place_of(const kfifo *fifo, uint32_t index) {
   const uint32_t at = index & fifo->mask;

@@ -35,6 +35,8 @@ enum {
   REASON_SIZE = 200,
 };
 
+namespace {
+
 // Which file stands under a name; the inode 0 is no file.
 struct file_id_s {
   dev_t device = 0;
@@ -50,6 +52,8 @@ struct watch_s {
   file_id_s fork_file;
   file_id_s config_file;
 };
+
+}  // namespace
 
 // ---- fatal end ------------------------------------------------------------------------------
 

@@ -11,10 +11,14 @@ namespace tov_test {
 static constexpr size_t DESCRIPTORS_MAX = 4;
 static constexpr size_t TEXT_MAX_BYTES = 1024;
 
+namespace {
+
 union ControlBuffer {
   char bytes[CMSG_SPACE(DESCRIPTORS_MAX * sizeof(int))];
   cmsghdr aligned;
 };
+
+}  // namespace
 
 bool send_message(int socket, const std::string &text, const std::vector<int> &descriptors) {
   std::string copy = text.substr(0, TEXT_MAX_BYTES);

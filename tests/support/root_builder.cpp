@@ -91,10 +91,14 @@ static void open_namespaces() {
   check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
 }
 
+namespace {
+
 struct Kept {
   std::string path;
   tov_fd_t directory;
 };
+
+}  // namespace
 
 static bool stays_visible(const std::string &path) {
 #ifdef TOV_COVERAGE

@@ -20,6 +20,8 @@ namespace tov_test {
 static constexpr int REPORT_FD_MIN = 100;  // out of the way of the descriptors that the child gets
 static constexpr int EXIT_NOT_STARTED = 127;
 
+namespace {
+
 // What the child needs, prepared before the fork.
 struct Prepared {
   const SpawnRequest &request;
@@ -31,6 +33,8 @@ struct Step {
   const char *name;
   bool (*run)(const Prepared &prepared);  // false: errno tells
 };
+
+}  // namespace
 
 static bool join(int ns, int kind) {
   return ns < 0 || setns(ns, kind) == 0;
@@ -94,10 +98,14 @@ static constexpr Step steps[] = {
     {"exec", execute},
 };
 
+namespace {
+
 struct Report {
   size_t step;
   int error;
 };
+
+}  // namespace
 
 [[noreturn]] static void child_main(const Prepared &prepared, int report_fd) {
   Report report{0, 0};

@@ -42,6 +42,8 @@
 
 #include <string>
 
+namespace {
+
 struct Orders {
   int exit_code = -1;
   int signal = 0;
@@ -59,6 +61,8 @@ struct Orders {
   std::string exec;
   std::string print;
 };
+
+}  // namespace
 
 static Orders orders;
 static std::string report_path;

@@ -48,6 +48,8 @@
 static constexpr long TICK_MS = 20;
 static constexpr unsigned int WATCH_ARGUMENT = 2;  // even: a period of 120 s, 5 missed
 
+namespace {
+
 struct Orders {
   TOV_MSG_TYPE type = TOV_NORMAL_EXIT;
   bool by_path = false;
@@ -61,6 +63,8 @@ struct Orders {
   bool idle = false;
   int sponsor_fd = -1;
 };
+
+}  // namespace
 
 static Orders orders;
 static std::string words;  // the command line, as the daemon reads it
