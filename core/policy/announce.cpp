@@ -16,6 +16,8 @@ int tov_log_cnt = 0;
 
 // ---- texts and the values they take ---------------------------------------------------------
 
+namespace {
+
 enum values_e {
   NAME_PID_CODE,
   NAME_PID,
@@ -28,6 +30,8 @@ struct text_s {
   values_e values;
   const char *format;
 };
+
+}  // namespace
 
 enum { TEXT_SIZE = TOV_PROCESS_SIZE * 2 + 256 };  // two names and the words around them
 
@@ -54,11 +58,15 @@ static void fill_in(char *out, size_t size, const text_s &text, const tov_restar
 
 // ---- announcements --------------------------------------------------------------------------
 
+namespace {
+
 struct announcement_s {
   const char *mnemonic;
   text_s notice;
   text_s event;
 };
+
+}  // namespace
 
 // Rows by way of the restart: [0] executed again, [1] by script.
 static constexpr announcement_s self_check_before[] = {
@@ -118,6 +126,8 @@ void tov_announce_self_check_ok(const tov_restart_news_t &news) {
 
 enum { JOURNAL_RESTARTS_PER_FILE = 5 };
 
+namespace {
+
 struct journal_file_s {
   const char *path;
   text_s before[2];  // [0] executed again, [1] by script
@@ -125,6 +135,8 @@ struct journal_file_s {
   const char *other;          // begun anew when this file is full
   const char *remove_failed;  // diagnostic
 };
+
+}  // namespace
 
 static constexpr text_s script_before = {
     NAME_PID_CODE,

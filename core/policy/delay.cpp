@@ -15,11 +15,15 @@ enum {
   PAUSE_S = 1,
 };
 
+namespace {
+
 struct delayed_exit_s {
   pid_t pid = 0;  // 0: none
   int exit_signal = 0;
   int force_restart = 0;
 };
+
+}  // namespace
 
 static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
   if (tov_get_time() - record.delay_tm > LONGEST_DELAY_S) {

@@ -20,10 +20,14 @@ enum {
   REASON_SIZE = 200,
 };
 
+namespace {
+
 struct limits_s {
   int span_s = SPAN_S;
   int threshold = THRESHOLD;
 };
+
+}  // namespace
 
 static limits_s read_limits() {
   limits_s limits;

@@ -33,6 +33,8 @@ static_assert([] {
   return std::size(headings) == TOV_DUMP_KIND_NUM;
 }());
 
+namespace {
+
 // Owns the text that a memory stream leaves behind.
 struct dump_s {
   char *text = nullptr;
@@ -42,6 +44,8 @@ struct dump_s {
   dump_s &operator=(const dump_s &) = delete;
   ~dump_s() { free(text); }
 };
+
+}  // namespace
 
 static void write_heading(FILE *out, int kind) {
   if (kind < 0 || kind >= TOV_DUMP_KIND_NUM) return;

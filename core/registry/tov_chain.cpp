@@ -26,6 +26,8 @@ tov_chains_t tov_chains_delay;
 // ---- the lock and its order ----------------------------------------------------------------
 
 #ifndef NDEBUG
+namespace {
+
 // How often this thread holds each registry. Plain numbers: detached threads may still run while
 // the process ends, so nothing here may have a destructor.
 struct held_s {
@@ -33,6 +35,8 @@ struct held_s {
   int alive;
   int delay;
 };
+
+}  // namespace
 static thread_local held_s held;
 
 // The count of a registry, or null for one that takes no part in the order (a test's own).
