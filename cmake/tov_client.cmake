@@ -145,11 +145,3 @@ foreach(example IN LISTS tov_examples)
   install(FILES examples/${name}.${language} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
     COMPONENT client)
 endforeach()
-
-# The tests that look at the product look at the one of this build.
-if(TOV_TESTS)
-  foreach(test product_public_symbols product_installed_client product_installed_headers)
-    cmake_language(EVAL CODE
-      "cmake_language(DEFER CALL add_dependencies ${test} tov_shared tov_archive)")
-  endforeach()
-endif()
