@@ -37,11 +37,7 @@ class sigchld_block_s {
 
  private:
   sigset_t saved_{};
-
-}  // namespace
-};  // namespace
-
-namespace {
+};
 
 // Everything that the child and the bookkeeping need, made before the fork.
 struct start_s {
@@ -49,17 +45,17 @@ struct start_s {
   const tov_pid_t &record;
   tov_words_t words;
   char script[TOV_PROCESS_SIZE] = {};
+  char shell[8] = "/bin/sh";
+  char start[8] = "start";
+  char *script_argv[4] = {shell, script, start, nullptr};
+  const char *shown;  // how messages name the program
+  int vsd_no;         // of the dead instance; asked once, before the child removes its marker
+  tov_proc_plan_t plan;
+
+  start_s(const tov_pid_t &dead, const tov_proc_how_t &way);
+};
 
 }  // namespace
-char shell[8] = "/bin/sh";
-char start[8] = "start";
-char *script_argv[4] = {shell, script, start, nullptr};
-const char *shown;  // how messages name the program
-int vsd_no;         // of the dead instance; asked once, before the child removes its marker
-tov_proc_plan_t plan;
-
-start_s(const tov_pid_t &dead, const tov_proc_how_t &way);
-};  // namespace
 
 // A first word with a "/" gives NAME.sh, one without gives the word itself: installed systems
 // have their scripts under exactly these names.
