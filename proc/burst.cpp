@@ -5,7 +5,7 @@
 
 #include "core/registry/record.h"
 #include "core/run/flags.h"
-#include "core/run/settings.h"
+#include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/ha_notice.h"
 #include "log/tov_dbg.h"
@@ -93,8 +93,7 @@ static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, t
   TOV_DBG(sentence, record->process);
   safe_sleep(1);
   (void)tov_log_with_type(TOV_LOG_RUN_EVENT, sentence, record->process);
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
   char reason[REASON_SIZE];
   (void)snprintf(reason, sizeof reason, sentence, record->process);
   (void)protect_selfhealing_do_action(PSH_RELOAD_SELF_ACT, 0, "tov", reason);

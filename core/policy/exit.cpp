@@ -19,12 +19,12 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "proc/tov_proc.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
-#include "vsd/marker.h"
+#include "vsd/path.h"
 
 enum {
   ATTRIBUTE_SIZE = 256,
-  MEMBER_PATH_SIZE = 64,
   SCANS_MAX = 10,
 };
 
@@ -113,26 +113,22 @@ void exit_case_s::note() {
 
 // ---- deliberate stops -----------------------------------------------------------------------
 
-// Removes the markers of `pid` from the member directory of a device. Directories - "db" always
+// Removes the files of `pid` from the member directory of a device. Directories - "db" always
 // stands there - are passed over; any other entry that cannot be opened stops the removal.
-static bool remove_member_markers(int vsd_no, pid_t pid) {
-  char path[MEMBER_PATH_SIZE];
-  (void)snprintf(path, sizeof path, TOV_VSD_MEMBER_DIR_FMT, vsd_no);
-  tov_dir_t dir(opendir(path));
-  if (!dir) {
+static bool remove_member_files(int vsd_no, pid_t pid) {
+  tov_entries_t files(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text);
+  if (!files) {
     TOV_DBG("%s: chdir fail: %s\n", function, strerror(errno));
     return false;
   }
-  int dir_fd = dirfd(dir.get());
-  while (const dirent *entry = readdir(dir.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    tov_fd_t fd(
-        openat(dir_fd, entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  while (const char *name = files.next()) {
+    const tov_fd_t fd(
+        openat(files.fd(), name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.n < 0) {
       if (errno == EISDIR) continue;
       return false;
     }
-    if (tov_atoi(entry->d_name) == pid) (void)unlinkat(dir_fd, entry->d_name, 0);
+    if (tov_atoi(name) == pid) (void)unlinkat(files.fd(), name, 0);
   }
   return true;
 }
@@ -144,7 +140,7 @@ void exit_case_s::accept_stop() {
   (void)tov_log_with_type(TOV_LOG_RUN_EVENT,
                           "Task:%s,pid:%d,vsd_no:%d,killed by signal 15 from others.\n",
                           record_->process, record_->pid, vsd_no);
-  if (vsd_no > 0 && !remove_member_markers(vsd_no, record_->pid)) return;
+  if (vsd_no > 0 && !remove_member_files(vsd_no, record_->pid)) return;
   TOV_DBG("%s: hlist_del\n", function);
   tov_record_forget(held_, record_);
 }

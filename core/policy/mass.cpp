@@ -5,6 +5,7 @@
 
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/lowmem.h"
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_log.h"
@@ -68,8 +69,7 @@ static void ask_for_reload(const limits_s &limits, const char *list) {
   TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT,
                   "tov detect more than %d process exit in shorttime[%d]s, system reboot.\n",
                   limits.threshold, limits.span_s);
-  tov_log_flush_emergency();
-  safe_sleep(1);
+  tov_log_flush_and_wait();
   char reason[REASON_SIZE];
   (void)snprintf(reason, sizeof reason,
                  "tov detect more than %d process exit in shorttime[%d]s\n, %s\n", limits.threshold,

@@ -11,7 +11,9 @@
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/entries.h"
 #include "util/tov_utils.h"
+#include "vsd/path.h"
 
 enum {
   DEVICE_FIRST = 0,
@@ -47,13 +49,10 @@ static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
 }
 
 static void rebuild_device(tov_chains_t *chains, int vsd_id) {
-  char path[PATH_SIZE];
-  (void)snprintf(path, sizeof path, TOV_VSD_DB_DIR_FMT, vsd_id);
-  tov_dir_t dir(opendir(path));
-  if (!dir) return;
-  while (const dirent *entry = readdir(dir.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    tov_pid_t *record = read_record(vsd_id, path, entry->d_name);
+  const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
+  tov_entries_t files(dir.text);
+  while (const char *name = files.next()) {
+    tov_pid_t *record = read_record(vsd_id, dir.text, name);
     if (record == nullptr) continue;
     const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);

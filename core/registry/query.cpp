@@ -40,8 +40,7 @@ int tov_check_process_alive(tov_pid_t *record) {
   char command[COMMAND_SIZE];
   if (pid_to_cmdline(record->pid, command, sizeof command) == nullptr) return -1;
   rtrim(command);  // as the record was when it was made: an empty last argument reads as a blank
-  int vsd_id = get_vsdid(record->pid);
-  if ((vsd_id < 0 ? 0 : vsd_id) != record->vsd_id) return -1;
+  if (tov_vsd_or_base(record->pid) != record->vsd_id) return -1;
   if (strcmp(record->process, command) != 0) return -1;
   return process_life(record->pid) == 0 ? 0 : -1;
 }
