@@ -37,6 +37,9 @@
 #define TOV_ACQUIRE(...) TOV_THREAD_SAFETY_(acquire_capability(__VA_ARGS__))
 #define TOV_RELEASE(...) TOV_THREAD_SAFETY_(release_capability(__VA_ARGS__))
 
+/* A function whose return means that the lock is held: its caller has shown a guard. */
+#define TOV_ASSERT_CAPABILITY(lock) TOV_THREAD_SAFETY_(assert_capability(lock))
+
 /* A function that takes the locks itself and must not be called with them held, as it would wait
  * for its own caller. */
 #define TOV_EXCLUDES(...) TOV_THREAD_SAFETY_(locks_excluded(__VA_ARGS__))

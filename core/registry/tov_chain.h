@@ -34,8 +34,12 @@ class TOV_SCOPED_CAPABILITY tov_chains_guard_s {
   tov_chains_guard_s(const tov_chains_guard_s &) = delete;
   tov_chains_guard_s &operator=(const tov_chains_guard_s &) = delete;
   ~tov_chains_guard_s() TOV_RELEASE() { release(); }
-  void release() TOV_RELEASE();                       // unlocks before the end of the scope; once
-  tov_chains_t *registry() const { return chains_; }  // null once released
+  void release() TOV_RELEASE();  // unlocks before the end of the scope; once
+
+  // The registry; null once released. Who is shown a guard as a witness calls
+  // `tov_chain_remove(held.registry(), ...)` and the like, in this form: the analysis takes it that
+  // the lock is held.
+  tov_chains_t *registry() const TOV_ASSERT_CAPABILITY(*registry()) { return chains_; }
 
  private:
   tov_chains_t *chains_;
