@@ -171,7 +171,7 @@ static constexpr journal_file_s journal_files[] = {
 enum { JOURNAL_RESTARTS = JOURNAL_RESTARTS_PER_FILE * static_cast<int>(std::size(journal_files)) };
 
 // The file that the counted restart belongs to, or null when the journal is silent.
-static const journal_file_s *journal_file() {
+static const journal_file_s *journal_file() TOV_REQUIRES(tov_chains) {
   if (tov_log_cnt < 1 || tov_log_cnt > JOURNAL_RESTARTS) return nullptr;
   return &journal_files[(tov_log_cnt - 1) / JOURNAL_RESTARTS_PER_FILE];
 }

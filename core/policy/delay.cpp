@@ -37,12 +37,12 @@ static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
 static delayed_exit_s take_due() {
   delayed_exit_s due;
   const tov_chains_guard_t held(tov_chains_delay);
-  tov_chain_for_each(&tov_chains_delay, [&](tov_pid_t &record) {
-    if (!is_due(held, record)) return true;
+  for (tov_pid_t &record : tov_chain_records(&tov_chains_delay)) {
+    if (!is_due(held, record)) continue;
     due = {record.pid, record.exit_signal, record.force_restart};
     tov_chain_remove(&tov_chains_delay, &record);
-    return false;
-  });
+    break;
+  }
   return due;
 }
 

@@ -82,6 +82,7 @@ static constexpr char function[] = "tov_handle_netlink_exit";  // as its message
 
 tov_twin_e exit_case_s::twin() {
   if (std::exchange(twin_asked_, true)) return twin_;
+  held_.shows(tov_chains);
   other_ = tov_proc_is_running(record_);
   if (other_ == nullptr) return twin_;
   if (other_ == record_) return twin_ = TOV_TWIN_IN_CHARGE;

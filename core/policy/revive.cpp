@@ -33,15 +33,19 @@ static_assert([] {  // rows in the enumeration's order, none missing, none extra
 }());
 
 // Says what will be done. Returns false when it cannot be journalled: it is not done then.
-static bool say_before(const occasion_s &occasion, const tov_restart_news_t &news) {
+static bool say_before(const tov_chains_guard_t &held, const occasion_s &occasion,
+                       const tov_restart_news_t &news) {
   if (occasion.before == nullptr) return true;
+  held.shows(tov_chains);
   if (occasion.obeys_markers && del_dev_mon_log() == 0) return true;
   occasion.before(news);
   return !occasion.obeys_markers || debug_log() != 0 || tov_journal_before(news) >= 0;
 }
 
-static void say_after(const occasion_s &occasion, const tov_restart_news_t &news) {
+static void say_after(const tov_chains_guard_t &held, const occasion_s &occasion,
+                      const tov_restart_news_t &news) {
   if (occasion.after == nullptr) return;
+  held.shows(tov_chains);
   // The marker stands for one restart that nobody hears of.
   if (occasion.obeys_markers && del_dev_mon_restart() == 0) return;
   occasion.after(news);
@@ -55,7 +59,7 @@ pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e
   const tov_task_name_s name(*record);
   tov_restart_news_t news{name.text, record->action == SHELL_RESTART, record->pid,
                           static_cast<unsigned int>(record->exit_signal)};
-  if (!say_before(occasion, news)) return -1;
+  if (!say_before(held, occasion, news)) return -1;
 
   pid_t new_pid = -1;
   const pid_t result = tov_proc_restart(held, record, &new_pid);
@@ -64,6 +68,6 @@ pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e
   tov_record_renew(held, record, new_pid);
   news.count = record->count;
   news.new_pid = new_pid;
-  say_after(occasion, news);
+  say_after(held, occasion, news);
   return result;
 }

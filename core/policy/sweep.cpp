@@ -31,23 +31,19 @@ static void look_at(const tov_chains_guard_t &held, tov_pid_t &record) {
 }
 
 // A record of the bucket that was missed once too often, or null.
-static tov_pid_t *find_lost(unsigned int bucket) {
-  tov_pid_t *lost = nullptr;
-  tov_chain_for_each_in(&tov_chains, bucket, [&](tov_pid_t &record) {
-    if (record.stat_check_cnt > MISSES_ALLOWED) lost = &record;
-    return lost == nullptr;
-  });
-  return lost;
+static tov_pid_t *find_lost(unsigned int bucket) TOV_REQUIRES(tov_chains) {
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, bucket)) {
+    if (record.stat_check_cnt > MISSES_ALLOWED) return &record;
+  }
+  return nullptr;
 }
 
 // The bucket's share under the lock. Returns the processes to register when it is gone.
 static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
   std::vector<tov_registration_t> found;
   const tov_chains_guard_t held(tov_chains);
-  tov_chain_for_each_in(&tov_chains, bucket, [&held](tov_pid_t &record) {
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, bucket))
     look_at(held, record);
-    return true;
-  });
   // A walk of its own for each: the decision about one record may remove others.
   while (tov_pid_t *lost = find_lost(bucket)) {
     tov_record_clear_misses(held, lost);

@@ -46,7 +46,8 @@ bool tov_burst_is_over(int count) {
 // ---- moves ----------------------------------------------------------------------------------
 
 // The registry whose lock the witness holds, and in which the record is.
-static tov_chains_t *registry_of(const tov_chains_guard_t &held) {
+static tov_chains_t *registry_of(const tov_chains_guard_t &held)
+    TOV_ASSERT_CAPABILITY(*registry_of(held)) {
   assert(held.registry() != nullptr && "the guard was released");
   return held.registry();
 }

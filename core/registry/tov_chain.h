@@ -13,6 +13,8 @@
 #ifndef TOV_CHAIN_H
 #define TOV_CHAIN_H
 
+#include <assert.h>
+
 #include <iterator>
 #include <span>
 
@@ -40,6 +42,12 @@ class TOV_SCOPED_CAPABILITY tov_chains_guard_s {
   // `tov_chain_remove(held.registry(), ...)` and the like, in this form: the analysis takes it that
   // the lock is held.
   tov_chains_t *registry() const TOV_ASSERT_CAPABILITY(*registry()) { return chains_; }
+
+  // Says that the witness is the guard of this very registry; debug builds assert it.
+  void shows(const tov_chains_t &chains) const TOV_ASSERT_CAPABILITY(chains) {
+    assert(chains_ == &chains && "the guard of another registry, or released");
+    (void)chains;
+  }
 
  private:
   tov_chains_t *chains_;
