@@ -28,7 +28,7 @@ function(tov_sanitizer_rows out)
       "system calls, and processes that share memory"
     "^module\\.core\\.registry\\.query$"
       "a list, read by one thread"
-    "^module\\.client\\.(tov_pidfile_read|tov_xtach_file|tov_xtach_sem)$"
+    "^module\\.client\\.(tov_pidfile_read|tov_xtach_fd|tov_xtach_file|tov_xtach_sem)$"
       "files and semaphores"
     "^module\\.core\\.(setup|third_part)$"
       "the start of the daemon, before its threads"
@@ -36,15 +36,15 @@ function(tov_sanitizer_rows out)
       "decisions, called by one thread"
     "^module\\.core\\.run\\.settings$"
       "files"
-    "^module\\.log\\.notice$"
+    "^module\\.log\\.(ha_notice|notice)$"
       "texts"
-    "^module\\.platform\\.generic\\.(health|syslog)$"
+    "^module\\.platform\\.generic\\.tov_platform_(health|syslog)$"
       "texts, and children of one thread"
     "^module\\.proc\\.burst$"
       "decisions, called by one thread"
     "^module\\.util\\.(list_file|path)$"
       "parsers"
-    "^module\\.vsd\\.(accounting|create|delete|entry|group|marker|member|place|tov_opt)$"
+    "^module\\.vsd\\.(accounting|create|delete|entry|group|kill|marker|member|place|show|tov_opt)$"
       "the command line, which never has a second thread")
 
   set(rows "")

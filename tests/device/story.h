@@ -19,22 +19,11 @@
 
 #include "include/tov_wire.h"
 #include "tests/support/device.h"
+#include "tests/support/event_log.h"
 
 namespace tov_test {
 
 inline constexpr Millis STORY_LIMIT_MS{10'000};
-
-// Event log files by kind.
-inline constexpr char KILL_LOG[] = "tov_kill_process.log";
-inline constexpr char RESTART_LOG[] = "tov_restart_process.log";
-inline constexpr char RUN_LOG[] = "tov_run_event.log";
-inline constexpr char ERROR_LOG[] = "tov_error_event.log";
-inline constexpr char ALIVE_LOG[] = "user_register_alive.log";
-inline constexpr char REGISTER_LOG[] = "user_register_restart.log";
-inline constexpr const char *EVENT_LOGS[] = {KILL_LOG,  RESTART_LOG, RUN_LOG,
-                                             ERROR_LOG, ALIVE_LOG,   REGISTER_LOG};
-
-inline constexpr char EVENT_LOG_DIR[] = "/qxos/vsd_common/tov";
 
 // ---- a task ---------------------------------------------------------------------------------
 
@@ -119,10 +108,9 @@ inline bool is_miss_of_sweep(const std::string &text) {
 // The lines of one event log without their time stamps. What the sweep merely missed is left out,
 // since nobody can foresee it; tests of the sweep ask for those lines with need_event().
 inline std::vector<std::string> event_texts(const Device &device, const std::string &log) {
-  static constexpr size_t STAMP_CHARS = 25;  // "2026-11-15 102541 004512 "
   std::vector<std::string> texts;
   for (const std::string &line : device.event_log(log)) {
-    std::string text = line.size() < STAMP_CHARS ? line : line.substr(STAMP_CHARS);
+    std::string text = without_stamp(line);
     if (!is_miss_of_sweep(text)) texts.push_back(std::move(text));
   }
   return texts;

@@ -18,14 +18,13 @@ static constexpr Millis SWEEPS_LIMIT_MS{30'000};
 
 // What the restart log says about one process of a task, the sweep's lines included.
 static std::vector<std::string> about(const Device &device, const Task &task, pid_t pid) {
-  static constexpr size_t STAMP_CHARS = 25;
   std::vector<std::string> texts;
   for (const std::string &line : device.event_log(RESTART_LOG)) {
     const bool is_named =
         line.find(task.name) != std::string::npos || line.find(task.shown) != std::string::npos;
     const bool is_meant = is_named && (line.find("/" + std::to_string(pid) + " ") != line.npos ||
                                        line.find(" " + std::to_string(pid) + ")") != line.npos);
-    if (is_meant) texts.push_back(line.substr(STAMP_CHARS));
+    if (is_meant) texts.push_back(without_stamp(line));
   }
   return texts;
 }

@@ -28,6 +28,16 @@ inline void note_sleeps(bool takes_time) {
   fake_sleep.takes_time = takes_time;
 }
 
+// A fixture in whose tests sleeps are noted and take their time.
+template <typename Fixture>
+class NotesSleeps : public Fixture {
+ protected:
+  void SetUp() override {
+    Fixture::SetUp();
+    note_sleeps(true);
+  }
+};
+
 }  // namespace tov_test
 
 // A wait for descriptors is left to the kernel.

@@ -33,6 +33,22 @@ inline void refuse(std::initializer_list<long> calls, int error) {
   ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter, 0, 0), 0);
 }
 
+// While it lives, this process gets no further descriptor.
+class NoMoreDescriptors {
+ public:
+  NoMoreDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit none{0, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  NoMoreDescriptors(const NoMoreDescriptors &) = delete;
+  NoMoreDescriptors &operator=(const NoMoreDescriptors &) = delete;
+  ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
 // Gives up what real-time scheduling needs; also in a forked child only.
 inline void give_up_priorities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};

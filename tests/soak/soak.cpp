@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "tests/support/device.h"
+#include "tests/support/event_log.h"
 
 using tov_test::Device;
 using tov_test::Millis;
@@ -41,7 +42,6 @@ namespace {
 
 enum { EXIT_RIGHT = 0, EXIT_WRONG = 1, EXIT_UNABLE = 2 };
 
-constexpr char KILL_LOG[] = "tov_kill_process.log";
 constexpr char ALIVE_LOG[] = "user_register_alive.log";
 constexpr char PROGRAM[] = "soaked";
 constexpr int64_t PASS_S = 60;       // of the daemon's clock, between two looks of its watchdog
@@ -51,7 +51,6 @@ constexpr int PASSES_TO_SPEND = 10;  // a budget of 5 periods of 120 s
 // and go; that ends when it has gone round once.
 constexpr int RING_KB = 512;
 constexpr int GROWTH_LIMIT_KB = RING_KB + 256;
-constexpr size_t STAMP_CHARS = 25;  // in front of the text of an event
 constexpr Millis START_LIMIT_MS{120'000};
 constexpr Millis LOOK_MS{500};
 constexpr int PROGRESS_S = 60;
@@ -178,8 +177,8 @@ void Soak::start() {
 // What must hold at every moment: the daemon lives, has reported nobody and has not grown.
 void Soak::look(const char *when) {
   if (device_.wait(device_.daemon_pid(), Millis(0))) throw Wrong("the daemon has ended");
-  if (!device_.event_log(KILL_LOG).empty())
-    throw Wrong("reported although alive: " + device_.event_log(KILL_LOG)[0]);
+  if (!device_.event_log(tov_test::KILL_LOG).empty())
+    throw Wrong("reported although alive: " + device_.event_log(tov_test::KILL_LOG)[0]);
   const Usage now = usage();
   most_.resident_kb = std::max(most_.resident_kb, now.resident_kb);
   most_.private_kb = std::max(most_.private_kb, now.private_kb);
@@ -212,8 +211,8 @@ void Soak::live() {
 
 std::set<std::string> Soak::killed() const {
   std::set<std::string> texts;
-  for (const std::string &line : device_.event_log(KILL_LOG))
-    texts.insert(line.substr(std::min(line.size(), STAMP_CHARS)));
+  for (const std::string &line : device_.event_log(tov_test::KILL_LOG))
+    texts.insert(tov_test::without_stamp(line));
   return texts;
 }
 

@@ -72,4 +72,11 @@ std::optional<Birth> parse_birth(const std::string &line) {
   return birth;
 }
 
+std::vector<Birth> parse_births(const std::vector<std::string> &lines) {
+  std::vector<Birth> all;
+  for (const std::string &line : lines)
+    if (auto birth = parse_birth(line)) all.push_back(std::move(*birth));
+  return all;
+}
+
 }  // namespace tov_test

@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tov_test {
 
@@ -37,6 +38,9 @@ struct Birth {
 
 // Empty when the line is not a whole birth line.
 std::optional<Birth> parse_birth(const std::string &line);
+
+// All of a report; other lines are passed over.
+std::vector<Birth> parse_births(const std::vector<std::string> &lines);
 
 }  // namespace tov_test
 

@@ -2,12 +2,14 @@
 #include "tests/support/children.h"
 
 #include <linux/sched.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -15,8 +17,9 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
-#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 
@@ -76,6 +79,38 @@ int bury_child(pid_t child) {
   return buried == child ? status : -1;
 }
 
+std::optional<int> wait_child(pid_t child, Millis limit) {
+  const tov_fd_t process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  pollfd ended{process.n, POLLIN, 0};
+  if (poll(&ended, 1, static_cast<int>(limit.count()) * patience()) <= 0) return std::nullopt;
+  return bury_child(child);
+}
+
+int end_child(pid_t child) {
+  kill(child, SIGKILL);
+  return bury_child(child);
+}
+
+// Children of every thread.
+static std::vector<pid_t> all_children() {
+  std::vector<pid_t> all;
+  for (const auto &task : fs::directory_iterator("/proc/self/task")) {
+    std::istringstream children(read_small_file(task.path().string() + "/children"));
+    for (pid_t child = 0; children >> child;)
+      all.push_back(child);
+  }
+  return all;
+}
+
+void end_children() {
+  for (std::vector<pid_t> children; !(children = all_children()).empty();) {
+    for (const pid_t child : children)
+      kill(child, SIGKILL);  // all of them before the first wait: the end of one frees its own
+    for (const pid_t child : children)
+      (void)bury_child(child);
+  }
+}
+
 // The session is told for a zombie, too. A process that is gone has none.
 static bool is_orphan(pid_t child) {
   const std::string stat = read_small_file("/proc/" + std::to_string(child) + "/stat");
@@ -99,11 +134,8 @@ static bool bury_if_orphan(pid_t child) {
 
 // The long way: a child that the test has not waited for yet hides the orphans behind it.
 static void search_orphans() {
-  for (const auto &task : fs::directory_iterator("/proc/self/task")) {
-    std::istringstream children(read_small_file(task.path().string() + "/children"));
-    for (pid_t child = 0; children >> child;)
-      bury_if_orphan(child);
-  }
+  for (const pid_t child : all_children())
+    bury_if_orphan(child);
 }
 
 void bury_orphans() {

@@ -13,6 +13,10 @@
 
 #include <sys/types.h>
 
+#include <optional>
+
+#include "tests/support/processes.h"
+
 namespace tov_test {
 
 // From now on the orphans of our descendants become our children.
@@ -30,6 +34,15 @@ pid_t fork_child_as(pid_t id);
 // waitpid for a child from fork_child and takes it off the list. Returns its wait status, or -1
 // when somebody else has waited for it.
 int bury_child(pid_t child);
+
+// The same with a limit (times patience()). Empty when the child still runs at its end.
+std::optional<int> wait_child(pid_t child, Millis limit);
+
+// Kills a child and buries it. Returns its wait status, as bury_child does.
+int end_child(pid_t child);
+
+// Ends and buries all children, adopted ones and their own children included.
+void end_children();
 
 // Buries the orphans that have ended. Cheap when there are none.
 void bury_orphans();

@@ -210,7 +210,7 @@ class Device {
   tov_fd_t open_inside(const std::string &inside, int flags, mode_t mode = 0) const;
   tov_fd_t open_parent(const std::string &inside) const;
   Environment base_environment() const;
-  SpawnRequest request(const std::vector<std::string> &argv, const Environment &env) const;
+  SpawnRequest request(const std::vector<std::string> &argv, const SpawnOptions &options) const;
   pid_t start(const SpawnRequest &wanted);
 
   DeviceOptions options_;

@@ -12,10 +12,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
 #include "tests/support/device.h"
+#include "tests/support/text.h"
 
 namespace tov_test {
 
@@ -62,13 +62,10 @@ std::string Device::read(const std::string &inside) const {
 }
 
 std::vector<std::string> Device::lines(const std::string &inside) const {
-  std::vector<std::string> out;
-  std::istringstream text(read(inside));
-  for (std::string line; std::getline(text, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    out.push_back(line);
-  }
-  return out;
+  std::vector<std::string> all = split_lines(read(inside));
+  for (std::string &line : all)
+    if (line.ends_with('\r')) line.pop_back();
+  return all;
 }
 
 static void write_all(const tov_fd_t &file, const std::string &text, const std::string &inside) {

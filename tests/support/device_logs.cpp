@@ -7,15 +7,15 @@
 #include <sstream>
 
 #include "tests/support/device.h"
+#include "tests/support/event_log.h"
 #include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
 
-static const std::string EVENT_DIR = "/qxos/vsd_common/tov";
 static constexpr size_t DUMP_MAX_BYTES = 40'000;  // of one text; the end is the interesting part
 
 static std::string event_path(const std::string &file) {
-  return std::string(EVENT_DIR).append("/").append(file);
+  return std::string(EVENT_LOG_DIR).append("/").append(file);
 }
 
 static bool contains(const std::string &text, const std::string &part) {
@@ -57,15 +57,14 @@ size_t Device::count_notices(const std::string &text) const {
 
 std::vector<std::string> Device::event_log(const std::string &name) const {
   std::vector<std::string> all;
-  for (const std::string &file : list(EVENT_DIR)) {
+  for (const std::string &file : list(EVENT_LOG_DIR)) {
     if (!file.starts_with(name)) continue;
     const auto part = lines(event_path(file));
     all.insert(all.end(), part.begin(), part.end());
   }
   // Lines begin with a stamp of fixed width, so their order as texts is their order in time.
-  static constexpr size_t STAMP_CHARS = 24;  // "2026-11-15 102541 004512"
   std::stable_sort(all.begin(), all.end(), [](const std::string &a, const std::string &b) {
-    return a.compare(0, STAMP_CHARS, b, 0, STAMP_CHARS) < 0;
+    return a.compare(0, STAMP_LENGTH, b, 0, STAMP_LENGTH) < 0;
   });
   return all;
 }
@@ -126,7 +125,7 @@ std::string Device::dump() const {
   for (const Notice &notice : notices())
     parts << notice.time_ms << " " << notice.text << "\n";
   section(out, "system log", parts.str());
-  for (const std::string &file : list(EVENT_DIR))
+  for (const std::string &file : list(EVENT_LOG_DIR))
     section(out, file, read(event_path(file)));
   for (const std::string &file : list("/data"))
     if (file.starts_with("victim.")) section(out, file, read("/data/" + file));

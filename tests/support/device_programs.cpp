@@ -1,6 +1,5 @@
 // Programs of a device: the daemon, test programs, their births and deaths.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/syscall.h>
@@ -16,6 +15,7 @@
 
 #include "tests/support/children.h"
 #include "tests/support/device.h"
+#include "tests/support/files.h"
 #include "tests/support/sanitizer_env.h"
 
 namespace tov_test {
@@ -41,16 +41,22 @@ Environment Device::base_environment() const {
   return env;
 }
 
-SpawnRequest Device::request(const std::vector<std::string> &argv, const Environment &env) const {
+SpawnRequest Device::request(const std::vector<std::string> &argv,
+                             const SpawnOptions &options) const {
   // Without the namespaces the program would start on the machine itself.
   if (!open_) throw std::runtime_error("device: it is closed");
   SpawnRequest wanted;
   Environment all = base_environment();
-  for (const auto &[name, value] : env)
+  for (const auto &[name, value] : options.env)
     all[name] = value;
   for (const auto &[name, value] : all)
     wanted.env.push_back(std::string(name).append("=").append(value));
   wanted.argv = argv;
+  wanted.cwd = options.cwd;
+  wanted.session = options.session;
+  wanted.groups = options.groups;
+  wanted.limits = options.limits;
+  wanted.id = options.id;
   wanted.mount_ns_fd = mount_ns_.n;
   wanted.ipc_ns_fd = ipc_ns_.n;
   return wanted;
@@ -63,32 +69,13 @@ pid_t Device::start(const SpawnRequest &wanted) {
 }
 
 pid_t Device::spawn(const std::vector<std::string> &argv, const SpawnOptions &options) {
-  SpawnRequest wanted = request(argv, options.env);
-  wanted.cwd = options.cwd;
-  wanted.session = options.session;
-  wanted.groups = options.groups;
-  wanted.limits = options.limits;
-  wanted.id = options.id;
-  return start(wanted);
-}
-
-static std::string whole_file(int fd) {
-  std::string text;
-  char part[8192];
-  ssize_t got;
-  while ((got = pread(fd, part, sizeof part, static_cast<off_t>(text.size()))) > 0)
-    text.append(part, static_cast<size_t>(got));
-  return text;
+  return start(request(argv, options));
 }
 
 RunResult Device::run(const std::vector<std::string> &argv, const SpawnOptions &options,
                       Millis limit) {
   const tov_fd_t output(memfd_create("output", MFD_CLOEXEC));
-  SpawnRequest wanted = request(argv, options.env);
-  wanted.cwd = options.cwd;
-  wanted.session = options.session;
-  wanted.groups = options.groups;
-  wanted.limits = options.limits;
+  SpawnRequest wanted = request(argv, options);
   wanted.output_fd = output.n;
   const pid_t pid = start(wanted);
   const auto status = wait(pid, limit);
@@ -96,7 +83,7 @@ RunResult Device::run(const std::vector<std::string> &argv, const SpawnOptions &
     ::kill(pid, SIGKILL);
     wait(pid, limit);
   }
-  return {status.value_or(-1), whole_file(output.n)};
+  return {status.value_or(-1), content_of(output.n)};
 }
 
 int Device::call_inside(const std::function<int()> &function) {
@@ -114,10 +101,7 @@ std::optional<int> Device::wait(pid_t child, Millis limit) {
   const auto known = children_.find(child);
   if (known == children_.end()) throw std::runtime_error("device: wait for a process not started");
   if (known->second) return known->second;
-  const tov_fd_t process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-  pollfd ended{process.n, POLLIN, 0};
-  if (poll(&ended, 1, static_cast<int>(limit.count()) * patience()) <= 0) return std::nullopt;
-  return known->second = bury_child(child);
+  return known->second = wait_child(child, limit);
 }
 
 void Device::kill(pid_t pid, int signal) {
@@ -135,9 +119,8 @@ pid_t Device::start_daemon(const DaemonOptions &options) {
               options.program.empty() ? options_.binary_dir + "/tov" : options.program);
   Environment env = options.env;
   if (!options.faketime.empty()) add_faketime_settings(env, options.faketime);
-  SpawnRequest wanted = request(argv, env);
-  wanted.session = options.as_session;
-  wanted.limits = options.limits;
+  SpawnRequest wanted =
+      request(argv, {.env = env, .session = options.as_session, .limits = options.limits});
   wanted.output_fd = daemon_output_.n;
   socket_before_ = status(DAEMON_SOCKET);
   daemon_pid_ = start(wanted);
@@ -199,7 +182,7 @@ std::optional<int> Device::kill_daemon(int signal, Millis limit) {
 }
 
 std::string Device::daemon_output() const {
-  return whole_file(daemon_output_.n);
+  return content_of(daemon_output_.n);
 }
 
 std::string Device::install_program(const std::string &name, const std::string &program) {
@@ -224,10 +207,7 @@ std::string Device::install_start_script(const std::string &name, const std::str
 }
 
 std::vector<Birth> Device::births(const std::string &name) const {
-  std::vector<Birth> all;
-  for (const std::string &line : lines(VICTIM_REPORT + name))
-    if (auto birth = parse_birth(line)) all.push_back(std::move(*birth));
-  return all;
+  return parse_births(lines(VICTIM_REPORT + name));
 }
 
 std::optional<Birth> Device::wait_birth(const std::string &name, size_t nth, Millis limit) const {

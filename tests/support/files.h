@@ -1,8 +1,9 @@
-// Small files for unit tests: a scratch directory, whole-file reads and writes, open descriptors.
+// Small files: a scratch directory, whole-file reads and writes, open descriptors.
 #ifndef TOV_TEST_FILES_H
 #define TOV_TEST_FILES_H
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace tov_test {
 
@@ -46,6 +48,42 @@ inline void write_file(const std::string &path, const std::string &text) {
   file.close();
   if (!file) throw std::runtime_error("cannot write " + path);
 }
+
+// What was written to an open file, whatever its position.
+inline std::string content_of(int fd) {
+  std::string text;
+  char part[8192];
+  ssize_t got;
+  while ((got = pread(fd, part, sizeof part, static_cast<off_t>(text.size()))) > 0)
+    text.append(part, static_cast<size_t>(got));
+  return text;
+}
+
+// A link is followed.
+inline bool exists(const std::string &path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+// Removes a file or a whole directory, if it is there.
+inline void clear_path(const std::string &path) {
+  std::filesystem::remove_all(path);
+}
+
+// Turns a marker file or any other small file on for as long as it lives.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string path, const std::string &text = "") : path_(std::move(path)) {
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path());
+    write_file(path_, text);
+  }
+  ~TemporaryFile() { clear_path(path_); }
+  TemporaryFile(const TemporaryFile &) = delete;
+  TemporaryFile &operator=(const TemporaryFile &) = delete;
+  bool exists() const { return tov_test::exists(path_); }
+
+ private:
+  std::string path_;
+};
 
 inline std::set<std::string> names_in(const std::string &directory) {
   std::set<std::string> names;

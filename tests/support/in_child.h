@@ -11,9 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <utility>
-
 #ifdef TOV_COVERAGE
 extern "C" void __gcov_dump(void);
 #endif
@@ -29,56 +26,30 @@ namespace tov_test {
   _exit(status);
 }
 
+// Runs `body` in a forked child; what it returns is the child's exit status.
+//   pid  set to the child's id if it is wanted
+// Returns the wait status.
 template <typename Body>
-void in_child(Body body) {
+int status_in_child(Body body, pid_t *pid = nullptr) {
   fflush(stdout);
   const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  EXPECT_GE(child, 0);
+  if (child == 0) leave_child(body());
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  if (pid != nullptr) *pid = child;
+  return status;
+}
+
+template <typename Body>
+void in_child(Body body) {
+  const int status = status_in_child([&] {
     body();
-    leave_child(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
+    return testing::Test::HasFailure() ? 1 : 0;
+  });
   EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
-
-// A child that has done its `setup` and then keeps its locks until this object goes.
-class helper_process_s {
- public:
-  template <typename Setup>
-  explicit helper_process_s(Setup setup) {
-    int ready[2] = {-1, -1};
-    EXPECT_EQ(pipe(ready), 0);
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      setup();
-      (void)!write(ready[1], "r", 1);
-      for (;;)
-        pause();
-    }
-    close(ready[1]);
-    char letter = 0;
-    EXPECT_EQ(read(ready[0], &letter, 1), 1) << "the helper failed";
-    close(ready[0]);
-  }
-  helper_process_s(const helper_process_s &) = delete;
-  helper_process_s &operator=(const helper_process_s &) = delete;
-  ~helper_process_s() { end(); }
-
-  pid_t pid() const { return pid_; }
-
-  void end() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(std::exchange(pid_, 0), nullptr, 0);
-  }
-
- private:
-  pid_t pid_ = 0;
-};
 
 }  // namespace tov_test
 

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/module/private_root.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 #if !defined(TOV_SANITIZE_THREAD)  // its runtime makes these calls before it is ready for ours
 // Two calls of the C library that fail when a test wants that.
@@ -41,12 +41,6 @@ extern "C" char *strdup(const char *text) noexcept {
 #endif
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char NAME[] = "/tov-test-record";
 constexpr char PATH[] = "/dev/shm/tov-test-record";

@@ -16,16 +16,11 @@
 
 #include "tests/module/failing_sem.h"
 #include "tests/module/no_semaphores.h"
+#include "tests/module/private_root.h"
+#include "tests/support/child.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char KEY_FILE[] = "/tmp/mutex_key";
 constexpr uid_t NOBODY = 65534;
@@ -127,7 +122,7 @@ TEST_F(RasOsMutexSem, ProcessesTakeTurns) {
   ASSERT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), 0);
   ASSERT_EQ(ras_os_lock_mutex_sem(id), 0);
   std::ofstream("/tmp/turns").close();
-  tov_test::helper_process_s waiter([id] {
+  tov_test::Child waiter([id] {
     if (fork() == 0) {
       EXPECT_EQ(ras_os_lock_mutex_sem(id), 0);
       std::ofstream("/tmp/turns") << "mine";
@@ -148,7 +143,7 @@ TEST_F(RasOsMutexSem, ProcessesTakeTurns) {
 TEST_F(RasOsMutexSem, KilledHolderGivesTheLockBack) {
   int id = -1;
   ASSERT_EQ(ras_os_init_mutex_sem(KEY_FILE, &id), 0);
-  tov_test::helper_process_s holder([id] { EXPECT_EQ(ras_os_lock_mutex_sem(id), 0); });
+  tov_test::Child holder([id] { EXPECT_EQ(ras_os_lock_mutex_sem(id), 0); });
   EXPECT_EQ(value_of(id), 0);
   holder.end();
   EXPECT_EQ(value_of(id), 1);

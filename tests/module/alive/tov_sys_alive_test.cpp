@@ -17,17 +17,12 @@
 #include <thread>
 #include <vector>
 
+#include "tests/module/private_root.h"
 #include "tests/support/caught_diagnostics.h"
+#include "tests/support/child.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr off_t OBJECT_BYTES = 188416;  // 184356, up to pages of 4096
 constexpr off_t MAP_OFFSET = 32;
@@ -389,7 +384,7 @@ TEST_F(TovSysAlive, MasterSurvivesACutBeforeEachOperation) {
 TEST_F(TovSysAlive, MasterSurvivesSomebodyWhoKeepsCutting) {
   tov_test::in_child([] {
     ASSERT_EQ(tov_sys_init_alive_info(true), 0);
-    tov_test::helper_process_s hostile([] {
+    tov_test::Child hostile([] {
       const pid_t parent = getpid();
       if (fork() != 0) return;
       while (getppid() == parent) {

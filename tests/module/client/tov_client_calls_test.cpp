@@ -23,6 +23,7 @@
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/private_root.h"
+#include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 
@@ -58,9 +59,9 @@ const std::map<std::string, std::function<void()>> CALLS = {
 };
 
 // A stand-in for the daemon in a process of its own: these tests fork, and so have one thread only.
-class DaemonProcess : tov_test::helper_process_s {
+class DaemonProcess : tov_test::Child {
  public:
-  DaemonProcess() : helper_process_s([] { static const tov_test::FakeDaemon daemon; }) {}
+  DaemonProcess() : Child([] { static const tov_test::FakeDaemon daemon; }) {}
 };
 
 class ClientCalls : public testing::Test {

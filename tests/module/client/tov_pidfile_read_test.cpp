@@ -9,17 +9,11 @@
 #include <string>
 
 #include "client/tov_pidfile.h"
+#include "tests/module/private_root.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char FOO[] = "/usr/sbin/foo -d";
 constexpr char FOO_FILE[] = "/tmp/vsd/0/tov/db/foo.812";

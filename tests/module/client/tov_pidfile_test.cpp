@@ -17,17 +17,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/module/private_root.h"
+#include "tests/module/refused_calls.h"
 #include "tests/support/caught_diagnostics.h"
+#include "tests/support/child.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char FOO[] = "/usr/sbin/foo -d";
 constexpr char FOO_FILE[] = "/tmp/vsd/0/tov/db/foo.812";
@@ -44,26 +40,13 @@ std::string content_of(const std::string &path) {
 
 // Whether another process could lock the file now, that is, its writer is gone.
 bool others_can_lock(const char *path) {
-  bool granted = false;
-  int answer[2];
-  EXPECT_EQ(pipe(answer), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    const char letter = fd >= 0 && fcntl(fd, F_SETLK, &whole) == 0 ? 'y' : 'n';
-    (void)!write(answer[1], &letter, 1);
-    tov_test::leave_child(0);
-  }
-  char letter = 0;
-  EXPECT_EQ(read(answer[0], &letter, 1), 1);
-  granted = letter == 'y';
-  waitpid(child, nullptr, 0);
-  close(answer[0]);
-  close(answer[1]);
-  return granted;
+  return tov_test::status_in_child([path] {
+           const int fd = open(path, O_RDWR | O_CLOEXEC);
+           struct flock whole {};
+           whole.l_type = F_WRLCK;
+           whole.l_whence = SEEK_SET;
+           return fd >= 0 && fcntl(fd, F_SETLK, &whole) == 0 ? 0 : 1;
+         }) == 0;
 }
 
 int descriptor_count() {
@@ -173,7 +156,7 @@ TEST_F(TovPidfile, DescriptorIsKeptAndCloseOnExec) {
 }
 
 TEST_F(TovPidfile, FileIsLockedForAsLongAsTheProcessLives) {
-  tov_test::helper_process_s client([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0); });
+  tov_test::Child client([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0); });
   EXPECT_FALSE(others_can_lock(FOO_FILE));
   client.end();
   EXPECT_TRUE(others_can_lock(FOO_FILE));
@@ -231,7 +214,7 @@ TEST_F(TovPidfile, RemovedFileIsMadeAnew) {
 }
 
 TEST_F(TovPidfile, FileThatAnotherProcessHoldsIsRewrittenAndReleased) {
-  tov_test::helper_process_s owner([] { tov_db_create(0, 812, RESPAWN, FOO); });
+  tov_test::Child owner([] { tov_db_create(0, 812, RESPAWN, FOO); });
   const int before = descriptor_count();
   int result = -1;
   const std::string said = tov_test::caught_diagnostics(
@@ -401,7 +384,7 @@ TEST_F(TovPidfile, DestroyRemovesTheFileAndClosesOurDescriptor) {
 }
 
 TEST_F(TovPidfile, DestroyRemovesAnotherProcessesFile) {
-  tov_test::helper_process_s client([] { tov_db_create(0, 812, RESPAWN, FOO); });
+  tov_test::Child client([] { tov_db_create(0, 812, RESPAWN, FOO); });
   EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), 0);
   EXPECT_NE(access(FOO_FILE, F_OK), 0);
 }
@@ -481,11 +464,6 @@ TEST_F(TovPidfile, ThreadsRegisterSideBySide) {
 }
 
 TEST_F(TovPidfile, WithoutDescriptorsTheRegistrationFails) {
-  rlimit old{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
-  const rlimit none{0, old.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  const int result = tov_db_create(0, 812, RESPAWN, FOO);
-  setrlimit(RLIMIT_NOFILE, &old);
-  EXPECT_EQ(result, -1);
+  const tov_test::NoMoreDescriptors none;
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), -1);
 }

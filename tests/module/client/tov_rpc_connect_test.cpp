@@ -17,17 +17,17 @@
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/fake_sleep.h"
+#include "tests/module/private_root.h"
 #include "tests/support/files.h"
-#include "tests/support/private_root.h"
 #include "tests/support/processes.h"
+#include "tests/support/stdout.h"
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 using tov_test::fake_sleep;
 using tov_test::FakeDaemon;
+using tov_test::printed_by;
 using tov_test::RefusingSocket;
 
 namespace {
@@ -42,7 +42,6 @@ bool exists(const std::string &path) {
 class TovRpcConnect : public testing::Test {
  protected:
   TovRpcConnect() {
-    tov_test::enter_private_root();
     mkdir(TOV_RUN_DIR, 0777);
     unlink(OWN.c_str());
     unlink(TOV_SOCKET_PATH);
@@ -56,9 +55,7 @@ class TovRpcConnect : public testing::Test {
 
   // Connects and keeps what is printed.
   int connect_as(const std::string &own) {
-    CaptureStdout();
-    sd_ = tov_fd_t(tov_connect(own.c_str()));
-    printed_ = GetCapturedStdout();
+    printed_ = printed_by([&] { sd_ = tov_fd_t(tov_connect(own.c_str())); });
     return sd_.n;
   }
 
@@ -207,9 +204,10 @@ TEST_F(TovRpcAck, HangUpAndMalformedAnswersAreFailures) {
 }
 
 TEST_F(TovRpcAck, EventWithoutInputIsAFailure) {
-  CaptureStdout();
-  EXPECT_EQ(tov_wait_msg_ack_timeout(1 << 20), -1);  // POLLNVAL
-  EXPECT_EQ(GetCapturedStdout(), "");
+  const std::string said = printed_by([&] {
+    EXPECT_EQ(tov_wait_msg_ack_timeout(1 << 20), -1);  // POLLNVAL
+  });
+  EXPECT_EQ(said, "");
 }
 
 void ignore_signal(int) {}
@@ -227,11 +225,11 @@ TEST_F(TovRpcAck, SignalEndsTheWait) {
       pthread_kill(waiting, SIGUSR1);
     }
   });
-  CaptureStdout();
-  EXPECT_EQ(tov_wait_msg_ack_timeout(sds_[0]), -1);
-  ended = true;
-  EXPECT_NE(GetCapturedStdout().find("tov_wait_msg_ack_timeout: poll fail(ret:-1, err:4,"),
-            std::string::npos);
+  const std::string said = printed_by([&] {
+    EXPECT_EQ(tov_wait_msg_ack_timeout(sds_[0]), -1);
+    ended = true;
+  });
+  EXPECT_NE(said.find("tov_wait_msg_ack_timeout: poll fail(ret:-1, err:4,"), std::string::npos);
   sender.join();
   sigaction(SIGUSR1, &before, nullptr);
 }

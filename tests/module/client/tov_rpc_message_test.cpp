@@ -22,10 +22,10 @@
 #include "client/tov_rpc.h"
 #include "log/tov_dbg.h"
 #include "tests/support/processes.h"
+#include "tests/support/stdout.h"
 
+using tov_test::printed_by;
 using namespace std::chrono_literals;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 
 // ---- a send() that fails to order ---------------------------------------------------------------
 
@@ -90,9 +90,8 @@ class TovRpcMessage : public testing::Test {
   // Receives and keeps what came.
   int receive() {
     tov_msg_head_t *msg = nullptr;
-    CaptureStdout();
-    const int ret = tov_inner_recv_msg(sds_[0], &msg);
-    printed_ = GetCapturedStdout();
+    int ret = 0;
+    printed_ = printed_by([&] { ret = tov_inner_recv_msg(sds_[0], &msg); });
     received_.reset(msg);
     return ret;
   }
@@ -130,11 +129,11 @@ TEST_F(TovRpcMessage, BadArgumentsSendNothing) {
   const Message msg = make_message(TOV_RESTART, "");
   const Message negative = make_message(TOV_RESTART, "");
   negative->len = -1;
-  CaptureStdout();
-  EXPECT_EQ(tov_inner_send_msg(-1, msg.get()), -1);
-  EXPECT_EQ(tov_inner_send_msg(sds_[0], nullptr), -1);
-  EXPECT_EQ(tov_inner_send_msg(sds_[0], negative.get()), -1);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = printed_by([&] {
+    EXPECT_EQ(tov_inner_send_msg(-1, msg.get()), -1);
+    EXPECT_EQ(tov_inner_send_msg(sds_[0], nullptr), -1);
+    EXPECT_EQ(tov_inner_send_msg(sds_[0], negative.get()), -1);
+  });
   EXPECT_NE(printed.find("tov_inner_send_msg: argument err(sd:-1, msg:0x"), std::string::npos);
   EXPECT_EQ(send_calls, 0);
 }
@@ -142,10 +141,10 @@ TEST_F(TovRpcMessage, BadArgumentsSendNothing) {
 TEST_F(TovRpcMessage, GoneReceiverCostsNoSignal) {
   close(std::exchange(sds_[1], -1));
   const Message msg = make_message(TOV_RESTART, "");
-  CaptureStdout();
-  EXPECT_EQ(tov_inner_send_msg(sds_[0], msg.get()), -1);  // SIGPIPE would end this program
-  EXPECT_EQ(errno, EPIPE);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = printed_by([&] {
+    EXPECT_EQ(tov_inner_send_msg(sds_[0], msg.get()), -1);  // SIGPIPE would end this program
+    EXPECT_EQ(errno, EPIPE);
+  });
   EXPECT_NE(printed.find("send msg(sd:"), std::string::npos);
   EXPECT_NE(printed.find("tov_inner_send_msg: send msg err(tid:" + std::to_string(gettid())),
             std::string::npos);
@@ -196,9 +195,9 @@ TEST_F(TovRpcMessage, OtherErrorsAndShortCountsEndTheAttempt) {
   EXPECT_EQ(send_calls, 1);
 
   send_is_short = true;
-  CaptureStdout();
-  EXPECT_EQ(tov_inner_send_msg(sds_[0], msg.get()), -1);
-  EXPECT_NE(GetCapturedStdout().find("ret:267, err:0"), std::string::npos);
+  const std::string said =
+      printed_by([&] { EXPECT_EQ(tov_inner_send_msg(sds_[0], msg.get()), -1); });
+  EXPECT_NE(said.find("ret:267, err:0"), std::string::npos);
   EXPECT_EQ(send_calls, 2);
 }
 
@@ -229,11 +228,11 @@ TEST_F(TovRpcMessage, BytesBehindTheAnnouncedLengthAreDropped) {
 
 TEST_F(TovRpcMessage, BadArgumentsReceiveNothing) {
   tov_msg_head_t *msg = nullptr;
-  CaptureStdout();
-  EXPECT_EQ(tov_inner_recv_msg(-1, &msg), -1);
-  EXPECT_EQ(tov_inner_recv_msg(sds_[0], nullptr), -1);
-  EXPECT_NE(GetCapturedStdout().find("tov_inner_recv_msg: argument err(sd:-1, msg:0x"),
-            std::string::npos);
+  const std::string said = printed_by([&] {
+    EXPECT_EQ(tov_inner_recv_msg(-1, &msg), -1);
+    EXPECT_EQ(tov_inner_recv_msg(sds_[0], nullptr), -1);
+  });
+  EXPECT_NE(said.find("tov_inner_recv_msg: argument err(sd:-1, msg:0x"), std::string::npos);
   EXPECT_EQ(msg, nullptr);
 }
 

@@ -1,11 +1,9 @@
-// One request of a client process: exchange, keeping the connection, forks, cancelling.
+// One request of a client process: exchange, keeping the connection, forks.
 #include "client/tov_rpc.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,61 +14,26 @@
 
 #include "client/tov_pidfile.h"
 #include "log/tov_dbg.h"
+#include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/support/files.h"
-#include "tests/support/private_root.h"
 #include "tests/support/processes.h"
+#include "tests/support/stdout.h"
 #include "util/tov_utils.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
+using tov_test::bare_request;
 using tov_test::FakeDaemon;
 using tov_test::LONGEST_WAIT_FOR_AN_ANSWER;
 using tov_test::Manners;
+using tov_test::printed_by;
 using tov_test::RefusingSocket;
 using tov_test::Request;
+using tov_test::true_in_child;
 
 namespace {
 
-const std::string DB_DIR = "/tmp/vsd/0/tov/db";
-
-int bare_request(TOV_MSG_TYPE type, bool need_ack, bool allow_tov_exit = false) {
-  return tov_rpc(type, nullptr, nullptr, 0, need_ack, allow_tov_exit);
-}
-
-// Runs `body` in a forked child; true when it returned true.
-template <typename Body>
-bool in_child(Body body) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body() ? 0 : 1);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-class TovRpc : public testing::Test {
- protected:
-  TovRpc() {
-    tov_test::enter_private_root();
-    mkdir(TOV_RUN_DIR, 0777);
-    std::filesystem::create_directories(DB_DIR);
-    forget_connection();
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
-  }
-  ~TovRpc() override {
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-    tov_rpc_stop_asked = nullptr;
-    forget_connection();
-  }
-  // As in a process that made no request yet.
-  static void forget_connection() {
-    if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
-    tov_rpc_overdue_forget();
-  }
-  static std::string own_path() { return "/tmp/tov/.socket." + std::to_string(getpid()); }
-};
+using TovRpc = tov_test::Requester;
 
 // ---- the message --------------------------------------------------------------------------------
 
@@ -100,11 +63,11 @@ TEST_F(TovRpc, BareHeadIsAValidRequest) {
 }
 
 TEST_F(TovRpc, MissingPayloadIsRefused) {
-  CaptureStdout();
-  EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, nullptr, 4, true, true), -1);
-  char byte = 0;
-  EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, &byte, -1, true, true), -1);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = printed_by([&] {
+    EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, nullptr, 4, true, true), -1);
+    char byte = 0;
+    EXPECT_EQ(tov_rpc(TOV_RESTART, nullptr, &byte, -1, true, true), -1);
+  });
   EXPECT_NE(printed.find("[TOV:tov_rpc.cpp:"), std::string::npos);
   EXPECT_NE(printed.find("]tov_rpc: argument err!\n"), std::string::npos);
 }
@@ -129,27 +92,26 @@ TEST_F(TovRpc, SilentDaemonCountsAsSuccessAfterFiveSeconds) {
 
 TEST_F(TovRpc, AbsentDaemonFailsAfterFiveSecondsAndLeavesNoPath) {
   unlink(TOV_SOCKET_PATH);
-  CaptureStdout();
-  const auto begin = steady_clock::now();
-  EXPECT_EQ(bare_request(TOV_RESTART, true), -1);
-  EXPECT_GE(steady_clock::now() - begin, 4900ms);
-  EXPECT_NE(GetCapturedStdout().find("tov_rpc: connect fail(ret:-1)\n"), std::string::npos);
+  const std::string said = printed_by([&] {
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(bare_request(TOV_RESTART, true), -1);
+    EXPECT_GE(steady_clock::now() - begin, 4900ms);
+  });
+  EXPECT_NE(said.find("tov_rpc: connect fail(ret:-1)\n"), std::string::npos);
   EXPECT_NE(access(own_path().c_str(), F_OK), 0);
   EXPECT_EQ(tov_rpc_sd, -1);
 }
 
 TEST_F(TovRpc, AbsentDaemonIsSuccessForACallerThatAcceptsIt) {
   RefusingSocket refusing;
-  CaptureStdout();
-  EXPECT_EQ(bare_request(TOV_RESTART, true, true), 0);
-  EXPECT_NE(GetCapturedStdout().find("tov_rpc: connect fail(ret:0)\n"), std::string::npos);
+  const std::string said = printed_by([&] { EXPECT_EQ(bare_request(TOV_RESTART, true, true), 0); });
+  EXPECT_NE(said.find("tov_rpc: connect fail(ret:0)\n"), std::string::npos);
 }
 
 TEST_F(TovRpc, ConnectionThatEndsInsteadOfAnsweringIsAFailure) {
   FakeDaemon daemon(Manners{.hang_up = 1});
-  CaptureStdout();
-  EXPECT_LT(bare_request(TOV_RESTART, true), 0);
-  EXPECT_NE(GetCapturedStdout().find("tov_rpc: recv ack err(ret:-1, err:"), std::string::npos);
+  const std::string said = printed_by([&] { EXPECT_LT(bare_request(TOV_RESTART, true), 0); });
+  EXPECT_NE(said.find("tov_rpc: recv ack err(ret:-1, err:"), std::string::npos);
   EXPECT_EQ(tov_rpc_sd, -1);
   EXPECT_EQ(bare_request(TOV_RESTART, true), 0) << "the next request connects anew";
 }
@@ -157,11 +119,12 @@ TEST_F(TovRpc, ConnectionThatEndsInsteadOfAnsweringIsAFailure) {
 TEST_F(TovRpc, TooLargeAMessageFailsInTheSend) {
   FakeDaemon daemon;
   std::vector<char> large(8 << 20);
-  CaptureStdout();
-  EXPECT_EQ(
-      tov_rpc(TOV_RESTART, nullptr, large.data(), static_cast<int>(large.size()), true, false), -1);
-  EXPECT_NE(GetCapturedStdout().find("tov_rpc: send fail(ret:-1, err:90,Message too long)\n"),
-            std::string::npos);
+  const std::string said = printed_by([&] {
+    EXPECT_EQ(
+        tov_rpc(TOV_RESTART, nullptr, large.data(), static_cast<int>(large.size()), true, false),
+        -1);
+  });
+  EXPECT_NE(said.find("tov_rpc: send fail(ret:-1, err:90,Message too long)\n"), std::string::npos);
   EXPECT_EQ(tov_rpc_sd, -1);
 }
 
@@ -174,8 +137,7 @@ TEST_F(TovRpc, AnswerOfAStrangerIsSurvived) {
   }
 }
 
-// ---- the kept connection
-// --------------------------------------------------------------------------
+// ---- the kept connection -----------------------------------------------------------------------
 
 TEST_F(TovRpc, ConnectionIsKeptAfterSuccess) {
   FakeDaemon daemon;
@@ -191,143 +153,6 @@ TEST_F(TovRpc, EachRequestConnectsAnewUnderTheSamePath) {
   EXPECT_EQ(daemon.connections(), 3u);
   for (const Request &request : requests)
     EXPECT_EQ(request.client, own_path());
-}
-
-// The daemon drops a request whose answer it cannot deliver, so a connection that is owed one must
-// outlive the next requests.
-TEST_F(TovRpc, UnacknowledgedRequestIsAnsweredThoughTheNextOneFollowsAtOnce) {
-  FakeDaemon daemon(Manners{.held = true});
-  const auto begin = steady_clock::now();
-  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  ASSERT_EQ(bare_request(TOV_RESET, false), 0);
-  EXPECT_LT(steady_clock::now() - begin, LONGEST_WAIT_FOR_AN_ANSWER) << "none of them waits";
-  daemon.let_go();
-  const std::vector<Request> requests = daemon.requests(3);
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_TRUE(requests[0].answered);
-  EXPECT_TRUE(requests[1].answered);
-}
-
-TEST_F(TovRpc, DaemonThatAnswersLateStillDeliversItsAnswer) {
-  FakeDaemon daemon(Manners{.think = 6s});
-  ASSERT_EQ(bare_request(TOV_RESTART, true), 0) << "silence is success";
-  ASSERT_EQ(bare_request(TOV_RESET, false), 0);
-  const std::vector<Request> requests = daemon.requests(2);
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_TRUE(requests[0].answered) << "or the daemon would not have carried it out";
-}
-
-void ignore_signal(int) {}
-
-// Interrupts a thread every few milliseconds, as a host's interval timer would.
-class Interrupter {
- public:
-  Interrupter() : target_(pthread_self()) {
-    struct sigaction action {};
-    action.sa_handler = ignore_signal;
-    sigaction(SIGUSR1, &action, &before_);
-    thread_ = std::thread([this] {
-      for (; !ending_; std::this_thread::sleep_for(20ms))
-        pthread_kill(target_, SIGUSR1);
-    });
-  }
-  Interrupter(const Interrupter &) = delete;
-  Interrupter &operator=(const Interrupter &) = delete;
-  ~Interrupter() {
-    ending_ = true;
-    thread_.join();
-    sigaction(SIGUSR1, &before_, nullptr);
-  }
-
- private:
-  pthread_t target_;
-  struct sigaction before_ {};
-  std::atomic<bool> ending_{false};
-  std::thread thread_;
-};
-
-TEST_F(TovRpc, RequestWhoseWaitASignalEndedIsAnsweredAllTheSame) {
-  FakeDaemon daemon(Manners{.think = 2s});
-  {
-    const Interrupter interrupter;
-    EXPECT_EQ(bare_request(TOV_RESTART, true), -1) << "the caller is told";
-    EXPECT_EQ(tov_rpc_sd, -1);
-  }
-  const Request request = daemon.only_request();
-  EXPECT_TRUE(request.answered) << "the connection was left open for it";
-  ASSERT_EQ(bare_request(TOV_RESET, false), 0);
-}
-
-// The sockets that this process has open.
-size_t open_sockets() {
-  size_t count = 0;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const std::string target = std::filesystem::read_symlink(entry.path(), gone);
-    if (target.starts_with("socket:")) count++;
-  }
-  return count;
-}
-
-TEST_F(TovRpc, ConnectionOwedAnAnswerIsClosedOnceItWasAnswered) {
-  FakeDaemon daemon(Manners{.think = 300ms});
-  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  ASSERT_EQ(daemon.requests(2).size(), 2u);
-  const size_t before = open_sockets();
-  ASSERT_EQ(bare_request(TOV_RESET, false), 0);
-  ASSERT_EQ(daemon.requests(3).size(), 3u);
-  // From two of ours to one, and the same at the daemon, which stands in this process.
-  tov_test::wait_until([&] { return open_sockets() <= before - 2; }, 10s);
-  EXPECT_LE(open_sockets(), before - 2);
-}
-
-TEST_F(TovRpc, FourConnectionsMayWaitForAnAnswerAndTheFifthWaitsForRoom) {
-  FakeDaemon daemon(Manners{.answer = false});
-  const auto begin = steady_clock::now();
-  for (int i = 0; i < 5; i++)
-    ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  EXPECT_LT(steady_clock::now() - begin, LONGEST_WAIT_FOR_AN_ANSWER)
-      << "one in use and four owed an answer";
-  const auto full = steady_clock::now();
-  ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  const auto took = steady_clock::now() - full;
-  EXPECT_GE(took, 4900ms);
-  EXPECT_EQ(daemon.requests(6).size(), 6u);
-}
-
-TEST_F(TovRpc, WaitForRoomEndsWithTheFirstAnswer) {
-  FakeDaemon daemon(Manners{.think = 250ms});
-  for (int i = 0; i < 12; i++)
-    ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  const std::vector<Request> requests = daemon.requests(12);
-  ASSERT_EQ(requests.size(), 12u);
-  for (const Request &request : requests)
-    EXPECT_TRUE(request.answered);
-}
-
-TEST_F(TovRpc, ChildOfAForkDoesNotWaitForItsParentsAnswers) {
-  FakeDaemon daemon(Manners{.answer = false});
-  for (int i = 0; i < 5; i++)
-    ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
-  const size_t before = open_sockets();
-  EXPECT_TRUE(in_child([before] {
-    const bool closed = open_sockets() == before - 5;
-    const auto begin = steady_clock::now();
-    const bool sent = bare_request(TOV_SHELL_RESTART, false) == 0;
-    return closed && sent && steady_clock::now() - begin < LONGEST_WAIT_FOR_AN_ANSWER;
-  }));
-  EXPECT_EQ(daemon.requests(6).size(), 6u);
-}
-
-TEST_F(TovRpc, SignsOfLifeAreNotWaitedFor) {
-  FakeDaemon daemon(Manners{.answer = false});
-  const auto begin = steady_clock::now();
-  for (int i = 0; i < 5; i++)
-    ASSERT_EQ(bare_request(TOV_RESET, false), 0);
-  EXPECT_LT(steady_clock::now() - begin, LONGEST_WAIT_FOR_AN_ANSWER);
-  EXPECT_EQ(daemon.requests(5).size(), 5u);
 }
 
 TEST_F(TovRpc, ThreadsTakeTurns) {
@@ -372,14 +197,14 @@ TEST_F(TovRpc, PersistentRequestEndsWithTheDaemonThatMakesIt) {
   EXPECT_LT(steady_clock::now() - begin, 10s);
 }
 
-// ---- forks and cancelled threads
-// ------------------------------------------------------------------
+// ---- forks and cancelled threads ---------------------------------------------------------------
 
 TEST_F(TovRpc, ChildOfAForkHasNoConnectionAndMakesItsOwn) {
   FakeDaemon daemon;
   ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
   const int parents = tov_rpc_sd;
-  EXPECT_TRUE(in_child([] { return tov_rpc_sd == -1 && bare_request(TOV_RESTART, true) == 0; }));
+  EXPECT_TRUE(
+      true_in_child([] { return tov_rpc_sd == -1 && bare_request(TOV_RESTART, true) == 0; }));
   EXPECT_EQ(tov_rpc_sd, parents);
   const std::vector<Request> requests = daemon.requests(2);
   ASSERT_EQ(requests.size(), 2u);
@@ -401,7 +226,7 @@ TEST_F(TovRpc, ForkWhileAnotherThreadWaitsLeavesTheChildFree) {
       },
       5s));
   // Without a fresh lock the child would hang here for ever.
-  EXPECT_TRUE(in_child([] {
+  EXPECT_TRUE(true_in_child([] {
     alarm(30);
     return bare_request(TOV_RESTART, true) == 0;
   }));
@@ -422,10 +247,10 @@ TEST_F(TovRpc, ChildOfAForkHoldsNoRegistrationFileOfItsParent) {
   FakeDaemon daemon;
   ASSERT_EQ(bare_request(TOV_RESTART, true), 0);
   ASSERT_EQ(tov_db_create(0, getpid(), RESPAWN, "/opt/forker"), 0);
-  const std::string file = DB_DIR + "/forker." + std::to_string(getpid());
+  const std::string file = std::string(DB_DIR) + "/forker." + std::to_string(getpid());
   ASSERT_TRUE(holds_open(file));
-  EXPECT_TRUE(in_child([&] { return !holds_open(file); }));
-  EXPECT_TRUE(in_child([&] {
+  EXPECT_TRUE(true_in_child([&] { return !holds_open(file); }));
+  EXPECT_TRUE(true_in_child([&] {
     const tov_fd_t fd(open(file.c_str(), O_RDWR | O_CLOEXEC));
     return fd.n >= 0 && lock_file(fd.n) != 0;
   })) << "the first child's closing did not release the parent's lock";
@@ -446,77 +271,6 @@ TEST_F(TovRpc, CancelledThreadLeavesTheLockFree) {
   doomed.join();
   EXPECT_TRUE(returned) << "the request was carried through first";
   EXPECT_EQ(bare_request(TOV_RESTART, true), 0);
-}
-
-// ---- cancelling ---------------------------------------------------------------------------------
-
-class TovCancel : public TovRpc {
- protected:
-  // The registration file of this very process, whose name follows from its command line.
-  static std::string own_file() {
-    char cmdline[256] = "";
-    char name[256] = "";
-    pid_to_cmdline(getpid(), cmdline, sizeof cmdline);
-    tov_get_db_file_name(0, getpid(), cmdline, name, sizeof name);
-    return name;
-  }
-};
-
-TEST_F(TovCancel, RemovesTheFileAndAsksForRemoval) {
-  FakeDaemon daemon;
-  tov_test::write_file(own_file(), "x");
-  CaptureStdout();
-  const auto begin = steady_clock::now();
-  EXPECT_EQ(tov_cancel_proc(0), 0);
-  EXPECT_GE(steady_clock::now() - begin, 1s);
-  const std::string printed = GetCapturedStdout();
-  EXPECT_NE(printed.find("]tov_cancel_proc:0\n"), std::string::npos);
-  EXPECT_NE(printed.find("]tov_rm_db_file_by_pid unlink file " + own_file() + " ret 0\n"),
-            std::string::npos);
-  EXPECT_NE(access(own_file().c_str(), F_OK), 0);
-
-  const Request request = daemon.only_request();
-  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_CONS));
-  EXPECT_EQ(request.head().len, 8);
-  EXPECT_EQ(request.payload<tov_msg_cons_t>().event, TOV_CONS_DUMP_ALL);
-  EXPECT_EQ(request.payload<tov_msg_cons_t>().pid, getpid());
-}
-
-TEST_F(TovCancel, NegativePidIsRefused) {
-  FakeDaemon daemon;
-  CaptureStdout();
-  EXPECT_EQ(tov_cancel_proc(-4), -1);
-  const std::string printed = GetCapturedStdout();
-  EXPECT_NE(printed.find("]tov_cancel_proc:-4\n"), std::string::npos);
-  EXPECT_NE(printed.find("]The pid you enter is -4 < 0 \n"), std::string::npos);
-  EXPECT_TRUE(daemon.requests(1, 200ms).empty());
-}
-
-TEST_F(TovCancel, VanishedProcessIsWithdrawnWithoutItsFile) {
-  FakeDaemon daemon;
-  const pid_t gone = fork();
-  if (gone == 0) _exit(0);
-  waitpid(gone, nullptr, 0);
-  CaptureStdout();
-  EXPECT_EQ(tov_cancel_proc(gone), 0);
-  EXPECT_NE(GetCapturedStdout().find("]tov_rm_db_file_by_pid pid_to_cmdline(" +
-                                     std::to_string(gone) + ") fail\n"),
-            std::string::npos);
-  EXPECT_EQ(daemon.only_request().payload<tov_msg_cons_t>().pid, gone);
-}
-
-TEST_F(TovCancel, IsRepeatedUntilTheDaemonAnswers) {
-  FakeDaemon daemon(Manners{.hang_up = 1});
-  EXPECT_EQ(tov_cancel_proc(0), 0);
-  EXPECT_EQ(daemon.requests(2).size(), 2u);
-}
-
-TEST_F(TovCancel, FailureIsPrinted) {
-  RefusingSocket refusing;
-  tov_rpc_stop_asked = [] { return true; };
-  CaptureStdout();
-  EXPECT_EQ(tov_cancel_proc(0), -1);
-  EXPECT_NE(GetCapturedStdout().find("]tov_cancel_proc: cancel fail: "), std::string::npos);
 }
 
 }  // namespace

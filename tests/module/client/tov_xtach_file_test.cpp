@@ -1,23 +1,14 @@
-// Look-ups in small text files, and the open-file watch.
-#include <fcntl.h>
+// Look-ups in small text files.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
 #include <string>
-#include <vector>
 
 #include "include/tov_xtach.h"
-#include "log/tov_dbg.h"
 #include "tests/support/files.h"
-#include "util/tov_utils.h"
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 using tov_test::ScratchDir;
 
 namespace {
@@ -105,154 +96,6 @@ TEST_F(TovXtachFile, KeysAndValuesAreCutAt15Characters) {
   EXPECT_EQ(counter("1234567890123456 5\n", "123456789012345"), 5);
   EXPECT_EQ(counter("1234567890123456 5\n", "1234567890123456"), 0);
   EXPECT_EQ(counter("1 000000000000001234\n", "1"), 1);
-}
-
-// ---- limits and the open-file watch
-// ---------------------------------------------------------------------
-
-TEST(TovResourceLimit, SoftLimitComesAsAnInt) {
-  rlimit now{};
-  getrlimit(RLIMIT_NOFILE, &now);
-  EXPECT_EQ(get_resource_limit(RLIMIT_NOFILE), static_cast<int>(now.rlim_cur));
-}
-
-TEST(TovResourceLimit, UnlimitedIsTheLargestInt) {
-  rlimit before{};
-  getrlimit(RLIMIT_CPU, &before);
-  ASSERT_EQ(before.rlim_cur, RLIM_INFINITY);
-  EXPECT_EQ(get_resource_limit(RLIMIT_CPU), INT_MAX);
-}
-
-TEST(TovResourceLimit, UnknownResourceIsAFailure) {
-  CaptureStdout();
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
-  EXPECT_EQ(get_resource_limit(9999), -1);
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-  EXPECT_NE(GetCapturedStdout().find("]get_resource_limit: Invalid argument\n"), std::string::npos);
-}
-
-// Runs `body` in a child and returns its wait status: the watch ends its process.
-template <typename Body>
-int status_of(Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    body();
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status;
-}
-
-// Leaves the standard streams open and allows `limit` descriptors.
-void limit_files(rlim_t limit) {
-  close_range(STDERR_FILENO + 1, ~0U, 0);
-  rlimit now{};
-  getrlimit(RLIMIT_NOFILE, &now);
-  now.rlim_cur = limit;
-  setrlimit(RLIMIT_NOFILE, &now);
-}
-
-// Every number below the limit in use.
-void open_all() {
-  while (dup(STDIN_FILENO) >= 0)
-    continue;
-}
-
-constexpr int EXITED_WITH_1 = 1 << 8;
-constexpr int EXITED_WITH_7 = 7 << 8;
-
-void watch(int times) {
-  for (int i = 0; i < times; i++)
-    tov_client_watch_process_fd(getpid());
-}
-
-TEST(TovWatchFd, FourthCheckInARowEndsTheProcessWithStatus1) {
-  EXPECT_EQ(status_of([] {
-              limit_files(32);
-              open_all();
-              watch(3);
-              _exit(7);
-            }),
-            EXITED_WITH_7);
-  EXPECT_EQ(status_of([] {
-              limit_files(32);
-              open_all();
-              watch(4);
-              _exit(7);
-            }),
-            EXITED_WITH_1);
-}
-
-TEST(TovWatchFd, CheckBelowTheLimitStartsTheCountAnew) {
-  EXPECT_EQ(status_of([] {
-              limit_files(32);
-              open_all();
-              watch(3);
-              for (int fd = 10; fd < 20; fd++)
-                close(fd);
-              watch(1);
-              open_all();
-              watch(3);
-              _exit(7);
-            }),
-            EXITED_WITH_7);
-}
-
-TEST(TovWatchFd, DescriptorOfTheCheckItselfCounts) {
-  EXPECT_EQ(status_of([] {
-              limit_files(32);
-              open_all();
-              close(31);  // one is free: the listing takes it, and 32 are open
-              watch(4);
-              _exit(7);
-            }),
-            EXITED_WITH_1);
-  EXPECT_EQ(status_of([] {
-              limit_files(32);
-              open_all();
-              close(31);
-              close(30);
-              watch(8);
-              _exit(7);
-            }),
-            EXITED_WITH_7);
-}
-
-TEST(TovWatchFd, OrdinaryProcessIsLeftAlone) {
-  EXPECT_EQ(status_of([] {
-              watch(20);
-              _exit(7);
-            }),
-            EXITED_WITH_7);
-}
-
-TEST(TovWatchFd, VanishedProcessIsToldAndPassedOver) {
-  const pid_t gone = fork();
-  if (gone == 0) _exit(0);
-  waitpid(gone, nullptr, 0);
-  CaptureStdout();
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
-  for (int i = 0; i < 5; i++)
-    tov_client_watch_process_fd(gone);
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-  EXPECT_NE(GetCapturedStdout().find("]tov_client_watch_process_fd: No such file or directory\n"),
-            std::string::npos);
-}
-
-TEST(TovWatchFd, CheckOverTheLimitIsTold) {
-  CaptureStdout();
-  const int status = status_of([] {
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
-    limit_files(32);
-    open_all();
-    watch(1);
-    fflush(stdout);
-  });
-  EXPECT_EQ(status, 0);
-  const std::string printed = GetCapturedStdout();
-  EXPECT_NE(printed.find(": open files exceed the system upper limit.\n"), std::string::npos)
-      << printed;
 }
 
 }  // namespace

@@ -16,17 +16,11 @@
 #include "tests/module/failing_sem.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/no_semaphores.h"
+#include "tests/module/private_root.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/in_child.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char KEY_FILE[] = "/tmp/.tov_semphore_path";
 constexpr uid_t NOBODY = 65534;

@@ -19,16 +19,18 @@
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/private_root.h"
+#include "tests/support/child.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "tests/support/stdout.h"
 #include "util/tov_utils.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 using tov_test::FakeDaemon;
 using tov_test::Manners;
+using tov_test::printed_by;
 using tov_test::RefusingSocket;
 using tov_test::Request;
 
@@ -73,14 +75,11 @@ TEST_F(TovXtach, RegistrationWritesAndLocksItsFileAndSendsThePayload) {
   FakeDaemon daemon;
   EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
   const std::string file = own_file();
-  const pid_t other = fork();
-  if (other == 0) {
+  tov_test::in_child([&] {
     const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
-    _exit(fd >= 0 && lock_file(fd) < 0 ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(other, &status, 0);
-  EXPECT_EQ(status, 0) << "another process must find the file locked";
+    ASSERT_GE(fd, 0);
+    EXPECT_LT(lock_file(fd), 0) << "another process must find the file locked";
+  });
   // Only now: reading it here closes a descriptor of it, which drops the lock.
   EXPECT_EQ(tov_test::read_file(file), expected_file(RESPAWN));
 
@@ -108,9 +107,8 @@ TEST_F(TovXtach, SecondRegistrationLeavesOneFileWithTheNewerAction) {
 
 TEST_F(TovXtach, NegativePidGoesOnAsProcessZeroWithoutAFile) {
   FakeDaemon daemon;
-  CaptureStdout();
-  EXPECT_EQ(reg_process_exit_action(-7, TOV_RESTART), 0);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed =
+      printed_by([&] { EXPECT_EQ(reg_process_exit_action(-7, TOV_RESTART), 0); });
   EXPECT_NE(printed.find("]The pid you enter is < 0 \n"), std::string::npos);
   EXPECT_NE(printed.find("]reg_process_exit_action: fail to get pid 0's cmdline\n"),
             std::string::npos);
@@ -122,9 +120,7 @@ TEST_F(TovXtach, NegativePidGoesOnAsProcessZeroWithoutAFile) {
 }
 
 TEST_F(TovXtach, ProcessThatIsGoneIsRegisteredAllTheSame) {
-  const pid_t gone = fork();
-  if (gone == 0) _exit(0);
-  waitpid(gone, nullptr, 0);
+  const pid_t gone = tov_test::gone_process();
   FakeDaemon daemon;
   EXPECT_EQ(reg_process_exit_action(gone, TOV_RESTART), 0);
   EXPECT_EQ(daemon.only_request().payload<tov_msg_xtach_t>().pid, gone);
@@ -134,10 +130,10 @@ TEST_F(TovXtach, ProcessThatIsGoneIsRegisteredAllTheSame) {
 TEST_F(TovXtach, FileThatCannotBeWrittenDoesNotHoldTheRequestBack) {
   std::filesystem::remove_all(DB_DIR);
   FakeDaemon daemon;
-  CaptureStdout();
-  EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
-  EXPECT_NE(GetCapturedStdout().find("]tov_mk_pidfile fail. vsd 0 pid " + std::to_string(getpid()) +
-                                     " name " + cmdline_ + " \n"),
+  const std::string said =
+      printed_by([&] { EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0); });
+  EXPECT_NE(said.find("]tov_mk_pidfile fail. vsd 0 pid " + std::to_string(getpid()) + " name " +
+                      cmdline_ + " \n"),
             std::string::npos);
   EXPECT_EQ(daemon.requests(1).size(), 1u);
 }
@@ -200,9 +196,9 @@ TEST_F(TovXtach, ScriptRegistrationWaitsForNothing) {
 
 TEST_F(TovXtach, ScriptRegistrationTriesOnce) {
   RefusingSocket refusing;
-  CaptureStdout();
-  EXPECT_EQ(reg_process_exit_action_shell(0, TOV_SHELL_RESTART, "/opt/loader"), -1);
-  EXPECT_EQ(tov_test::attempts_told_in(GetCapturedStdout()), 1u);
+  const std::string said = printed_by(
+      [&] { EXPECT_EQ(reg_process_exit_action_shell(0, TOV_SHELL_RESTART, "/opt/loader"), -1); });
+  EXPECT_EQ(tov_test::attempts_told_in(said), 1u);
 }
 
 TEST_F(TovXtach, LongScriptPathIsCutAndMissingOneIsEmpty) {
@@ -293,13 +289,13 @@ TEST_F(TovXtach, RegistrationsFollowTheDebugFileAndTheRestartTimeDoesNot) {
   EXPECT_EQ(tov_time_set(0, TOV_RESTART, 1), 0);
   EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_END);
 
-  CaptureStdout();
-  EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
-  EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
-  g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-  EXPECT_EQ(reg_process_exit_action_shell(0, TOV_RESTART, ""), 0);
-  EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
-  GetCapturedStdout();
+  (void)printed_by([&] {
+    EXPECT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
+    EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
+    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
+    EXPECT_EQ(reg_process_exit_action_shell(0, TOV_RESTART, ""), 0);
+    EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
+  });
 }
 
 // ---- forks
@@ -308,15 +304,12 @@ TEST_F(TovXtach, RegistrationsFollowTheDebugFileAndTheRestartTimeDoesNot) {
 TEST_F(TovXtach, ChildOfAForkRegistersItself) {
   FakeDaemon daemon;
   ASSERT_EQ(reg_process_exit_action(0, TOV_RESTART), 0);
-  const pid_t child = fork();
-  if (child == 0) {
+  pid_t child = 0;
+  const auto registers = [&] {
     reg_process_exit_action(0, TOV_RESTART);
-    const bool written = access(file_of(cmdline_, getpid()).c_str(), F_OK) == 0;
-    _exit(written ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return access(file_of(cmdline_, getpid()).c_str(), F_OK) == 0 ? 0 : 1;
+  };
+  EXPECT_EQ(tov_test::status_in_child(registers, &child), 0);
   const std::vector<Request> requests = daemon.requests(2);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].payload<tov_msg_xtach_t>().pid, child);

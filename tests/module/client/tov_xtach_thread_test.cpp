@@ -18,14 +18,15 @@
 #include "tests/module/fake_daemon.h"
 #include "tests/module/private_root.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "tests/support/stdout.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 using tov_test::FakeDaemon;
 using tov_test::Manners;
+using tov_test::printed_by;
 using tov_test::RefusingSocket;
 using tov_test::Request;
 
@@ -99,15 +100,15 @@ TEST_F(TovXtachThread, MissingArgumentsAreRefusedWithoutARequest) {
   FakeDaemon daemon;
   const pid_t pid = getpid();
   const pid_t tid = gettid();
-  CaptureStdout();
-  for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
-    EXPECT_EQ(call(0, tid, PERIOD, COUNT), -1);
-    EXPECT_EQ(call(-1, tid, PERIOD, COUNT), -1);
-    EXPECT_EQ(call(pid, 0, PERIOD, COUNT), -1);
-    EXPECT_EQ(call(pid, tid, 0, COUNT), -1);
-    EXPECT_EQ(call(pid, tid, PERIOD, 0), -1);
-  }
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = printed_by([&] {
+    for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
+      EXPECT_EQ(call(0, tid, PERIOD, COUNT), -1);
+      EXPECT_EQ(call(-1, tid, PERIOD, COUNT), -1);
+      EXPECT_EQ(call(pid, 0, PERIOD, COUNT), -1);
+      EXPECT_EQ(call(pid, tid, 0, COUNT), -1);
+      EXPECT_EQ(call(pid, tid, PERIOD, 0), -1);
+    }
+  });
   EXPECT_NE(
       printed.find("]parameter error(pid:-1, tid:" + std::to_string(tid) + ", time:8, count:9)!\n"),
       std::string::npos);
@@ -118,16 +119,17 @@ TEST_F(TovXtachThread, OnlyTheThreadItselfMaySpeakForIt) {
   FakeDaemon daemon;
   const pid_t pid = getpid();
   const pid_t tid = gettid();
-  CaptureStdout();
-  for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
-    EXPECT_EQ(call(pid, tid + 1, PERIOD, COUNT), -1);
-    EXPECT_EQ(call(pid + 1, tid, PERIOD, COUNT), -1);
-    EXPECT_EQ(call(pid, -5, PERIOD, COUNT), -1);
-    std::thread([&] { EXPECT_EQ(call(pid, tid, PERIOD, COUNT), -1); }).join();
-  }
+  const std::string said = printed_by([&] {
+    for (const auto call : {tov_client_reg_thread_notify, tov_client_reset_thread_notify}) {
+      EXPECT_EQ(call(pid, tid + 1, PERIOD, COUNT), -1);
+      EXPECT_EQ(call(pid + 1, tid, PERIOD, COUNT), -1);
+      EXPECT_EQ(call(pid, -5, PERIOD, COUNT), -1);
+      std::thread([&] { EXPECT_EQ(call(pid, tid, PERIOD, COUNT), -1); }).join();
+    }
+  });
   const std::string ids = std::to_string(pid) + ", tid:" + std::to_string(tid + 1) +
                           ", cur_pid:" + std::to_string(pid) + ", cur_tid:" + std::to_string(tid);
-  EXPECT_NE(GetCapturedStdout().find("]not cur task reg!(pid:" + ids + ")!\n"), std::string::npos);
+  EXPECT_NE(said.find("]not cur task reg!(pid:" + ids + ")!\n"), std::string::npos);
   EXPECT_TRUE(daemon.requests(1, 200ms).empty());
 }
 
@@ -138,24 +140,21 @@ TEST_F(TovXtachThread, AbsentDaemonIsNoFailure) {
 
 TEST_F(TovXtachThread, BrokenExchangeIsAFailure) {
   FakeDaemon daemon(Manners{.hang_up = 1});
-  CaptureStdout();
-  EXPECT_EQ(reg(), -1);
-  EXPECT_NE(GetCapturedStdout().find("]reg thread notify err(ret:-1)!\n"), std::string::npos);
+  const std::string said = printed_by([&] { EXPECT_EQ(reg(), -1); });
+  EXPECT_NE(said.find("]reg thread notify err(ret:-1)!\n"), std::string::npos);
 }
 
 TEST_F(TovXtachThread, NoProcVariantIgnoresAbort) {
   FakeDaemon daemon;
-  const pid_t child = fork();
-  if (child == 0) {
+  pid_t child = 0;
+  const auto registers = [] {
     const int ret = tov_client_reg_thread_notify_no_proc(getpid(), gettid(), PERIOD, COUNT);
     struct sigaction now {};
     sigaction(SIGABRT, nullptr, &now);
     raise(SIGABRT);
-    _exit(ret == 0 && now.sa_handler == SIG_IGN ? 0 : 1);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return ret == 0 && now.sa_handler == SIG_IGN ? 0 : 1;
+  };
+  EXPECT_EQ(tov_test::status_in_child(registers, &child), 0);
   EXPECT_EQ(daemon.only_request().payload<tov_msg_xtach_t>().ppid, child);
 }
 
@@ -184,10 +183,10 @@ TEST_F(TovXtachThread, SignOfLifeAdvancesTheByteAndSendsNothing) {
 
 TEST_F(TovXtachThread, UnknownThreadRegistersAfreshWithTheCallersNumbers) {
   FakeDaemon daemon;
-  CaptureStdout();
-  EXPECT_EQ(tov_client_reset_thread_notify(getpid(), gettid(), 7, 3), 0);
-  EXPECT_NE(GetCapturedStdout().find("]reg alive info(pid:" + std::to_string(getpid()) +
-                                     ", tid:" + std::to_string(gettid()) + ", time:7, count:3)!\n"),
+  const std::string said =
+      printed_by([&] { EXPECT_EQ(tov_client_reset_thread_notify(getpid(), gettid(), 7, 3), 0); });
+  EXPECT_NE(said.find("]reg alive info(pid:" + std::to_string(getpid()) +
+                      ", tid:" + std::to_string(gettid()) + ", time:7, count:3)!\n"),
             std::string::npos);
   const Request request = daemon.only_request();
   EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_MSG_ACK));
@@ -259,9 +258,7 @@ TEST_F(TovXtachThread, SignOfLifeDoesNotReadTheDebugFile) {
   tov_sys_reg_alive_info(gettid());
   EXPECT_EQ(reset(), 0);
   EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_END);
-  CaptureStdout();
-  EXPECT_EQ(reg(), 0);
-  GetCapturedStdout();
+  (void)printed_by([&] { EXPECT_EQ(reg(), 0); });
   EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
 }
 
@@ -280,17 +277,15 @@ TEST_F(TovXtachThread, UnregisteringNamesTheThread) {
 
 TEST_F(TovXtachThread, UnregisteringThreadZeroIsToldAndSentAllTheSame) {
   FakeDaemon daemon;
-  CaptureStdout();
-  EXPECT_EQ(tov_client_unreg_thread_notify(0), 0);
-  EXPECT_NE(GetCapturedStdout().find("]parameter error\n"), std::string::npos);
+  const std::string said = printed_by([&] { EXPECT_EQ(tov_client_unreg_thread_notify(0), 0); });
+  EXPECT_NE(said.find("]parameter error\n"), std::string::npos);
   EXPECT_EQ(daemon.only_request().payload<tov_msg_cons_t>().pid, 0);
 }
 
 TEST_F(TovXtachThread, UnregisteringWithoutADaemonReturnsZeroAfterOneAttempt) {
   RefusingSocket refusing;
-  CaptureStdout();
-  EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0);
-  EXPECT_EQ(tov_test::attempts_told_in(GetCapturedStdout()), 1u);
+  const std::string said = printed_by([&] { EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0); });
+  EXPECT_EQ(tov_test::attempts_told_in(said), 1u);
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 #include <set>
 #include <string>
 
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/caught_diagnostics.h"
+#include "tests/support/files.h"
+#include "tests/support/text.h"
 
 namespace fs = std::filesystem;
 
@@ -37,7 +40,7 @@ TEST_F(TovThirdPartProcInit, OneLineForEachFile) {
   write_file(LISTED + "/a", "/opt/a -x TOV_RESTART");
   write_file(LISTED + "/b", "/opt/b TOV_SHELL_RESTART");
   tov_third_part_proc_init();
-  const auto lines = tov_test::lines_of(read_file(TOV_THIRD_PART_LIST), "\n");
+  const auto lines = tov_test::split_lines(read_file(TOV_THIRD_PART_LIST), "\n");
   EXPECT_THAT(lines,
               testing::UnorderedElementsAre("/opt/a -x TOV_RESTART", "/opt/b TOV_SHELL_RESTART"));
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/stdout.h"
 #include "tests/support/text.h"
 
@@ -121,13 +122,13 @@ TEST_F(TovDbg, EndlessTextIsCutWithinTheBuffer) {
 }
 
 TEST_F(TovDbg, ErrnoIsKept) {
-  testing::internal::CaptureStdout();
-  errno = ENOSPC;
-  tov_dbg_print("f.cpp", 1, "%s", std::string(9000, 'x').c_str());
-  EXPECT_EQ(errno, ENOSPC);
-  tov_dbg_print_raw("f.cpp", 1, std::vector<const char *>{"x", nullptr}.data());
-  EXPECT_EQ(errno, ENOSPC);
-  (void)testing::internal::GetCapturedStdout();
+  (void)printed_by([&] {
+    errno = ENOSPC;
+    tov_dbg_print("f.cpp", 1, "%s", std::string(9000, 'x').c_str());
+    EXPECT_EQ(errno, ENOSPC);
+    tov_dbg_print_raw("f.cpp", 1, std::vector<const char *>{"x", nullptr}.data());
+    EXPECT_EQ(errno, ENOSPC);
+  });
 }
 
 TEST_F(TovDbg, LinesOfThreadsDoNotMix) {
@@ -154,14 +155,9 @@ TEST_F(TovDbg, LinesOfThreadsDoNotMix) {
 
 TEST_F(TovDbg, ChildsLineIsJoined) {
   g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
-  const int line = __LINE__ + 4;
+  const int line = __LINE__ + 2;
   const std::string text = printed_by([] {
-    const pid_t child = fork();
-    if (child == 0) {
-      TOV_DBG_CHILD("tov_spawn", "--> chdir failed, ret: ", "-1", "\n");
-      _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+    tov_test::in_child([] { TOV_DBG_CHILD("tov_spawn", "--> chdir failed, ret: ", "-1", "\n"); });
   });
   EXPECT_EQ(text, "[TOV:tov_dbg_test.cpp:" + std::to_string(line) +
                       "]tov_spawn--> chdir failed, ret: -1\n");

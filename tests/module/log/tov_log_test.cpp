@@ -20,22 +20,23 @@
 #include <vector>
 
 #include "tests/module/private_root.h"
+#include "tests/support/event_log.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/stdout.h"
 #include "tests/support/text.h"
 
 using tov_test::matches;
 using tov_test::printed_by;
+using tov_test::STAMP_LENGTH;
 
 namespace fs = std::filesystem;
 
-static const std::string LOG_DIR = "/qxos/vsd_common/tov";
+static const std::string LOG_DIR = tov_test::EVENT_LOG_DIR;
 static const std::string STAMP = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{6} [0-9]{6} ";
-static constexpr size_t STAMP_LENGTH = 25;
 static constexpr size_t LONGEST_LINE = 254;
-static const std::vector<std::string> names = {
-    "tov_kill_process.log", "tov_restart_process.log", "tov_run_event.log",
-    "tov_error_event.log",  "user_register_alive.log", "user_register_restart.log"};
+static const std::vector<std::string> names(std::begin(tov_test::EVENT_LOGS),
+                                            std::end(tov_test::EVENT_LOGS));
 
 // Handles live to the end of the process; kept where the leak checker finds them.
 static auto *const all_handles = new std::vector<void *>;
@@ -85,13 +86,7 @@ class TovLog : public testing::Test {
   }
 
   // The content of the only file of a type.
-  static std::string content(int type) {
-    std::string found;
-    for (const std::string &name : tov_test::names_in(LOG_DIR))
-      if (name.starts_with(names[static_cast<size_t>(type)]))
-        found += tov_test::read_file(fs::path(LOG_DIR) / name);
-    return found;
-  }
+  static std::string content(int type) { return tov_test::event_log_content(type); }
 };
 
 // The same with the six logs open.
@@ -383,11 +378,8 @@ TEST_F(TovLogOpen, DiagnosticAndEventCarryTheSameText) {
 static int write_in_child(int type, const tov_log_child_line_t &line,
                           std::vector<const char *> rest) {
   rest.push_back(nullptr);
-  const pid_t child = fork();
-  if (child == 0) _exit(-tov_log_write_prepared(type, &line, rest.data()));
-  int status = 0;
-  waitpid(child, &status, 0);
-  return -WEXITSTATUS(status);
+  return -WEXITSTATUS(
+      tov_test::status_in_child([&] { return -tov_log_write_prepared(type, &line, rest.data()); }));
 }
 
 TEST_F(TovLogOpen, ChildAddsItsTextsToThePreparedLine) {

@@ -9,7 +9,10 @@
 #include <string>
 
 #include "tests/module/seconds_ago.h"
-#include "tests/module/supervision.h"
+#include "tests/module/self_healing.h"
+#include "tests/module/world.h"
+#include "tests/support/files.h"
+#include "tests/support/processes.h"
 #include "util/priority.h"
 
 using testing::ElementsAre;
@@ -24,7 +27,7 @@ static constexpr char DORVIK_MARKER[] = "/etc/tov/dorvik";
 
 namespace {
 
-class TovBurst : public tov_test::Supervision {
+class TovBurst : public tov_test::World {
  protected:
   // A task of which the given number of restarts came before, in a burst of the given age.
   static tov_pid_t *task(int restarts, time_t age_s = 0, int action = RESPAWN) {
@@ -48,7 +51,7 @@ bool allows(tov_pid_t *record, const tov_proc_how_t &how) {
   return tov_burst_allows(held, record, how);
 }
 
-class TovCheckRestartSystem : public tov_test::Supervision {
+class TovCheckRestartSystem : public tov_test::World {
  protected:
   // A task whose self-check ended now. Later suspensions are told their time, so that a machine
   // may have been started a moment ago: the switch, on since second 0, counts as on before.
@@ -58,12 +61,7 @@ class TovCheckRestartSystem : public tov_test::Supervision {
     record->con_tm = tov_get_time();
     return record;
   }
-  static size_t reloads() {
-    size_t count = 0;
-    for (const std::string &text : notices())
-      count += text.starts_with("self-healing action 3, ");
-    return count;
-  }
+  static size_t reloads() { return tov_test::reloads_in(notices()); }
 };
 
 }  // namespace

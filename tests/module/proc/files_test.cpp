@@ -13,7 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/processes.h"
 
 namespace fs = std::filesystem;
 
@@ -23,11 +26,11 @@ using tov_test::write_file;
 
 namespace {
 
-class DebugTime : public tov_test::Supervision {
+class DebugTime : public tov_test::World {
  protected:
   void TearDown() override {
     tov_test::clear_path(TOV_DEBUG_TIME_FILE);
-    Supervision::TearDown();
+    World::TearDown();
   }
   static int with(const std::string &text) {
     write_file(TOV_DEBUG_TIME_FILE, text);
@@ -42,7 +45,7 @@ class ConsoleOpen : public testing::Test {
   void SetUp() override { write_file(TOV_CONSOLE, ""); }
 };
 
-class AbnormalFork : public tov_test::Supervision {};
+class AbnormalFork : public tov_test::World {};
 
 }  // namespace
 

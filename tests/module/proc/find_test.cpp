@@ -12,20 +12,18 @@
 #include <vector>
 
 #include "tests/module/fake_sleep.h"
-#include "tests/module/supervision.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/in_child.h"
 
 using testing::ElementsAre;
 using tov_test::Program;
 
 namespace {
 
-class TovProcToPid : public tov_test::Supervision {
+class TovProcToPid : public tov_test::NotesSleeps<tov_test::World> {
  protected:
-  void SetUp() override {
-    Supervision::SetUp();
-    tov_test::note_sleeps(true);
-  }
-
   // A process that vanishes during the only scan spoils it, so that the machine's other business
   // could decide a test; such a scan is made again.
   static int scan(const std::string &command, pid_t *found) {
@@ -71,13 +69,7 @@ TEST_F(TovProcToPid, TrailingBlanksOfTheKeyAreStrippedInPlace) {
 
 TEST_F(TovProcToPid, TrailingBlanksOfAProcessDoNotCount) {
   const Program program("argument");
-  char nothing[] = "";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    char *const argv[] = {const_cast<char *>(program.path.c_str()), nothing, nothing, nullptr};
-    execv(program.path.c_str(), argv);
-    _exit(127);
-  }
+  const pid_t pid = tov_test::start_program({program.path, "", ""});
   program.birth();
   pid_t found = 0;
   EXPECT_EQ(scan(program.path, &found), 1);

@@ -1,99 +1,51 @@
-// Starting a program again: the words, the child's set-up, scripts, third-part programs, failures.
+// Starting a program again, seen from the daemon: what it is told, third-part programs, devices,
+// scripts, forks that fail.
 #include "proc/tov_proc.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/close_range.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "proc/child.h"
 #include "proc/selfcheck/tov_signals.h"
 #include "tests/module/fake_sleep.h"
+#include "tests/module/proc/spawning.h"
+#include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/birth.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/in_child.h"
+#include "tests/support/processes.h"
 #include "util/priority.h"
 
 namespace fs = std::filesystem;
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using tov_test::Birth;
+using tov_test::exists;
 using tov_test::GONE;
 using tov_test::Millis;
+using tov_test::PlainConsole;
 using tov_test::Program;
 using tov_test::read_file;
 using tov_test::refuse;
 using tov_test::TemporaryFile;
 using tov_test::write_file;
 
-// ---- words ----------------------------------------------------------------------------------
-
-static std::vector<std::string> words_of(const std::string &command) {
-  const tov_words_t words(command.c_str());
-  std::vector<std::string> all;
-  for (char *const *word = words.word; *word != nullptr; word++)
-    all.emplace_back(*word);
-  return all;
-}
-
-TEST(TovWords, BlanksAndTabsSeparateThem) {
-  EXPECT_THAT(words_of("/opt/foo -a b"), ElementsAre("/opt/foo", "-a", "b"));
-  EXPECT_THAT(words_of(" \t/opt/foo \t \t-a\tb \t"), ElementsAre("/opt/foo", "-a", "b"));
-  EXPECT_THAT(words_of("foo\nbar"), ElementsAre("foo\nbar"));
-  EXPECT_THAT(words_of(""), IsEmpty());
-  EXPECT_THAT(words_of(" \t "), IsEmpty());
-}
-
-TEST(TovWords, FourteenAtMost) {
-  EXPECT_THAT(words_of("1 2 3 4 5 6 7 8 9 10 11 12 13 14"), testing::SizeIs(14));
-  const auto words = words_of("1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16");
-  EXPECT_THAT(words, testing::SizeIs(14));
-  EXPECT_EQ(words.back(), "14");  // without what follows it
-}
-
-TEST(TovWords, CommandsAreCutAt4095Characters) {
-  const auto words = words_of("/opt/foo " + std::string(5000, 'x'));
-  ASSERT_EQ(words.size(), 2u);
-  EXPECT_EQ(words[1].size(), 4095 - std::string("/opt/foo ").size());
-}
-
 namespace {
 
-class TovSpawn : public tov_test::Supervision {
- protected:
-  void SetUp() override {
-    Supervision::SetUp();
-    // What this test program inherited is its own matter, as it is the daemon's.
-    (void)close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-    tov_test::note_sleeps(true);
-  }
-
-  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
-  // The exit status of a child, or -1 when it did not leave by itself.
-  static int status_of(pid_t child) {
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
-  pid_t res_ = 77;
-};
-
+class TovSpawn : public tov_test::Spawning {};
 class TovSpawnFailure : public TovSpawn {};
 class TovSpawnThirdPart : public TovSpawn {};
 class TovSpawnDevice : public TovSpawn {};
@@ -103,19 +55,6 @@ class TovProcRestart : public TovSpawn {};
 void refuse_forks() {
   refuse({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN);
 }
-
-// The private root's console is a null device over a plain file; for as long as this lives it is
-// the plain file.
-class PlainConsole {
- public:
-  PlainConsole() {
-    EXPECT_EQ(umount(TOV_CONSOLE), 0);
-    write_file(TOV_CONSOLE, "");
-  }
-  ~PlainConsole() { (void)mount("/dev/null", TOV_CONSOLE, nullptr, MS_BIND, nullptr); }
-  PlainConsole(const PlainConsole &) = delete;
-  PlainConsole &operator=(const PlainConsole &) = delete;
-};
 
 // A start under the registry's lock.
 pid_t restart(tov_pid_t *record, pid_t *res) {
@@ -141,112 +80,6 @@ TEST_F(TovSpawn, NewProcessIsToldInBothWays) {
                           ", new pid: " + std::to_string(result)));
 }
 
-TEST_F(TovSpawn, SixteenWordsBecomeFourteen) {
-  const Program program("words");
-  tov_spawn(add(GONE, program.path + " 2 3\t4 5 6 7 8 9 10 11 12 13 14 15 16"), &res_);
-  EXPECT_EQ(program.birth().argv, program.path + " 2 3 4 5 6 7 8 9 10 11 12 13 14");
-}
-
-TEST_F(TovSpawn, ChildStartsFromAnOrdinaryState) {
-  const Program program("state");
-  const PlainConsole console;
-  tov_pid_t *record = add(GONE, program.path);
-  // A worker thread as the daemon has them: at priority 99, with the daemon's signals blocked.
-  struct sigaction ignored {};
-  ignored.sa_handler = SIG_IGN;
-  struct sigaction before {};
-  sigaction(SIGUSR1, &ignored, &before);
-  std::thread worker([&] {
-    tov_signals_block();
-    EXPECT_EQ(tov_set_priority(TOV_RT_PRIORITY), 0);
-    tov_spawn(record, &res_);
-#ifndef TOV_SANITIZE_THREAD                        // there no thread is real-time
-    EXPECT_EQ(sched_getscheduler(0), SCHED_FIFO);  // the caller keeps its own
-#endif
-  });
-  worker.join();
-  sigaction(SIGUSR1, &before, nullptr);
-
-  const Birth birth = program.birth();
-  EXPECT_EQ(birth.ppid, getpid());
-  EXPECT_EQ(birth.sid, birth.pid);
-  EXPECT_EQ(birth.pgrp, birth.pid);
-  EXPECT_EQ(birth.blocked, 0u);
-  EXPECT_EQ(birth.ignored, 0u);
-  EXPECT_EQ(birth.caught, 0u);
-  EXPECT_EQ(birth.policy, SCHED_OTHER);
-  EXPECT_EQ(birth.priority, 0);
-  EXPECT_EQ(birth.cwd, "/");
-  EXPECT_THAT(birth.fds, ElementsAre(testing::Pair(0, TOV_CONSOLE), testing::Pair(1, TOV_CONSOLE),
-                                     testing::Pair(2, TOV_CONSOLE)));
-}
-
-TEST_F(TovSpawn, ProgramWithoutAConsoleRunsAllTheSame) {
-  const Program program("dark");
-  const PlainConsole console;
-  ASSERT_EQ(unlink(TOV_CONSOLE), 0);
-  tov_spawn(add(GONE, program.path), &res_);
-  EXPECT_THAT(program.birth().fds, IsEmpty());
-  write_file(TOV_CONSOLE, "");
-}
-
-TEST_F(TovSpawn, SignalMaskOfTheCallerIsRestored) {
-  const Program program("mask");
-  for (const int how : {SIG_BLOCK, SIG_UNBLOCK}) {
-    sigset_t set, after;
-    sigemptyset(&set);
-    sigaddset(&set, SIGCHLD);
-    pthread_sigmask(how, &set, nullptr);
-    tov_spawn(add(GONE, program.path), &res_);
-    pthread_sigmask(SIG_BLOCK, nullptr, &after);
-    EXPECT_EQ(sigismember(&after, SIGCHLD), how == SIG_BLOCK);
-    EXPECT_EQ(sigismember(&after, SIGALRM), 0);
-  }
-}
-
-TEST_F(TovSpawn, EnvironmentOfTheDaemonIsInherited) {
-  const Program program("environment");
-  setenv("TOLD_TO_THE_DAEMON", "yes", 1);
-  const pid_t pid = tov_spawn(add(GONE, program.path), &res_);
-  unsetenv("TOLD_TO_THE_DAEMON");
-  program.birth();
-  EXPECT_THAT(read_file("/proc/" + std::to_string(pid) + "/environ"),
-              HasSubstr("TOLD_TO_THE_DAEMON=yes"));
-}
-
-TEST_F(TovSpawn, WordWithoutASlashIsSearchedAlongThePath) {
-  const Program program("searched");
-  const std::string before = getenv("PATH");
-  setenv("PATH", ("/nowhere:/opt/supervised:" + before).c_str(), 1);
-  tov_spawn(add(GONE, program.name + " -a"), &res_);
-  setenv("PATH", before.c_str(), 1);
-  EXPECT_EQ(program.birth().argv, program.name + " -a");
-}
-
-TEST_F(TovSpawn, FileWithoutAnInterpreterLineIsRunByTheShell) {
-  const Program program("plain");
-  const TemporaryFile script("/opt/supervised/script", "exec " + program.path + " \"$@\"\n");
-  chmod("/opt/supervised/script", 0755);
-  tov_spawn(add(GONE, "/opt/supervised/script -a"), &res_);
-  EXPECT_EQ(program.birth().argv, program.path + " -a");
-}
-
-TEST_F(TovSpawn, ForkRecordIsRemovedByTheChild) {
-  const Program program("recovered");
-  write_file(TOV_FORK_FILE, "aaa");
-  tov_spawn(add(GONE, program.path), &res_);
-  program.birth();
-  EXPECT_FALSE(exists(TOV_FORK_FILE));
-}
-
-TEST_F(TovSpawn, LowMemoryKillersSwitchIsSetByTheChild) {
-  const Program program("flushed");
-  const TemporaryFile file(TOV_LMK_FLUSH_FILE, "0");
-  tov_spawn(add(GONE, program.path), &res_);
-  program.birth();
-  EXPECT_EQ(read_file(TOV_LMK_FLUSH_FILE), "1\n");
-}
-
 TEST_F(TovSpawn, SuspendedTaskIsNotStarted) {
   const Program program("suspended");
   tov_pid_t *record = add(GONE, program.path);
@@ -265,82 +98,10 @@ TEST_F(TovSpawn, SuspendedTaskIsNotStarted) {
   program.birth(5);
 }
 
-// ---- failures -------------------------------------------------------------------------------
-
-TEST_F(TovSpawnFailure, ProgramThatCannotBeExecutedLeavesWithOne) {
-  const pid_t pid = tov_spawn(add(GONE, "/no/such/program -a"), &res_);
-  EXPECT_GT(pid, 0);
-  EXPECT_EQ(res_, pid);
-  EXPECT_EQ(status_of(pid), 1);
-  EXPECT_THAT(
-      events(TOV_LOG_RUN_EVENT),
-      testing::UnorderedElementsAre(
-          "tov_spawn--> tov_pid->process = /no/such/program, new pid: " + std::to_string(pid),
-          "Tov execvp fail,error:No such file or directory."));
-}
-
-TEST_F(TovSpawnFailure, ReasonIsThatOfTheExecution) {
-  write_file("/opt/supervised/data", "no program");
-  chmod("/opt/supervised/data", 0644);
-  status_of(tov_spawn(add(GONE, "/opt/supervised/data"), &res_));
-  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
-              testing::Contains("Tov execvp fail,error:Permission denied."));
-}
-
-TEST_F(TovSpawnFailure, DiagnosticGoesToTheConsole) {
-  const PlainConsole console;
-  // Each line is written at the beginning of the file, where this is the last one.
-  const std::string own =
-      diagnostics([&] { status_of(tov_spawn(add(GONE, "/no/such/program"), &res_)); });
-  EXPECT_THAT(own, HasSubstr("]tov_spawn--> tov_pid->process = /no/such/program, new pid: "));
-  EXPECT_THAT(read_file(TOV_CONSOLE),
-              HasSubstr("]HA_RESTART execvp fail, error = No such file or directory.\n"));
-}
-
-TEST_F(TovSpawnFailure, EmptyCommandLineIsNoProgram) {
-  for (const char *process : {"", " \t"}) {
-    const pid_t pid = tov_spawn(add(GONE, process), &res_);
-    EXPECT_GT(pid, 0);
-    EXPECT_EQ(status_of(pid), 1);
-  }
-}
-
-TEST_F(TovSpawnFailure, WhatWaitedOnStandardOutputIsWrittenOnce) {
-  const std::string said = tov_test::caught_diagnostics(TOV_MODULE_LIB, [&] {
-    printf("half a line");
-    status_of(tov_spawn(add(GONE, "/no/such/program"), &res_));
-  });
-  EXPECT_EQ(said, "half a line");
-}
-
-TEST_F(TovSpawnFailure, ChildThatCannotGoToTheRootComesBackWithMinusOne) {
-  tov_test::in_child([this] {
-    refuse({SYS_chdir}, EIO);
-    const pid_t self = getpid();
-    const pid_t result = tov_spawn(add(GONE, "/bin/true"), &res_);
-    if (getpid() != self) _exit(result == -1 ? 42 : 43);
-    EXPECT_GT(result, 0);
-    EXPECT_EQ(status_of(result), 42);
-  });
-  EXPECT_EQ(read_file(TOV_FORK_FILE), "a");
-}
-
-TEST_F(TovSpawnFailure, ItsDiagnosticGoesToTheConsole) {
-  const PlainConsole console;
-  tov_test::in_child([this] {
-    refuse({SYS_chdir}, EIO);
-    (void)diagnostics([&] {
-      const pid_t self = getpid();
-      const pid_t result = tov_spawn(add(GONE, "/bin/true"), &res_);
-      if (getpid() != self) _exit(0);
-      status_of(result);
-    });
-  });
-  EXPECT_THAT(read_file(TOV_CONSOLE), HasSubstr("]tov_spawn--> chdir failed, ret: -1\n"));
-}
+// ---- forks that fail ---------------------------------------------------------------------------
 
 TEST_F(TovSpawnFailure, FailedForkIsRecordedAndTriedAgain) {
-  const tov_test::helper_process_s spawner([this] {
+  const tov_test::Child spawner([this] {
     if (fork() != 0) return;
     refuse_forks();
     tov_spawn(add(GONE, "/opt/a"), &res_);

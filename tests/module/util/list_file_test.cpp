@@ -14,15 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/private_root.h"
+#include "tests/module/private_root.h"
+#include "tests/support/child.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char LIST[] = "/tmp/list";
 
@@ -76,13 +71,9 @@ TEST(PidToProc, FailsForIdsThatNobodyHas) {
 }
 
 TEST(PidToProc, FailsForAZombie) {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  siginfo_t info{};
-  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+  const tov_test::Zombie child;
   char buf[16] = "x";
-  EXPECT_EQ(pid_to_proc(child, buf, sizeof buf), 0);
-  waitpid(child, nullptr, 0);
+  EXPECT_EQ(pid_to_proc(child.pid(), buf, sizeof buf), 0);
 }
 
 TEST(TovProcInTovdb, LastWordOfTheLineComesWithItsLineEnd) {

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "util/tov_utils.h"
@@ -61,27 +62,6 @@ class Running {
  private:
   pid_t pid_;
   tov_fd_t input_;
-};
-
-// A child that has ended and is not reaped while this lives.
-class Zombie {
- public:
-  Zombie() : pid_(fork()) {
-    if (pid_ == 0) _exit(0);
-    siginfo_t info;
-    waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT);
-  }
-  ~Zombie() { reap(); }
-  Zombie(const Zombie &) = delete;
-  Zombie &operator=(const Zombie &) = delete;
-  void reap() {
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_;
 };
 
 }  // namespace
@@ -161,7 +141,7 @@ TEST(TovUtilsCmdline, BlankAtTheCutIsDropped) {
 }
 
 TEST(TovUtilsCmdline, WithoutAnExecutableTheBufferIsUntouched) {
-  const Zombie zombie;
+  const tov_test::Zombie zombie;
   char buf[64] = "before";
   for (const pid_t pid : {zombie.pid(), pid_t{0}, pid_t{-1}, pid_t{INT_MAX}})
     EXPECT_EQ(pid_to_cmdline(pid, buf, sizeof buf), nullptr) << pid;
@@ -303,10 +283,10 @@ TEST(TovUtilsLife, StoppedProcessLives) {
 }
 
 TEST(TovUtilsLife, ZombieIsDeadAfterThreeLooks) {
-  Zombie zombie;
+  tov_test::Zombie zombie;
   EXPECT_GE(time_of_answer(zombie.pid(), -1), 30);
   const pid_t pid = zombie.pid();
-  zombie.reap();
+  zombie.bury();
   EXPECT_GE(time_of_answer(pid, -1), 30);
 }
 

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/processes.h"
 
 using tov_test::ScratchDir;
@@ -71,10 +72,7 @@ struct Pipe {
 // Runs `body` in a forked child and returns its exit status, -1 when it did not exit.
 template <typename Body>
 static int in_child(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = 0;
-  waitpid(child, &status, 0);
+  const int status = tov_test::status_in_child(body);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

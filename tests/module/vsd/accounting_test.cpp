@@ -27,6 +27,8 @@
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
+#include "tests/support/processes.h"
 
 namespace fs = std::filesystem;
 
@@ -267,25 +269,15 @@ TEST_F(TovVsdMemory, NamesAreJudgedInTheWorkingDirectory) {
 
 // Calls it in a child with a process group of its own. Returns the signal that ended the child.
 static int signal_that_ends_the_searcher(std::string *said) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) < 0) abort();
-  const tov_fd_t in(ends[0]);
-  tov_fd_t out(ends[1]);
-  const pid_t child = fork();
-  if (child == 0) {
+  const tov_fd_t output(memfd_create("output", MFD_CLOEXEC));
+  const int status = tov_test::status_in_child([&] {
     setpgid(0, 0);
-    dup2(out.n, STDOUT_FILENO);
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
+    dup2(output.n, STDOUT_FILENO);
+    tov_test::set_diagnostics(TOV_DBG_VERBOSE);
     find_max_rss(VSD);
-    fflush(stdout);
-    _exit(EXIT_SUCCESS);
-  }
-  out.reset();
-  char part[512];
-  for (ssize_t got = 0; (got = read(in.n, part, sizeof part)) > 0;)
-    said->append(part, static_cast<size_t>(got));
-  int status = 0;
-  waitpid(child, &status, 0);
+    return 0;
+  });
+  *said = tov_test::content_of(output.n);
   return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 

@@ -6,8 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -17,12 +15,13 @@
 
 #include "tests/module/fake_sleep.h"
 #include "tests/module/private_root.h"
+#include "tests/module/refused_calls.h"
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/stdout.h"
 #include "vsd/kill.h"
-#include "vsd/show.h"
 
 namespace fs = std::filesystem;
 
@@ -30,7 +29,6 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using tov_test::caught_diagnostics;
 using tov_test::fake_sleep;
 using tov_test::group_of;
@@ -180,25 +178,9 @@ TEST_F(TovVsdDelete, MarkerOfAnEarlierRunIsNoHindrance) {
   EXPECT_FALSE(fs::exists(DEVICE));
 }
 
-// Only so many descriptors: "/proc/" cannot be opened any more.
-class FewDescriptors {
- public:
-  FewDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit none{0, before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  FewDescriptors(const FewDescriptors &) = delete;
-  FewDescriptors &operator=(const FewDescriptors &) = delete;
-  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(TovVsdDelete, FailedKillLeavesTheMarkerAndTheDirectories) {
-  std::unique_ptr<FewDescriptors> few;
-  fake_sleep.meanwhile = [&] { few = std::make_unique<FewDescriptors>(); };
+  std::unique_ptr<tov_test::NoMoreDescriptors> few;
+  fake_sleep.meanwhile = [&] { few = std::make_unique<tov_test::NoMoreDescriptors>(); };
   int res = 0;
   const std::string said = caught_diagnostics(TOV_MODULE_PUB, [&] {
     res = delete_vsd(VSD);
@@ -213,17 +195,14 @@ TEST_F(TovVsdDelete, FailedKillLeavesTheMarkerAndTheDirectories) {
 }
 
 TEST_F(TovVsdDelete, ReaderThatIsGoneDoesNotEndIt) {
-  const pid_t child = fork();
-  if (child == 0) {
+  tov_test::in_child([] {
     int ends[2];
     const bool ready = pipe(ends) == 0 && dup2(ends[1], STDOUT_FILENO) == STDOUT_FILENO &&
                        close(ends[0]) == 0 && signal(SIGPIPE, SIG_DFL) != SIG_ERR;
-    const int res = ready ? delete_vsd(VSD) : -1;
-    _exit(res == 0 && signal(SIGPIPE, SIG_DFL) == SIG_DFL ? EXIT_SUCCESS : EXIT_FAILURE);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    ASSERT_TRUE(ready);
+    EXPECT_EQ(delete_vsd(VSD), 0);
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
+  });
   EXPECT_THAT(what_is_left(), IsEmpty());
 }
 
@@ -242,91 +221,4 @@ TEST_F(TovVsdDelete, ReloadReturnsInTheChildWhenTheDeviceCannotBeEntered) {
   EXPECT_THAT(outcome.results, ElementsAre(-EINVAL, 0));
   EXPECT_THAT(outcome.output, HasSubstr("]create vsd fail, error = Invalid argument\n"));
   EXPECT_EQ(what_is_left(), everything_but({DEVICE, "/etc/vsd/" + NUMBER}));
-}
-
-// ---- signalling by group --------------------------------------------------------------------
-
-TEST(TovVsdKill, HitsWhoeverHasTheDigitsInItsGroups) {
-  const gid_t gid = group_of(VSD);
-  Member exact({gid});
-  Member second({5, gid});
-  Member longer({gid * 10});
-  Member other({gid + 1});
-  Member none({});
-  const std::string said = caught_diagnostics(
-      TOV_MODULE_PUB, [&] { EXPECT_EQ(kill_proc_by_groups(SIGUSR1, static_cast<int>(gid)), 0); });
-  for (Member *hit : {&exact, &second, &longer}) {
-    EXPECT_EQ(hit->ended_by(), SIGUSR1);
-    EXPECT_THAT(said, HasSubstr(" pid: " + hit->name() + "\n"));
-  }
-  EXPECT_THAT(said, HasSubstr("]delete vsd: supplement_id: " + std::to_string(gid) +
-                              " pid: " + exact.name() + "\n"));
-  EXPECT_THAT(said, HasSubstr("]delete vsd: supplement_id: " + std::to_string(gid * 10) +
-                              " pid: " + longer.name() + "\n"));
-  for (Member *missed : {&other, &none})
-    EXPECT_TRUE(missed->is_unharmed());
-}
-
-TEST(TovVsdKill, HitsTheCallerToo) {
-  const pid_t child = fork();
-  if (child == 0) {
-    const gid_t gid = group_of(VSD);
-    if (setgroups(1, &gid) == 0) (void)kill_proc_by_groups(SIGUSR2, static_cast<int>(gid));
-    _exit(EXIT_SUCCESS);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGUSR2);
-}
-
-TEST(TovVsdKill, SignalZeroOnlyAsks) {
-  Member member({group_of(VSD)});
-  EXPECT_EQ(kill_proc_by_groups(0, static_cast<int>(group_of(VSD))), 0);
-  EXPECT_TRUE(member.is_unharmed());
-}
-
-// Children that are born and die while /proc is read: a name that was there has no status file any
-// more, or its file is read to the end of a process that is gone. Some a second: the daemons of
-// other tests hear of each.
-TEST(TovVsdKill, ProcessesThatVanishMeanwhileAreNoHindrance) {
-  Member member({group_of(VSD)});
-  const pid_t busy = fork();
-  if (busy == 0) {
-    for (;;) {
-      const pid_t child = fork();
-      if (child == 0) {
-        usleep(5'000);
-        _exit(EXIT_SUCCESS);
-      }
-      waitpid(child, nullptr, 0);
-    }
-  }
-  ASSERT_GT(busy, 0);
-  for (int round = 0; round < 20; round++)
-    EXPECT_EQ(kill_proc_by_groups(0, static_cast<int>(group_of(VSD))), 0);
-  EXPECT_EQ(kill_proc_by_groups(SIGTERM, static_cast<int>(group_of(VSD))), 0);
-  EXPECT_EQ(member.ended_by(), SIGTERM);
-  kill(busy, SIGKILL);
-  waitpid(busy, nullptr, 0);
-}
-
-TEST(TovVsdKill, ProcUnreadable) {
-  const FewDescriptors few;
-  EXPECT_EQ(kill_proc_by_groups(0, static_cast<int>(group_of(VSD))), -EMFILE);
-}
-
-// ---- listing --------------------------------------------------------------------------------
-
-TEST(TovVsdShow, ListsTheDevicesFromOneToFifteen) {
-  for (int vsd : {0, 1, 2, 15, 16})
-    fs::create_directories("/tmp/vsd/" + std::to_string(vsd) + "/tov/db");
-  write_file("/tmp/vsd/2/tov/4711", "");
-  const std::string said = printed_by(show_vsd);
-  EXPECT_THAT(said, testing::StartsWith("Vsd_1: /tmp/vsd/1/tov/\ndb\nVsd_2: /tmp/vsd/2/tov/\n"));
-  EXPECT_THAT(said, HasSubstr("\n4711\n"));
-  EXPECT_THAT(said, EndsWith("Vsd_15: /tmp/vsd/15/tov/\ndb\n"));
-  EXPECT_THAT(said, Not(HasSubstr("Vsd_0")));
-  EXPECT_THAT(said, Not(HasSubstr("Vsd_16")));
-  fs::remove_all("/tmp/vsd");
-  EXPECT_EQ(printed_by(show_vsd), "");
 }

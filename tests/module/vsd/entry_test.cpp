@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/files.h"
+#include "tests/support/in_child.h"
 
 namespace fs = std::filesystem;
 
@@ -23,7 +25,7 @@ using tov_test::write_file;
 
 namespace {
 
-class FindApp : public tov_test::Supervision {
+class FindApp : public tov_test::World {
  protected:
   static void mark(int device, const std::string &name) {
     const std::string dir = "/tmp/vsd/" + std::to_string(device) + "/tov";
@@ -32,10 +34,10 @@ class FindApp : public tov_test::Supervision {
   }
 };
 
-class SaveProcInfo : public tov_test::Supervision {
+class SaveProcInfo : public tov_test::World {
  protected:
   void SetUp() override {
-    Supervision::SetUp();
+    World::SetUp();
     tov_test::clear_path("/data/var/run/vsd/3");
   }
 };

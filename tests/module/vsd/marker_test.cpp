@@ -11,15 +11,9 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "tests/support/private_root.h"
+#include "tests/module/private_root.h"
 
 namespace {
-
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 constexpr char DEV_MON[] = "/etc/dev_mon";
 constexpr char DEBUG_LOG[] = "/etc/debug_log";

@@ -16,6 +16,7 @@
 
 #include "tests/module/private_root.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/processes.h"
 
 namespace fs = std::filesystem;
@@ -277,16 +278,12 @@ TEST_F(TovVsdRemove, RunningOutOfDescriptorsRemovesNothingWrong) {
     deep += "/d";
   fs::create_directories(deep);
   write_file(tree + "/file", "");
-  const pid_t child = fork();
-  if (child == 0) {
+  tov_test::in_child([&] {
     const rlimit few{12, 12};
-    const bool limited = setrlimit(RLIMIT_NOFILE, &few) == 0;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     // The innermost failure keeps every directory above from being empty.
-    _exit(limited && delete_path(tree) == -ENOTEMPTY ? EXIT_SUCCESS : EXIT_FAILURE);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    EXPECT_EQ(delete_path(tree), -ENOTEMPTY);
+  });
   EXPECT_FALSE(exists(tree + "/file"));
   EXPECT_TRUE(exists(deep));
   EXPECT_EQ(delete_path(tree), 0);

@@ -48,12 +48,6 @@ struct Outcome {
   std::string errors;
 };
 
-static std::string text_of(int fd) {
-  std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(fd, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-  return text;
-}
-
 static std::string executable() {
   return fs::read_symlink("/proc/self/exe").parent_path() / "../../tov";
 }
@@ -78,7 +72,8 @@ static Outcome run_tov(std::vector<std::string> words,
   }
   int status = -1;
   waitpid(child, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text_of(output.n), text_of(errors.n)};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, tov_test::content_of(output.n),
+          tov_test::content_of(errors.n)};
 }
 
 // How often the input-error line was printed; -1 when there is anything else.

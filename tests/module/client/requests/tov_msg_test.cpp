@@ -1,30 +1,27 @@
-// The request handlers: what they put into the registries and the event logs, and the dumps.
+// The request handlers: what they put into the registries and the event logs.
 #include "client/requests/tov_msg.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "client/tov_pidfile.h"
-#include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"
-#include "tests/module/registry_fixture.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
 
 using namespace std::chrono_literals;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-using tov_test::IdleProcess;
+using tov_test::Child;
+using tov_test::cmdline_of;
 
 namespace {
+
+constexpr char DB_DIR[] = "/tmp/vsd/0/tov/db";
 
 using Lines = std::vector<std::string>;
 
@@ -34,7 +31,7 @@ void set_text(char (&field)[SIZE], const char *text) {
   snprintf(field, SIZE, "%s", text);
 }
 
-class TovMsg : public tov_test::RegistryFixture {
+class TovMsg : public tov_test::World {
  protected:
   static tov_msg_xtach_t payload_of(pid_t pid) {
     tov_msg_xtach_t payload{};
@@ -58,23 +55,16 @@ class TovMsg : public tov_test::RegistryFixture {
   // Puts a record straight into a registry.
   static void insert(tov_chains_t &chains, pid_t pid, const char *process, const char *path = "",
                      pid_t ppid = 0) {
-    tov_pid_t *record = tov_chain_new_record();
-    record->pid = pid;
+    tov_pid_t *record = add(pid, process, RESPAWN, 0, chains);
     record->ppid = ppid;
-    record->vsd_id = 0;
-    record->action = RESPAWN;
-    set_text(record->process, process);
     set_text(record->pathname, path);
-    const tov_chains_guard_t hold(chains);
-    tov_chain_insert(&chains, record);
   }
 };
 
-// ---- registering a process
-// --------------------------------------------------------------------------
+// ---- registering a process ---------------------------------------------------------------------
 
 TEST_F(TovMsg, RestartRequestFillsARecord) {
-  const IdleProcess process;
+  const Child process;
   auto payload = payload_of(process.pid());
   ASSERT_EQ(tov_process_restart(&payload), 0);
 
@@ -84,18 +74,18 @@ TEST_F(TovMsg, RestartRequestFillsARecord) {
   EXPECT_EQ(record.restart_time, 9);
   EXPECT_EQ(record.action, RESPAWN);
   EXPECT_EQ(record.alarm_wait_flag, 0);
-  EXPECT_EQ(std::string(record.process), process.cmdline());
+  EXPECT_EQ(std::string(record.process), cmdline_of(process.pid()));
   EXPECT_STREQ(record.pathname, "");
   EXPECT_EQ(record.ppid, 0);
   EXPECT_EQ(record.flags, 0);
-  EXPECT_EQ(count_of(tov_chains), 1);
+  EXPECT_EQ(count(tov_chains), 1);
   EXPECT_EQ(events(TOV_LOG_REG_RESTART),
             Lines{"register - process:/client/own reading pid:" + std::to_string(process.pid()) +
                   ", vsd_id:3, action:2"});
 }
 
 TEST_F(TovMsg, ScriptRequestKeepsItsScript) {
-  const IdleProcess process;
+  const Child process;
   auto payload = payload_of(process.pid());
   char script[] = "/etc/cmdmap/demo";
   ASSERT_EQ(tov_process_shell_restart(&payload, script), 0);
@@ -104,14 +94,14 @@ TEST_F(TovMsg, ScriptRequestKeepsItsScript) {
   EXPECT_STREQ(record.pathname, script);
   EXPECT_EQ(record.restart_time, 9);
   EXPECT_EQ(record.vsd_id, 3);
-  EXPECT_EQ(std::string(record.process), process.cmdline());
+  EXPECT_EQ(std::string(record.process), cmdline_of(process.pid()));
   EXPECT_EQ(events(TOV_LOG_REG_RESTART),
             Lines{"register - process:/client/own reading pid:" + std::to_string(process.pid()) +
                   ", vsd_id:3, action:3"});
 }
 
 TEST_F(TovMsg, RegisteredProcessStaysAsItIs) {
-  const IdleProcess process;
+  const Child process;
   auto payload = payload_of(process.pid());
   ASSERT_EQ(tov_process_restart(&payload), 0);
   payload.vsd_id = 7;
@@ -125,20 +115,20 @@ TEST_F(TovMsg, RegisteredProcessStaysAsItIs) {
   EXPECT_EQ(record.vsd_id, 3);
   EXPECT_EQ(record.restart_time, 9);
   EXPECT_STREQ(record.pathname, "");
-  EXPECT_EQ(count_of(tov_chains), 1);
+  EXPECT_EQ(count(tov_chains), 1);
   EXPECT_EQ(events(TOV_LOG_REG_RESTART).size(), 1u) << "a repetition is not logged";
 }
 
 TEST_F(TovMsg, BlanksAtTheEndOfTheCommandLineAreRemoved) {
-  const IdleProcess process({"/bin/sh", "-c", "kill -STOP $$; :", "word", " \t"});
-  ASSERT_TRUE(process.cmdline().ends_with("word  \t")) << process.cmdline();
+  const Child process({"/bin/sh", "-c", "kill -STOP $$; :", "word", " \t"});
+  ASSERT_TRUE(cmdline_of(process.pid()).ends_with("word  \t")) << cmdline_of(process.pid());
   auto payload = payload_of(process.pid());
   ASSERT_EQ(tov_process_restart(&payload), 0);
   EXPECT_TRUE(std::string(record_of(tov_chains, process.pid()).process).ends_with(" word"));
 }
 
 TEST_F(TovMsg, UnterminatedTextsEndAtTheirFields) {
-  const IdleProcess process;
+  const Child process;
   auto payload = payload_of(process.pid());
   memset(payload.pathname, 'p', sizeof payload.pathname);
   memset(payload.grp, 'g', sizeof payload.grp);
@@ -146,12 +136,13 @@ TEST_F(TovMsg, UnterminatedTextsEndAtTheirFields) {
   memset(script, 's', sizeof script);
   ASSERT_EQ(tov_process_shell_restart(&payload, script), 0);
   EXPECT_EQ(std::string(record_of(tov_chains, process.pid()).pathname), std::string(255, 's'));
-  ASSERT_EQ(events(TOV_LOG_REG_RESTART).size(), 1u);
-  EXPECT_EQ(events(TOV_LOG_REG_RESTART)[0].find('g'), 2u) << "nothing of the label";
+  const Lines lines = events(TOV_LOG_REG_RESTART);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].find('g'), 2u) << "nothing of the label";
 }
 
 TEST_F(TovMsg, PercentSignsOfAClientAreNoFormat) {
-  const IdleProcess process;
+  const Child process;
   auto payload = payload_of(process.pid());
   set_text(payload.pathname, "/opt/f%n%s%s%s");
   ASSERT_EQ(tov_process_restart(&payload), 0);
@@ -159,26 +150,25 @@ TEST_F(TovMsg, PercentSignsOfAClientAreNoFormat) {
 }
 
 TEST_F(TovMsg, ProcessThatIsGoneIsRefusedAndTold) {
-  IdleProcess process;
+  Child process;
   process.end();
   const std::string pid = std::to_string(process.pid());
   auto payload = payload_of(process.pid());
   payload.ppid = 12;
   char script[] = "x";
-  set_diagnostics(TOV_DBG_VERBOSE);
-  CaptureStdout();
-  EXPECT_EQ(tov_process_restart(&payload), -1);
-  EXPECT_EQ(tov_process_shell_restart(&payload, script), -1);
-  EXPECT_EQ(tov_notifier_start(&payload), -1);
-  EXPECT_EQ(tov_notifier_reset(&payload), -1);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = diagnostics([&] {
+    EXPECT_EQ(tov_process_restart(&payload), -1);
+    EXPECT_EQ(tov_process_shell_restart(&payload, script), -1);
+    EXPECT_EQ(tov_notifier_start(&payload), -1);
+    EXPECT_EQ(tov_notifier_reset(&payload), -1);
+  });
   const std::string rest = ": fail to get pid " + pid + "'s cmdline, ppid = 12";
   EXPECT_NE(printed.find("]tov_process_restart" + rest + "\n"), std::string::npos);
   EXPECT_EQ(events(TOV_LOG_ERROR),
             (Lines{"tov_process_restart" + rest, "tov_process_shell_restart" + rest,
                    "tov_notifier_start" + rest, "tov_notifier_reset" + rest}));
-  EXPECT_EQ(count_of(tov_chains), 0);
-  EXPECT_EQ(count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_chains), 0);
+  EXPECT_EQ(count(tov_alive_chains), 0);
 }
 
 TEST_F(TovMsg, ProcessesZeroAndBelowAreRefused) {
@@ -187,7 +177,7 @@ TEST_F(TovMsg, ProcessesZeroAndBelowAreRefused) {
     EXPECT_EQ(tov_process_restart(&payload), -1);
     EXPECT_EQ(tov_notifier_start(&payload), -1);
   }
-  EXPECT_EQ(count_of(tov_chains) + count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_chains) + count(tov_alive_chains), 0);
 }
 
 // ---- files of registrations that the daemon makes itself ----------------------------------------
@@ -214,7 +204,7 @@ class TovMsgOwnFile : public TovMsg {
 };
 
 TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneIsRemovedAndClosed) {
-  IdleProcess process;
+  Child process;
   process.end();
   auto payload = write_own_file(process.pid(), "/opt/brief -x");
   ASSERT_EQ(new_descriptors(), 1u);
@@ -230,7 +220,7 @@ TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneIsRemovedAndClosed) {
 }
 
 TEST_F(TovMsgOwnFile, OfAProcessThatIsRegisteredUnderAnotherNameIsRemovedAndClosed) {
-  const IdleProcess process;
+  const Child process;
   insert(tov_chains, process.pid(), "/opt/front");
   auto front = write_own_file(process.pid(), "/opt/front");
   auto payload = write_own_file(process.pid(), "/opt/other");
@@ -247,8 +237,8 @@ TEST_F(TovMsgOwnFile, OfAProcessThatIsRegisteredUnderAnotherNameIsRemovedAndClos
 }
 
 TEST_F(TovMsgOwnFile, OfARegistrationThatSucceededStays) {
-  const IdleProcess process;
-  auto payload = write_own_file(process.pid(), process.cmdline().c_str());
+  const Child process;
+  auto payload = write_own_file(process.pid(), cmdline_of(process.pid()).c_str());
   const std::string file = file_of(process.pid(), "module_client_requests_tov_msg");
   EXPECT_EQ(tov_process_restart(&payload), 0);
   EXPECT_EQ(access(file.c_str(), F_OK), 0);
@@ -260,7 +250,7 @@ TEST_F(TovMsgOwnFile, OfARegistrationThatSucceededStays) {
 
 TEST_F(TovMsgOwnFile, OfADeadProcessThatIsStillRegisteredStays) {
   // A stranger may ask again for a program whose restart is under way.
-  IdleProcess process;
+  Child process;
   process.end();
   auto payload = write_own_file(process.pid(), "/opt/dying -x");
   insert(tov_chains, process.pid(), "/opt/dying -x");
@@ -272,7 +262,7 @@ TEST_F(TovMsgOwnFile, OfADeadProcessThatIsStillRegisteredStays) {
 }
 
 TEST_F(TovMsgOwnFile, FileOfSomebodyElseIsLeftAlone) {
-  IdleProcess process;
+  Child process;
   process.end();
   const std::string file = file_of(process.pid(), "brief");
   tov_test::write_file(file, "a client's");
@@ -293,11 +283,10 @@ TEST_F(TovMsgOwnFile, FileOfSomebodyElseIsLeftAlone) {
   unlink((file + ".old").c_str());
 }
 
-// ---- watching a thread
-// ------------------------------------------------------------------------------
+// ---- watching a thread -------------------------------------------------------------------------
 
 TEST_F(TovMsg, ThreadStartFillsARecordAndASlot) {
-  const IdleProcess process;
+  const Child process;
   auto payload = thread_payload(process.pid(), 77);
   ASSERT_EQ(tov_notifier_start(&payload), 0);
   const tov_pid_t record = record_of(tov_alive_chains, process.pid());
@@ -310,16 +299,16 @@ TEST_F(TovMsg, ThreadStartFillsARecordAndASlot) {
   EXPECT_EQ(record.m_n_laster_alive_seq, 1u);
   EXPECT_EQ(record.action, 0);
   EXPECT_EQ(record.vsd_id, 0);
-  EXPECT_EQ(std::string(record.process), process.cmdline());
+  EXPECT_EQ(std::string(record.process), cmdline_of(process.pid()));
   EXPECT_TRUE(tov_sys_isreg_alive_info(process.pid()));
-  EXPECT_EQ(count_of(tov_chains), 0);
+  EXPECT_EQ(count(tov_chains), 0);
   EXPECT_EQ(events(TOV_LOG_REG_ALIVE),
-            Lines{"Thread " + process.cmdline() + "/" + std::to_string(process.pid()) +
+            Lines{"Thread " + cmdline_of(process.pid()) + "/" + std::to_string(process.pid()) +
                   " (pid 77) reg TOV thread-alive service."});
 }
 
 TEST_F(TovMsg, KnownThreadKeepsItsRecordAndBeginsItsSlotAnew) {
-  const IdleProcess process;
+  const Child process;
   auto payload = thread_payload(process.pid(), 77);
   ASSERT_EQ(tov_notifier_start(&payload), 0);
   tov_sys_update_alive_seq(process.pid());
@@ -333,14 +322,14 @@ TEST_F(TovMsg, KnownThreadKeepsItsRecordAndBeginsItsSlotAnew) {
   EXPECT_EQ(record.m_n_cur_counter, 4u);
   EXPECT_EQ(record.m_n_laster_alive_seq, 1u);
   EXPECT_EQ(tov_sys_get_alive_seq(process.pid()), 1);
-  EXPECT_EQ(count_of(tov_alive_chains), 1);
-  ASSERT_EQ(events(TOV_LOG_REG_ALIVE).size(), 2u);
-  EXPECT_NE(events(TOV_LOG_REG_ALIVE)[1].find("(pid 77)"), std::string::npos)
-      << "the record's owner is named";
+  EXPECT_EQ(count(tov_alive_chains), 1);
+  const Lines lines = events(TOV_LOG_REG_ALIVE);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[1].find("(pid 77)"), std::string::npos) << "the record's owner is named";
 }
 
 TEST_F(TovMsg, ResetRefreshesTheFourFieldsOfAKnownThreadSilently) {
-  const IdleProcess process;
+  const Child process;
   auto payload = thread_payload(process.pid(), 77);
   ASSERT_EQ(tov_notifier_start(&payload), 0);
   payload.ppid = 99;
@@ -359,7 +348,7 @@ TEST_F(TovMsg, ResetRefreshesTheFourFieldsOfAKnownThreadSilently) {
 }
 
 TEST_F(TovMsg, ResetMakesALostRecordAgain) {
-  const IdleProcess process;
+  const Child process;
   auto payload = thread_payload(process.pid(), 77);
   ASSERT_EQ(tov_notifier_reset(&payload), 0);
   EXPECT_EQ(record_of(tov_alive_chains, process.pid()).ppid, 77);
@@ -367,8 +356,7 @@ TEST_F(TovMsg, ResetMakesALostRecordAgain) {
   EXPECT_TRUE(events(TOV_LOG_REG_ALIVE).empty());
 }
 
-// ---- removing
-// ---------------------------------------------------------------------------------------
+// ---- removing ------------------------------------------------------------------------------
 
 TEST_F(TovMsg, RemovalTakesEveryRegistrationOfTheProcessAndItsFile) {
   insert(tov_chains, 812, "/usr/sbin/foo -d");
@@ -378,7 +366,7 @@ TEST_F(TovMsg, RemovalTakesEveryRegistrationOfTheProcessAndItsFile) {
   tov_test::write_file("/tmp/vsd/0/tov/db/other.813", "x");
   tov_msg_cons_t payload = {.event = TOV_CONS_DUMP_ALL, .pid = 812};
   EXPECT_EQ(tov_process_cons_msg(&payload), 0);
-  EXPECT_EQ(count_of(tov_chains), 1);
+  EXPECT_EQ(count(tov_chains), 1);
   EXPECT_EQ(record_of(tov_chains, 812).pid, 0);
   EXPECT_NE(access("/tmp/vsd/0/tov/db/foo.812", F_OK), 0);
   EXPECT_EQ(access("/tmp/vsd/0/tov/db/other.813", F_OK), 0);
@@ -390,40 +378,40 @@ TEST_F(TovMsg, RemovalTakesEveryRegistrationOfTheProcessAndItsFile) {
 TEST_F(TovMsg, RemovalOfAnUnknownProcessChangesNothing) {
   insert(tov_chains, 813, "/usr/sbin/other");
   tov_process_dump_all_msg(812);
-  EXPECT_EQ(count_of(tov_chains), 1);
+  EXPECT_EQ(count(tov_chains), 1);
   EXPECT_TRUE(events(TOV_LOG_REG_RESTART).empty());
 }
 
 TEST_F(TovMsg, EndOfAWatchFreesTheSlot) {
-  const IdleProcess process;
+  const Child process;
   auto payload = thread_payload(process.pid(), 77);
   ASSERT_EQ(tov_notifier_start(&payload), 0);
   tov_msg_cons_t request = {.event = TOV_UNREG_THREAD_NOTIFY, .pid = process.pid()};
   EXPECT_EQ(tov_process_cons_msg(&request), 0);
-  EXPECT_EQ(count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_alive_chains), 0);
   EXPECT_FALSE(tov_sys_isreg_alive_info(process.pid()));
   EXPECT_EQ(tov_sys_get_alive_seq(process.pid()), 0);
-  ASSERT_EQ(events(TOV_LOG_REG_ALIVE).size(), 2u);
-  EXPECT_EQ(events(TOV_LOG_REG_ALIVE)[1], "Thread " + process.cmdline() + "/" +
-                                              std::to_string(process.pid()) +
-                                              " (pid 77) unreg TOV thread-alive service.");
+  const Lines lines = events(TOV_LOG_REG_ALIVE);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "Thread " + cmdline_of(process.pid()) + "/" + std::to_string(process.pid()) +
+                          " (pid 77) unreg TOV thread-alive service.");
 }
 
 TEST_F(TovMsg, ThreadBeyondTheSharedAreaIsRemovedWithoutALine) {
   insert(tov_alive_chains, TOV_ALIVE_ID_COUNT, "/opt/far", "", 5);
   insert(tov_alive_chains, TOV_ALIVE_ID_COUNT - 1, "/opt/near", "", 5);
   tov_notifier_stop(TOV_ALIVE_ID_COUNT);
-  EXPECT_EQ(count_of(tov_alive_chains), 1);
+  EXPECT_EQ(count(tov_alive_chains), 1);
   EXPECT_TRUE(events(TOV_LOG_REG_ALIVE).empty());
   tov_notifier_stop(TOV_ALIVE_ID_COUNT - 1);
-  EXPECT_EQ(count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_alive_chains), 0);
   EXPECT_EQ(events(TOV_LOG_REG_ALIVE).size(), 1u);
 }
 
 TEST_F(TovMsg, NegativeThreadTouchesNoSlot) {
   insert(tov_alive_chains, -8, "/opt/odd");
   tov_notifier_stop(-8);
-  EXPECT_EQ(count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_alive_chains), 0);
 }
 
 TEST_F(TovMsg, UnknownControlEventIsIgnored) {
@@ -433,11 +421,10 @@ TEST_F(TovMsg, UnknownControlEventIsIgnored) {
     tov_msg_cons_t payload = {.event = event, .pid = 812};
     EXPECT_EQ(tov_process_cons_msg(&payload), 0);
   }
-  EXPECT_EQ(count_of(tov_chains) + count_of(tov_alive_chains), 2);
+  EXPECT_EQ(count(tov_chains) + count(tov_alive_chains), 2);
 }
 
-// ---- short payloads
-// ---------------------------------------------------------------------------------
+// ---- short payloads ----------------------------------------------------------------------------
 
 TEST_F(TovMsg, RecordsMustHaveComeWhole) {
   for (const int type : {TOV_RESTART, TOV_SHELL_RESTART, TOV_MSG_ACK, TOV_RESET}) {
@@ -450,108 +437,6 @@ TEST_F(TovMsg, RecordsMustHaveComeWhole) {
   EXPECT_EQ(tov_msg_check_payload(TOV_MSG_CONS, 8), 0);
   EXPECT_EQ(tov_msg_check_payload(TOV_MSG_CONS, 7), -1);
   EXPECT_EQ(tov_msg_check_payload(99, 0), 0);
-}
-
-// ---- dumps
-// ------------------------------------------------------------------------------------------
-
-TEST_F(TovMsg, ConsoleDumpShowsHeadingCountAndRecordsInBucketOrder) {
-  insert(tov_chains, 9, "/opt/second", "/etc/cmdmap/x");
-  insert(tov_chains, 9, "/opt/first");
-  CaptureStdout();
-  tov_cli_dump_process_msg_console(0, &tov_chains);
-  EXPECT_EQ(GetCapturedStdout(),
-            "register restart in tov:\n"
-            "node num:2\n"
-            "pid: 9     , vsd: 0 , regact: 2, pname: /opt/first, \n"
-            "pid: 9     , vsd: 0 , regact: 2, pname: /opt/second, /etc/cmdmap/x\n");
-  EXPECT_EQ(pthread_mutex_trylock(&tov_chains.lock), 0) << "the lock is released";
-  pthread_mutex_unlock(&tov_chains.lock);
-}
-
-TEST_F(TovMsg, EveryKindHasItsHeading) {
-  static constexpr const char *headings[] = {"register restart in tov:\n",
-                                             "register hang in tov:\n", "delay restart in tov:\n"};
-  for (int kind = 0; kind < 3; kind++) {
-    CaptureStdout();
-    tov_cli_dump_process_msg_console(kind, registries()[static_cast<size_t>(kind)]);
-    EXPECT_EQ(GetCapturedStdout(), std::string(headings[kind]) + "node num:0\n");
-  }
-  CaptureStdout();
-  tov_cli_dump_process_msg_console(3, &tov_chains);
-  tov_cli_dump_process_msg_console(-1, &tov_chains);
-  EXPECT_EQ(GetCapturedStdout(), "node num:0\nnode num:0\n");
-}
-
-TEST_F(TovMsg, SyslogDumpIsOneMessageForEachLine) {
-  tov_test::LogListener listener;
-  insert(tov_chains_delay, 1234567, "/opt/with\na line feed", "%s%n");
-  tov_cli_dump_process_msg_syslog(2, &tov_chains_delay);
-  const auto first = listener.next();
-  ASSERT_TRUE(first.has_value());
-  EXPECT_TRUE(first->starts_with("<30>")) << "daemon.info: " << *first;
-  EXPECT_NE(first->find("delay restart in tov:"), std::string::npos);
-  EXPECT_TRUE(listener.next_text().starts_with("node num:1"));
-  EXPECT_TRUE(listener.next_text().starts_with(
-      "pid: 1234567, vsd: 0 , regact: 2, pname: /opt/with\na line feed, %s%n"));
-  EXPECT_FALSE(listener.next().has_value());
-}
-
-TEST_F(TovMsg, LongestRecordIsDumpedWhole) {
-  const std::string process(4095, 'p');
-  const std::string path(255, 'q');
-  insert(tov_chains, 1, process.c_str(), path.c_str());
-  CaptureStdout();
-  tov_cli_dump_process_msg_console(0, &tov_chains);
-  EXPECT_NE(GetCapturedStdout().find("pname: " + process + ", " + path + "\n"), std::string::npos);
-}
-
-TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
-  for (pid_t pid = 1; pid < 200; pid++)
-    insert(tov_chains, pid, std::string(1000, 'x').c_str());
-  int pipe_ends[2];
-  ASSERT_EQ(pipe(pipe_ends), 0);
-  fflush(stdout);
-  const int console = dup(STDOUT_FILENO);
-  dup2(pipe_ends[1], STDOUT_FILENO);
-  close(pipe_ends[1]);
-  std::thread dumper([] { tov_cli_dump_process_msg_console(0, &tov_chains); });
-  // The pipe holds 64 KiB of some 200: once it is full, the dump is stuck until somebody reads.
-  const bool stuck = tov_test::wait_until(
-      [&] {
-        int held = 0;
-        return ioctl(pipe_ends[0], FIONREAD, &held) == 0 &&
-               held > fcntl(pipe_ends[0], F_GETPIPE_SZ) - PIPE_BUF;
-      },
-      20s);
-  const bool free_meanwhile = tov_test::wait_until(
-      [] {
-        const bool free = pthread_mutex_trylock(&tov_chains.lock) == 0;
-        if (free) pthread_mutex_unlock(&tov_chains.lock);
-        return free;
-      },
-      20s);
-  static constexpr size_t ALL = 199 * 1000;
-  size_t total = 0;
-  char buf[65536];
-  while (total < ALL) {
-    const ssize_t count = read(pipe_ends[0], buf, sizeof buf);
-    if (count <= 0) break;
-    total += static_cast<size_t>(count);
-  }
-  std::thread drain([&] {
-    while (read(pipe_ends[0], buf, sizeof buf) > 0)
-      continue;
-  });
-  dumper.join();
-  fflush(stdout);
-  dup2(console, STDOUT_FILENO);
-  close(console);
-  drain.join();
-  close(pipe_ends[0]);
-  EXPECT_TRUE(stuck);
-  EXPECT_TRUE(free_meanwhile);
-  EXPECT_GE(total, ALL);
 }
 
 }  // namespace

@@ -13,12 +13,19 @@
 #include <thread>
 
 #include "core/events/tov_fifo.h"
+#include "tests/module/fake_daemon.h"
+#include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/in_child.h"
+#include "tests/support/processes.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using tov_test::exists;
 using tov_test::FakeDaemon;
 using tov_test::GONE;
 using tov_test::Program;
@@ -30,10 +37,10 @@ static constexpr int DUMPED = SIGSEGV | 0x80;
 
 namespace {
 
-class TovCnMsgExec : public tov_test::Supervision {
+class TovCnMsgExec : public tov_test::World {
  protected:
   void SetUp() override {
-    Supervision::SetUp();
+    World::SetUp();
     tov_test::clear_path("/tmp/tov/.tov");
   }
   static void list(const std::string &line) { write_file(TOV_THIRD_PART_LIST, line + "\n"); }
@@ -50,23 +57,20 @@ class TovCnMsgExec : public tov_test::Supervision {
   tov_test::Request asked_;
 };
 
-class TovCnMsgExit : public tov_test::Supervision {
- protected:
-  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-};
+class TovCnMsgExit : public tov_test::World {};
 
-class TovCnmsgDispatch : public tov_test::Supervision {};
+class TovCnmsgDispatch : public tov_test::World {};
 
-class TovCnmsgHandle : public tov_test::Supervision {
+class TovCnmsgHandle : public tov_test::World {
  protected:
   void SetUp() override {
-    Supervision::SetUp();
+    World::SetUp();
     ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
   }
   void TearDown() override {
     end_handler();
     tov_cnmsg_fifo_free();
-    Supervision::TearDown();
+    World::TearDown();
   }
 
   void begin_handler() {
@@ -183,13 +187,7 @@ TEST_F(TovCnMsgExec, OwnRecordOfTheProcessIsNot) {
 TEST_F(TovCnMsgExec, ProgramOfADeviceIsComparedWithinIt) {
   const Program program("inside");
   list(program.path + " TOV_RESTART");
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const gid_t group = 3200;
-    (void)!setgroups(1, &group);
-    execl(program.path.c_str(), program.path.c_str(), nullptr);
-    _exit(127);
-  }
+  const pid_t pid = tov_test::start_program({program.path}, {{3200}});
   program.birth();
   add(GONE, program.path, RESPAWN, 0);
   EXPECT_TRUE(registers(pid));
@@ -202,13 +200,7 @@ TEST_F(TovCnMsgExec, EmptyLastArgumentMakesNoOtherTask) {
   const Program program("blank");
   list(program.path + " -a TOV_RESTART");
   add(GONE, program.path + " -a");
-  char word[] = "-a", nothing[] = "";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    char *const argv[] = {const_cast<char *>(program.path.c_str()), word, nothing, nullptr};
-    execv(program.path.c_str(), argv);
-    _exit(127);
-  }
+  const pid_t pid = tov_test::start_program({program.path, "-a", ""});
   program.birth();
   EXPECT_FALSE(registers(pid));
 }

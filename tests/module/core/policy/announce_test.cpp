@@ -9,12 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/files.h"
+#include "tests/support/text.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using tov_test::lines_of;
+using tov_test::exists;
 using tov_test::read_file;
+using tov_test::split_lines;
 using tov_test::TemporaryFile;
 
 static constexpr char DORVIK_MARKER[] = "/etc/tov/dorvik";
@@ -33,7 +36,7 @@ struct Said {
   std::string diagnostic;
 };
 
-class TovAnnounce : public tov_test::Supervision {
+class TovAnnounce : public tov_test::World {
  protected:
   Said said_by(const std::function<void()> &call) {
     Said said;
@@ -47,12 +50,12 @@ class TovAnnounce : public tov_test::Supervision {
   }
 };
 
-class TovJournal : public tov_test::Supervision {
+class TovJournal : public tov_test::World {
  protected:
   // The lines of a journal file, without the time in front and the empty line behind each.
   static std::vector<std::string> lines(const char *path) {
     std::vector<std::string> texts;
-    for (const std::string &line : lines_of(read_file(path), "\n\n"))
+    for (const std::string &line : split_lines(read_file(path), "\n\n"))
       texts.push_back(line.substr(std::string("Sun Nov 15 10:25:41 2026 ").size()));
     return texts;
   }
@@ -62,8 +65,6 @@ class TovJournal : public tov_test::Supervision {
     EXPECT_EQ(tov_journal_before(news(by_script)), 0);
     EXPECT_EQ(tov_journal_after(news(by_script)), 0);
   }
-
-  static bool exists(const char *path) { return access(path, F_OK) == 0; }
 };
 
 }  // namespace

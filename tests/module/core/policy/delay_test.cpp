@@ -10,24 +10,28 @@
 #include <string>
 #include <thread>
 
+#include "tests/module/program.h"
 #include "tests/module/seconds_ago.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/processes.h"
+#include "util/priority.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using tov_test::Child;
 using tov_test::GONE;
-using tov_test::helper_process_s;
 using tov_test::Millis;
 using tov_test::Program;
 using tov_test::seconds_ago;
 
 namespace {
 
-class TovDelayRestart : public tov_test::Supervision {
+class TovDelayRestart : public tov_test::World {
  protected:
   void TearDown() override {
     end_thread();
-    Supervision::TearDown();
+    World::TearDown();
   }
 
   void begin_thread() {
@@ -47,15 +51,6 @@ class TovDelayRestart : public tov_test::Supervision {
     return record;
   }
 
-  // Holds the lock on the file of a record.
-  static helper_process_s hold(const tov_pid_t &record) {
-    const std::string path = write_file_of(record);
-    return helper_process_s([&] {
-      const int fd = open(path.c_str(), O_RDWR);
-      if (fd < 0 || lock_file(fd) != 0) _exit(1);
-    });
-  }
-
   static bool all_handed_back() {
     return tov_test::wait_until([] { return count(tov_chains_delay) == 0; }, Millis(10000));
   }
@@ -69,7 +64,7 @@ class TovDelayRestart : public tov_test::Supervision {
 TEST_F(TovDelayRestart, FreedFileHandsTheExitBack) {
   const Program program("freed");
   tov_pid_t *record = park(GONE, program.path, SIGSEGV, 0);
-  auto holder = hold(*record);
+  auto holder = holder_of(write_file_of(*record));
   begin_thread();
   usleep(1200000);  // one pass that finds it locked
   EXPECT_EQ(count(tov_chains_delay), 1);
@@ -88,7 +83,8 @@ TEST_F(TovDelayRestart, After300SecondsTheLockDoesNotMatter) {
   const Program program("old"), younger("younger");
   tov_pid_t *old = park(GONE, program.path, SIGKILL, 301);
   tov_pid_t *young = park(GONE + 1, younger.path, SIGKILL, 250);
-  const auto holder = hold(*old), other_holder = hold(*young);
+  const auto holder = holder_of(write_file_of(*old)),
+             other_holder = holder_of(write_file_of(*young));
   const std::string said = diagnostics([&] {
     begin_thread();
     program.birth();

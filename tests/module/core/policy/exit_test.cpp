@@ -5,21 +5,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <future>
 #include <string>
 #include <vector>
 
 #include "core/registry/record.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/refused_calls.h"
-#include "tests/module/supervision.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/birth.h"
+#include "tests/support/child.h"
+#include "tests/support/children.h"
+#include "tests/support/files.h"
+#include "tests/support/processes.h"
 #include "util/priority.h"
 
 using testing::ElementsAre;
@@ -27,9 +27,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using tov_test::Birth;
-using tov_test::FakeDaemon;
+using tov_test::exists;
 using tov_test::GONE;
-using tov_test::helper_process_s;
 using tov_test::Program;
 using tov_test::TemporaryFile;
 using tov_test::write_file;
@@ -39,27 +38,7 @@ static constexpr int CLEAN = 0;
 
 namespace {
 
-class TovHandleExit : public tov_test::Supervision {
- protected:
-  void SetUp() override {
-    Supervision::SetUp();
-    tov_test::note_sleeps(true);
-  }
-  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-};
-
-class TovExitDuplicates : public TovHandleExit {};
-class TovExitStops : public TovHandleExit {};
-class TovExitDeferral : public TovHandleExit {};
-class TovExitThirdPart : public TovHandleExit {};
-
-// Holds the lock on a registration file as a process that has not ended yet does.
-helper_process_s holder_of(const std::string &path) {
-  return helper_process_s([&] {
-    const int fd = open(path.c_str(), O_RDWR);
-    if (fd < 0 || lock_file(fd) != 0) _exit(1);
-  });
-}
+using TovHandleExit = tov_test::NotesSleeps<tov_test::World>;
 
 // Carries out a sweep's verdict about a record.
 void decide_lost(tov_pid_t *record) {
@@ -265,7 +244,7 @@ TEST_F(TovHandleExit, MarkerMakesOneRestartSilent) {
   EXPECT_FALSE(exists(TOV_JOURNAL_1));
   EXPECT_FALSE(marker.exists());
 
-  tov_test::end(record->pid);
+  tov_test::end_child(record->pid);
   tov_handle_netlink_exit(record->pid, KILLED, 0);
   EXPECT_THAT(notices(), testing::SizeIs(2));
   EXPECT_TRUE(exists(TOV_JOURNAL_1));
@@ -306,230 +285,6 @@ TEST_F(TovHandleExit, JournalThatCannotBeOpenedStopsTheRestart) {
   EXPECT_THAT(notices(), testing::SizeIs(1));  // the announcement came first
 }
 
-// ---- duplicates -----------------------------------------------------------------------------
-
-TEST_F(TovExitDuplicates, FirstRegistrationGivesWayToAnother) {
-  tov_pid_t *record = add(GONE, "/opt/a -x");
-  add(GONE, "/opt/a -x");
-  const tov_pid_t *other = add(GONE + 1, "/opt/a -x");
-  const std::string file = write_file_of(*record), others_file = write_file_of(*other);
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  EXPECT_EQ(find(GONE), nullptr);
-  EXPECT_EQ(count(), 1);  // both records of the process went
-  EXPECT_EQ(find(GONE + 1), other);
-  EXPECT_FALSE(exists(file));
-  EXPECT_TRUE(exists(others_file));
-  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> del 5000000\n"));
-  EXPECT_THAT(notices(), IsEmpty());
-}
-
-TEST_F(TovExitDuplicates, RestartedTaskGivesWayToALivingOne) {
-  const Program program("successor");
-  const pid_t living = tov_test::start(program.path);
-  program.birth();
-  tov_pid_t *record = add(GONE, program.path);
-  record->flags = TOV_FLAG_STARTED;
-  const tov_pid_t *other = add(living, program.path);
-  const std::string file = write_file_of(*record), others_file = write_file_of(*other);
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  EXPECT_EQ(find(GONE), nullptr);
-  EXPECT_EQ(find(living), other);
-  EXPECT_FALSE(exists(file));
-  EXPECT_TRUE(exists(others_file));
-  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> pid " + std::to_string(living) +
-                              " alive, del 5000000\n"));
-  EXPECT_EQ(program.births().size(), 1u);
-}
-
-TEST_F(TovExitDuplicates, DeadOneIsDroppedAndTheRestartedTaskComesBack) {
-  const Program program("survivor");
-  tov_pid_t *record = add(GONE, program.path);
-  record->flags = TOV_FLAG_STARTED;
-  const tov_pid_t *other = add(GONE + 1, program.path);
-  const std::string others_file = write_file_of(*other);
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-  EXPECT_EQ(find(GONE + 1), nullptr);
-  EXPECT_FALSE(exists(others_file));
-  EXPECT_EQ(count(), 1);
-  EXPECT_EQ(record->pid, program.birth().pid);
-}
-
-// ---- deliberate stops -----------------------------------------------------------------------
-
-TEST_F(TovExitStops, SignalFifteenRemovesTheRecord) {
-  const Program program("stopped");
-  tov_pid_t *record = add(GONE, program.path + " -a");
-  const std::string file = write_file_of(*record);
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, SIGTERM, 0); });
-  EXPECT_EQ(find(GONE), nullptr);
-  EXPECT_EQ(count(), 0);
-  EXPECT_FALSE(exists(file));
-  EXPECT_THAT(program.births(), IsEmpty());
-  EXPECT_THAT(notices(), IsEmpty());
-  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
-              ElementsAre("Task:" + program.path +
-                          " -a,pid:5000000,vsd_no:-1,killed by signal 15 from others."));
-  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit: hlist_del\n"));
-}
-
-TEST_F(TovExitStops, SignalFifteenWithACoreDumpIsACrash) {
-  const Program program("dumped");
-  tov_pid_t *record = add(GONE, program.path);
-  tov_handle_netlink_exit(GONE, SIGTERM | 0x80, 0);
-  EXPECT_EQ(record->pid, program.birth().pid);
-  EXPECT_THAT(notices(), ElementsAre(HasSubstr("receives event:008f and"), HasSubstr("OK")));
-}
-
-TEST_F(TovExitStops, ExitStatusFifteenIsACrash) {
-  const Program program("status");
-  tov_pid_t *record = add(GONE, program.path);
-  tov_handle_netlink_exit(GONE, 15 << 8, 0);
-  EXPECT_EQ(record->pid, program.birth().pid);
-}
-
-TEST_F(TovExitStops, MarkerOfTheDeviceGoesToo) {
-  add(GONE, "/opt/a", RESPAWN, 3);
-  write_file("/tmp/vsd/3/tov/5000000", "");
-  write_file("/tmp/vsd/3/tov/5000001", "");
-  write_file("/tmp/vsd/4/tov/5000000", "");  // not of the device that comes first
-  tov_handle_netlink_exit(GONE, SIGTERM, 0);
-  EXPECT_EQ(find(GONE), nullptr);
-  EXPECT_FALSE(exists("/tmp/vsd/3/tov/5000000"));
-  EXPECT_TRUE(exists("/tmp/vsd/3/tov/5000001"));
-  EXPECT_TRUE(exists("/tmp/vsd/4/tov/5000000"));
-  EXPECT_TRUE(exists("/tmp/vsd/3/tov/db"));  // a directory: passed over
-  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
-              ElementsAre("Task:/opt/a,pid:5000000,vsd_no:3,killed by signal 15 from others."));
-  EXPECT_EQ(std::filesystem::current_path(), "/");
-}
-
-TEST_F(TovExitStops, EntryThatCannotBeOpenedKeepsTheRecord) {
-  tov_pid_t *record = add(GONE, "/opt/a", RESPAWN, 3);
-  const std::string file = write_file_of(*record);
-  write_file("/tmp/vsd/3/tov/5000000", "");
-  // A socket cannot be opened, whoever asks.
-  const tov_fd_t unopenable(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_un at{AF_UNIX, "/tmp/vsd/3/tov/0socket"};
-  ASSERT_EQ(bind(unopenable.n, reinterpret_cast<const sockaddr *>(&at), sizeof at), 0);
-  tov_handle_netlink_exit(GONE, SIGTERM, 0);
-  EXPECT_EQ(find(GONE), record);
-  EXPECT_TRUE(exists(file));
-  EXPECT_EQ(std::filesystem::current_path(), "/");
-}
-
-TEST_F(TovExitStops, ComesBeforeDeferral) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  const auto holder = holder_of(write_file_of(*record));
-  tov_handle_netlink_exit(GONE, SIGTERM, 0);
-  EXPECT_EQ(find(GONE), nullptr);
-  EXPECT_EQ(count(tov_chains_delay), 0);
-}
-
-// ---- deferral -------------------------------------------------------------------------------
-
-TEST_F(TovExitDeferral, LockedFileParksTheExit) {
-  const Program program("parked");
-  tov_pid_t *record = add(GONE, program.path, RESPAWN, 2);
-  record->restart_time = 7;
-  (void)snprintf(record->pathname, sizeof record->pathname, "/opt/script");
-  record->flags = TOV_FLAG_STARTED;
-  record->count = 3;
-  const auto holder = holder_of(write_file_of(*record));
-  const time_t before = tov_get_time();
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-
-  EXPECT_EQ(find(GONE), record);
-  EXPECT_THAT(program.births(), IsEmpty());
-  EXPECT_THAT(notices(), IsEmpty());
-  const tov_pid_t *parked = find(GONE, tov_chains_delay);
-  ASSERT_NE(parked, nullptr);
-  EXPECT_EQ(count(tov_chains_delay), 1);
-  EXPECT_EQ(parked->vsd_id, 2);
-  EXPECT_EQ(parked->alarm_wait_flag, 0);
-  EXPECT_EQ(parked->restart_time, 7);
-  EXPECT_EQ(parked->action, RESPAWN);
-  EXPECT_EQ(parked->exit_signal, KILLED);
-  EXPECT_EQ(parked->process, program.path);
-  EXPECT_STREQ(parked->pathname, "/opt/script");
-  EXPECT_GE(parked->delay_tm, before);
-  EXPECT_LE(parked->delay_tm, tov_get_time());
-  EXPECT_EQ(parked->force_restart, 0);
-  EXPECT_EQ(parked->flags, 0);
-  EXPECT_EQ(parked->count, 0);
-}
-
-TEST_F(TovExitDeferral, SecondTimeItStaysAsItWasParked) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  const auto holder = holder_of(write_file_of(*record));
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, SIGSEGV, 0); });
-  EXPECT_EQ(count(tov_chains_delay), 1);
-  EXPECT_EQ(find(GONE, tov_chains_delay)->exit_signal, KILLED);
-  EXPECT_THAT(said, HasSubstr("]tov_proc_restart_delay /opt/a/5000000 receives event:000b\n"));
-  EXPECT_THAT(said, HasSubstr("]be lock file /tmp/vsd/0/tov/db/a.5000000, "));
-  EXPECT_THAT(said, HasSubstr("]tov_proc_restart_delay pid 5000000 exist in tov_chains_delay\n"));
-}
-
-TEST_F(TovExitDeferral, ForceDoesNotAskForTheLock) {
-  const Program program("forced");
-  tov_pid_t *record = add(GONE, program.path);
-  const auto holder = holder_of(write_file_of(*record));
-  tov_handle_netlink_exit(GONE, KILLED, 1);
-  EXPECT_EQ(record->pid, program.birth().pid);
-  EXPECT_EQ(count(tov_chains_delay), 0);
-  EXPECT_EQ(record->force_restart, 0);
-}
-
-TEST_F(TovExitDeferral, FreeFileIsNoReason) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  write_file_of(*record);
-  EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
-              HasSubstr("]Succeed to lock file /tmp/vsd/0/tov/db/a.5000000.\n"));
-  EXPECT_EQ(tov_proc_restart_delay(record), 0);
-}
-
-TEST_F(TovExitDeferral, MissingFileIsNoReason) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
-              HasSubstr("]tov_proc_is_exit: /tmp/vsd/0/tov/db/a.5000000 fd < 0: No such file or "
-                        "directory\n"));
-  EXPECT_EQ(tov_proc_restart_delay(record), 0);
-}
-
-TEST_F(TovExitDeferral, LockEndsWithTheProcessThatHeldIt) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  auto holder = holder_of(write_file_of(*record));
-  EXPECT_EQ(tov_proc_is_exit(record), 0);
-  holder.end();
-  EXPECT_EQ(tov_proc_is_exit(record), 1);
-}
-
-TEST_F(TovExitDeferral, LockThatCannotBeAskedForIsNoReason) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  write_file_of(*record);
-  tov_test::in_child([&] {
-    tov_test::refuse({SYS_fcntl}, ENOLCK);
-    EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_proc_is_exit(record), 1); }),
-                HasSubstr("]Failed to lock file /tmp/vsd/0/tov/db/a.5000000, No locks "
-                          "available.\n"));
-  });
-}
-
-TEST_F(TovExitDeferral, NoRecordIsNoReason) {
-  EXPECT_EQ(tov_proc_restart_delay(nullptr), 0);
-}
-
-TEST_F(TovExitDeferral, PlantedFifoOrLinkIsNoReasonAndHoldsNobody) {
-  tov_pid_t *record = add(GONE, "/opt/a");
-  ASSERT_EQ(mkfifo(file_of(*record).c_str(), 0666), 0);
-  EXPECT_EQ(tov_proc_is_exit(record), 1);
-  tov_pid_t *linked = add(GONE + 1, "/opt/b");
-  write_file("/tmp/locked", "");
-  const auto holder = holder_of("/tmp/locked");
-  ASSERT_EQ(symlink("/tmp/locked", file_of(*linked).c_str()), 0);
-  EXPECT_EQ(tov_proc_is_exit(linked), 1);
-}
-
 // ---- verdict of the sweep -------------------------------------------------------------------
 
 TEST_F(TovHandleExit, LostProcessIsRestartedAndTheStrangerUnderItsIdLives) {
@@ -567,6 +322,7 @@ TEST_F(TovHandleExit, LostProcessIsStillDroppedAsADuplicate) {
 TEST_F(TovHandleExit, VerdictConcernsItsOwnRecordAlone) {
   const Program program("healthy"), lost("lost");
   const pid_t pid = tov_test::start(program.path);
+  program.birth();
   tov_pid_t *healthy = add(pid, program.path);  // the older one, which an exit event would take
   tov_pid_t *mistaken = add(pid, lost.path);
   decide_lost(mistaken);
@@ -596,77 +352,4 @@ TEST_F(TovHandleExit, MissesOfADeadProcessAreNotItsSuccessors) {
   tov_handle_netlink_exit(GONE, KILLED, 0);
   EXPECT_EQ(record->pid, program.birth().pid);
   EXPECT_EQ(record->stat_check_cnt, 0);
-}
-
-// ---- third-part programs --------------------------------------------------------------------
-
-TEST_F(TovExitThirdPart, ProgramThatSomebodyBroughtBackIsRegisteredInstead) {
-  const Program program("brought");
-  write_file(TOV_THIRD_PART_LIST, program.path + " -d TOV_RESTART\n");
-  const pid_t found = tov_test::start(program.path + " -d");
-  program.birth();
-  const std::string file = write_file_of(*add(GONE, program.path + " -d"));
-  FakeDaemon server;
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-
-  EXPECT_EQ(count(), 0);
-  EXPECT_FALSE(exists(file));
-  EXPECT_EQ(program.births().size(), 1u);
-  const auto request = server.only_request();
-  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESTART));
-  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
-  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == RESPAWN, found child "
-                              "pid_get = " +
-                              std::to_string(found) + "\n"));
-  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
-  EXPECT_THAT(notices(), IsEmpty());
-}
-
-TEST_F(TovExitThirdPart, ScriptTaskIsRegisteredAsOne) {
-  const Program program("script");
-  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_SHELL_RESTART\n");
-  const pid_t found = tov_test::start(program.path);
-  add(GONE, program.path, SHELL_RESTART);
-  FakeDaemon server;
-  const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  const auto request = server.only_request();
-  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
-  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
-  EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == SHELL_RESTART, found "
-                              "child pid_get = " +
-                              std::to_string(found) + "\n"));
-}
-
-// The server wants the same lock to make the new record: nobody may hold it while it is asked.
-TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
-  const Program program("unlocked");
-  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
-  tov_test::start(program.path);
-  add(GONE, program.path);
-  FakeDaemon server({.held = true});
-  auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  // Asking for the record takes the lock, so with the lock held this would last as long as the
-  // whole handling.
-  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
-  EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  server.let_go();
-  handled.wait();
-  EXPECT_EQ(count(), 0);
-}
-
-TEST_F(TovExitThirdPart, ProgramThatIsNotRunningIsStartedAgain) {
-  const Program program("listed");
-  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
-  tov_pid_t *record = add(GONE, program.path);
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-  EXPECT_EQ(record->pid, program.birth().pid);
-}
-
-TEST_F(TovExitThirdPart, UnlistedProgramIsStartedThoughAnotherInstanceRuns) {
-  const Program program("unlisted");
-  const pid_t running = tov_test::start(program.path);
-  tov_pid_t *record = add(GONE, program.path);
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-  EXPECT_EQ(record->pid, program.birth(2).pid);
-  EXPECT_NE(record->pid, running);
 }

@@ -9,7 +9,9 @@
 #include <string>
 
 #include "tests/module/seconds_ago.h"
-#include "tests/module/supervision.h"
+#include "tests/module/self_healing.h"
+#include "tests/module/world.h"
+#include "tests/support/files.h"
 #include "util/priority.h"
 
 using testing::ElementsAre;
@@ -25,7 +27,7 @@ static constexpr int KILLED_BY_SEGV = 11;
 
 namespace {
 
-class TovMassCrash : public tov_test::Supervision {
+class TovMassCrash : public tov_test::World {
  protected:
   // Registers `wanted` processes and lets each dump core.
   static void crash(int wanted) {
@@ -39,12 +41,7 @@ class TovMassCrash : public tov_test::Supervision {
   }
 
   // How often the platform was asked for a reload since the last call.
-  static size_t reloads() {
-    size_t count = 0;
-    for (const std::string &text : notices())
-      count += text.starts_with("self-healing action 3, process 0, asked by tov: ");
-    return count;
-  }
+  static size_t reloads() { return tov_test::reloads_in(notices()); }
 };
 
 }  // namespace

@@ -10,13 +10,18 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/module/supervision.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/birth.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
 
 namespace fs = std::filesystem;
 
 using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Birth;
+using tov_test::exists;
 using tov_test::GONE;
 using tov_test::Program;
 using tov_test::TemporaryFile;
@@ -24,7 +29,7 @@ using tov_test::write_file;
 
 namespace {
 
-class TovRebuildChains : public tov_test::Supervision {
+class TovRebuildChains : public tov_test::World {
  protected:
   // Writes a registration file; returns its path.
   static std::string leave(pid_t pid, int action, const std::string &command, int device = 0) {
@@ -35,7 +40,6 @@ class TovRebuildChains : public tov_test::Supervision {
     return path;
   }
   static void rebuild() { EXPECT_EQ(tov_rebuild_chains(&tov_chains), 0); }
-  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 };
 
 }  // namespace
@@ -110,10 +114,7 @@ TEST_F(TovRebuildChains, ScriptTaskIsStartedByTheScriptOfItsCommandLine) {
 TEST_F(TovRebuildChains, LockedFileDefersTheStart) {
   const Program program("locked");
   const std::string file = leave(GONE, RESPAWN, program.path);
-  const tov_test::helper_process_s holder([&] {
-    const int fd = open(file.c_str(), O_RDWR);
-    if (fd < 0 || lock_file(fd) != 0) _exit(1);
-  });
+  const auto holder = holder_of(file);
   rebuild();
   EXPECT_NE(find(GONE), nullptr);
   EXPECT_NE(find(GONE, tov_chains_delay), nullptr);

@@ -11,7 +11,12 @@
 #include <thread>
 
 #include "core/registry/record.h"
-#include "tests/module/supervision.h"
+#include "tests/module/fake_daemon.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/processes.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -22,7 +27,7 @@ using tov_test::Program;
 
 namespace {
 
-class TovSweep : public tov_test::Supervision {
+class TovSweep : public tov_test::World {
  protected:
   static void sweep() {
     for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS; bucket++)

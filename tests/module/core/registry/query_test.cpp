@@ -8,7 +8,9 @@
 
 #include <string>
 
-#include "tests/module/supervision.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
 
 using testing::HasSubstr;
 using tov_test::GONE;
@@ -16,7 +18,7 @@ using tov_test::Program;
 
 namespace {
 
-class TovProcIsRunning : public tov_test::Supervision {
+class TovProcIsRunning : public tov_test::World {
  protected:
   static tov_pid_t *ask(tov_pid_t *record) {
     tov_chains_guard_t guard(tov_chains);
@@ -24,8 +26,8 @@ class TovProcIsRunning : public tov_test::Supervision {
   }
 };
 
-class TovCheckProcessAlive : public tov_test::Supervision {};
-class TovIsRegAliveInlock : public tov_test::Supervision {};
+class TovCheckProcessAlive : public tov_test::World {};
+class TovIsRegAliveInlock : public tov_test::World {};
 
 }  // namespace
 
@@ -132,13 +134,7 @@ TEST_F(TovCheckProcessAlive, OtherArguments) {
 // reads with one, and is the same process all the same.
 TEST_F(TovCheckProcessAlive, EmptyLastArgumentIsNoDifference) {
   const Program program("blank");
-  char word[] = "-a", nothing[] = "";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    char *const argv[] = {const_cast<char *>(program.path.c_str()), word, nothing, nullptr};
-    execv(program.path.c_str(), argv);
-    _exit(127);
-  }
+  const pid_t pid = tov_test::start_program({program.path, "-a", ""});
   program.birth();
   EXPECT_EQ(tov_check_process_alive(add(pid, program.path + " -a")), 0);
 }
@@ -154,13 +150,7 @@ TEST_F(TovCheckProcessAlive, OnlyTheFirst511BytesAreCompared) {
 
 TEST_F(TovCheckProcessAlive, ProcessThatJoinedAnotherDevice) {
   const Program program("device");
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const gid_t group = 3200;
-    (void)!setgroups(1, &group);
-    execl(program.path.c_str(), program.path.c_str(), nullptr);
-    _exit(127);
-  }
+  const pid_t pid = tov_test::start_program({program.path}, {{3200}});
   program.birth();
   EXPECT_EQ(tov_check_process_alive(add(pid, program.path, RESPAWN, 2)), 0);
   EXPECT_EQ(tov_check_process_alive(add(pid, program.path, RESPAWN, 0)), -1);

@@ -17,17 +17,10 @@
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
+#include "tests/module/private_root.h"
 #include "tests/support/caught_diagnostics.h"
-#include "tests/support/private_root.h"
 
 namespace {
-
-// The shared area lives at a fixed name, so everything runs in a private root.
-class private_root_env : public testing::Environment {
- public:
-  void SetUp() override { tov_test::enter_private_root(); }
-};
-const auto *const env = testing::AddGlobalTestEnvironment(new private_root_env);
 
 class TovChain : public testing::Test {
  protected:

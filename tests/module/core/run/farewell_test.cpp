@@ -1,16 +1,19 @@
-// The ways out of the daemon: lack of memory ends it on purpose.
+// The ways out of the daemon: the one that all take, and lack of memory, which ends it on purpose.
 #include "core/run/farewell.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <new>
 #include <string>
 
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/in_child.h"
+#include "tests/support/stdout.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -35,20 +38,29 @@ struct Ending {
 
 Ending ending_of(void (*body)()) {
   Ending ending;
-  testing::internal::CaptureStdout();
-  const pid_t child = fork();
-  if (child == 0) {
-    body();
-    _exit(0);
-  }
-  EXPECT_EQ(waitpid(child, &ending.status, 0), child);
-  ending.said = testing::internal::GetCapturedStdout();
+  ending.said = tov_test::printed_by([&] {
+    ending.status = tov_test::status_in_child([&] {
+      body();
+      return 0;
+    });
+  });
   return ending;
 }
 
-class LackOfMemory : public tov_test::Supervision {};
+class LackOfMemory : public tov_test::World {};
 
 }  // namespace
+
+TEST(TovCoreLeave, WritesWhatWaitsOnStandardOutputAndRunsNoExitHandler) {
+  const Ending ending = ending_of([] {
+    atexit([] { printf("a handler"); });
+    printf("half a line");
+    tov_core_leave(7);
+  });
+  EXPECT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(WEXITSTATUS(ending.status), 7);
+  EXPECT_EQ(ending.said, "half a line");
+}
 
 TEST_F(LackOfMemory, EndsTheProcessOnPurposeAndWithOneLine) {
   const Ending ending = ending_of([] {

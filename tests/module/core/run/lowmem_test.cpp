@@ -11,7 +11,9 @@
 #include <string>
 
 #include "include/tov_ras_comp_config.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
 
 namespace fs = std::filesystem;
 
@@ -29,8 +31,8 @@ class TovIsRebootAvailable : public testing::Test {
   }
 };
 
-class OomScore : public tov_test::Supervision {};
-class FlushLmk : public tov_test::Supervision {};
+class OomScore : public tov_test::World {};
+class FlushLmk : public tov_test::World {};
 
 }  // namespace
 
@@ -66,7 +68,7 @@ static std::string score_of(pid_t pid) {
 }
 
 TEST_F(OomScore, IsWrittenAsGiven) {
-  const tov_test::helper_process_s process([] {});
+  const tov_test::Child process;
   change_proc_oom_adj(321, process.pid());
   EXPECT_EQ(score_of(process.pid()), "321\n");
   tov_reset_lmk(process.pid());
@@ -75,7 +77,7 @@ TEST_F(OomScore, IsWrittenAsGiven) {
 
 TEST_F(OomScore, ExemptionIsMinusThousand) {
   if (!scores_can_be_lowered()) GTEST_SKIP() << "needs CAP_SYS_RESOURCE";
-  const tov_test::helper_process_s process([] {});
+  const tov_test::Child process;
   tov_ignore_lmk(process.pid());
   EXPECT_EQ(score_of(process.pid()), "-1000\n");
 }

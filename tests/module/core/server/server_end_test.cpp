@@ -19,9 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "tests/module/private_root.h"
-#include "tests/module/registry_fixture.h"
 #include "tests/module/server_thread.h"
+#include "tests/module/world.h"
+#include "tests/support/files.h"
+#include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
 
 using namespace std::chrono_literals;
@@ -137,18 +138,18 @@ extern "C" int prctl(int option, ...) noexcept {
 
 namespace {
 
-class TovServerEnd : public tov_test::RegistryFixture {
+class TovServerEnd : public tov_test::World {
  protected:
-  TovServerEnd() {
-    mkdir(TOV_RUN_DIR, 0777);
-    tov_flag_set(quit, 0);
-    set_diagnostics(TOV_DBG_VERBOSE);
+  void SetUp() override {
+    World::SetUp();
+    tov_test::set_diagnostics(TOV_DBG_VERBOSE);
     CaptureStdout();
     descriptors_ = tov_test::open_descriptors();
   }
-  ~TovServerEnd() override {
+  void TearDown() override {
     failure = NONE;
-    if (!printed_) printed();
+    (void)printed();
+    World::TearDown();
   }
   const std::string &printed() {
     if (!printed_) printed_ = GetCapturedStdout();
@@ -162,8 +163,7 @@ class TovServerEnd : public tov_test::RegistryFixture {
   // The server has ended by itself with this result.
   void expect_end(int res, int err) {
     EXPECT_EQ(tov_flag_get(quit), 1);
-    ASSERT_EQ(events(TOV_LOG_ERROR).size(), 1u);
-    EXPECT_EQ(events(TOV_LOG_ERROR)[0], line(res, err));
+    EXPECT_EQ(events(TOV_LOG_ERROR), std::vector<std::string>{line(res, err)});
     EXPECT_EQ(tov_test::open_descriptors(), descriptors_);
   }
   // Lets a running server meet a failure when the next client comes.
@@ -324,8 +324,9 @@ TEST_F(TovServerEnd, ClientThatCannotBeWatchedIsMinusSix) {
 
 TEST_F(TovServerEnd, EventWithoutInputIsMinusSeven) {
   run_into(EVENT_WITHOUT_INPUT);
-  ASSERT_EQ(events(TOV_LOG_ERROR).size(), 1u);
-  EXPECT_NE(events(TOV_LOG_ERROR)[0].find("res=-7, "), std::string::npos);
+  const auto lines = events(TOV_LOG_ERROR);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("res=-7, "), std::string::npos);
   EXPECT_NE(printed().find("]tov_process_domain: event err: "), std::string::npos);
 }
 
@@ -352,8 +353,9 @@ TEST_F(TovServerEnd, InterruptedAcceptAndWaitAreMadeAgain) {
 
 TEST_F(TovServerEnd, ClientThatIsNotInTheTableIsMinusTen) {
   run_into(EVENT_OF_A_STRANGER);
-  ASSERT_EQ(events(TOV_LOG_ERROR).size(), 1u);
-  EXPECT_NE(events(TOV_LOG_ERROR)[0].find("res=-10, "), std::string::npos);
+  const auto lines = events(TOV_LOG_ERROR);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("res=-10, "), std::string::npos);
   EXPECT_NE(printed().find("]tov_process_domain: logic err, clnt_sd:1048576 lost!\n"),
             std::string::npos);
 }
@@ -362,7 +364,7 @@ TEST_F(TovServerEnd, OneClientTooManyIsMinusNine) {
 #if defined(TOV_SANITIZE_THREAD)
   GTEST_SKIP() << "filling the table takes minutes here, and one thread does it all";
 #endif
-  set_diagnostics(TOV_DBG_ERROR);
+  tov_test::set_diagnostics(TOV_DBG_ERROR);
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
@@ -386,8 +388,9 @@ TEST_F(TovServerEnd, OneClientTooManyIsMinusNine) {
     EXPECT_TRUE(wait_until([] { return tov_flag_get(quit) == 1; }, 10s));
     server.join();
   }
-  ASSERT_EQ(events(TOV_LOG_ERROR).size(), 1u);
-  EXPECT_NE(events(TOV_LOG_ERROR)[0].find("res=-9, "), std::string::npos);
+  const auto lines = events(TOV_LOG_ERROR);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("res=-9, "), std::string::npos);
   EXPECT_NE(printed().find("]tov_process_domain: logic err, clnt_sd full, now_sd:"),
             std::string::npos);
   for (const auto &client : clients)

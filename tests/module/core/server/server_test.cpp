@@ -16,29 +16,29 @@
 #include <vector>
 
 #include "client/tov_rpc.h"
-#include "tests/module/private_root.h"
-#include "tests/module/registry_fixture.h"
 #include "tests/module/server_thread.h"
+#include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
+#include "tests/support/stdout.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
 using tov_test::bytes_of;
-using tov_test::IdleProcess;
+using tov_test::Child;
 using tov_test::packet;
+using tov_test::printed_by;
 using tov_test::RawClient;
 using tov_test::wait_until;
 
 namespace {
 
 // One server for all tests of the suite: nothing that a client does may end it.
-class TovServer : public tov_test::RegistryFixture {
+class TovServer : public tov_test::World {
  protected:
   static void SetUpTestSuite() {
-    RegistryFixture::SetUpTestSuite();
-    setenv("DATA_QXOS_DIR", "/data/none", 1);
+    World::SetUpTestSuite();
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
     files.rlim_cur = files.rlim_max;
@@ -92,7 +92,7 @@ TEST_F(TovServer, SocketIsOpenToEverybody) {
 }
 
 TEST_F(TovServer, RequestIsAcknowledgedAndCarriedOut) {
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   EXPECT_EQ(answer_to(packet(TOV_RESTART, bytes_of(payload))), RawClient::ACKNOWLEDGED);
@@ -114,7 +114,7 @@ TEST_F(TovServer, ManyRequestsMayUseOneConnection) {
 }
 
 TEST_F(TovServer, ScriptOfARequestReachesTheRecord) {
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   ASSERT_EQ(answer_to(packet(TOV_SHELL_RESTART, bytes_of(payload), "/etc/cmdmap/demo")),
@@ -124,7 +124,7 @@ TEST_F(TovServer, ScriptOfARequestReachesTheRecord) {
 }
 
 TEST_F(TovServer, SignOfLifeIsCarriedOutWithoutAnAnswer) {
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   RawClient client;
@@ -135,7 +135,7 @@ TEST_F(TovServer, SignOfLifeIsCarriedOutWithoutAnAnswer) {
 }
 
 TEST_F(TovServer, ThreadIsWatchedAndLetGo) {
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   payload.ppid = getpid();
@@ -161,15 +161,15 @@ TEST_F(TovServer, LibraryAndServerUnderstandEachOther) {
 
 TEST_F(TovServer, RequestsSentInABurstOnFreshConnectionsAreAllCarriedOut) {
   // None waits for its acknowledgement, and each next one closes the connection of the last.
-  std::vector<std::unique_ptr<IdleProcess>> processes;
+  std::vector<std::unique_ptr<Child>> processes;
   processes.reserve(20);
   for (int i = 0; i < 20; i++)
-    processes.push_back(std::make_unique<IdleProcess>());
+    processes.push_back(std::make_unique<Child>());
   for (const auto &process : processes) {
     ASSERT_EQ(reg_process_exit_action_shell(process->pid(), TOV_SHELL_RESTART, "/opt/x"), 0);
   }
-  EXPECT_TRUE(wait_until([] { return count_of(tov_chains) == 20; }, 10s))
-      << count_of(tov_chains) << " of 20";
+  EXPECT_TRUE(wait_until([] { return count(tov_chains) == 20; }, 10s))
+      << count(tov_chains) << " of 20";
 }
 
 // ---- bad requests -------------------------------------------------------------------------------
@@ -196,7 +196,7 @@ TEST_F(TovServer, LyingLengthsCostTheConnection) {
   for (const int32_t len : {-1, INT_MIN, INT_MIN + 268, 321, 100000, INT_MAX - 268, INT_MAX}) {
     EXPECT_EQ(answer_to(packet(TOV_RESTART, len, payload)), RawClient::CLOSED) << len;
   }
-  EXPECT_EQ(count_of(tov_chains), 0);
+  EXPECT_EQ(count(tov_chains), 0);
 }
 
 TEST_F(TovServer, PacketLongerThanItSaysIsServed) {
@@ -218,7 +218,7 @@ TEST_F(TovServer, ShortRecordsAreAcknowledgedAndRefused) {
     }
   }
   EXPECT_TRUE(good_client_is_served());
-  EXPECT_EQ(count_of(tov_chains) + count_of(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_chains) + count(tov_alive_chains), 0);
 }
 
 TEST_F(TovServer, ResultOfAShortRecordIsToldLikeAnyOther) {
@@ -232,15 +232,13 @@ TEST_F(TovServer, ResultOfAShortRecordIsToldLikeAnyOther) {
       {TOV_MSG_ACK, 4, "tov_notifier_start"},
       {TOV_MSG_CONS, 7, "tov_process_cons_msg"},
   };
-  set_diagnostics(TOV_DBG_VERBOSE);
-  CaptureStdout();
-  for (const auto &request : requests) {
-    const std::string payload(static_cast<size_t>(request.len), 'x');
-    EXPECT_EQ(answer_to(packet(request.type, payload)), RawClient::ACKNOWLEDGED);
-  }
-  EXPECT_TRUE(good_client_is_served());  // the requests before it are done
-  set_diagnostics(TOV_DBG_END);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = diagnostics([&] {
+    for (const auto &request : requests) {
+      const std::string payload(static_cast<size_t>(request.len), 'x');
+      EXPECT_EQ(answer_to(packet(request.type, payload)), RawClient::ACKNOWLEDGED);
+    }
+    EXPECT_TRUE(good_client_is_served());  // the requests before it are done
+  });
   for (const auto &request : requests) {
     const std::string type = "type:" + std::to_string(request.type);
     EXPECT_NE(printed.find("]" + std::string(request.handler) + ": payload too short(" + type +
@@ -252,7 +250,7 @@ TEST_F(TovServer, ResultOfAShortRecordIsToldLikeAnyOther) {
 }
 
 TEST_F(TovServer, UnterminatedTextsAreCut) {
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   memset(payload.pathname, 'p', sizeof payload.pathname);
@@ -264,12 +262,10 @@ TEST_F(TovServer, UnterminatedTextsAreCut) {
 }
 
 TEST_F(TovServer, RefusedPacketIsNotAskedAboutAgain) {
-  set_diagnostics(TOV_DBG_VERBOSE);
-  CaptureStdout();
-  EXPECT_EQ(answer_to(packet(TOV_RESTART, -5, "")), RawClient::CLOSED);
-  EXPECT_EQ(answer_to(packet(77, 0, "")), RawClient::CLOSED);
-  set_diagnostics(TOV_DBG_END);
-  const std::string printed = GetCapturedStdout();
+  const std::string printed = diagnostics([&] {
+    EXPECT_EQ(answer_to(packet(TOV_RESTART, -5, "")), RawClient::CLOSED);
+    EXPECT_EQ(answer_to(packet(77, 0, "")), RawClient::CLOSED);
+  });
   const auto first = printed.find("recv domain msg with len=-5\r\n");
   ASSERT_NE(first, std::string::npos);
   EXPECT_EQ(printed.find("recv domain msg with len=-5", first + 1), std::string::npos);
@@ -311,12 +307,12 @@ TEST_F(TovServer, ClientThatNeverReadsItsAnswersIsDropped) {
 
 TEST_F(TovServer, RequestOfAClientThatHangsUpAtOnceIsNotCarriedOut) {
   // It cannot be acknowledged. The server is held meanwhile, or it would be quick enough.
-  const IdleProcess process;
+  const Child process;
   auto payload = own_payload();
   payload.pid = process.pid();
   {
     const tov_chains_guard_t hold(tov_chains);
-    const IdleProcess other;
+    const Child other;
     auto first = own_payload();
     first.pid = other.pid();
     ASSERT_EQ(answer_to(packet(TOV_RESTART, bytes_of(first))), RawClient::ACKNOWLEDGED);

@@ -13,8 +13,12 @@
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
-#include "tests/module/registry_fixture.h"
-#include "tests/module/supervision.h"
+#include "tests/module/program.h"
+#include "tests/module/world.h"
+#include "tests/support/caught_diagnostics.h"
+#include "tests/support/child.h"
+#include "tests/support/processes.h"
+#include "tests/support/text.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -22,8 +26,9 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using tov_test::Child;
+using tov_test::cmdline_of;
 using tov_test::GONE;
-using tov_test::IdleProcess;
 using tov_test::Program;
 
 namespace {
@@ -34,11 +39,10 @@ constexpr unsigned int PERIOD_S = 120;
 constexpr int PASSES = 2;         // in a period
 constexpr size_t COMPARED = 254;  // characters of a command line
 
-class TovNotifer : public tov_test::Supervision {
+class TovNotifer : public tov_test::World {
  protected:
   void SetUp() override {
-    Supervision::SetUp();
-    ASSERT_EQ(tov_sys_init_alive_info(true), 0);
+    World::SetUp();
     for (const pid_t pid : {TID, TID + 1})
       (void)tov_sys_unreg_alive_info(pid);
     watched(OWNER, OWNER);
@@ -74,7 +78,7 @@ class TovNotifer : public tov_test::Supervision {
 
 size_t lines_with(const std::string &text, const std::string &part) {
   size_t lines = 0;
-  for (const std::string &line : tov_test::lines_of(text, "\n"))
+  for (const std::string &line : tov_test::split_lines(text, "\n"))
     lines += line.find(part) != std::string::npos ? 1U : 0U;
   return lines;
 }
@@ -249,13 +253,14 @@ TEST_F(TovNotifer, OneRequestIsEnoughForAPass) {
 // ---- is it still the thread that registered? ----------------------------------------------------
 
 TEST_F(TovNotifer, ThreadIsTheOneThatRegistered) {
-  const IdleProcess process;
-  EXPECT_EQ(tov_check_pid_exist(watched(process.pid(), process.pid(), 5, process.cmdline())), 0);
+  const Child process;
+  EXPECT_EQ(
+      tov_check_pid_exist(watched(process.pid(), process.pid(), 5, cmdline_of(process.pid()))), 0);
 }
 
 TEST_F(TovNotifer, ThreadOfAnotherProcessIsNot) {
-  const IdleProcess process;
-  tov_pid_t *record = watched(process.pid(), OWNER, 5, process.cmdline());
+  const Child process;
+  tov_pid_t *record = watched(process.pid(), OWNER, 5, cmdline_of(process.pid()));
   const auto check = [&] { EXPECT_EQ(tov_check_pid_exist(record), -1); };
   EXPECT_THAT(diagnostics(check),
               HasSubstr("]tov_check_pid_exist: ppid info no match(reg:" + std::to_string(OWNER) +
@@ -264,27 +269,27 @@ TEST_F(TovNotifer, ThreadOfAnotherProcessIsNot) {
 }
 
 TEST_F(TovNotifer, ProcessWithAnotherCommandLineIsNot) {
-  const IdleProcess process;
+  const Child process;
   tov_pid_t *record = watched(process.pid(), process.pid(), 5, "/opt/another");
   const auto check = [&] { EXPECT_EQ(tov_check_pid_exist(record), -1); };
   EXPECT_THAT(diagnostics(check),
               HasSubstr("]tov_check_pid_exist: cmdline info no match(reg:/opt/another, now:" +
-                        process.cmdline() + ")\n"));
+                        cmdline_of(process.pid()) + ")\n"));
   EXPECT_EQ(alive_diagnostics(check), "") << "one for the other switch";
 }
 
 TEST_F(TovNotifer, CommandLineThatGrewShorterStillMatches) {
-  const IdleProcess process;
+  const Child process;
   EXPECT_EQ(tov_check_pid_exist(
-                watched(process.pid(), process.pid(), 5, process.cmdline() + " and more")),
+                watched(process.pid(), process.pid(), 5, cmdline_of(process.pid()) + " and more")),
             0);
 }
 
 TEST_F(TovNotifer, OnlyTheBeginOfALongCommandLineIsCompared) {
   const Program program("longish");
   const std::string argument(400, 'a');
-  const IdleProcess process({program.path.c_str(), argument.c_str()});
-  const std::string whole = process.cmdline();
+  const Child process(std::vector<std::string>{program.path, argument});
+  const std::string whole = cmdline_of(process.pid());
   ASSERT_GT(whole.size(), COMPARED + 1);
   tov_pid_t *record = watched(process.pid(), process.pid(), 5, whole);
   EXPECT_EQ(tov_check_pid_exist(record), 0);
@@ -296,10 +301,10 @@ TEST_F(TovNotifer, OnlyTheBeginOfALongCommandLineIsCompared) {
 
 TEST_F(TovNotifer, BlanksAtTheEndOfACommandLineDoNotMatter) {
   const Program program("blank");
-  const IdleProcess process({program.path.c_str(), "x", " ", ""});
-  std::string trimmed = process.cmdline();
+  const Child process({program.path, "x", " ", ""});
+  std::string trimmed = cmdline_of(process.pid());
   trimmed.erase(trimmed.find_last_not_of(' ') + 1);
-  ASSERT_LT(trimmed.size(), process.cmdline().size());
+  ASSERT_LT(trimmed.size(), cmdline_of(process.pid()).size());
   EXPECT_EQ(tov_check_pid_exist(watched(process.pid(), process.pid(), 5, trimmed)), 0);
 }
 
@@ -326,8 +331,8 @@ class TovNotiferScan : public TovNotifer {
 };
 
 TEST_F(TovNotiferScan, DropsWhoIsGoneAndClearsItsSlot) {
-  const IdleProcess process;
-  watched(process.pid(), process.pid(), 5, process.cmdline());
+  const Child process;
+  watched(process.pid(), process.pid(), 5, cmdline_of(process.pid()));
   ASSERT_EQ(tov_sys_reg_alive_info(process.pid()), 0);
   pid_t ended = 0;
   std::thread([&] { ended = gettid(); }).join();
@@ -348,11 +353,11 @@ TEST_F(TovNotiferScan, DropsWhoIsGoneAndClearsItsSlot) {
 }
 
 TEST_F(TovNotiferScan, RequestsOneKillForTheFirstInItsOrder) {
-  std::vector<std::unique_ptr<IdleProcess>> processes;
+  std::vector<std::unique_ptr<Child>> processes;
   for (int i = 0; i < 3; i++) {
-    processes.push_back(std::make_unique<IdleProcess>());
-    const IdleProcess &process = *processes.back();
-    watched(process.pid(), process.pid(), 0, process.cmdline());
+    processes.push_back(std::make_unique<Child>());
+    const Child &process = *processes.back();
+    watched(process.pid(), process.pid(), 0, cmdline_of(process.pid()));
   }
   pid_t first = 0;
   tov_chain_for_each(&tov_alive_chains, [&](const tov_pid_t &record) {

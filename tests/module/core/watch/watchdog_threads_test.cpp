@@ -15,7 +15,8 @@
 #include "client/requests/tov_msg.h"
 #include "core/watch/watchdog.h"
 #include "include/tov_xtach.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/processes.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ constexpr int SCANS = 100;
 constexpr unsigned int BUDGET = 5;
 constexpr unsigned int PERIOD_S = 60;  // a scan; so each one without a sign of life is a miss
 
-using TovNotiferThreads = tov_test::Supervision;
+using TovNotiferThreads = tov_test::World;
 
 // The server's work for a client's request, in that client's thread: here nobody listens.
 tov_msg_xtach_t request_of(pid_t tid) {

@@ -13,14 +13,21 @@
 #include <string>
 #include <vector>
 
+#include "tests/module/program.h"
 #include "tests/module/seconds_ago.h"
-#include "tests/module/supervision.h"
+#include "tests/module/world.h"
+#include "tests/support/birth.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/in_child.h"
+#include "tests/support/processes.h"
 #include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Birth;
+using tov_test::exists;
 using tov_test::GONE;
 using tov_test::Program;
 using tov_test::TemporaryFile;
@@ -38,8 +45,8 @@ extern "C" const char *__tsan_default_options() {
 
 namespace {
 
-class TovSetupSignals : public tov_test::Supervision {};
-class TovChldHandler : public tov_test::Supervision {
+class TovSetupSignals : public tov_test::World {};
+class TovChldHandler : public tov_test::World {
  protected:
   static void end_some_children(int count) {
     for (int i = 0; i < count; i++) {
@@ -52,7 +59,7 @@ class TovChldHandler : public tov_test::Supervision {
   static bool has_children() { return waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 };
 
-class TovAlrmHandler : public tov_test::Supervision {
+class TovAlrmHandler : public tov_test::World {
  protected:
   // A task that was suspended the given number of seconds ago.
   static tov_pid_t *suspended(pid_t pid, const std::string &process, time_t ago_s,
@@ -65,7 +72,6 @@ class TovAlrmHandler : public tov_test::Supervision {
     record->first_tm = record->tm - 60;
     return record;
   }
-  static bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
   // Calls the handler for what `suspend` suspends, both in the first moments of one second of the
   // clock. An attempt that took longer, on a machine that stalled, is cleared away and made again.
@@ -151,7 +157,7 @@ TEST_F(TovChldHandler, OldErrorNumberNeitherEndsNorProlongsTheLoop) {
 }
 
 TEST_F(TovChldHandler, LivingChildrenAreLeft) {
-  const tov_test::helper_process_s living([] {});
+  const tov_test::Child living([] {});
   end_some_children(2);
   tov_chld_handler(SIGCHLD);
   EXPECT_TRUE(tov_test::process_lives(living.pid()));

@@ -17,6 +17,7 @@
 #include "platform/tov_platform.h"
 #include "tests/module/private_root.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 
 namespace fs = std::filesystem;
 
@@ -169,14 +170,11 @@ TEST_F(TovVsdEnvs, ForkedChildOfABusyProcessIsNotHeldUp) {
         setenv("BUSY", std::to_string(rand()).c_str(), 1);
     });
   for (int round = 0; round < 50; round++) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(20);
-      _exit(fs_set_vsd_envs(9) == 0 && strcmp(environ[0], "A=1") == 0 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tov_test::status_in_child([] {
+                alarm(20);
+                return fs_set_vsd_envs(9) == 0 && strcmp(environ[0], "A=1") == 0 ? 0 : 1;
+              }),
+              0);
   }
   stop = true;
   for (std::thread &thread : busy)

@@ -17,6 +17,7 @@
 #include "platform/tov_platform.h"
 #include "tests/module/private_root.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
 #include "tests/support/text.h"
 #include "util/owner.h"
 
@@ -93,7 +94,7 @@ TEST(TovLogfileInit, DescriptorIsCloseOnExec) {
   (void)dup2(STDIN_FILENO, number);  // for the owner to close
 }
 
-// ---- writing --------------------------------------------------------------------------------
+// ---- writing -------------------------------------------------------------------------------
 
 TEST(TovLogfileWrite, LineIsReadableAtOnce) {
   const ScratchDir dir;
@@ -184,11 +185,7 @@ TEST(TovLogfileTurn, NewDescriptorIsCloseOnExecToo) {
 TEST(TovLogfileTurn, ForkedChildWritesButLeavesTheTurningToItsParent) {
   const ScratchDir dir;
   void *handle = open_log(dir / "f", 1);
-  const pid_t child = fork();
-  if (child == 0) _exit(append(handle, std::string(2000, 'c')) == 0 ? 0 : 1);
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  tov_test::in_child([&] { EXPECT_EQ(append(handle, std::string(2000, 'c')), 0); });
   EXPECT_EQ(tov_test::names_in(dir.path()), (std::set<std::string>{"f"}));
   EXPECT_EQ(append(handle, "p"), 0);
   EXPECT_EQ(read_file(dir / "f.1"), std::string(2000, 'c') + "p");
