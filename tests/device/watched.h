@@ -232,6 +232,35 @@ inline Steps need_step(const Device &device, const std::string &what, Step::Kind
   });
 }
 
+// A request to kill: the pass in which it was made, and the thread that it was made for.
+struct Request {
+  int pass;
+  pid_t tid;
+};
+
+inline std::vector<Request> requests(const Steps &steps) {
+  std::vector<Request> all;
+  pid_t tid = 0;
+  for (const Step &step : steps) {
+    if (step.kind == Step::SEEN) tid = step.tid;
+    if (step.kind == Step::KILL) all.push_back({step.pass, tid});
+  }
+  return all;
+}
+
+inline std::vector<Request> need_requests(const Device &device, size_t count) {
+  return requests(need_steps(device, "kill requests", [&](const Steps &steps) {
+    return steps_of(steps, Step::KILL).size() >= count;
+  }));
+}
+
+inline std::vector<int> budgets(const Steps &steps) {
+  std::vector<int> left;
+  for (const Step &step : steps)
+    left.push_back(step.left);
+  return left;
+}
+
 // ---- what is reported -------------------------------------------------------------------------
 
 inline std::string hung(const Task &task, int index, pid_t tid) {
