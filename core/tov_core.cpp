@@ -7,6 +7,8 @@
 // Signals: SIGALRM and SIGCHLD are blocked before anything is started, so that every thread is born
 // with them blocked, and unblocked in this thread alone once the threads run
 // (proc/selfcheck/tov_signals.h says why that makes the alarm's handler safe).
+//
+// Tested by: tests/device/instance_test.cpp
 #include "core/tov_core.h"
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// Tested by: tests/module/core/policy/exit_test.cpp, tests/module/core/policy/rebuild_test.cpp,
+// tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/policy/revive.h"
 
 #include <iterator>

@@ -1,3 +1,4 @@
+// Tested by: tests/module/core/policy/exit_test.cpp, tests/module/core/policy/exit_rules_test.cpp
 #include "core/policy/rules.h"
 
 #include <iterator>

@@ -1,4 +1,5 @@
 // Linking and unlinking; the header says all there is to know.
+// Tested by: tests/module/core/registry/tov_chain_test.cpp
 #include "core/registry/links.h"
 
 // The poison is a number on purpose: nothing is ever mapped there.

@@ -1,3 +1,4 @@
+// Tested by: tests/module/proc/burst_test.cpp, tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/registry/record.h"
 
 #include <assert.h>

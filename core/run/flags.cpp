@@ -1,4 +1,5 @@
 // The flags' values at the start of the daemon: running, reloads permitted.
+// Tested by: tests/module/core/run/thread_test.cpp, tests/module/core/watch/watched_files_test.cpp
 #include "core/run/flags.h"
 
 int quit = 0;

@@ -1,3 +1,4 @@
+// Tested by: tests/module/core/server/server_end_test.cpp
 #include "core/server/listener.h"
 
 #include <errno.h>

@@ -1,6 +1,8 @@
 // Requests as the server's thread takes them, one at a time.
 //
 // Losses: a request whose acknowledgement cannot be sent at once is not carried out.
+//
+// Tested by: tests/module/core/server/server_test.cpp
 #include "core/server/request.h"
 
 #include <stdlib.h>
