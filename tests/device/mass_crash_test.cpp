@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
 
 #include "tests/device/story.h"
 
@@ -115,9 +116,17 @@ TEST_F(MassCrash, IsForgottenAfterTheSpan) {
   dump_core(tasks[0]);
   // 60 full seconds by the daemon's clock, and two for its rounding.
   std::this_thread::sleep_for(Millis(3'100));
+  int64_t latest_ns = monotonic_ns();
   dump_core(tasks[1]);
   EXPECT_EQ(detected(), 0U);
-  dump_core(tasks[0]);
+  // On a busy machine the next one may be as late itself; then the one after it counts.
+  static constexpr int64_t SPAN_NS = 3'000'000'000;
+  int64_t between_ns = SPAN_NS;
+  for (size_t next = 0; detected() == 0 && between_ns >= SPAN_NS; next = 1 - next) {
+    const int64_t previous_ns = std::exchange(latest_ns, monotonic_ns());
+    dump_core(tasks[next]);
+    between_ns = monotonic_ns() - previous_ns;
+  }
   EXPECT_EQ(detected(), 1U);
 }
 
