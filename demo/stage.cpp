@@ -11,8 +11,8 @@ namespace tov_demo {
 using tov_test::Millis;
 using tov_test::monotonic_ns;
 
-static constexpr Millis START_LIMIT_MS{10'000};
-static constexpr Millis BACK_LIMIT_MS{10'000};
+static constexpr Millis START_LIMIT_MS = tov_test::PATIENT_MS;
+static constexpr Millis BACK_LIMIT_MS = tov_test::PATIENT_MS;
 static constexpr Millis SELF_CHECK_LIMIT_MS{20'000};
 static constexpr Millis AWAY_SPAN_MS{1'500};  // a restart would have come twenty times over
 static constexpr Millis SETTLE_MS{60};        // the last lines about a restart

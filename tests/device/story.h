@@ -23,7 +23,7 @@
 
 namespace tov_test {
 
-inline constexpr Millis STORY_LIMIT_MS{10'000};
+inline constexpr Millis STORY_LIMIT_MS = PATIENT_MS;
 
 // ---- a task ---------------------------------------------------------------------------------
 

@@ -125,14 +125,14 @@ class Device {
   pid_t start_daemon(const DaemonOptions &options = {});
   // Waits until the daemon has started its threads, listens on its socket and hears the kernel's
   // process events. False when it did not in time or has ended.
-  bool wait_daemon_ready(Millis limit = Millis(10'000));
+  bool wait_daemon_ready(Millis limit = PATIENT_MS);
   // Starts the daemon and waits for it; throws when it does not come up.
   pid_t start_ready_daemon(const DaemonOptions &options = {});
   pid_t daemon_pid() const { return daemon_pid_; }
   // Its exit status as waitpid gives it; empty when it still runs at the end of the limit.
   std::optional<int> wait_daemon(Millis limit);
   // Sends a signal and waits for the end.
-  std::optional<int> kill_daemon(int signal = SIGKILL, Millis limit = Millis(10'000));
+  std::optional<int> kill_daemon(int signal = SIGKILL, Millis limit = PATIENT_MS);
   // What all daemons of this device have printed so far.
   std::string daemon_output() const;
 
@@ -163,7 +163,7 @@ class Device {
   std::vector<Birth> births(const std::string &name) const;
   // The `nth` start (from 1), as soon as it was reported.
   std::optional<Birth> wait_birth(const std::string &name, size_t nth = 1,
-                                  Millis limit = Millis(10'000)) const;
+                                  Millis limit = PATIENT_MS) const;
   // Further lines that victims wrote, without their "note" and tab.
   std::vector<std::string> victim_notes(const std::string &name) const;
 
@@ -179,18 +179,18 @@ class Device {
 
   std::vector<Notice> notices() const;
   // The first notice that contains the text (the `nth` one), waiting for it if need be.
-  std::optional<Notice> wait_notice(const std::string &text, Millis limit = Millis(10'000),
+  std::optional<Notice> wait_notice(const std::string &text, Millis limit = PATIENT_MS,
                                     size_t nth = 1) const;
   size_t count_notices(const std::string &text) const;
   // Lines of all event log files whose name begins so ("tov_run_event.log"), in the order of their
   // time stamps, without line ends.
   std::vector<std::string> event_log(const std::string &name) const;
   std::optional<std::string> wait_event(const std::string &name, const std::string &text,
-                                        Millis limit = Millis(10'000), size_t nth = 1) const;
+                                        Millis limit = PATIENT_MS, size_t nth = 1) const;
   size_t count_events(const std::string &name, const std::string &text) const;
   std::string console() const;
-  bool wait_console(const std::string &text, Millis limit = Millis(10'000)) const;
-  bool wait_output(const std::string &text, Millis limit = Millis(10'000)) const;  // of the daemon
+  bool wait_console(const std::string &text, Millis limit = PATIENT_MS) const;
+  bool wait_output(const std::string &text, Millis limit = PATIENT_MS) const;  // of the daemon
   // What sanitizers have written in this device.
   std::string sanitizer_reports() const;
   // Everything above as one text for a failure message.

@@ -18,6 +18,9 @@ namespace tov_test {
 
 using Millis = std::chrono::milliseconds;
 
+// For what comes at once, except where two processors serve a build and eight tests besides.
+inline constexpr Millis PATIENT_MS{30'000};
+
 // Names one mount namespace: the file that /proc/PID/ns/mnt leads to.
 struct NamespaceId {
   dev_t device = 0;

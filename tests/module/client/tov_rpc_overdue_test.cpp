@@ -113,7 +113,7 @@ TEST_F(TovRpc, ConnectionOwedAnAnswerIsClosedOnceItWasAnswered) {
   ASSERT_EQ(bare_request(TOV_RESET, false), 0);
   ASSERT_EQ(daemon.requests(3).size(), 3u);
   // From two of ours to one, and the same at the daemon, which stands in this process.
-  tov_test::wait_until([&] { return open_sockets() <= before - 2; }, 10s);
+  tov_test::wait_until([&] { return open_sockets() <= before - 2; }, 30s);
   EXPECT_LE(open_sockets(), before - 2);
 }
 

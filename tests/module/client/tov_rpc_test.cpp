@@ -224,7 +224,7 @@ TEST_F(TovRpc, ForkWhileAnotherThreadWaitsLeavesTheChildFree) {
         return pthread_mutex_trylock(&tov_rpc_lock) != 0 ||
                (pthread_mutex_unlock(&tov_rpc_lock), false);
       },
-      5s));
+      30s));
   // Without a fresh lock the child would hang here for ever.
   EXPECT_TRUE(true_in_child([] {
     alarm(30);
@@ -265,7 +265,7 @@ TEST_F(TovRpc, CancelledThreadLeavesTheLockFree) {
     for (;;)
       pause();
   });
-  EXPECT_TRUE(tov_test::wait_until([&] { return daemon.connections() == 1; }, 10s));
+  EXPECT_TRUE(tov_test::wait_until([&] { return daemon.connections() == 1; }, 30s));
   pthread_cancel(doomed.native_handle());
   daemon.let_go();
   doomed.join();

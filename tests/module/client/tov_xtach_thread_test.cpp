@@ -197,7 +197,7 @@ TEST_F(TovXtachThread, SignOfLifeDoesNotWaitForAnotherThreadsRequest) {
   FakeDaemon daemon(Manners{.held = true});
   tov_sys_reg_alive_info(gettid());
   std::thread busy([] { tov_rpc(TOV_RESTART, nullptr, nullptr, 0, true, true); });
-  EXPECT_TRUE(tov_test::wait_until([&] { return daemon.connections() == 1; }, 10s));
+  EXPECT_TRUE(tov_test::wait_until([&] { return daemon.connections() == 1; }, 30s));
   EXPECT_EQ(reset(), 0);
   EXPECT_EQ(pthread_mutex_trylock(&tov_rpc_lock), EBUSY) << "the request is still under way";
   daemon.let_go();
