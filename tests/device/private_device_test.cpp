@@ -4,6 +4,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -23,7 +24,7 @@ using tov_test::wait_until;
 
 namespace fs = std::filesystem;
 
-static constexpr Millis LIMIT_MS{10'000};
+static constexpr Millis LIMIT_MS = tov_test::PATIENT_MS;
 
 static std::vector<std::string> device_groups(pid_t keeper) {
   std::vector<std::string> found;
@@ -253,7 +254,8 @@ struct Held {
 
 // The other test: opens a device, starts stubborn programs in it, reports and never ends.
 [[noreturn]] static void hold_device(int report) {
-  signal(SIGINT, SIG_DFL);  // a test run in the background of a shell inherits it ignored
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // also where the test itself is ended by its time limit
+  signal(SIGINT, SIG_DFL);           // a test run in the background of a shell inherits it ignored
   Device device;
   const std::string name = unique_name("held");
   const std::string program = device.install_program(name);
