@@ -76,17 +76,6 @@ TEST_P(HoldBack, StopsTheCountdownButNotASpentBudget) {
   EXPECT_THAT(need_kill_lines(device, so_far + 2), Each(killed_hung(task, 0, tid)));
 }
 
-static constexpr char AREA[] = "/dev/shm/UTILS-tov-shm-001";
-
-// A thread's bit and byte in the shared area.
-static std::pair<int, int> slot(const Device &device, pid_t tid) {
-  static constexpr size_t MAP = 32, SEQ = 20513;
-  const std::string area = device.read(AREA);
-  const auto id = static_cast<size_t>(tid);
-  return {(static_cast<unsigned char>(area.at(MAP + id / 8)) >> (id % 8)) & 1,
-          static_cast<unsigned char>(area.at(SEQ + id))};
-}
-
 // ---- who is not watched -------------------------------------------------------------------------
 
 TEST(WatchedThread, ThatEndsIsForgotten) {

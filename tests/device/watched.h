@@ -11,6 +11,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/device/story.h"
@@ -259,6 +260,17 @@ inline std::vector<int> budgets(const Steps &steps) {
   for (const Step &step : steps)
     left.push_back(step.left);
   return left;
+}
+
+inline constexpr char AREA[] = "/dev/shm/UTILS-tov-shm-001";
+
+// A thread's bit and byte in the shared area.
+inline std::pair<int, int> slot(const Device &device, pid_t tid) {
+  static constexpr size_t MAP = 32, SEQ = 20513;
+  const std::string area = device.read(AREA);
+  const auto id = static_cast<size_t>(tid);
+  return {(static_cast<unsigned char>(area.at(MAP + id / 8)) >> (id % 8)) & 1,
+          static_cast<unsigned char>(area.at(SEQ + id))};
 }
 
 // ---- what is reported -------------------------------------------------------------------------
