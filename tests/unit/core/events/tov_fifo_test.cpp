@@ -1,23 +1,17 @@
-// The event ring: copying, wrapping, and the consumer's sleep.
+// The event ring: copying, wrapping, and how long its consumer waits.
 #include "core/events/tov_fifo.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/resource.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "include/tov_registry.h"
-#include "tests/support/caught_diagnostics.h"
+#include "tests/unit/simulated.h"
+
+using tov_test::kernel;
+
+static constexpr int64_t US_PER_MS = 1000;
 
 // The sanitizers end the program at an impossible allocation unless they are told otherwise.
 extern "C" const char *__asan_default_options() {
@@ -39,18 +33,22 @@ struct owned_fifo_s {
   ~owned_fifo_s() { __kfifo_free(&ring); }
 };
 
-int64_t now_ms() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
+class TovCnmsgFifo : public tov_test::Simulated {
+ protected:
+  void SetUp() override { ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0); }
+  void TearDown() override { tov_cnmsg_fifo_free(); }
 
-// Microseconds of processor time that this thread has used.
-int64_t thread_cpu_us() {
-  timespec used{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-  return static_cast<int64_t>(used.tv_sec) * 1000000 + used.tv_nsec / 1000;
-}
+  static void put(uint32_t what, int pid, uint32_t code) {
+    const tov_cnmsg_data_t record{what, pid, code};
+    __kfifo_in(&tov_cnmsg_fifo, &record, sizeof record);
+    tov_cnmsg_fifo_wake();
+  }
+  static int64_t wait_ms(int timeout_ms, bool expected) {
+    return span_us([&] { EXPECT_EQ(tov_cnmsg_fifo_wait(timeout_ms), expected); }) / US_PER_MS;
+  }
+};
+
+class TovCnmsgFifoAlloc : public tov_test::Simulated {};
 
 }  // namespace
 
@@ -171,18 +169,6 @@ TEST(Kfifo, ElementsOfSeveralBytesStayWhole) {
 
 // ---- the event queue -----------------------------------------------------------------------
 
-class TovCnmsgFifo : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0); }
-  void TearDown() override { tov_cnmsg_fifo_free(); }
-
-  static void put(uint32_t what, int pid, uint32_t code) {
-    const tov_cnmsg_data_t record{what, pid, code};
-    __kfifo_in(&tov_cnmsg_fifo, &record, sizeof record);
-    tov_cnmsg_fifo_wake();
-  }
-};
-
 TEST_F(TovCnmsgFifo, HoldsHalfAMebibyteOfBytes) {
   EXPECT_EQ(tov_cnmsg_fifo.mask, 0x80000u - 1);
   EXPECT_EQ(tov_cnmsg_fifo.esize, 1u);
@@ -208,161 +194,66 @@ TEST_F(TovCnmsgFifo, LastRecordOfAFullRingIsStoredInPart) {
 
 TEST_F(TovCnmsgFifo, WaitReturnsAtOnceWhenSomethingIsThere) {
   put(TOV_EVENT_EXEC, 1, 0);
-  EXPECT_TRUE(tov_cnmsg_fifo_wait(-1));
-  EXPECT_TRUE(tov_cnmsg_fifo_wait(0));
+  EXPECT_EQ(wait_ms(-1, true), 0);
+  EXPECT_EQ(wait_ms(0, true), 0);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_POLL), 0);
 }
 
 TEST_F(TovCnmsgFifo, WaitEndsWithItsTime) {
-  const int64_t begin = now_ms();
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(60));
-  EXPECT_GE(now_ms() - begin, 59);
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(0));
-}
-
-TEST_F(TovCnmsgFifo, WaitingCostsNoProcessorTime) {
-  const int64_t before_us = thread_cpu_us();
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(300));
-  EXPECT_LT(thread_cpu_us() - before_us, 100000);
+  EXPECT_EQ(wait_ms(60, false), 60);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_POLL), 1);  // asleep, not looking
+  EXPECT_EQ(wait_ms(0, false), 0);
 }
 
 TEST_F(TovCnmsgFifo, ProducerEndsAWait) {
-  std::thread producer([] {
-    usleep(20000);
-    put(TOV_EVENT_EXIT, 2, 15);
-  });
-  EXPECT_TRUE(tov_cnmsg_fifo_wait(-1));
-  producer.join();
+  kernel().after(20 * US_PER_MS, [] { put(TOV_EVENT_EXIT, 2, 15); });
+  EXPECT_EQ(wait_ms(-1, true), 20);
 }
 
-TEST_F(TovCnmsgFifo, LateWakeUpOfAnEarlierWaitIsNoEvent) {
-  std::atomic<bool> stop{false};
-  std::thread waker([&stop] {
-    while (!stop)
-      tov_cnmsg_fifo_wake();  // wakes without an event
-  });
-  const int64_t begin = now_ms();
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(50));
-  EXPECT_GE(now_ms() - begin, 49);
-  stop = true;
-  waker.join();
+TEST_F(TovCnmsgFifo, WakeUpWithoutAnEventIsNone) {
+  for (const int at_ms : {5, 10, 20})
+    kernel().after(at_ms * US_PER_MS, tov_cnmsg_fifo_wake);
+  EXPECT_EQ(wait_ms(50, false), 50);
 }
 
-TEST_F(TovCnmsgFifo, WakeWithoutAConsumerIsHarmless) {
+TEST_F(TovCnmsgFifo, WakeWithoutAConsumerCostsNoCall) {
+  const int before = kernel().calls();
   for (int i = 0; i < 1000; i++)
     tov_cnmsg_fifo_wake();
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(0));
+  EXPECT_EQ(kernel().calls(), before);
+  EXPECT_EQ(wait_ms(0, false), 0);
 }
 
-TEST_F(TovCnmsgFifo, SignalDoesNotEndAWait) {
-  struct sigaction quiet {};
-  quiet.sa_handler = [](int) {};
-  struct sigaction old {};
-  sigaction(SIGUSR1, &quiet, &old);
-  const pthread_t consumer = pthread_self();
-  std::thread disturber([consumer] {
-    for (int i = 0; i < 5; i++) {
-      usleep(10000);
-      pthread_kill(consumer, SIGUSR1);
-    }
-  });
-  const int64_t begin = now_ms();
-  EXPECT_FALSE(tov_cnmsg_fifo_wait(100));
-  EXPECT_GE(now_ms() - begin, 99);
-  disturber.join();
-  sigaction(SIGUSR1, &old, nullptr);
+TEST_F(TovCnmsgFifo, SignalsNeitherEndNorProlongAWait) {
+  for (int at_ms = 7; at_ms < 100; at_ms += 7)
+    kernel().interrupt_after(at_ms * US_PER_MS);
+  EXPECT_EQ(wait_ms(100, false), 100);
 }
 
-// The consumer sleeps and wakes for each small batch; with a lost wake-up it would not come back
-// before the time-out of the test program.
-TEST_F(TovCnmsgFifo, NothingIsLostBetweenTwoBusyThreads) {
-  constexpr int EVENTS = 60000;
-  std::thread producer([] {
-    for (int i = 0; i < EVENTS; i++) {
-      while (tov_cnmsg_fifo.mask + 1 - kfifo_len(&tov_cnmsg_fifo) < sizeof(tov_cnmsg_data_t))
-        usleep(100);
-      put(TOV_EVENT_EXIT, i, static_cast<uint32_t>(i) * 3);
-      if (i % 7 == 0) sched_yield();
-      if (i % 1000 == 0) usleep(500);
-    }
-  });
-  int next = 0;
-  while (next < EVENTS) {
-    ASSERT_TRUE(tov_cnmsg_fifo_wait(-1));
-    tov_cnmsg_data_t record{};
-    while (__kfifo_out(&tov_cnmsg_fifo, &record, sizeof record) == sizeof record) {
-      ASSERT_EQ(record.process_pid, next);
-      ASSERT_EQ(record.exit_code, static_cast<uint32_t>(next) * 3);
-      next++;
-    }
-  }
-  producer.join();
-  EXPECT_TRUE(kfifo_is_empty(&tov_cnmsg_fifo));
-}
-
-// One event at a time, answered before the next: the consumer arms its wait for every single one.
-TEST_F(TovCnmsgFifo, EverySingleEventWakesTheConsumer) {
-  constexpr int ROUNDS = 5000;
-  std::atomic<int> handled{0};
-  std::thread producer([&handled] {
-    for (int i = 0; i < ROUNDS; i++) {
-      put(TOV_EVENT_EXEC, i, 0);
-      while (handled.load() <= i)
-        sched_yield();
-    }
-  });
-  for (int i = 0; i < ROUNDS; i++) {
-    ASSERT_TRUE(tov_cnmsg_fifo_wait(-1));
-    tov_cnmsg_data_t record{};
-    ASSERT_EQ(__kfifo_out(&tov_cnmsg_fifo, &record, sizeof record), sizeof record);
-    ASSERT_EQ(record.process_pid, i);
-    handled.store(i + 1);
-  }
-  producer.join();
+TEST_F(TovCnmsgFifo, WaitThatThePollRefusesDoesNotSpin) {
+  for (int nth = 1; nth <= 100; nth++)
+    kernel().fail(tov_test::CALL_POLL, nth, ENOMEM);
+  EXPECT_EQ(wait_ms(50, false), 50);
+  EXPECT_LE(kernel().calls(tov_test::CALL_POLL), 51);
 }
 
 // ---- making and freeing the queue ----------------------------------------------------------
 
-namespace {
-
-// Descriptors that are open, and how many of them an exec would hand on.
-struct open_descriptors_s {
-  int all = 0;
-  int inherited = 0;
-};
-
-open_descriptors_s open_descriptors() {
-  open_descriptors_s count;
-  for (int fd = 0; fd < 1024; fd++) {
-    const int flags = fcntl(fd, F_GETFD);
-    count.all += flags >= 0;
-    count.inherited += flags >= 0 && (flags & FD_CLOEXEC) == 0;
-  }
-  return count;
-}
-
-}  // namespace
-
-TEST(TovCnmsgFifoAlloc, ItsDescriptorIsCloseOnExecAndGoesWithTheQueue) {
-  const open_descriptors_s before = open_descriptors();
+TEST_F(TovCnmsgFifoAlloc, ItsDescriptorIsCloseOnExecAndGoesWithTheQueue) {
+  const size_t before = kernel().descriptors();
+  const size_t inherited = kernel().inherited_descriptors();
   ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
-  const open_descriptors_s during = open_descriptors();
-  EXPECT_EQ(during.all, before.all + 1);
-  EXPECT_EQ(during.inherited, before.inherited);
+  EXPECT_EQ(kernel().descriptors(), before + 1);
+  EXPECT_EQ(kernel().inherited_descriptors(), inherited);
   tov_cnmsg_fifo_free();
-  EXPECT_EQ(open_descriptors().all, before.all);
+  EXPECT_EQ(kernel().descriptors(), before);
   EXPECT_EQ(tov_cnmsg_fifo.data, nullptr);
 }
 
-TEST(TovCnmsgFifoAlloc, FailsWithADiagnosticWithoutDescriptors) {
-  rlimit old{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+TEST_F(TovCnmsgFifoAlloc, FailsWithADiagnosticWithoutDescriptors) {
+  kernel().fail(tov_test::CALL_EVENTFD, 1, EMFILE);
   int result = 0;
-  const std::string said = tov_test::caught_diagnostics(TOV_MODULE_PUB, [&] {
-    const rlimit none{0, old.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    result = tov_cnmsg_fifo_alloc();
-    setrlimit(RLIMIT_NOFILE, &old);
-  });
+  const std::string said = diagnostics([&] { result = tov_cnmsg_fifo_alloc(); });
   EXPECT_EQ(result, -1);
   EXPECT_EQ(tov_cnmsg_fifo.data, nullptr);
   EXPECT_NE(said.find("tov_cnmsg_fifo_alloc: kfifo_alloc fail!"), std::string::npos) << said;

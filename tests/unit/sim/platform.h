@@ -1,0 +1,27 @@
+// The platform of a pure test: it does nothing and notes what it is asked for.
+#ifndef TOV_TEST_UNIT_SIM_PLATFORM_H
+#define TOV_TEST_UNIT_SIM_PLATFORM_H
+
+#include <string>
+#include <vector>
+
+#include "include/tov.h"
+
+namespace tov_test {
+
+struct platform_s {
+  std::vector<std::string> notices;                   // "%HA-5-HA_RESTART: TEXT"
+  std::vector<std::string> events[TOV_LOG_TYPE_NUM];  // of the event logs, without their stamps
+  std::vector<std::string> requests;                  // "ACTION PID MODULE: REASON"
+  int flushes = 0;                                    // of event logs to storage
+  bool is_dorvik = false;                             // the product line
+};
+
+platform_s &platform();
+
+// Forgets all that was noted, and opens the event logs.
+void reset_platform();
+
+}  // namespace tov_test
+
+#endif  // TOV_TEST_UNIT_SIM_PLATFORM_H
