@@ -1,4 +1,4 @@
-// Looking executables up in list files.
+// Looking executables up in list files: against the kernel's links and the C library's reading.
 #include "util/list_file.h"
 
 #include <fcntl.h>
@@ -52,84 +52,10 @@ TEST(PidToProc, ReadsTheExecutableIntoAZeroedBuffer) {
   EXPECT_EQ(buf[sizeof buf - 1], '\0');
 }
 
-TEST(PidToProc, ShortBufferIsFilledWithoutATerminator) {
-  char buf[4] = {'x', 'x', 'x', 'x'};
-  EXPECT_EQ(pid_to_proc(getpid(), buf, 3), 1);
-  EXPECT_EQ(std::string(buf, 4), own_exe().substr(0, 3) + "x");
-}
-
-TEST(PidToProc, FailsForIdsThatNobodyHas) {
-  char buf[16];
-  for (pid_t pid : {0, -1, INT_MAX}) {
-    memset(buf, 'x', sizeof buf);
-    EXPECT_EQ(pid_to_proc(pid, buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "");
-  }
-  buf[0] = 'x';
-  EXPECT_EQ(pid_to_proc(getpid(), buf, 0), 0);
-  EXPECT_EQ(buf[0], 'x');
-}
-
 TEST(PidToProc, FailsForAZombie) {
   const tov_test::Zombie child;
   char buf[16] = "x";
   EXPECT_EQ(pid_to_proc(child.pid(), buf, sizeof buf), 0);
-}
-
-TEST(TovProcInTovdb, LastWordOfTheLineComesWithItsLineEnd) {
-  write_list("/opt/a TOV_RESTART\n/opt/b -x TOV_SHELL_RESTART\n");
-  EXPECT_EQ(look_up("/opt/a").word, "TOV_RESTART\n");
-  EXPECT_EQ(look_up("/opt/b").word, "TOV_SHELL_RESTART\n");
-  EXPECT_EQ(look_up("/opt/b").found, 1);
-  EXPECT_EQ(look_up("/opt/c").found, 0);
-  EXPECT_EQ(look_up("/opt/c").word, "");
-}
-
-TEST(TovProcInTovdb, LastLineMayLackItsEnd) {
-  write_list("/opt/a TOV_RESTART");
-  EXPECT_EQ(look_up("/opt/a").word, "TOV_RESTART");
-}
-
-TEST(TovProcInTovdb, PartOfALongerPathMatches) {
-  write_list("/usr/opt/abc TOV_RESTART\n");
-  EXPECT_EQ(look_up("/opt/a").found, 1);
-  EXPECT_EQ(look_up("RESTART").found, 1);
-}
-
-TEST(TovProcInTovdb, FirstMatchDecidesEvenWithoutABlank) {
-  write_list("/opt/abc\n/opt/a TOV_RESTART\n");
-  EXPECT_EQ(look_up("/opt/a").found, 0);
-  EXPECT_EQ(look_up("/opt/a").word, "");
-  write_list("/opt/a\tTOV_RESTART\n");  // a tab is no blank
-  EXPECT_EQ(look_up("/opt/a").found, 0);
-}
-
-TEST(TovProcInTovdb, BlankAtTheEndOfTheLineGivesItsLineEndOnly) {
-  write_list("/opt/a TOV_RESTART \n");
-  EXPECT_EQ(look_up("/opt/a").found, 1);
-  EXPECT_EQ(look_up("/opt/a").word, "\n");
-}
-
-TEST(TovProcInTovdb, EmptyNameMatchesNothing) {
-  write_list("/opt/a TOV_RESTART\n");
-  EXPECT_EQ(look_up("").found, 0);
-  EXPECT_EQ(look_up("").word, "");
-}
-
-TEST(TovProcInTovdb, WordIsCutToTheBuffer) {
-  write_list("/opt/a TOV_RESTART\n");
-  EXPECT_EQ(look_up("/opt/a", 5).word, "TOV_");
-  EXPECT_EQ(look_up("/opt/a", 1).word, "");
-  EXPECT_EQ(look_up("/opt/a", 1).found, 1);
-  char untouched = 'x';
-  EXPECT_EQ(tov_proc_in_tovdb(LIST, "/opt/a", &untouched, 0), 0);
-  EXPECT_EQ(untouched, 'x');
-}
-
-TEST(TovProcInTovdb, UnreadableListLeavesTheBufferAlone) {
-  unlink(LIST);
-  EXPECT_EQ(look_up("/opt/a", 3).word, "xxx");
-  EXPECT_EQ(look_up("/opt/a", 3).found, 0);
 }
 
 TEST(TovProcInTovdb, WrongKindsOfFileAreEmpty) {
@@ -140,33 +66,6 @@ TEST(TovProcInTovdb, WrongKindsOfFileAreEmpty) {
   ASSERT_EQ(mkdir(LIST, 0755), 0);
   EXPECT_EQ(look_up("/opt/a").found, 0);
   rmdir(LIST);
-}
-
-TEST(TovProcInTovdb, LinkToAListIsFollowed) {
-  std::ofstream("/tmp/real_list") << "/opt/a TOV_RESTART\n";
-  unlink(LIST);
-  ASSERT_EQ(symlink("/tmp/real_list", LIST), 0);
-  EXPECT_EQ(look_up("/opt/a").found, 1);
-  unlink(LIST);
-}
-
-TEST(TovProcInTovdb, LongLinesAreReadInPiecesOf1023Bytes) {
-  const std::string pad(1000, 'p');
-  // 1000 + 7 + 16 = 1023 bytes: all in the first piece.
-  write_list(pad + "/opt/a " + std::string(16, 'w') + "second piece\n");
-  EXPECT_EQ(look_up("/opt/a").word, std::string(16, 'w'));
-  EXPECT_EQ(look_up("second").word, "piece\n");
-  // The name lies across the border of two pieces.
-  write_list(std::string(1020, 'p') + "/opt/a TOV_RESTART\n");
-  EXPECT_EQ(look_up("/opt/a").found, 0);
-  EXPECT_EQ(look_up("t/a").word, "TOV_RESTART\n");
-}
-
-TEST(TovProcInTovdb, BytesBehindANulAreNotSeen) {
-  write_list(std::string("/opt/a\0 /opt/b X\n/opt/c Y\n", 26));
-  EXPECT_EQ(look_up("/opt/b").found, 0);
-  EXPECT_EQ(look_up("/opt/a").found, 0);
-  EXPECT_EQ(look_up("/opt/c").word, "Y\n");
 }
 
 // Against the C library's own reading, with a file much larger than any buffer.

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <limits.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -98,26 +97,6 @@ TEST(TovUtilsSleep, SignalsDoNotShortenMicroseconds) {
   EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
 }
 
-TEST(TovUtilsSleep, SignalsDoNotShortenSeconds) {
-  const Interruptions noise(50000);
-  const int64_t start = tov_test::monotonic_ns();
-  safe_sleep(1);
-  EXPECT_GE(tov_test::monotonic_ns() - start, 1000 * MS);
-  EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
-}
-
-TEST(TovUtilsSleep, AddsSecondsAndMicroseconds) {
-  const int64_t start = tov_test::monotonic_ns();
-  safe_sleep_common(1, 50000);
-  EXPECT_GE(tov_test::monotonic_ns() - start, 1050 * MS);
-}
-
-TEST(TovUtilsSleep, RefusedTimeEndsTheSleepAtOnce) {
-  const int64_t start = tov_test::monotonic_ns();
-  safe_sleep(-5);
-  EXPECT_LT(tov_test::monotonic_ns() - start, 1000 * MS);
-}
-
 // ---- memory ---------------------------------------------------------------------------------
 
 TEST(TovUtilsMalloc, BlockIsZeroFilled) {
@@ -173,19 +152,6 @@ TEST(TovUtilsRead, PipeClosedEarlyGivesTheShortCount) {
   EXPECT_EQ(memcmp(buf, "abc", 3), 0);
 }
 
-TEST(TovUtilsRead, NothingAskedMeansNoCall) {
-  EXPECT_EQ(safe_read(-1, nullptr, 0), 0);
-  EXPECT_EQ(safe_write(-1, nullptr, 0), 0);
-}
-
-TEST(TovUtilsRead, BadDescriptorIsAnError) {
-  char buf[1] = {};
-  EXPECT_EQ(safe_read(-1, buf, 1), -1);
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_EQ(safe_write(-1, buf, 1), -1);
-  EXPECT_EQ(errno, EBADF);
-}
-
 TEST(TovUtilsRead, SignalsAndShortReadsAreResumed) {
   Pipe pipe;
   std::thread writer = quiet_thread([&] {
@@ -202,14 +168,6 @@ TEST(TovUtilsRead, SignalsAndShortReadsAreResumed) {
   }
   writer.join();
   EXPECT_EQ(std::string(buf, 11), "onetwothree");
-}
-
-TEST(TovUtilsRead, ErrorForgetsWhatCameBefore) {
-  Pipe pipe(O_NONBLOCK);
-  ASSERT_EQ(write(pipe.in.n, "abc", 3), 3);
-  char buf[10];
-  EXPECT_EQ(safe_read(pipe.out.n, buf, sizeof buf), -1);
-  EXPECT_EQ(errno, EAGAIN);
 }
 
 TEST(TovUtilsWrite, SignalsAndShortWritesAreResumed) {
@@ -241,46 +199,6 @@ TEST(TovUtilsWrite, FullPipeForgetsWhatWentBefore) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-// ---- whole files ----------------------------------------------------------------------------
-
-TEST(TovUtilsReadToBuf, ReadsAndTerminates) {
-  const ScratchDir dir;
-  tov_test::write_file(dir / "f", "hello");
-  const size_t before = tov_test::open_descriptors();
-  char buf[16];
-  memset(buf, 'x', sizeof buf);
-  EXPECT_EQ(tov_read_to_buf((dir / "f").c_str(), buf, sizeof buf), 5);
-  EXPECT_STREQ(buf, "hello");
-  EXPECT_EQ(tov_read_to_buf((dir / "f").c_str(), buf, 4), 3);
-  EXPECT_STREQ(buf, "hel");
-  EXPECT_EQ(tov_test::open_descriptors(), before);
-}
-
-TEST(TovUtilsReadToBuf, RoomForTheTerminatorAlone) {
-  const ScratchDir dir;
-  tov_test::write_file(dir / "f", "hello");
-  char buf[2] = {'x', 'y'};
-  EXPECT_EQ(tov_read_to_buf((dir / "f").c_str(), buf, 1), 0);
-  EXPECT_EQ(buf[0], '\0');
-  EXPECT_EQ(buf[1], 'y');
-  EXPECT_EQ(tov_read_to_buf((dir / "f").c_str(), buf + 1, 0), -1);
-  EXPECT_EQ(buf[1], 'y');
-}
-
-TEST(TovUtilsReadToBuf, FailuresLeaveAnEmptyText) {
-  const ScratchDir dir;
-  const size_t before = tov_test::open_descriptors();
-  char buf[4] = "old";
-  EXPECT_EQ(tov_read_to_buf((dir / "missing").c_str(), buf, sizeof buf), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_STREQ(buf, "");
-  buf[0] = 'o';
-  EXPECT_EQ(tov_read_to_buf(dir.path().c_str(), buf, sizeof buf), -1);
-  EXPECT_EQ(errno, EISDIR);
-  EXPECT_STREQ(buf, "");
-  EXPECT_EQ(tov_test::open_descriptors(), before);
-}
-
 TEST(TovFileExists, WhateverItsKind) {
   const ScratchDir dir;
   tov_test::write_file(dir / "plain", "");
@@ -307,10 +225,6 @@ TEST(TovUtilsLock, SecondProcessIsRefusedAtOnce) {
   EXPECT_EQ(in_child(try_lock), 0);
 }
 
-TEST(TovUtilsLock, BadDescriptorIsRefused) {
-  EXPECT_EQ(lock_file(-1), -1);
-}
-
 TEST(TovUtilsAlreadyRunning, FileHoldsThePidAndOneNul) {
   const ScratchDir dir;
   tov_test::write_file(dir / "pid", "something much longer than a number");
@@ -318,14 +232,6 @@ TEST(TovUtilsAlreadyRunning, FileHoldsThePidAndOneNul) {
   ASSERT_GE(fd.n, 0);
   EXPECT_EQ(tov_test::read_file(dir / "pid"), std::to_string(getpid()) + std::string(1, '\0'));
   EXPECT_EQ(fcntl(fd.n, F_GETFD), FD_CLOEXEC);
-}
-
-TEST(TovUtilsAlreadyRunning, FileIsMadeForTheOwnerAlone) {
-  const ScratchDir dir;
-  const mode_t before = umask(0);
-  const tov_fd_t fd(already_running((dir / "pid").c_str()));
-  umask(before);
-  EXPECT_EQ(tov_test::mode_of(dir / "pid"), 0700u);
 }
 
 TEST(TovUtilsAlreadyRunning, SecondProcessIsRefusedAndThePidStays) {
@@ -408,63 +314,4 @@ TEST(TovUtilsOpenRegular, StreamFormAppendsAndRefuses) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(tov_fopen_regular((dir / "f").c_str(), O_RDONLY, "no such mode"), nullptr);
   EXPECT_EQ(tov_test::open_descriptors(), before);
-}
-
-// ---- numbers and lengths --------------------------------------------------------------------
-
-TEST(TovUtilsNumber, OrdinaryTextReadsAsAtoi) {
-  for (const char *text : {"0", "42", " \t\n42", "-7", "+7", "007", "12abc", "12 34", "- 3", "",
-                           "abc", "0x10", "2147483647", "-2147483648", "delete_vsd", "--1"})
-    EXPECT_EQ(tov_atoi(text), atoi(text)) << text;
-}
-
-TEST(TovUtilsNumber, OverflowGivesTheNearestEnd) {
-  EXPECT_EQ(tov_atoi("2147483648"), INT_MAX);
-  EXPECT_EQ(tov_atoi("4294967297"), INT_MAX);
-  EXPECT_EQ(tov_atoi("99999999999999999999999"), INT_MAX);
-  EXPECT_EQ(tov_atoi("-2147483649"), INT_MIN);
-  EXPECT_EQ(tov_atoi("-99999999999999999999999"), INT_MIN);
-}
-
-TEST(TovUtilsNumber, NoNumberIsToldApartFromZero) {
-  int number = 5;
-  EXPECT_FALSE(tov_parse_int("x", &number));
-  EXPECT_FALSE(tov_parse_int(" - 1", &number));
-  EXPECT_EQ(number, 5);
-  errno = 7;
-  EXPECT_TRUE(tov_parse_int("99999999999999999999999", &number));
-  EXPECT_EQ(errno, 7);
-  EXPECT_EQ(number, INT_MAX);
-}
-
-TEST(TovUtilsNumber, PrintedLengthIsTheCutOne) {
-  EXPECT_EQ(tov_printed(3, 10), 3u);
-  EXPECT_EQ(tov_printed(9, 10), 9u);
-  EXPECT_EQ(tov_printed(10, 10), 9u);
-  EXPECT_EQ(tov_printed(500, 1), 0u);
-  EXPECT_EQ(tov_printed(-1, 10), 0u);
-}
-
-TEST(TovUtilsNumber, AppendedTextStaysWithinItsLimit) {
-  char buf[] = "ab######";
-  EXPECT_EQ(tov_append(buf, 2, 6, "cd"), 4u);
-  EXPECT_EQ(tov_append(buf, 4, 6, "efgh"), 6u);
-  EXPECT_EQ(tov_append(buf, 6, 6, "x"), 6u);
-  EXPECT_EQ(tov_append(buf, 6, 8, ""), 6u);
-  EXPECT_STREQ(buf, "abcdef##");
-}
-
-// ---- trimming -------------------------------------------------------------------------------
-
-TEST(TovUtilsRtrim, OnlyTrailingBlanksAndTabsGo) {
-  const struct {
-    const char *before, *after;
-  } cases[] = {{"abc \t ", "abc"}, {" a b ", " a b"}, {"abc\n", "abc\n"}, {"abc \r", "abc \r"},
-               {" \t", ""},        {"", ""},          {"abc", "abc"}};
-  for (const auto &c : cases) {
-    char text[16];
-    snprintf(text, sizeof text, "%s", c.before);
-    rtrim(text);
-    EXPECT_STREQ(text, c.after);
-  }
 }
