@@ -86,51 +86,6 @@ class TovPidfile : public testing::Test {
 
 }  // namespace
 
-// ---- names ---------------------------------------------------------------------------------
-
-TEST(TovGetDbFileName, ProgramIsTheLastComponentOfTheFirstWord) {
-  const struct {
-    const char *cmdline;
-    const char *name;
-  } cases[] = {
-      {"/usr/sbin/foo -d", "foo.812"},
-      {"/usr/sbin/foo", "foo.812"},
-      {"foo", "foo.812"},
-      {"foo -c /etc/x", "foo.812"},
-      {"/opt/foo -c /etc/x", "foo.812"},
-      {"/opt/my dir/foo", "my.812"},  // odd, but the same in daemon and client
-      {"/opt/foo/", ".812"},
-      {" /opt/foo", ".812"},
-      {"", ".812"},
-      {"/opt/f%n", "f%n.812"},
-      {"/opt/foo\t-d", "foo\t-d.812"},
-  };
-  for (const auto &c : cases) {
-    char name[256];
-    tov_get_db_file_name(0, 812, c.cmdline, name, sizeof name);
-    EXPECT_EQ(std::string(name), std::string("/tmp/vsd/0/tov/db/") + c.name) << c.cmdline;
-  }
-}
-
-TEST(TovGetDbFileName, NumbersOfDeviceAndProcess) {
-  char name[256];
-  tov_get_db_file_name(15, 4194304, "/bin/x", name, sizeof name);
-  EXPECT_STREQ(name, "/tmp/vsd/15/tov/db/x.4194304");
-}
-
-TEST(TovGetDbFileName, IsCutToTheBuffer) {
-  char name[300];
-  memset(name, '#', sizeof name);
-  tov_get_db_file_name(0, 812, std::string(400, 'n').c_str(), name, 256);
-  EXPECT_EQ(strlen(name), 255u);
-  EXPECT_EQ(name[256], '#');
-  tov_get_db_file_name(0, 812, FOO, name, 10);
-  EXPECT_STREQ(name, "/tmp/vsd/");
-  name[0] = '#';
-  tov_get_db_file_name(0, 812, FOO, name, 0);
-  EXPECT_EQ(name[0], '#');
-}
-
 // ---- writing -------------------------------------------------------------------------------
 
 TEST_F(TovPidfile, FileHoldsIdActionAndCommandLine) {
@@ -290,39 +245,7 @@ TEST_F(TovPidfile, UnwritableFileStillRegisters) {
   EXPECT_EQ(content_of(FOO_FILE), "");
 }
 
-TEST_F(TovPidfile, OverlongCommandLineIsCut) {
-  const std::string cmdline = "/bin/x " + std::string(6000, 'a');
-  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, cmdline.c_str()), 0);
-  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/x.812"), "812\n2\n" + cmdline.substr(0, 4095));
-}
-
 // ---- requests and members ------------------------------------------------------------------
-
-TEST_F(TovPidfile, RequestChoosesTheAction) {
-  tov_msg_xtach_t request{};
-  request.pid = 812;
-  snprintf(request.pathname, sizeof request.pathname, "%s", FOO);
-  const struct {
-    int type;
-    const char *text;
-  } cases[] = {{TOV_RESTART, "812\n2\n/usr/sbin/foo -d"},
-               {TOV_SHELL_RESTART, "812\n3\n/usr/sbin/foo -d"},
-               {TOV_MSG_ACK, "812\n3\n/usr/sbin/foo -d"}};
-  for (const auto &c : cases) {
-    EXPECT_EQ(tov_mk_pidfile(&request, c.type), 0);
-    EXPECT_EQ(content_of(FOO_FILE), c.text);
-  }
-}
-
-TEST_F(TovPidfile, RequestWithAFullPathnameIsReadToItsEnd) {
-  tov_msg_xtach_t request{};
-  request.pid = 812;
-  memset(request.pathname, 'a', sizeof request.pathname);  // no terminator
-  memcpy(request.pathname, "/x ", 3);
-  request.grp[0] = 'G';
-  EXPECT_EQ(tov_mk_pidfile(&request, TOV_RESTART), 0);
-  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/x.812"), "812\n2\n/x " + std::string(253, 'a'));
-}
 
 TEST_F(TovPidfile, MemberFileOnlyForProcessesOfADevice) {
   tov_msg_xtach_t request{};
@@ -389,22 +312,6 @@ TEST_F(TovPidfile, DestroyRemovesAnotherProcessesFile) {
   EXPECT_NE(access(FOO_FILE, F_OK), 0);
 }
 
-TEST_F(TovPidfile, DestroyOfAMissingFileTellsWhy) {
-  errno = 0;
-  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), -1);
-  EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(TovPidfile, DestroyKeepsTheErrorWhileItCloses) {
-  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
-  const int count = descriptor_count();
-  ASSERT_EQ(unlink(FOO_FILE), 0);
-  errno = 0;
-  EXPECT_EQ(tov_db_destroy(record_of(0, 812, FOO)), -1);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(descriptor_count(), count - 1);
-}
-
 TEST_F(TovPidfile, DestroyReadsAFullProcessFieldToItsEnd) {
   tov_pid_t *record = record_of(0, 812, "");
   memset(record->process, 'a', sizeof record->process);  // no terminator
@@ -412,13 +319,6 @@ TEST_F(TovPidfile, DestroyReadsAFullProcessFieldToItsEnd) {
   memset(record->grp, 'G', sizeof record->grp);
   EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
   EXPECT_EQ(tov_db_destroy(record), 0);
-}
-
-TEST_F(TovPidfile, OldNameHasNoProgram) {
-  std::ofstream("/tmp/vsd/3/tov/db/812") << "";
-  EXPECT_EQ(tov_rm_pidfile(record_of(3, 812, FOO)), 0);
-  EXPECT_NE(access("/tmp/vsd/3/tov/db/812", F_OK), 0);
-  EXPECT_EQ(tov_rm_pidfile(record_of(3, 812, FOO)), -1);
 }
 
 // ---- fork and threads ----------------------------------------------------------------------

@@ -1,49 +1,43 @@
 // The limit on restarts in a burst, the suspension, and the reload that may follow it.
 #include "proc/burst.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
-#include "tests/module/seconds_ago.h"
-#include "tests/module/self_healing.h"
-#include "tests/module/world.h"
-#include "tests/support/files.h"
-#include "tests/support/processes.h"
+#include "core/run/settings.h"
+#include "include/tov_ras_comp_config.h"
+#include "proc/files.h"
+#include "tests/unit/simulated.h"
 #include "util/priority.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using tov_test::GONE;
-using tov_test::seconds_ago;
-using tov_test::SelfHealing;
-using tov_test::TemporaryFile;
+using tov_test::kernel;
+using tov_test::platform;
 
-static constexpr char DORVIK_MARKER[] = "/etc/tov/dorvik";
+static constexpr int64_t US_PER_S = 1'000'000;
+static constexpr pid_t GONE = 5'000'000;
 
 namespace {
 
-class TovBurst : public tov_test::World {
+// Each of these tests is made right after the boot and long after it: the rules measure spans.
+class TovBurst : public tov_test::Simulated, public testing::WithParamInterface<int64_t> {
  protected:
+  TovBurst() { kernel().set_uptime(GetParam()); }
+
   // A task of which the given number of restarts came before, in a burst of the given age.
   static tov_pid_t *task(int restarts, time_t age_s = 0, int action = RESPAWN) {
     tov_pid_t *record = add(GONE, "/opt/foo", action);
     record->count = restarts;
-    record->tm = restarts > 0 ? seconds_ago(age_s) : 0;
+    record->tm = restarts > 0 ? tov_get_time() - age_s : 0;
     return record;
   }
-  static unsigned int pending_alarm() { return alarm(0); }
-  // An alarm in `period_s` seconds, asked for at `begun_ns` at the earliest.
-  static void expect_alarm_in(unsigned int period_s, int64_t begun_ns) {
-    const unsigned int alarm_s = pending_alarm();
-    EXPECT_LE(alarm_s, period_s);
-    EXPECT_GE(alarm_s + (tov_test::monotonic_ns() - begun_ns) / 1'000'000'000 + 1, period_s);
-  }
 };
+INSTANTIATE_TEST_SUITE_P(AfterBoot, TovBurst, testing::Values(600, 1'000'000, 3'000'000'000));
 
 // One restart under the registry's lock.
 bool allows(tov_pid_t *record, const tov_proc_how_t &how) {
@@ -51,51 +45,46 @@ bool allows(tov_pid_t *record, const tov_proc_how_t &how) {
   return tov_burst_allows(held, record, how);
 }
 
-class TovCheckRestartSystem : public tov_test::World {
+class TovCheckRestartSystem : public tov_test::Simulated {
  protected:
-  // A task whose self-check ended now. Later suspensions are told their time, so that a machine
-  // may have been started a moment ago: the switch, on since second 0, counts as on before.
-  static tov_pid_t *task() {
+  // A task whose self-check ended `ago_s` seconds before it was suspended again.
+  static tov_pid_t *task(time_t ago_s) {
     tov_pid_t *record = add(GONE, "/opt/foo -a");
     record->con_pull_flag = 1;
-    record->con_tm = tov_get_time();
+    record->con_tm = tov_get_time() - ago_s;
     return record;
   }
-  static size_t reloads() { return tov_test::reloads_in(notices()); }
 };
 
 }  // namespace
 
 // ---- counting -------------------------------------------------------------------------------
 
-TEST_F(TovBurst, FirstRestartBeginsABurst) {
+TEST_P(TovBurst, FirstRestartBeginsABurst) {
   tov_pid_t *record = task(0);
-  const time_t before = tov_get_time();
   EXPECT_TRUE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->count, 1);
-  EXPECT_GE(record->tm, before);
+  EXPECT_EQ(record->tm, tov_get_time());
   EXPECT_EQ(record->first_tm, record->tm);
   EXPECT_EQ(record->flags, TOV_FLAG_STARTED);
-  EXPECT_EQ(pending_alarm(), 0u);
+  EXPECT_EQ(kernel().alarm_left_s(), 0u);
 }
 
-TEST_F(TovBurst, FifthRestartIsNotMade) {
+TEST_P(TovBurst, FifthRestartIsNotMade) {
   tov_pid_t *record = task(0);
   for (int i = 1; i <= 4; i++) {
     EXPECT_TRUE(allows(record, tov_proc_by_exec)) << i;
     EXPECT_EQ(record->count, i);
   }
-  const time_t before = tov_get_time();
-  const int64_t begun_ns = tov_test::monotonic_ns();
   EXPECT_FALSE(allows(record, tov_proc_by_exec));
-  expect_alarm_in(300, begun_ns);
   EXPECT_EQ(record->flags, TOV_FLAG_SELF_CHECK);
-  EXPECT_GE(record->tm, before);
+  EXPECT_EQ(record->tm, tov_get_time());
   EXPECT_EQ(record->alarm_wait_flag, 1);
   EXPECT_EQ(record->count, 5);
+  EXPECT_EQ(kernel().alarm_left_s(), 300u);
 }
 
-TEST_F(TovBurst, SpanIsMeasuredFromTheFirstRestart) {
+TEST_P(TovBurst, SpanIsMeasuredFromTheFirstRestart) {
   tov_pid_t *record = task(3, 100);
   const time_t begun = record->tm;
   EXPECT_TRUE(allows(record, tov_proc_by_exec));
@@ -103,21 +92,20 @@ TEST_F(TovBurst, SpanIsMeasuredFromTheFirstRestart) {
   EXPECT_EQ(record->count, 4);
 }
 
-TEST_F(TovBurst, RestartAfter120SecondsBeginsANewBurst) {
+TEST_P(TovBurst, RestartAfter120SecondsBeginsANewBurst) {
   tov_pid_t *record = task(4, 120);
-  const time_t before = tov_get_time();
   EXPECT_TRUE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->count, 1);
-  EXPECT_GE(record->tm, before);
+  EXPECT_EQ(record->tm, tov_get_time());
   EXPECT_EQ(record->first_tm, record->tm);
 }
 
-TEST_F(TovBurst, RestartShortlyBeforeDoesNot) {
-  tov_pid_t *record = task(4, 118);
+TEST_P(TovBurst, RestartShortlyBeforeDoesNot) {
+  tov_pid_t *record = task(4, 119);
   EXPECT_FALSE(allows(record, tov_proc_by_exec));
 }
 
-TEST_F(TovBurst, OnlyItsOwnWayIsCounted) {
+TEST_P(TovBurst, OnlyItsOwnWayIsCounted) {
   tov_pid_t *script = task(4, 0, SHELL_RESTART);
   EXPECT_TRUE(allows(script, tov_proc_by_exec));
   EXPECT_EQ(script->count, 4);
@@ -131,81 +119,139 @@ TEST_F(TovBurst, OnlyItsOwnWayIsCounted) {
   EXPECT_EQ(other->flags, TOV_FLAG_STARTED);
 }
 
-TEST_F(TovBurst, MarkerOfTheOperatorsSuspendsNothing) {
-  const TemporaryFile marker(TOV_DEV_MON_FILE);
+TEST_P(TovBurst, MarkerOfTheOperatorsSuspendsNothing) {
+  kernel().write_file(TOV_DEV_MON_FILE, "");
   tov_pid_t *record = task(4);
   for (int i = 5; i <= 8; i++) {
     EXPECT_TRUE(allows(record, tov_proc_by_exec));
     EXPECT_EQ(record->count, i);
   }
   EXPECT_EQ(record->alarm_wait_flag, 0);
-  EXPECT_TRUE(marker.exists());
+  EXPECT_TRUE(kernel().exists(TOV_DEV_MON_FILE));
 }
 
 // ---- the alarm ------------------------------------------------------------------------------
 
-TEST_F(TovBurst, SoonerAlarmStaysInForce) {
-  const int64_t begun_ns = tov_test::monotonic_ns();
-  alarm(100);
+TEST_P(TovBurst, SoonerAlarmStaysInForce) {
+  kernel().set_alarm(10);
   EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
-  expect_alarm_in(100, begun_ns);
+  EXPECT_EQ(kernel().alarm_left_s(), 10u);
 }
 
-TEST_F(TovBurst, LaterAlarmIsReplaced) {
-  alarm(1000);
+TEST_P(TovBurst, LaterAlarmIsReplaced) {
+  kernel().set_alarm(1000);
   EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
-  EXPECT_LE(pending_alarm(), 300u);
+  EXPECT_EQ(kernel().alarm_left_s(), 300u);
 }
 
-TEST_F(TovBurst, PeriodOfTheFileIsUsed) {
-  const TemporaryFile period(TOV_DEBUG_TIME_FILE, "60");
-  const int64_t begun_ns = tov_test::monotonic_ns();
+TEST_P(TovBurst, PeriodOfTheFileIsUsed) {
+  kernel().write_file(TOV_DEBUG_TIME_FILE, "60");
   EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
-  expect_alarm_in(60, begun_ns);
-  EXPECT_THAT(notices(), ElementsAre(HasSubstr("After 1 mimutes")));
+  EXPECT_EQ(kernel().alarm_left_s(), 60u);
+  EXPECT_THAT(platform().notices, ElementsAre(HasSubstr("After 1 mimutes")));
 }
 
-TEST_F(TovBurst, PeriodThatCannotBeReadIsToldAndReplaced) {
-  std::filesystem::create_directory(TOV_DEBUG_TIME_FILE);
+TEST_P(TovBurst, PeriodThatCannotBeReadIsToldAndReplaced) {
+  kernel().make_dir(TOV_DEBUG_TIME_FILE);
   tov_pid_t *record = task(0);
   EXPECT_THAT(diagnostics([&] { EXPECT_TRUE(allows(record, tov_proc_by_script)); }),
               HasSubstr("]tov_shell_spawn: get disable time fail: Is a directory\n"));
 }
 
+TEST_P(TovBurst, AlarmRingsWhenThePeriodIsOver) {
+  EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
+  kernel().pass(300 * US_PER_S - 1);
+  EXPECT_EQ(kernel().alarms, 0);
+  kernel().pass(1);
+  EXPECT_EQ(kernel().alarms, 1);
+}
+
+// ---- the period -----------------------------------------------------------------------------
+
+namespace {
+
+class TovDebugTime : public tov_test::Simulated {};
+
+}  // namespace
+
+TEST_F(TovDebugTime, NumberAboveZeroIsTakenAndAnythingElseIsTheDefault) {
+  EXPECT_EQ(debug_time(), 300);
+  const struct {
+    const char *text;
+    int period_s;
+  } cases[] = {
+      {"60", 60},  {"60\n", 60}, {" 5 minutes", 5}, {"1", 1},      {"0", 300},
+      {"-5", 300}, {"", 300},    {"ten", 300},      {"\n\n", 300}, {"2147483648", 2147483647}};
+  for (const auto &c : cases) {
+    kernel().write_file(TOV_DEBUG_TIME_FILE, c.text);
+    EXPECT_EQ(debug_time(), c.period_s) << c.text;
+  }
+}
+
+TEST_F(TovDebugTime, FileIsReadAnewEachTime) {
+  kernel().write_file(TOV_DEBUG_TIME_FILE, "60");
+  EXPECT_EQ(debug_time(), 60);
+  kernel().write_file(TOV_DEBUG_TIME_FILE, "61");
+  EXPECT_EQ(debug_time(), 61);
+  kernel().remove(TOV_DEBUG_TIME_FILE);
+  EXPECT_EQ(debug_time(), 300);
+  EXPECT_FALSE(kernel().exists(TOV_DEBUG_TIME_FILE));
+}
+
+TEST_F(TovDebugTime, FifoInItsPlaceIsNotWaitedFor) {
+  kernel().make_fifo(TOV_DEBUG_TIME_FILE);
+  EXPECT_EQ(debug_time(), 300);
+}
+
+TEST_F(TovDebugTime, EveryCallMayFailAndLeavesNoDescriptor) {
+  kernel().write_file(TOV_DEBUG_TIME_FILE, "60");
+  const size_t open_before = kernel().descriptors();
+  const int calls_before = kernel().calls();
+  ASSERT_EQ(debug_time(), 60);
+  const int calls = kernel().calls() - calls_before;
+  for (int nth = 1; nth <= calls; nth++) {
+    kernel().fail_any(nth, EACCES);
+    const int period_s = debug_time();
+    EXPECT_TRUE(period_s == 300 || period_s == 60 || period_s == -EACCES) << nth;
+    EXPECT_EQ(kernel().descriptors(), open_before) << nth;
+  }
+}
+
 // ---- what is said ---------------------------------------------------------------------------
 
-TEST_F(TovBurst, SuspensionIsAnnouncedInThreeWays) {
+TEST_P(TovBurst, SuspensionIsAnnouncedInThreeWays) {
   tov_pid_t *record = task(4);
   const std::string said = diagnostics([&] { EXPECT_FALSE(allows(record, tov_proc_by_exec)); });
   const std::string text =
       "Task: foo had checked more than 5 times. After 5 mimutes, task will finish self-checking.";
-  EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: " + text));
-  EXPECT_THAT(events(TOV_LOG_RESTART), ElementsAre("HA_WAIT_SELF_CHECK " + text));
+  EXPECT_THAT(platform().notices, ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: " + text));
+  EXPECT_THAT(platform().events[TOV_LOG_RESTART], ElementsAre("HA_WAIT_SELF_CHECK " + text));
   EXPECT_THAT(said, HasSubstr("]HA_WAIT_SELF_CHECK " + text + "\n"));
 }
 
-TEST_F(TovBurst, SuspensionOfAScriptHasItsOwnTag) {
+TEST_P(TovBurst, SuspensionOfAScriptHasItsOwnTag) {
   tov_pid_t *record = task(4, 0, SHELL_RESTART);
   const std::string said = diagnostics([&] { EXPECT_FALSE(allows(record, tov_proc_by_script)); });
   const std::string text =
       "Task: foo had checked more than 5 times. After 5 mimutes, task will finish self-checking.";
-  EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SCRIPT_SELF_CHECK: " + text));
-  EXPECT_THAT(events(TOV_LOG_RESTART), ElementsAre("HA_WAIT_SCRIPT_SELF_CHECK " + text));
+  EXPECT_THAT(platform().notices, ElementsAre("%HA-5-HA_WAIT_SCRIPT_SELF_CHECK: " + text));
+  EXPECT_THAT(platform().events[TOV_LOG_RESTART], ElementsAre("HA_WAIT_SCRIPT_SELF_CHECK " + text));
   EXPECT_THAT(said, HasSubstr("]HA_WAIT_SCRIPT_SELF_CHECK " + text + "\n"));
 }
 
-TEST_F(TovBurst, ProductLineReadsTheSame) {
-  const TemporaryFile marker(DORVIK_MARKER);
+TEST_P(TovBurst, ProductLineReadsTheSame) {
+  platform().is_dorvik = true;
   EXPECT_FALSE(allows(task(4), tov_proc_by_exec));
-  EXPECT_THAT(notices(), ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: Task: foo had checked more than 5 "
-                                     "times. After 5 mimutes, task will finish self-checking."));
+  EXPECT_THAT(platform().notices,
+              ElementsAre("%HA-5-HA_WAIT_SELF_CHECK: Task: foo had checked more than 5 "
+                          "times. After 5 mimutes, task will finish self-checking."));
 }
 
-TEST_F(TovBurst, NameIsWithoutTrailingBlanksAndTheKeyKeepsThem) {
+TEST_P(TovBurst, NameIsWithoutTrailingBlanksAndTheKeyKeepsThem) {
   tov_pid_t *record = task(4);
   (void)snprintf(record->process, sizeof record->process, "/opt/foo -a \t");
   EXPECT_FALSE(allows(record, tov_proc_by_exec));
-  EXPECT_THAT(notices(), ElementsAre(HasSubstr("Task: foo -a had checked")));
+  EXPECT_THAT(platform().notices, ElementsAre(HasSubstr("Task: foo -a had checked")));
   EXPECT_STREQ(record->process, "/opt/foo -a \t");
 }
 
@@ -226,16 +272,16 @@ TEST(TovTaskName, WhatFollowsTheLastSlash) {
 // ---- reload ---------------------------------------------------------------------------------
 
 TEST_F(TovCheckRestartSystem, SuspendedAgainWithinTenMinutesReloadsTheUnit) {
-  const SelfHealing service;
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(600);
   const time_t now = record->con_tm + 600;
-  const int64_t begun = tov_test::monotonic_ns();
-  const std::string said = diagnostics([&] { tov_check_restart_system(record, now); });
-  EXPECT_GE(tov_test::monotonic_ns() - begun, int64_t{2} * 1'000'000'000);
+  std::string said;
+  EXPECT_EQ(span_us([&] { said = diagnostics([&] { tov_check_restart_system(record, now); }); }),
+            2 * US_PER_S);
   EXPECT_EQ(record->con_pull_flag, 0);
   const std::string sentence = "tov detect process /opt/foo -a can not restart, so restart system.";
-  EXPECT_EQ(service.request(), "[3][0][tov][" + sentence + "]");
-  EXPECT_THAT(events(TOV_LOG_RUN_EVENT), ElementsAre(sentence));
+  EXPECT_THAT(platform().requests, ElementsAre("3 0 tov: " + sentence + "\n"));
+  EXPECT_EQ(platform().flushes, TOV_LOG_TYPE_NUM);
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT], ElementsAre(sentence));
   EXPECT_THAT(said, HasSubstr("]" + sentence + "\n"));
   EXPECT_THAT(said, HasSubstr("]tov_check_restart_system--> /opt/foo -a/5000000 con_pull_flag=0 "
                               "con_tm=" +
@@ -244,59 +290,58 @@ TEST_F(TovCheckRestartSystem, SuspendedAgainWithinTenMinutesReloadsTheUnit) {
 }
 
 TEST_F(TovCheckRestartSystem, RequestIsCutTo199Characters) {
-  const SelfHealing service;
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(0);
   (void)snprintf(record->process, sizeof record->process, "/opt/%s", std::string(300, 'x').c_str());
   tov_check_restart_system(record, tov_get_time());
-  EXPECT_EQ(service.request().size(), std::string("[3][0][tov][]").size() + 199);
+  ASSERT_EQ(platform().requests.size(), 1u);
+  EXPECT_EQ(platform().requests[0].size(), std::string("3 0 tov: ").size() + 199);
 }
 
 TEST_F(TovCheckRestartSystem, LaterSuspensionKeepsTheFlag) {
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(0);
   tov_check_restart_system(record, record->con_tm + 601);
   EXPECT_EQ(record->con_pull_flag, 1);
-  EXPECT_EQ(reloads(), 0u);
+  EXPECT_THAT(platform().requests, IsEmpty());
 }
 
 TEST_F(TovCheckRestartSystem, TaskThatWasNotSelfCheckedReloadsNothing) {
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(0);
   record->con_pull_flag = 0;
   tov_check_restart_system(record, tov_get_time());
-  EXPECT_EQ(reloads(), 0u);
+  EXPECT_THAT(platform().requests, IsEmpty());
 }
 
 TEST_F(TovCheckRestartSystem, SwitchedOffItReloadsNothingButClearsTheFlag) {
   tov_flag_set(tov_single_ps_ha_enable, 0);
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(0);
   tov_check_restart_system(record, tov_get_time());
   EXPECT_EQ(record->con_pull_flag, 0);
-  EXPECT_EQ(reloads(), 0u);
+  EXPECT_THAT(platform().requests, IsEmpty());
 }
 
 TEST_F(TovCheckRestartSystem, SelfCheckBeforeTheSwitchWentOnDoesNotCount) {
-  tov_pid_t *record = task();
+  tov_pid_t *record = task(10);
   tov_flag_set(tov_single_ps_ha_enable_time, static_cast<int>(record->con_tm) + 1);
-  tov_check_restart_system(record, record->con_tm + 10);
+  tov_check_restart_system(record, tov_get_time());
   EXPECT_EQ(record->con_pull_flag, 0);
-  EXPECT_EQ(reloads(), 0u);
+  EXPECT_THAT(platform().requests, IsEmpty());
 }
 
 TEST_F(TovCheckRestartSystem, OperatorsAndTheLowMemoryKillerCanForbidIt) {
-  {
-    const TemporaryFile forbidden(TOV_NO_REBOOT_FILE);
-    tov_pid_t *record = task();
-    tov_check_restart_system(record, tov_get_time());
-    EXPECT_EQ(record->con_pull_flag, 0);
-  }
-  const TemporaryFile status(TOV_LMK_REBOOT_FILE, "0");
-  tov_check_restart_system(task(), tov_get_time());
-  EXPECT_EQ(reloads(), 0u);
-  EXPECT_THAT(events(TOV_LOG_RUN_EVENT), IsEmpty());
+  kernel().write_file(TOV_NO_REBOOT_FILE, "");
+  tov_pid_t *record = task(0);
+  tov_check_restart_system(record, tov_get_time());
+  EXPECT_EQ(record->con_pull_flag, 0);
+  kernel().remove(TOV_NO_REBOOT_FILE);
+  kernel().write_file(TOV_LMK_REBOOT_FILE, "0");
+  tov_check_restart_system(task(0), tov_get_time());
+  EXPECT_THAT(platform().requests, IsEmpty());
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT], IsEmpty());
 }
 
 TEST_F(TovCheckRestartSystem, IsAskedByASuspension) {
-  const TemporaryFile forbidden(TOV_NO_REBOOT_FILE);
-  tov_pid_t *record = task();
+  kernel().write_file(TOV_NO_REBOOT_FILE, "");
+  tov_pid_t *record = task(0);
   record->count = 4;
   record->tm = tov_get_time();
   EXPECT_FALSE(allows(record, tov_proc_by_exec));

@@ -1,26 +1,21 @@
 // Registration files, the reading side: what a restarted daemon believes and what it refuses.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <errno.h>
 
-#include <fstream>
 #include <string>
 
 #include "client/tov_pidfile.h"
-#include "tests/module/private_root.h"
-#include "tests/support/caught_diagnostics.h"
-#include "tests/support/in_child.h"
+#include "tests/unit/simulated.h"
+
+using tov_test::kernel;
 
 namespace {
 
 constexpr char FOO[] = "/usr/sbin/foo -d";
 constexpr char FOO_FILE[] = "/tmp/vsd/0/tov/db/foo.812";
 
-class TovReadPidfile : public testing::Test {
+class TovReadPidfile : public tov_test::Simulated {
  protected:
-  void SetUp() override { ASSERT_EQ(system("rm -rf /tmp/vsd && mkdir -p /tmp/vsd/0/tov/db"), 0); }
+  TovReadPidfile() { kernel().make_dir("/tmp/vsd/0/tov/db"); }
 };
 
 struct reading_s {
@@ -39,14 +34,14 @@ reading_s read_file() {
 }
 
 reading_s read_back(const std::string &content) {
-  std::ofstream(FOO_FILE, std::ios::binary) << content;
+  kernel().write_file(FOO_FILE, content);
   return read_file();
 }
 
 }  // namespace
 
 TEST_F(TovReadPidfile, WhatWasWrittenIsReadBack) {
-  tov_test::in_child([] { EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), 0); });
+  EXPECT_EQ(tov_db_create(0, 812, SHELL_RESTART, FOO), 0);
   tov_pid_t record{};
   EXPECT_EQ(tov_read_pidfile(FOO_FILE, &record), 0);
   EXPECT_EQ(record.pid, 812);
@@ -112,7 +107,7 @@ TEST_F(TovReadPidfile, MalformedContentsAreRefused) {
 }
 
 TEST_F(TovReadPidfile, CommandLineWithoutASlashIsRefusedSilently) {
-  tov_test::in_child([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, "foo"), 0); });
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, "foo"), 0);
   const reading_s reading = read_file();  // it is there, under "foo.812"
   EXPECT_EQ(reading.result, -1);
   EXPECT_EQ(reading.said, "");
@@ -130,33 +125,37 @@ TEST_F(TovReadPidfile, OnlyTheFirst256BytesCount) {
 }
 
 TEST_F(TovReadPidfile, FilesOfOtherKindsAreUnreadable) {
-  std::ofstream("/tmp/good") << "812\n2\n/x";
-  const char *plants[] = {
-      "true",
-      "ln -s /tmp/good /tmp/vsd/0/tov/db/foo.812",
-      "mkfifo /tmp/vsd/0/tov/db/foo.812",
-      "mkdir /tmp/vsd/0/tov/db/foo.812",
-      "mknod /tmp/vsd/0/tov/db/foo.812 c 1 5",
+  kernel().write_file("/tmp/good", "812\n2\n/x");
+  void (*const plants[])() = {
+      [] {},
+      [] { kernel().make_link(FOO_FILE, "/tmp/good"); },
+      [] { kernel().make_fifo(FOO_FILE); },
+      [] { kernel().make_dir(FOO_FILE); },
+      [] { kernel().make_device(FOO_FILE); },
   };
-  for (const char *plant : plants) {
-    ASSERT_EQ(system(plant), 0);
-    int result = 0;
-    tov_pid_t record{};
-    const std::string said = tov_test::caught_diagnostics(
-        TOV_MODULE_PUB, [&] { result = tov_read_pidfile(FOO_FILE, &record); });
-    EXPECT_EQ(result, -1) << plant;
-    EXPECT_NE(said.find("]tov_read_pidfile: open pid file fail: "), std::string::npos) << plant;
-    ASSERT_EQ(system("rm -rf /tmp/vsd/0/tov/db/foo.812"), 0);
+  for (const auto &plant : plants) {
+    plant();
+    const reading_s reading = read_file();
+    EXPECT_EQ(reading.result, -1);
+    EXPECT_NE(reading.said.find("]tov_read_pidfile: open pid file fail: "), std::string::npos)
+        << reading.said;
+    kernel().remove(FOO_FILE);
   }
 }
 
 TEST_F(TovReadPidfile, ReadErrorIsReported) {
-  int result = 0;
-  tov_pid_t record{};
-  const std::string said = tov_test::caught_diagnostics(
-      TOV_MODULE_PUB, [&] { result = tov_read_pidfile("/proc/self/mem", &record); });
-  EXPECT_EQ(result, -1);
-  EXPECT_NE(said.find("]tov_read_pidfile: read pid file fail: Input/output error\n"),
+  kernel().fail(tov_test::CALL_READ, 1, EIO);
+  const reading_s reading = read_back("812\n2\n/x");
+  EXPECT_EQ(reading.result, -1);
+  EXPECT_NE(reading.said.find("]tov_read_pidfile: read pid file fail: Input/output error\n"),
             std::string::npos)
-      << said;
+      << reading.said;
+}
+
+TEST_F(TovReadPidfile, ShortReadsMakeNoDifference) {
+  kernel().transfer_limit = 3;
+  kernel().fail(tov_test::CALL_READ, 2, EINTR);
+  const reading_s reading = read_back("812\n2\n/usr/sbin/foo -d");
+  EXPECT_EQ(reading.result, 0);
+  EXPECT_STREQ(reading.record.pathname, FOO);
 }
