@@ -1,0 +1,377 @@
+// The netlink reader: which datagrams and events go into the ring.
+#include "core/events/netlink.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <linux/cn_proc.h>
+#include <linux/netlink.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/events/tov_fifo.h"
+#include "tests/unit/simulated.h"
+#include "util/owner.h"
+#include "util/tov_sys.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using tov_test::kernel;
+using tov_test::platform;
+
+using Bytes = std::vector<char>;
+
+static constexpr uint32_t GROUP = CN_IDX_PROC;
+static constexpr int64_t US_PER_S = 1'000'000;
+
+// ---- messages -------------------------------------------------------------------------------
+
+// A connector message whose data is `event`, cut to `length` bytes.
+static Bytes connector(const proc_event &event, size_t length = sizeof(proc_event)) {
+  cn_msg head{};
+  head.id = {CN_IDX_PROC, CN_VAL_PROC};
+  head.len = static_cast<uint16_t>(length);
+  Bytes bytes(sizeof head + length);
+  memcpy(bytes.data(), &head, sizeof head);
+  memcpy(bytes.data() + sizeof head, &event, length);
+  return bytes;
+}
+
+static proc_event event_of(uint32_t what) {
+  proc_event event{};
+  memcpy(&event, &what, sizeof what);
+  return event;
+}
+
+static proc_event exit_of(int pid, int tgid, uint32_t code) {
+  proc_event event = event_of(proc_event::PROC_EVENT_EXIT);
+  event.event_data.exit.process_pid = pid;
+  event.event_data.exit.process_tgid = tgid;
+  event.event_data.exit.exit_code = code;
+  return event;
+}
+
+static proc_event exec_of(int pid) {
+  proc_event event = event_of(proc_event::PROC_EVENT_EXEC);
+  event.event_data.exec.process_pid = pid;
+  event.event_data.exec.process_tgid = pid;
+  return event;
+}
+
+// A netlink message; `claimed` is the length that its header tells, its real one by default.
+static Bytes message(uint16_t type, const Bytes &payload,
+                     std::optional<uint32_t> claimed = std::nullopt) {
+  nlmsghdr head{};
+  head.nlmsg_len = claimed.value_or(static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()));
+  head.nlmsg_type = type;
+  Bytes bytes(NLMSG_ALIGN(NLMSG_HDRLEN + payload.size()));
+  memcpy(bytes.data(), &head, sizeof head);
+  std::copy(payload.begin(), payload.end(), bytes.begin() + NLMSG_HDRLEN);
+  return bytes;
+}
+
+static Bytes joined(const std::vector<Bytes> &parts) {
+  Bytes all;
+  for (const Bytes &part : parts)
+    all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+static constexpr uint16_t ORDINARY = NLMSG_MIN_TYPE;
+
+namespace {
+
+struct Event {
+  uint32_t what;
+  int pid;
+  uint32_t code;
+  bool operator==(const Event &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const Event &event) {
+  return out << "{" << event.what << ", " << event.pid << ", " << event.code << "}";
+}
+
+class TovNetlink : public tov_test::Simulated {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
+    sock_ = tov_fd_t(tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
+  }
+  void TearDown() override {
+    sock_.reset();
+    tov_cnmsg_fifo_free();
+  }
+
+  static std::vector<Event> queued() {
+    std::vector<Event> all;
+    tov_cnmsg_data_t record;
+    while (__kfifo_out(&tov_cnmsg_fifo, &record, sizeof record) == sizeof record)
+      all.push_back({record.what, record.process_pid, record.exit_code});
+    return all;
+  }
+
+  static std::vector<Event> dispatched(const Bytes &message) {
+    tov_dispatch_netlink_msg(reinterpret_cast<const cn_msg *>(message.data()));
+    return queued();
+  }
+
+  // Lets a datagram arrive, from the kernel unless told otherwise.
+  void arrive(const Bytes &datagram, uint32_t port_id = 0, uint32_t groups = GROUP) {
+    sockaddr_nl sender{};
+    sender.nl_family = AF_NETLINK;
+    sender.nl_pid = port_id;
+    sender.nl_groups = groups;
+    kernel().socket(sock_.n).queue.push_back(
+        {std::string(reinterpret_cast<const char *>(&sender), sizeof sender),
+         std::string(datagram.begin(), datagram.end())});
+  }
+  std::vector<Event> received(const Bytes &datagram, uint32_t port_id = 0,
+                              uint32_t groups = GROUP) {
+    arrive(datagram, port_id, groups);
+    EXPECT_EQ(tov_recv_netlink_msg(sock_.n), 0);
+    return queued();
+  }
+
+  // Leaves `room` bytes free in the ring.
+  static void fill_ring(uint32_t room) {
+    const Bytes filler(TOV_CNMSG_FIFO_BYTES - room);
+    ASSERT_EQ(__kfifo_in(&tov_cnmsg_fifo, filler.data(), static_cast<uint32_t>(filler.size())),
+              filler.size());
+  }
+
+  static const std::vector<std::string> &errors() { return platform().events[TOV_LOG_ERROR]; }
+
+  tov_fd_t sock_;
+};
+
+class TovDispatchNetlinkMsg : public TovNetlink {};
+class TovSendFifoCnmsg : public TovNetlink {};
+class TovRecvNetlinkMsg : public TovNetlink {};
+
+// The thread's body, run by the test itself until something ends it.
+class TovProcessNetlink : public TovNetlink {
+ protected:
+  // Its line in the event log, when `call` fails for the nth time with `error`.
+  static std::string end_of_thread(tov_test::call_e call, int error, int nth = 1) {
+    platform().events[TOV_LOG_ERROR].clear();
+    tov_flag_set(quit, 0);
+    const size_t before = kernel().descriptors();
+    kernel().fail(call, nth, error);
+    EXPECT_EQ(tov_process_netlink(nullptr), nullptr);
+    EXPECT_EQ(kernel().descriptors(), before);
+    return errors().empty() ? "nothing" : errors().back();
+  }
+};
+
+}  // namespace
+
+// ---- one event ------------------------------------------------------------------------------
+
+TEST_F(TovDispatchNetlinkMsg, ExecutionIsQueuedWithoutACode) {
+  EXPECT_THAT(dispatched(connector(exec_of(77))), ElementsAre(Event{2, 77, 0}));
+}
+
+TEST_F(TovDispatchNetlinkMsg, EndOfAProcessIsQueuedWithItsCode) {
+  EXPECT_THAT(dispatched(connector(exit_of(77, 77, 0x8b))),
+              ElementsAre(Event{0x80000000, 77, 0x8b}));
+}
+
+TEST_F(TovDispatchNetlinkMsg, EndOfASingleThreadIsNot) {
+  EXPECT_THAT(dispatched(connector(exit_of(78, 77, 0))), IsEmpty());
+}
+
+TEST_F(TovDispatchNetlinkMsg, OtherEventsAreIgnored) {
+  for (const uint32_t what : {0u, 1u, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u}) {
+    proc_event event = exit_of(77, 77, 9);
+    memcpy(&event, &what, sizeof what);
+    EXPECT_THAT(dispatched(connector(event)), IsEmpty()) << what;
+  }
+}
+
+TEST_F(TovDispatchNetlinkMsg, ShorterThanItClaimsIsIgnored) {
+  const size_t exit_end = offsetof(proc_event, event_data) + 12;
+  const size_t exec_end = offsetof(proc_event, event_data) + 8;
+  for (size_t length = 0; length < exec_end; length++)
+    EXPECT_THAT(dispatched(connector(exec_of(77), length)), IsEmpty()) << length;
+  for (size_t length = 0; length < exit_end; length++)
+    EXPECT_THAT(dispatched(connector(exit_of(77, 77, 9), length)), IsEmpty()) << length;
+  // An older kernel tells no more than this.
+  EXPECT_THAT(dispatched(connector(exec_of(77), exec_end)), ElementsAre(Event{2, 77, 0}));
+  EXPECT_THAT(dispatched(connector(exit_of(77, 77, 9), exit_end)),
+              ElementsAre(Event{0x80000000, 77, 9}));
+}
+
+// ---- the ring's producer --------------------------------------------------------------------
+
+TEST_F(TovSendFifoCnmsg, FullRingDropsTheEventAndLogsIt) {
+  fill_ring(0);
+  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 77, 139);
+  tov_send_fifo_cnmsg(TOV_EVENT_EXEC, 78, 0);
+  EXPECT_THAT(errors(),
+              ElementsAre("TOV: fifo is full,pid:77 exit action will be discard! exit_code=139 ",
+                          "TOV: fifo is full,pid:78 exec action will be discard! exit_code=0 "));
+  EXPECT_EQ(kfifo_len(&tov_cnmsg_fifo), static_cast<uint32_t>(TOV_CNMSG_FIFO_BYTES));
+}
+
+TEST_F(TovSendFifoCnmsg, OneFreeByteTakesAPartOfTheRecord) {
+  fill_ring(5);
+  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 77, 139);
+  EXPECT_THAT(errors(), IsEmpty());
+  EXPECT_TRUE(kfifo_is_full(&tov_cnmsg_fifo));
+  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 78, 0);
+  EXPECT_THAT(errors(),
+              ElementsAre("TOV: fifo is full,pid:78 exit action will be discard! exit_code=0 "));
+}
+
+TEST_F(TovSendFifoCnmsg, WaitingConsumerIsWoken) {
+  kernel().after(3 * US_PER_S, [] { tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 77, 9); });
+  EXPECT_EQ(span_us([] { EXPECT_TRUE(tov_cnmsg_fifo_wait(-1)); }), 3 * US_PER_S);
+  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 77, 9}));
+}
+
+// ---- one datagram ---------------------------------------------------------------------------
+
+TEST_F(TovRecvNetlinkMsg, OnlyTheKernelsDatagramsAreTaken) {
+  const Bytes datagram = message(NLMSG_DONE, connector(exit_of(77, 77, 9)));
+  EXPECT_THAT(received(datagram), ElementsAre(Event{0x80000000, 77, 9}));
+  EXPECT_THAT(received(datagram, 7, GROUP), IsEmpty());
+  for (const uint32_t groups : {0u, 2u, 3u})
+    EXPECT_THAT(received(datagram, 0, groups), IsEmpty()) << groups;
+}
+
+TEST_F(TovRecvNetlinkMsg, AddressOfAnotherSizeIsTold) {
+  const Bytes datagram = message(NLMSG_DONE, connector(exit_of(77, 77, 9)));
+  for (const size_t size : {size_t{0}, sizeof(sockaddr_nl) - 1, sizeof(sockaddr_nl) + 4}) {
+    arrive(datagram);
+    kernel().socket(sock_.n).queue.back().sender.resize(size);
+    EXPECT_THAT(diagnostics([&] { EXPECT_EQ(tov_recv_netlink_msg(sock_.n), 0); }),
+                HasSubstr("]bad address size reading netlink socket"));
+    EXPECT_THAT(queued(), IsEmpty());
+  }
+}
+
+TEST_F(TovRecvNetlinkMsg, EveryMessageOfADatagramIsLookedAt) {
+  EXPECT_THAT(received(joined({message(ORDINARY, connector(exit_of(1, 1, 9))),
+                               message(NLMSG_NOOP, connector(exit_of(2, 2, 9))),
+                               message(ORDINARY, connector(exec_of(3)))})),
+              ElementsAre(Event{0x80000000, 1, 9}, Event{2, 3, 0}));
+}
+
+TEST_F(TovRecvNetlinkMsg, MessagesStandAtMultiplesOfFour) {
+  Bytes odd = connector(exit_of(1, 1, 9));
+  odd.resize(odd.size() + 3);  // the next one stands behind one byte of padding
+  EXPECT_THAT(received(joined({message(ORDINARY, odd), message(ORDINARY, connector(exec_of(3)))})),
+              ElementsAre(Event{0x80000000, 1, 9}, Event{2, 3, 0}));
+}
+
+TEST_F(TovRecvNetlinkMsg, DoneEndsTheWalkBehindItself) {
+  EXPECT_THAT(received(joined({message(NLMSG_DONE, connector(exit_of(1, 1, 9))),
+                               message(ORDINARY, connector(exit_of(2, 2, 9)))})),
+              ElementsAre(Event{0x80000000, 1, 9}));
+}
+
+TEST_F(TovRecvNetlinkMsg, ErrorAndOverrunEndTheWalk) {
+  for (const uint16_t type : {uint16_t{NLMSG_ERROR}, uint16_t{NLMSG_OVERRUN}}) {
+    EXPECT_THAT(received(joined({message(ORDINARY, connector(exit_of(1, 1, 9))),
+                                 message(type, connector(exit_of(2, 2, 9))),
+                                 message(ORDINARY, connector(exit_of(3, 3, 9)))})),
+                ElementsAre(Event{0x80000000, 1, 9}))
+        << type;
+  }
+}
+
+TEST_F(TovRecvNetlinkMsg, WrongLengthsEndTheWalk) {
+  const Bytes payload = connector(exit_of(1, 1, 9));
+  const auto real = static_cast<uint32_t>(NLMSG_HDRLEN + payload.size());
+  for (const uint32_t claimed : {0u, 15u, real + 4, 0xffffffffu}) {
+    EXPECT_THAT(received(message(NLMSG_DONE, payload, claimed)), IsEmpty()) << claimed;
+  }
+}
+
+TEST_F(TovRecvNetlinkMsg, ConnectorLengthBeyondTheMessageIsRefused) {
+  Bytes payload = connector(exit_of(1, 1, 9));
+  auto *head = reinterpret_cast<cn_msg *>(payload.data());
+  head->len = static_cast<uint16_t>(head->len + 1);
+  EXPECT_THAT(received(message(NLMSG_DONE, payload)), IsEmpty());
+}
+
+TEST_F(TovRecvNetlinkMsg, ShortDatagramsAreHarmless) {
+  const Bytes whole = message(NLMSG_DONE, connector(exit_of(1, 1, 9)));
+  for (size_t length = 0; length < whole.size(); length++)
+    EXPECT_THAT(received(Bytes(whole.begin(), whole.begin() + static_cast<long>(length))),
+                IsEmpty());
+}
+
+TEST_F(TovRecvNetlinkMsg, OnlyFirst1024BytesAreLookedAt) {
+  const std::vector<Bytes> many(40, message(ORDINARY, connector(exit_of(1, 1, 9))));
+  EXPECT_EQ(received(joined(many)).size(), 1024 / many[0].size());
+}
+
+// ---- receive errors -------------------------------------------------------------------------
+
+TEST_F(TovRecvNetlinkMsg, OnlyASocketThatIsGoneIsFatal) {
+  for (const int error : {EBADF, ENOTSOCK, ENOTCONN, ECONNREFUSED}) {
+    kernel().fail(tov_test::CALL_RECVFROM, 1, error);
+    errno = 0;
+    EXPECT_EQ(tov_recv_netlink_msg(sock_.n), -1) << error;
+    EXPECT_EQ(errno, error);
+  }
+  for (const int error : {EAGAIN, EINTR, ENOBUFS, ENOMEM, EINVAL}) {
+    kernel().fail(tov_test::CALL_RECVFROM, 1, error);
+    EXPECT_EQ(tov_recv_netlink_msg(sock_.n), 0) << error;
+  }
+}
+
+TEST_F(TovRecvNetlinkMsg, SilenceLastsAsLongAsTheTimeOut) {
+  const timeval limit{5, 0};
+  ASSERT_EQ(tov_sys_setsockopt(sock_.n, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+  EXPECT_EQ(span_us([&] { EXPECT_EQ(tov_recv_netlink_msg(sock_.n), 0); }), 5 * US_PER_S);
+}
+
+// ---- the thread -----------------------------------------------------------------------------
+
+TEST_F(TovProcessNetlink, StepThatFailsIsTheResult) {
+  const struct {
+    tov_test::call_e call;
+    const char *result;
+  } steps[] = {
+      {tov_test::CALL_SET_SCHEDULE, "res=-1, "}, {tov_test::CALL_SOCKET, "res=-2, "},
+      {tov_test::CALL_BIND, "res=-3, "},         {tov_test::CALL_SEND, "res=-4, "},
+      {tov_test::CALL_RECVFROM, "res=-5, "},
+  };
+  for (const auto &step : steps) {
+    EXPECT_EQ(end_of_thread(step.call, ENOTCONN),
+              std::string("Thread \"tov_process_netlink\" exit, tov will be restart. ") +
+                  step.result + "Transport endpoint is not connected(107)");
+    EXPECT_EQ(tov_flag_get(quit), 1);
+  }
+}
+
+TEST_F(TovProcessNetlink, ThreadWithoutANameEndsAloneAndQuietly) {
+  EXPECT_EQ(end_of_thread(tov_test::CALL_SET_NAME, EPERM), "nothing");
+  EXPECT_EQ(tov_flag_get(quit), 0);
+}
+
+TEST_F(TovProcessNetlink, RefusedOptionsAreOnlyToldAbout) {
+  for (int nth = 1; nth <= 4; nth++)
+    kernel().fail(tov_test::CALL_SETSOCKOPT, nth, EPERM);
+  tov_flag_set(quit, 1);  // it ends as soon as it has begun
+  const std::string said = diagnostics([] { tov_process_netlink(nullptr); });
+  EXPECT_THAT(said, HasSubstr("]socket set recvbuffer error\n"));
+  EXPECT_THAT(said, HasSubstr("]socket set recv timeout error\n"));
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=0, ")));
+}
+
+TEST_F(TovProcessNetlink, QuitIsNoticedWithinTheTimeOut) {
+  kernel().after(12 * US_PER_S, [] { tov_flag_set(quit, 1); });
+  // 15 s: the third time-out after it was set; 1 s: the logs' way to storage.
+  EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 16 * US_PER_S);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_SET_SCHEDULE), 1);
+  EXPECT_EQ(kernel().thread_name, "tov_process_net");
+}
