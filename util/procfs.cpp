@@ -100,7 +100,7 @@ static tov_fd_t open_status(pid_t task) {
   char path[STATUS_PATH_SIZE];
   snprintf(path, sizeof path, "/proc/%d/status", task);
   errno = ENOENT;  // no task has an id of 0 or below
-  return tov_fd_t(task > 0 ? open(path, O_RDONLY | O_CLOEXEC) : -1);
+  return tov_fd_t(task > 0 ? tov_sys_open(path, O_RDONLY | O_CLOEXEC) : -1);
 }
 
 tov_status_file_s::tov_status_file_s(pid_t task)

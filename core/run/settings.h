@@ -5,7 +5,6 @@
 #ifndef TOV_CORE_RUN_SETTINGS_H
 #define TOV_CORE_RUN_SETTINGS_H
 
-
 // Reads two decimal integers separated by white space from the first 255 bytes of a file.
 // Returns 0, or -1 when the file cannot be read or does not begin with two numbers; what was
 // converted before that may have been stored.

@@ -11,7 +11,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "proc/files.h"
 #include "tests/unit/simulated.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

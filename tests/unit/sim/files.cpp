@@ -85,17 +85,18 @@ kernel_s::found_s kernel_s::walk(std::string rest, bool follow_last) const {
     rest.erase(0, name.size());
     if (name == ".") continue;
     const bool last = rest.find_first_not_of('/') == std::string::npos;
-    const std::string next = at + "/" + name;
+    std::string next = at;
+    next.append("/").append(name);
     const inode_t inode = inode_at(next);
     if (inode == nullptr) return {last ? 0 : ENOENT, next, nullptr};
     if (S_ISLNK(inode->mode) && (!last || follow_last)) {
       if (++links > MAX_LINKS) return {ELOOP, "", nullptr};
-      rest = inode->text + rest;
+      rest.insert(0, inode->text);
       if (inode->text.starts_with('/')) at.clear();
       continue;
     }
     if (!last && !S_ISDIR(inode->mode)) return {ENOTDIR, "", nullptr};
-    at = next;
+    at = std::move(next);
   }
 }
 
@@ -272,9 +273,7 @@ ssize_t kernel_s::readlink(const char *path, char *buf, size_t size) const {
   if (found.error != 0) return -found.error;
   if (found.inode == nullptr) return -ENOENT;
   if (!S_ISLNK(found.inode->mode)) return -EINVAL;
-  const size_t count = std::min(size, found.inode->text.size());
-  memcpy(buf, found.inode->text.data(), count);
-  return static_cast<ssize_t>(count);
+  return static_cast<ssize_t>(found.inode->text.copy(buf, size));
 }
 
 int kernel_s::unlink(const char *path) {

@@ -226,7 +226,7 @@ TEST_F(TovUtilsOpenRegular, AnythingElseIsRefusedWithoutWaiting) {
   const size_t before = kernel().descriptors();
   for (const auto &c : cases) {
     errno = 0;
-    EXPECT_EQ(tov_open_regular(c.path, c.flags), -1) << c.path;
+    EXPECT_EQ(tov_open_regular(c.path, c.flags), -c.error) << c.path;
     EXPECT_EQ(errno, c.error) << c.path << " " << c.flags;
   }
   EXPECT_EQ(kernel().descriptors(), before);
