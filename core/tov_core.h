@@ -1,5 +1,6 @@
 // The daemon's core: start-up, process events, the decision after an exit, the background duties.
-// This header brings the module's rooms with it; `main` itself is in tov_core.cpp.
+// This header brings the headers of the rooms that others may call; `main` itself is in
+// tov_core.cpp.
 #ifndef TOV_CORE_H
 #define TOV_CORE_H
 

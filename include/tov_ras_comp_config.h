@@ -33,7 +33,7 @@
 #define TOV_THIRD_PART_DIR "/etc/tov/proc"
 #define TOV_THIRD_PART_LIST "/etc/tov/third_part_proc"
 #define TOV_SCRIPT_DIR "/etc/cmdmap"
-#define TOV_HA_CONFIG_FILE "/data/.syshacfg" /* may switch single-process restarts off */
+#define TOV_HA_CONFIG_FILE "/data/.syshacfg" /* may forbid reloads */
 #define TOV_KILL_DEBUG_FILE "/data/.kill_debug"
 #define TOV_DUMP_CONSOLE_FILE "/tov_dump_msg_console"
 #define TOV_DEBUG_PID_FILE "/data/.tov_debug_pid"

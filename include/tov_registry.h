@@ -113,7 +113,7 @@ typedef struct tov_pid_s {
   int exit_signal;                  /* wait status of the last exit */
   int force_restart;                /* 1: no longer wait for the lock on the registration file */
   time_t delay_tm;                  /* when the record entered `tov_chains_delay` */
-  time_t first_tm;                  /* first restart of the burst */
+  time_t first_tm;                  /* first restart of the burst; outlasts a suspension */
   int stat_check_cnt;               /* sweeps in a row that did not find the process */
 } tov_pid_t;
 

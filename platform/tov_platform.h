@@ -79,7 +79,7 @@ int ras_logfile_init(const char *path, int limit_kb, void **handle, int reserved
 
 /* Appends `length` bytes in one piece: lines of several threads must not mix. Any thread, without a
  * lock of the caller's; also in a forked child, where the locks of other threads stay held for
- * ever. handle  of ras_logfile_init(), not null Returns 0 or more, or a negative value. */
+ * ever. `handle` is of ras_logfile_init(), not null. Returns 0 or more, or a negative value. */
 int ras_logfile_write_buf(void *handle, const char *data, int length);
 
 /* Brings to storage what was written so far, for use just before a reset. A null handle is

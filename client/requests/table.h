@@ -2,7 +2,8 @@
 //
 // A row says all in which requests differ: who carries it out, which record it brings and whether
 // its sender waits for an acknowledgement. Server, acknowledgement and the check of payloads read
-// rows and know no request by name. A new request is an enumerator of TOV_MSG_TYPE, a handler
+// rows and know no request by name. (The client's half has its own word on which request is silent,
+// in client/tov_rpc.cpp.) A new request is an enumerator of TOV_MSG_TYPE, a handler
 // and a row; the compiler asks for what is missing.
 //
 // Threads: any; the rows are constant. A handler's own threads and locks:

@@ -3,6 +3,7 @@
 // The texts are the device's operational interface: operators' tools match them letter by letter,
 // the differences in brackets, colons and arguments included. They stand in tables in the source.
 //
+// Threads: the event handler, the delayed restarts, the sweep, and main in the alarm's handler.
 // All functions: caller holds the lock of `tov_chains`.
 #ifndef TOV_CORE_POLICY_ANNOUNCE_H
 #define TOV_CORE_POLICY_ANNOUNCE_H

@@ -36,11 +36,15 @@ int tov_proc_is_exit(const tov_pid_t *record) {
   return 1;
 }
 
+bool tov_defer_has_reason(const tov_pid_t &record) {
+  return tov_proc_is_exit(&record) != 1;
+}
+
 bool tov_defer_is_needed(const tov_pid_t &record) {
   if (record.force_restart == 1) return false;
   TOV_DBG("%s %s/%d receives event:%04x\n", "tov_proc_restart_delay", record.process, record.pid,
           static_cast<unsigned int>(record.exit_signal));
-  return tov_proc_is_exit(&record) != 1;
+  return tov_defer_has_reason(record);
 }
 
 void tov_defer(const tov_pid_t &record) {

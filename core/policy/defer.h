@@ -8,6 +8,10 @@
 
 #include "include/tov.h"
 
+// Whether there is a reason to wait with what follows an exit: its registration file is locked.
+// Every reason stands here: who parks an exit and who hands it back ask the same question.
+bool tov_defer_has_reason(const tov_pid_t &record);
+
 // Whether the exit of `record` has to wait: its registration file is locked and it is not forced.
 bool tov_defer_is_needed(const tov_pid_t &record);
 
@@ -15,8 +19,8 @@ bool tov_defer_is_needed(const tov_pid_t &record);
 // Caller holds the lock of `tov_chains`, takes that of `tov_chains_delay`.
 void tov_defer(const tov_pid_t &record);
 
-// Both: parks the exit of `record` if it has to wait. Returns 1 when it is parked (or was already),
-// 0 to go on. Caller holds the lock of `tov_chains`.
+// Both, for the rebuild: parks the exit of `record` if it has to wait. Returns 1 when it is parked
+// (or was already), 0 to go on. Caller holds the lock of `tov_chains`.
 int tov_proc_restart_delay(tov_pid_t *record);
 
 // Whether anybody still holds the lock on the registration file of `record`: 0 while it is held,

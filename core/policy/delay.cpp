@@ -30,7 +30,7 @@ static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
     TOV_DBG("%s/%d more than 300s delay restart.\n", record.process, record.pid);
     tov_record_force(held, &record);
   }
-  return record.force_restart == 1 || tov_proc_is_exit(&record) == 1;
+  return record.force_restart == 1 || !tov_defer_has_reason(record);
 }
 
 // Takes the first exit whose wait is over out of the registry.

@@ -169,7 +169,8 @@ void exit_case_s::hand_over() {
   const bool by_script = record_->action == SHELL_RESTART;
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
           by_script ? "SHELL_RESTART" : "RESPAWN", found_);
-  forget(held_, record_, verdict_);
+  // Found under the record's own id, it cannot be registered while another record has that id.
+  forget(held_, record_, found_ == record_->pid ? REPORTED : verdict_);
   later_ = {found_, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
 }
 
@@ -186,7 +187,7 @@ void exit_case_s::act(tov_exit_act_e act) {
       drop();
       break;
     case TOV_EXIT_DROP_OTHER:
-      tov_record_forget_process(held_, other_);
+      forget(held_, other_, verdict_);
       break;
     case TOV_EXIT_NOTE:
       note();

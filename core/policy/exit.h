@@ -29,7 +29,8 @@ using tov_registration_t = tov_registration_s;
 
 // The same decision about a record whose process two sweeps in a row did not find as it was
 // registered: their verdict stands in place of the liveness question, because another program may
-// live under the id by now. That stranger is not touched, and neither is another record of its id.
+// live under the id by now. That stranger is not touched, but for the watch over threads of that
+// id, and neither is another record of the id.
 //   held    the guard of `tov_chains`
 //   record  may be freed
 // Returns what the caller hands to tov_register_found() once it holds no registry's lock.

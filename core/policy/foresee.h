@@ -39,7 +39,7 @@ struct tov_foreseen_s {
     const tov_exit_rule_t *rule;
     bool applies;
   };
-  std::array<step_s, TOV_EXIT_ACT_NUM + 1> steps;  // the rules that are asked, in order
+  std::array<step_s, TOV_EXIT_RULES_NUM> steps;  // the rules that are asked, in order
   size_t steps_num;
   tov_exit_act_e act;  // of the rule that ends the walk
 

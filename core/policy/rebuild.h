@@ -7,7 +7,8 @@
 
 // Fills `chains` (always `tov_chains`) from the registration files of the devices 0 to 15. A
 // process that lives stays supervised under its id and its file is not touched; one that died
-// meanwhile is started again, whatever its action, or deferred while its file is locked.
+// meanwhile is started again, whatever its action, or deferred while its file is locked. So is a
+// task that was suspended: bursts, suspensions and restart times are not in the files.
 // Unreadable files are passed over and left where they are. Always 0.
 // Start-up only, before any other thread runs. Costs one directory scan a device and, for each
 // dead process, the 30 ms of the liveness rule and a spawn.

@@ -2,6 +2,7 @@
 //
 // What differs between the occasions - who is told, which markers count, what follows from a start
 // that failed - stands in one row for each (revive.cpp).
+// Threads: those of core/policy/exit.h, main in the alarm's handler and, silently, at the rebuild.
 #ifndef TOV_CORE_POLICY_REVIVE_H
 #define TOV_CORE_POLICY_REVIVE_H
 

@@ -1,4 +1,7 @@
-// Tested by: tests/module/core/policy/exit_test.cpp, tests/module/core/policy/exit_rules_test.cpp
+// The rules in their order. A rule asks; what its act does is written in core/policy/exit.cpp.
+//
+// Tested by: tests/unit/core/policy/foresee_test.cpp, tests/module/core/policy/foresee_test.cpp,
+// tests/module/core/policy/exit_test.cpp, tests/module/core/policy/exit_rules_test.cpp
 #include "core/policy/rules.h"
 
 #include <iterator>
@@ -31,8 +34,7 @@ static constexpr tov_exit_rule_t rules[] = {
      TOV_EXIT_HAND_OVER, true},
     {"otherwise", always, TOV_EXIT_RESTART, true},
 };
-// Every act has a row; two rows drop.
-static_assert(std::size(rules) == TOV_EXIT_ACT_NUM + 1);
+static_assert(std::size(rules) == TOV_EXIT_RULES_NUM);
 static_assert(std::end(rules)[-1].applies == always && std::end(rules)[-1].ends);
 
 std::span<const tov_exit_rule_t> tov_exit_rules() {

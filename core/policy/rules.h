@@ -72,6 +72,10 @@ inline bool tov_exit_is_stop(int exit_code) {
   return exit_code == terminated;
 }
 
+enum {
+  TOV_EXIT_RULES_NUM = TOV_EXIT_ACT_NUM + 1  // every act has a rule, TOV_EXIT_DROP has two
+};
+
 // The table; the last rule always applies.
 std::span<const tov_exit_rule_t> tov_exit_rules();
 

@@ -1,4 +1,7 @@
-// Tested by: tests/module/proc/burst_test.cpp, tests/module/proc/selfcheck/tov_signals_test.cpp
+// The moves of a record's life, drawn in the header.
+//
+// Tested by: tests/unit/core/registry/record_test.cpp, tests/unit/proc/burst_test.cpp,
+// tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/registry/record.h"
 
 #include <assert.h>

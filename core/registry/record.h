@@ -1,33 +1,31 @@
 // The life of a supervised process's record, and the only writer of it.
 //
-//                         tov_record_renew (the task has a new process)
-//        +----------------------------------------------------------------------------+
-//        v                                                                            |
-//   registered --tov_record_ended--> ended --(the rules of core/policy)--+--> starting+
-//                                      ^                                 |        |
-//                                      |                                 |        | fifth start
-//                                      |  lock gone, or 300 s            |        | within 120 s
-//                                      +------------ deferred <----------+        v
-//                                                    (tov_record_defer)  |    suspended
-//                                                                        |        | the alarm
-//                                                                        v        v
-//                                                   forgotten (tov_record_forget)  starting
+//   registered ──ended──► ended ──defer──► deferred ──lock gone, or 300 s──► ended
+//       ▲                   │
+//       │                   ├── no action, or no start ──► stays ended, and is swept
+//       │                   ├──forget──► gone    (stopped on purpose, a duplicate, withdrawn)
+//       │                   ├──count_start, the fifth in 120 s──suspend──► suspended
+//       │              count_start                                             │
+//       │                   ▼                                                  │
+//       └──────renew─── starting ◄──count_start──resume──self-check alarm──────┘
 //
-// (suspended: tov_record_suspend, ended by tov_record_resume; starting: tov_record_count_start.)
-// An ended record whose action asks for nothing, or whose start failed, stays as it is; the sweep
-// keeps looking for its process.
+// A word on an arrow is the function that makes the move: tov_record_ended() and so on.
 //
-//   state       how it shows                               what may be trusted
-//   registered  no other state shows                       pid; stat_check_cnt: sweeps that missed
-//   it ended       pid names no process (it may be reused)    exit_signal, force_restart deferred
-//   ended, and a copy in tov_chains_delay      the copy: pid, exit_signal, delay_tm,
-//                                                          force_restart
-//   suspended   tov_record_is_suspended()                  tm: since when; first_tm: of the burst
-//   any         tm, count, first_tm: the burst (tm is the suspension's time while suspended);
-//               con_pull_flag, con_tm: self-checks that the reload rule counts; ill_tm: last dump
+//   state       how it shows                            what may be trusted
+//   registered  as nothing else                         pid; stat_check_cnt: missing sweeps
+//   ended       pid names no process (may be reused)    exit_signal, force_restart
+//   deferred    ended; a copy in tov_chains_delay       of the copy: pid, exit_signal,
+//               .                                       delay_tm, force_restart
+//   suspended   tov_record_is_suspended()               tm: since when
+//   any         .                                       count, first_tm, and tm but while
+//               .                                       suspended: the burst
+//               .                                       con_pull_flag, con_tm: self-checks
+//               .                                       that the reload rule counts
+//               .                                       ill_tm: last core dump, 0: none
 //
-// The fields named above are written here and nowhere else (script/lint looks). Every function that
-// writes takes the guard of the registry as its witness: who has none cannot call it.
+// These fields, and `flags`, are written here and nowhere else (script/lib/writers looks), but for
+// pid, which tov_chain_rekey() writes. Every function that writes takes the guard of the registry
+// as its witness: who has none cannot call it.
 #ifndef TOV_CORE_REGISTRY_RECORD_H
 #define TOV_CORE_REGISTRY_RECORD_H
 

@@ -2,8 +2,10 @@
 #include "core/run/farewell.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
+#include <exception>
 #include <new>
 
 #include "log/tov_dbg.h"
@@ -26,10 +28,27 @@ void tov_core_leave(int status) {
   _exit(status);
 }
 
+static pid_t daemon_pid;  // written before the threads start
+
+// Whether what nobody caught is a lack of memory. Rethrown here, because only so its kind shows.
+static bool lacks_memory() {
+  if (std::current_exception() == nullptr) return false;
+  try {
+    throw;
+  } catch (const std::bad_alloc &) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 // In whichever thread it was, with whatever locks that one holds: takes none of ours and allocates
 // nothing. Without this an exception would leave the thread's body, or the alarm's handler, and the
 // process would end with no word.
 [[noreturn]] static void end_without_memory() {
+  std::set_terminate(abort);  // the platform's writer may lack memory as well
+  if (!lacks_memory()) abort();
+  if (getpid() != daemon_pid) _exit(1);  // a child: its end is no news of ours
   static constexpr const char *said[] = {"No memory is left, tov will be restart.\n", nullptr};
   tov_dbg_print_raw(__FILE_NAME__, __LINE__, said);
   (void)tov_log_with_type(TOV_LOG_ERROR, "%s", said[0]);
@@ -38,5 +57,6 @@ void tov_core_leave(int status) {
 }
 
 void tov_core_end_without_memory(void) {
-  std::set_new_handler(end_without_memory);
+  daemon_pid = getpid();
+  std::set_terminate(end_without_memory);
 }

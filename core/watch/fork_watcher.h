@@ -1,4 +1,4 @@
-// The watcher: reacts to failing forks and to the switch for single-process restarts.
+// The watcher: reacts to failing forks and to the switch that permits reloads.
 //
 // Two files are watched with inotify. Every failed fork appends a character to the fork-error
 // file, every program that was started removes it: more than six characters mean that nothing can

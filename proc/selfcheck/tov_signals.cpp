@@ -53,7 +53,7 @@ static bool dropped_as_duplicate(const tov_chains_guard_t &held, tov_pid_t *reco
 }
 
 // Counts this self-check for the reload rule, when the task's burst lay within the time in which
-// the single-process switch is on.
+// the switch that permits reloads is on.
 static void count_self_check(const tov_chains_guard_t &held, tov_pid_t *record,
                              const self_check_s &check) {
   const int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);

@@ -23,8 +23,8 @@
 // - pthread_join() goes on waiting afterwards; it never ends for a signal's sake.
 // - alarm(): the handler arms it after the unlock. A task that another thread suspends in between
 // is
-//   due later than those that the handler saw waiting, so the alarm comes in time, and the run that
-//   it leads to arms the next one for that task.
+//   due later than those that the handler saw waiting, so the alarm comes in time, and the run
+//   that it leads to arms the next one for that task.
 #ifndef TOV_SIGNALS_H
 #define TOV_SIGNALS_H
 

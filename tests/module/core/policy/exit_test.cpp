@@ -342,6 +342,18 @@ TEST_F(TovHandleExit, VerdictThatDropsADuplicateLeavesOtherRecordsOfTheId) {
   EXPECT_EQ(count(), 2);
 }
 
+TEST_F(TovHandleExit, RecordWithoutAProcessGoesAlone) {
+  const Program program("started");
+  tov_pid_t *record = add(GONE, program.path);
+  record->flags = TOV_FLAG_STARTED;
+  add(-1, program.path);  // its start failed, and it is dead
+  const tov_pid_t *another = add(-1, "/opt/another");
+  tov_handle_netlink_exit(GONE, KILLED, 0);
+  EXPECT_EQ(record->pid, program.birth().pid);
+  EXPECT_EQ(find(-1), another);
+  EXPECT_EQ(count(), 2);
+}
+
 TEST_F(TovHandleExit, MissesOfADeadProcessAreNotItsSuccessors) {
   const Program program("missed");
   tov_pid_t *record = add(GONE, program.path);

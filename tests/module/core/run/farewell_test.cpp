@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <exception>
 #include <new>
 #include <string>
 
@@ -24,7 +25,7 @@ namespace {
 // Asks for more than there can be. The sanitizers answer such a request themselves.
 void exhaust_memory() {
 #if defined(TOV_SANITIZE_ADDRESS) || defined(TOV_SANITIZE_THREAD)
-  std::get_new_handler()();
+  throw std::bad_alloc();
 #else
   volatile size_t size = PTRDIFF_MAX;
   ::operator delete(::operator new(size));
@@ -63,7 +64,7 @@ TEST(TovCoreLeave, WritesWhatWaitsOnStandardOutputAndRunsNoExitHandler) {
 }
 
 TEST_F(LackOfMemory, EndsTheProcessOnPurposeAndWithOneLine) {
-  const Ending ending = ending_of([] {
+  const Ending ending = ending_of([]() noexcept {  // as no exception may leave a thread's body
     tov_core_end_without_memory();
     exhaust_memory();
   });
@@ -73,10 +74,33 @@ TEST_F(LackOfMemory, EndsTheProcessOnPurposeAndWithOneLine) {
   EXPECT_THAT(events(TOV_LOG_ERROR), ElementsAre("No memory is left, tov will be restart."));
 }
 
+TEST_F(LackOfMemory, ThatSomebodyCatchesEndsNothing) {
+  const Ending ending = ending_of([] {
+    tov_core_end_without_memory();
+    try {
+      exhaust_memory();
+    } catch (const std::bad_alloc &) {
+      tov_core_leave(7);
+    }
+  });
+  EXPECT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(WEXITSTATUS(ending.status), 7);
+  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
+}
+
+TEST_F(LackOfMemory, OfAChildIsNoNewsOfTheDaemons) {
+  tov_core_end_without_memory();
+  const Ending ending = ending_of([]() noexcept { exhaust_memory(); });
+  EXPECT_TRUE(WIFEXITED(ending.status));
+  EXPECT_EQ(WEXITSTATUS(ending.status), 1);
+  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
+  std::set_terminate(abort);
+}
+
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
 TEST_F(LackOfMemory, WouldOtherwiseEndItWithoutALineInTheLog) {
   const Ending ending = ending_of([]() noexcept {  // as no exception may leave a thread's body
-    std::set_new_handler(nullptr);
+    std::set_terminate(abort);
     exhaust_memory();
   });
   EXPECT_TRUE(WIFSIGNALED(ending.status));
