@@ -193,8 +193,10 @@ TEST_F(TovSysAlive, NothingWorksBeforeTheAreaIsMapped) {
 TEST_F(TovSysAlive, ThreadsThatStartTogetherMapOnce) {
   register_as_daemon(77);
   tov_test::in_child([] {
+    static constexpr int THREADS = 8;
     std::vector<std::thread> threads;
-    for (int t = 0; t < 8; t++)
+    threads.reserve(THREADS);
+    for (int t = 0; t < THREADS; t++)
       threads.emplace_back([t] {
         for (int i = 0; i < 1000; i++) {
           EXPECT_TRUE(tov_sys_isreg_alive_info(77));

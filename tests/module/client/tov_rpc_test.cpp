@@ -24,7 +24,6 @@ using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using tov_test::bare_request;
 using tov_test::FakeDaemon;
-using tov_test::LONGEST_WAIT_FOR_AN_ANSWER;
 using tov_test::Manners;
 using tov_test::printed_by;
 using tov_test::RefusingSocket;
