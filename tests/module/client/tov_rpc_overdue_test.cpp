@@ -145,6 +145,7 @@ TEST_F(TovRpc, ChildOfAForkDoesNotWaitForItsParentsAnswers) {
   FakeDaemon daemon(Manners{.answer = false});
   for (int i = 0; i < 5; i++)
     ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
+  ASSERT_EQ(daemon.requests(5).size(), 5u);  // the daemon's ends, which count here, are all there
   const size_t before = open_sockets();
   EXPECT_TRUE(true_in_child([before] {
     const bool closed = open_sockets() == before - 5;

@@ -182,14 +182,16 @@ TEST_F(TovRebuildChains, NewProcessIsOrdinaryForTheLowMemoryKiller) {
   EXPECT_EQ(tov_test::read_file("/proc/" + std::to_string(pid) + "/oom_score_adj"), "0\n");
 }
 
-// The result of the start is not asked: the record is kept, and the sweep will report it.
+// The result of the start is not asked: the record is kept, and the sweep will report it. The
+// program is none at all, because one that is being executed shows its executable alone for a
+// moment, and the search would find that.
 TEST_F(TovRebuildChains, StartThatLedNowhereKeepsTheRecordWithoutAProcess) {
-  const Program program("nowhere");
-  const std::string file = leave(GONE, RESPAWN, program.path + " exit=0");
-  write_file(TOV_THIRD_PART_LIST, program.path + " exit=0 TOV_RESTART\n");
+  const std::string command = "/opt/nowhere exit=0";
+  const std::string file = leave(GONE, RESPAWN, command);
+  write_file(TOV_THIRD_PART_LIST, command + " TOV_RESTART\n");
   rebuild();
   EXPECT_EQ(find(GONE), nullptr);
   ASSERT_NE(find(-1), nullptr);
-  EXPECT_EQ(find(-1)->process, program.path + " exit=0");
+  EXPECT_EQ(find(-1)->process, command);
   EXPECT_FALSE(exists(file));
 }
