@@ -5,8 +5,8 @@
 #ifndef TOV_RAS_OS_H
 #define TOV_RAS_OS_H
 
-#include "alive/shared_memory.h"
-#include "alive/sysv_sem.h"
+#include "alive/shared_memory.h"  // IWYU pragma: export
+#include "alive/sysv_sem.h"       // IWYU pragma: export
 
 // Sets close-on-exec on a descriptor (fcntl F_SETFD). For descriptors that come from elsewhere:
 // whatever we open ourselves is born close-on-exec, because another thread may fork between an

@@ -11,12 +11,17 @@
 
 #include <errno.h>
 #include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "alive/shared_memory.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 

@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -27,6 +26,7 @@
 #include "core/registry/tov_chain.h"
 #include "core/watch/watchdog.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "log/tov_log.h"
 #include "tests/support/private_root.h"
 #include "util/owner.h"

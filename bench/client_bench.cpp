@@ -5,7 +5,10 @@
 // socket of the same kind, on an open connection and with a connection made for each; the system
 // calls that a sign of life cannot do without.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -29,6 +32,7 @@
 #include "core/run/flags.h"
 #include "core/server/server.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_log.h"
 #include "tests/support/private_root.h"

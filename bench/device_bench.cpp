@@ -10,6 +10,7 @@
 // event a millisecond. Each figure tells how many processes the machine started meanwhile.
 #include <fcntl.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -29,7 +30,9 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/birth.h"
 #include "tests/support/device.h"
+#include "tests/support/processes.h"
 #include "util/priority.h"
 #include "util/tov_utils.h"
 

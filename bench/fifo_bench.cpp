@@ -1,5 +1,6 @@
 // The event ring: a record in and out, on one thread and between two.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <atomic>

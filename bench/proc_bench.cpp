@@ -1,12 +1,10 @@
 // The readers of /proc, each beside the bare system calls that nobody can do without.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
-#include <thread>
 
 #include "util/priority.h"
 #include "util/tov_utils.h"

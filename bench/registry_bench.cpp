@@ -4,14 +4,15 @@
 // an array of pointers leads to. Records are larger than a page, so with thousands of them that
 // access alone misses the caches.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <memory>
 #include <random>
 #include <vector>
 
 #include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
 
 enum {
   FIRST_PID = 1000,

@@ -10,19 +10,23 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <algorithm>
 #include <string_view>
 #include <utility>
 
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 

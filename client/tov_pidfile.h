@@ -17,6 +17,7 @@
 #define TOV_PIDFILE_H
 
 #include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 // Builds the name of a registration file in `out` of `size` bytes, cut to fit. The program is the
 // command line up to its first blank, and of that what follows the last '/'. (For a program below

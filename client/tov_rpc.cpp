@@ -12,6 +12,8 @@
 #include "client/tov_rpc.h"
 
 #include <errno.h>
+#include <pthread.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,7 +25,14 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "client/tov_rpc_connect.h"
+#include "client/tov_rpc_fork.h"
+#include "client/tov_rpc_message.h"
+#include "client/tov_rpc_overdue.h"
+#include "client/tov_rpc_stop.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_thread_safety.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 #include "util/tov_utils.h"

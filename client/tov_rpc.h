@@ -10,15 +10,18 @@
 #ifndef TOV_RPC_H
 #define TOV_RPC_H
 
-#include "alive/tov_ras_os.h"  // ras_os_dump_msg(), the hex dump of a message
-#include "client/tov_rpc_connect.h"
-#include "client/tov_rpc_fork.h"
+#include <sys/types.h>
+
+#include "alive/tov_ras_os.h"  // IWYU pragma: keep (ras_os_dump_msg(), the hex dump of a message)
+#include "client/tov_rpc_connect.h"  // IWYU pragma: export
+#include "client/tov_rpc_fork.h"     // IWYU pragma: export
 #include "client/tov_rpc_lock.h"
-#include "client/tov_rpc_message.h"
-#include "client/tov_rpc_overdue.h"
-#include "client/tov_rpc_stop.h"
+#include "client/tov_rpc_message.h"  // IWYU pragma: export
+#include "client/tov_rpc_overdue.h"  // IWYU pragma: export
+#include "client/tov_rpc_stop.h"     // IWYU pragma: export
+#include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
-#include "include/tov_xtach.h"  // tov_cancel_proc(), which is public
+#include "include/tov_xtach.h"  // IWYU pragma: keep (tov_cancel_proc(), which is public)
 
 extern int tov_rpc_sd TOV_GUARDED_BY(tov_rpc_lock);  // the kept connection, -1: none
 

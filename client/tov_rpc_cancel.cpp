@@ -11,7 +11,10 @@
 
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
+#include "client/tov_rpc_fork.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 

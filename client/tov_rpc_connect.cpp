@@ -13,11 +13,14 @@
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "client/tov_rpc_message.h"
 #include "client/tov_rpc_stop.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 #include "util/tov_utils.h"

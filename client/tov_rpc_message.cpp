@@ -20,6 +20,7 @@
 #include <memory>
 
 #include "client/tov_rpc_stop.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/tov_utils.h"
 

@@ -6,16 +6,17 @@
 // Threads: any, under tov_rpc_lock. Blocks: tov_rpc_overdue_add() when all places are taken.
 #include "client/tov_rpc_overdue.h"
 
-#include <errno.h>
 #include <poll.h>
+#include <stddef.h>
 #include <stdint.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 #include <utility>
 
+#include "client/tov_rpc_lock.h"
 #include "client/tov_rpc_stop.h"
+#include "include/tov_thread_safety.h"
 #include "util/clock.h"
 #include "util/owner.h"
 

@@ -16,6 +16,7 @@
 #define TOV_RPC_OVERDUE_H
 
 #include "client/tov_rpc_lock.h"
+#include "include/tov_thread_safety.h"
 
 enum { TOV_RPC_OVERDUE_NUM = 4 };
 

@@ -10,12 +10,15 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
+#include "client/tov_rpc_fork.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
-#include "util/tov_utils.h"
+#include "util/procfs.h"
 #include "vsd/member.h"
 
 enum { TOV_GRP_LABELS = 20 };

@@ -3,7 +3,7 @@
 #ifndef TOV_CLIENT_XTACH_H
 #define TOV_CLIENT_XTACH_H
 
-#include "client/tov_xtach_sem.h"
-#include "include/tov_xtach.h"
+#include "client/tov_xtach_sem.h"  // IWYU pragma: export
+#include "include/tov_xtach.h"     // IWYU pragma: keep
 
 #endif  // TOV_CLIENT_XTACH_H

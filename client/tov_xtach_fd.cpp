@@ -15,10 +15,11 @@
 #include <unistd.h>
 
 #include "client/tov_rpc_fork.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
-#include "util/tov_utils.h"
+#include "util/procfs.h"
 
 enum {
   TOV_FD_DIR_SIZE = 32,

@@ -14,7 +14,9 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_rpc.h"
+#include "client/tov_rpc_fork.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 

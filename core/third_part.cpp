@@ -7,6 +7,7 @@
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
+#include "util/owner.h"
 #include "util/tov_utils.h"
 
 enum {

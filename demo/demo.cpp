@@ -7,12 +7,14 @@
 // Exit status: 0 when everything came back that should, 1 when something did not, 2 when the
 // device or the daemon could not be started; with --shell the shell's own.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <cstdio>
 #include <cstring>
 #include <exception>
 
 #include "demo/shell.h"
+#include "demo/stage.h"
 #include "demo/story.h"
 
 enum { EXIT_NOT_AS_EXPECTED = 1, EXIT_NOT_STARTED = 2 };

@@ -1,5 +1,6 @@
 #include "demo/narrator.h"
 
+#include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -7,6 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/collector.h"
+#include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 namespace tov_demo {
 

@@ -10,6 +10,8 @@
 #ifndef TOV_DEMO_NARRATOR_H
 #define TOV_DEMO_NARRATOR_H
 
+#include <stddef.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 namespace tov_demo {
 

@@ -6,13 +6,18 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
+#include "demo/stage.h"
 #include "tests/support/children.h"
+#include "tests/support/device.h"
+#include "util/owner.h"
 
 namespace tov_demo {
 

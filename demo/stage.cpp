@@ -1,10 +1,16 @@
 #include "demo/stage.h"
 
 #include <signal.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <cstdio>
 #include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/birth.h"
+#include "tests/support/processes.h"
 
 namespace tov_demo {
 

@@ -6,6 +6,7 @@
 #ifndef TOV_DEMO_STAGE_H
 #define TOV_DEMO_STAGE_H
 
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <cstdint>

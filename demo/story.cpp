@@ -1,13 +1,18 @@
 #include "demo/story.h"
 
 #include <signal.h>
-#include <sys/wait.h>
+#include <stdint.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
+#include <string>
+#include <vector>
 
+#include "demo/stage.h"
 #include "tests/support/children.h"
+#include "tests/support/processes.h"
 
 namespace tov_demo {
 

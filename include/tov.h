@@ -7,7 +7,7 @@
 #ifndef TOV_H
 #define TOV_H
 
-#include "tov_registry.h"
-#include "tov_wire.h"
+#include "tov_registry.h" /* IWYU pragma: keep */
+#include "tov_wire.h"     /* IWYU pragma: keep */
 
 #endif /* TOV_H */

@@ -7,7 +7,6 @@
 #ifndef TOV_REGISTRY_H
 #define TOV_REGISTRY_H
 
-#include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>

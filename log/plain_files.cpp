@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -16,7 +17,10 @@
 #include <utility>
 
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 
 static constexpr size_t TIME_SIZE = 64;

@@ -16,6 +16,9 @@
 #include <unistd.h>
 
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 
 static constexpr size_t LINE_SIZE = 8192;

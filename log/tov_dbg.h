@@ -10,7 +10,7 @@
 #define TOV_DBG_H
 
 #include "include/tov_registry.h"
-#include "log/notice.h"
+#include "log/notice.h"  // IWYU pragma: export
 
 // The switches by TOV_MODULE_*; TOV_DBG_END is off. Read and write through the functions below
 // once other threads run.

@@ -9,19 +9,25 @@
 // Losses: text behind the 252nd byte of a line; every line while a log is not available.
 #include "log/tov_log.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <libgen.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <iterator>
 
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "log/tov_dbg.h"
 #include "platform/tov_platform.h"
+#include "util/owner.h"
 #include "util/tov_utils.h"
 
 static constexpr size_t LINE_SIZE = 256;

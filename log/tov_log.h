@@ -14,7 +14,7 @@
 #include <stdarg.h>
 
 #include "include/tov_registry.h"
-#include "log/plain_files.h"
+#include "log/plain_files.h"  // IWYU pragma: export
 #include "log/tov_dbg.h"
 
 // Handles of the platform's log-file service by TOV_LOG_TYPE; null: that log is not available.

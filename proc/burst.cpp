@@ -2,17 +2,21 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "log/ha_notice.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 #include "proc/files.h"
-#include "util/priority.h"
+#include "proc/how.h"
+#include "util/clock.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/marker.h"

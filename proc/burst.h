@@ -7,8 +7,10 @@
 #ifndef TOV_PROC_BURST_H
 #define TOV_PROC_BURST_H
 
+#include <time.h>
+
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "proc/how.h"
 
 // Counts one restart of `record` and decides whether it may take place. When not, the task is

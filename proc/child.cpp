@@ -7,13 +7,14 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <iterator>
-
 #include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
+#include "log/tov_log.h"
 #include "proc/files.h"
 #include "util/priority.h"
+#include "vsd/entry.h"
 
 enum {
   SIGNAL_FIRST = 1,

@@ -7,7 +7,7 @@
 #ifndef TOV_PROC_CHILD_H
 #define TOV_PROC_CHILD_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "log/tov_log.h"
 #include "proc/how.h"
 #include "vsd/entry.h"

@@ -7,6 +7,8 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 

@@ -4,8 +4,10 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 
 #include "util/entries.h"
+#include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 

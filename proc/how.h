@@ -5,7 +5,8 @@
 #ifndef TOV_PROC_HOW_H
 #define TOV_PROC_HOW_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 struct tov_proc_how_s {
   int action;               // restarts of records with this action count towards the burst limit

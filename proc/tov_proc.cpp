@@ -4,14 +4,23 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
-#include "log/tov_dbg.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_log.h"
+#include "proc/burst.h"
 #include "proc/child.h"
+#include "proc/files.h"
+#include "proc/find.h"
+#include "proc/how.h"
+#include "util/list_file.h"
 #include "util/tov_sys.h"
+#include "util/tov_utils.h"
+#include "vsd/entry.h"
 
 enum {
   FORK_RETRY_PAUSE_S = 5,

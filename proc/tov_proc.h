@@ -13,16 +13,17 @@
 #include <sys/types.h>
 
 #include "core/registry/tov_chain.h"
-#include "core/run/lowmem.h"
-#include "include/tov.h"
-#include "proc/burst.h"
-#include "proc/files.h"
-#include "proc/find.h"
-#include "proc/how.h"
-#include "util/clock.h"
-#include "util/priority.h"
-#include "util/tov_utils.h"
-#include "vsd/entry.h"
+#include "core/run/lowmem.h"  // IWYU pragma: keep
+#include "include/tov.h"      // IWYU pragma: keep
+#include "include/tov_registry.h"
+#include "proc/burst.h"      // IWYU pragma: export
+#include "proc/files.h"      // IWYU pragma: export
+#include "proc/find.h"       // IWYU pragma: export
+#include "proc/how.h"        // IWYU pragma: export
+#include "util/clock.h"      // IWYU pragma: keep
+#include "util/priority.h"   // IWYU pragma: keep
+#include "util/tov_utils.h"  // IWYU pragma: keep
+#include "vsd/entry.h"       // IWYU pragma: keep
 
 // Starts the record's program again by executing its command line.
 //   res  set to -1 at entry, to the new process id when one is known

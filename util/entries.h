@@ -14,7 +14,6 @@
 #include <string.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "util/owner.h"

@@ -8,10 +8,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
+
+#include "util/owner.h"
 
 static constexpr mode_t OPEN_DIR_MODE = 0777;
 

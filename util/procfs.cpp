@@ -13,8 +13,10 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 #include <unistd.h>
 
+#include "util/owner.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 

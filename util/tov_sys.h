@@ -12,6 +12,8 @@
 #ifndef TOV_UTIL_TOV_SYS_H
 #define TOV_UTIL_TOV_SYS_H
 
+// Whoever makes these calls has their constants too.
+// IWYU pragma: begin_exports
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -29,6 +31,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+// IWYU pragma: end_exports
 
 // ---- time and waiting -----------------------------------------------------------------------
 

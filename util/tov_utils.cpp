@@ -9,9 +9,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_sys.h"
 
 static constexpr int MALLOC_RETRY_S = 5;

@@ -12,11 +12,11 @@
 #include <stddef.h>
 #include <sys/types.h>
 
-#include "util/clock.h"
-#include "util/owner.h"
-#include "util/path.h"
-#include "util/procfs.h"
-#include "util/regular_file.h"
+#include "util/clock.h"         // IWYU pragma: export
+#include "util/owner.h"         // IWYU pragma: export
+#include "util/path.h"          // IWYU pragma: export
+#include "util/procfs.h"        // IWYU pragma: export
+#include "util/regular_file.h"  // IWYU pragma: export
 
 // Sleeps `sec` seconds and `usec` microseconds (0 to 999999; larger values are not normalised).
 // Signals interrupt the wait and do not shorten it. Blocks the calling thread only (select(2)).

@@ -7,11 +7,11 @@
 // Losses: processes that vanish, or that may not be read, count with what was read of them.
 #include "vsd/accounting.h"
 
-#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,9 +20,12 @@
 
 #include <algorithm>
 
+#include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
 #include "util/lines.h"
+#include "util/owner.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 #include "vsd/path.h"

@@ -21,6 +21,8 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 #include "vsd/create.h"
 #include "vsd/kill.h"

@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <iterator>
@@ -17,8 +18,11 @@
 #include "log/tov_dbg.h"
 #include "platform/tov_platform.h"
 #include "util/entries.h"
+#include "util/owner.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
+#include "vsd/path.h"
+#include "vsd/variables.h"
 
 enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
 

@@ -10,6 +10,7 @@
 #ifndef TOV_VSD_ENTRY_H
 #define TOV_VSD_ENTRY_H
 
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <iterator>

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <inttypes.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "util/entries.h"
+#include "util/owner.h"
 #include "util/tov_utils.h"
 #include "vsd/path.h"
 

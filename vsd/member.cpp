@@ -4,13 +4,13 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/types.h>
 
 #include <algorithm>
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
 #include "util/procfs.h"
-#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 
 static constexpr char GROUPS[] = "Groups:";

@@ -9,9 +9,9 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/types.h>
 
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 #include "util/regular_file.h"

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
 #include "util/entries.h"
 #include "util/owner.h"

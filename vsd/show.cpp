@@ -4,6 +4,7 @@
 
 #include <stdio.h>
 
+#include "include/tov_ras_comp_config.h"
 #include "util/entries.h"
 #include "vsd/path.h"
 

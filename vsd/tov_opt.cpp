@@ -13,9 +13,12 @@
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
 #include "util/tov_utils.h"
+#include "vsd/create.h"
+#include "vsd/delete.h"
 #include "vsd/path.h"
-#include "vsd/tov_vsd.h"
+#include "vsd/show.h"
 
 // Looks like a diagnostic and is printed always.
 #define SAY(...) tov_dbg_print(__FILE_NAME__, __LINE__, __VA_ARGS__)

@@ -9,14 +9,14 @@
 #ifndef TOV_VSD_H
 #define TOV_VSD_H
 
-#include "vsd/accounting.h"
-#include "vsd/create.h"
-#include "vsd/delete.h"
-#include "vsd/group.h"
-#include "vsd/kill.h"
-#include "vsd/marker.h"
-#include "vsd/member.h"
-#include "vsd/remove.h"
-#include "vsd/show.h"
+#include "vsd/accounting.h"  // IWYU pragma: export
+#include "vsd/create.h"      // IWYU pragma: export
+#include "vsd/delete.h"      // IWYU pragma: export
+#include "vsd/group.h"       // IWYU pragma: export
+#include "vsd/kill.h"        // IWYU pragma: export
+#include "vsd/marker.h"      // IWYU pragma: export
+#include "vsd/member.h"      // IWYU pragma: export
+#include "vsd/remove.h"      // IWYU pragma: export
+#include "vsd/show.h"        // IWYU pragma: export
 
 #endif  // TOV_VSD_H

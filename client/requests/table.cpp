@@ -1,10 +1,14 @@
 // The rows, and the proof that they are complete.
 #include "client/requests/table.h"
 
+#include <stddef.h>
+
 #include <algorithm>
 #include <iterator>
+#include <span>
 
 #include "client/requests/tov_msg.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 
 namespace {

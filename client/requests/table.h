@@ -15,7 +15,7 @@
 
 #include <span>
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 
 struct tov_request_s {
   TOV_MSG_TYPE type;    // the key

@@ -10,12 +10,18 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 
 enum { FILE_NAME_SIZE = 256 };

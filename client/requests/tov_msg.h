@@ -10,10 +10,13 @@
 #ifndef TOV_MSG_H
 #define TOV_MSG_H
 
-#include "client/requests/table.h"
-#include "core/registry/dump.h"
-#include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include <sys/types.h>
+
+#include "client/requests/table.h"    // IWYU pragma: export
+#include "core/registry/dump.h"       // IWYU pragma: keep
+#include "core/registry/tov_chain.h"  // IWYU pragma: keep
+#include "include/tov.h"              // IWYU pragma: keep
+#include "include/tov_wire.h"
 
 // Register a process: execute it again, or run its start script `pathname` again, when it ends. A
 // process that is registered already stays as it is, whatever its action.

@@ -1,8 +1,9 @@
 #include "core/events/handler.h"
 
 #include <errno.h>
+#include <stdint.h>
 #include <string.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
@@ -13,11 +14,14 @@
 #include "core/run/flags.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/clock.h"
+#include "util/list_file.h"
 #include "util/priority.h"
+#include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"

@@ -3,12 +3,14 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <linux/cn_proc.h>
+#include <linux/connector.h>
 #include <linux/filter.h>
 #include <linux/netlink.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <iterator>
 
@@ -18,9 +20,9 @@
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "util/owner.h"
 #include "util/priority.h"
 #include "util/tov_sys.h"
-#include "util/tov_utils.h"
 
 static constexpr char thread_name[] = "tov_process_netlink";
 

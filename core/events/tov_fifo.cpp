@@ -13,12 +13,13 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 #include "log/tov_dbg.h"
 #include "util/clock.h"

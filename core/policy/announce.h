@@ -8,8 +8,10 @@
 #ifndef TOV_CORE_POLICY_ANNOUNCE_H
 #define TOV_CORE_POLICY_ANNOUNCE_H
 
+#include <sys/types.h>
+
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_thread_safety.h"
 
 // Restarts journalled since the journal was last begun anew; above 10 nothing is written.
 extern int tov_log_cnt TOV_GUARDED_BY(tov_chains);

@@ -2,14 +2,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 
 #include "client/tov_pidfile.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "util/priority.h"
+#include "util/clock.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 
 enum { FILE_NAME_SIZE = 256 };

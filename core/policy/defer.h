@@ -6,7 +6,7 @@
 #ifndef TOV_CORE_POLICY_DEFER_H
 #define TOV_CORE_POLICY_DEFER_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // Whether there is a reason to wait with what follows an exit: its registration file is locked.
 // Every reason stands here: who parks an exit and who hands it back ask the same question.

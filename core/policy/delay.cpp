@@ -1,13 +1,16 @@
 #include "core/policy/delay.h"
 
+#include <sys/types.h>
+
 #include "core/policy/defer.h"
 #include "core/policy/exit.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "util/priority.h"
+#include "util/clock.h"
 #include "util/tov_utils.h"
 
 enum {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <utility>
@@ -15,12 +16,18 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
-#include "proc/tov_proc.h"
+#include "proc/find.h"
 #include "util/entries.h"
+#include "util/list_file.h"
+#include "util/owner.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
+#include "vsd/entry.h"
 #include "vsd/path.h"
 
 enum {

@@ -9,8 +9,11 @@
 #ifndef TOV_CORE_POLICY_EXIT_H
 #define TOV_CORE_POLICY_EXIT_H
 
+#include <sys/types.h>
+
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 
 // Decides about the exit of `pid`.
 //   exit_code  wait status

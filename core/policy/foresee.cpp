@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "core/policy/rules.h"
 #include "core/registry/record.h"
+#include "include/tov_registry.h"
 
 namespace {
 

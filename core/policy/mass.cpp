@@ -2,15 +2,17 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/lowmem.h"
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
-#include "util/priority.h"
+#include "util/clock.h"
 #include "util/tov_utils.h"
 
 enum {

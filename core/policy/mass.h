@@ -3,7 +3,7 @@
 #ifndef TOV_CORE_POLICY_MASS_H
 #define TOV_CORE_POLICY_MASS_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // To be called for every exit event before it is handled, not for deferred ones.
 // Remembers the time when the newest record of `pid` dumped core (bit 0x80 of `exit_code`), and

@@ -1,17 +1,20 @@
 #include "core/policy/rebuild.h"
 
-#include <dirent.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/types.h>
 
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/path.h"
 

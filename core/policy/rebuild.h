@@ -3,7 +3,7 @@
 #ifndef TOV_CORE_POLICY_REBUILD_H
 #define TOV_CORE_POLICY_REBUILD_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // Fills `chains` (always `tov_chains`) from the registration files of the devices 0 to 15. A
 // process that lives stays supervised under its id and its file is not touched; one that died

@@ -2,10 +2,16 @@
 // tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/policy/revive.h"
 
+#include <sys/types.h>
+
 #include <iterator>
 
 #include "core/policy/announce.h"
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "proc/how.h"
 #include "proc/tov_proc.h"
 #include "util/tov_utils.h"
 #include "vsd/marker.h"

@@ -6,8 +6,10 @@
 #ifndef TOV_CORE_POLICY_REVIVE_H
 #define TOV_CORE_POLICY_REVIVE_H
 
+#include <sys/types.h>
+
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 enum tov_revive_e {
   TOV_REVIVE_AFTER_EXIT,        // the rules said so

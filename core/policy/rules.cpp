@@ -5,6 +5,7 @@
 #include "core/policy/rules.h"
 
 #include <iterator>
+#include <span>
 
 static bool always(tov_exit_case_t &) {
   return true;

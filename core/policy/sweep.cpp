@@ -8,6 +8,8 @@
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "core/run/thread.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
 #include "util/tov_utils.h"
 

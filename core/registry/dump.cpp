@@ -13,6 +13,7 @@
 #include <iterator>
 
 #include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
 #include "platform/tov_platform.h"
 #include "util/owner.h"
 

@@ -7,7 +7,8 @@
 #ifndef TOV_CORE_REGISTRY_DUMP_H
 #define TOV_CORE_REGISTRY_DUMP_H
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 
 // What a dump is headed by.
 enum tov_dump_kind_e {

@@ -2,6 +2,10 @@
 // Tested by: tests/module/core/registry/tov_chain_test.cpp
 #include "core/registry/links.h"
 
+#include <stdint.h>
+
+#include "include/tov_registry.h"
+
 // The poison is a number on purpose: nothing is ever mapped there.
 template <typename Link>
 static Link poison(uintptr_t value) {

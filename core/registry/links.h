@@ -6,7 +6,9 @@
 #ifndef TOV_CORE_REGISTRY_LINKS_H
 #define TOV_CORE_REGISTRY_LINKS_H
 
-#include "include/tov.h"
+#include <stddef.h>
+
+#include "include/tov_registry.h"
 
 // Both links null: the node is in no list.
 void tov_hlist_init(tov_hlist_node_s *node);

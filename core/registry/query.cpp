@@ -1,9 +1,13 @@
 #include "core/registry/query.h"
 
 #include <string.h>
+#include <sys/types.h>
 
 #include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
 

@@ -2,8 +2,11 @@
 #ifndef TOV_CORE_REGISTRY_QUERY_H
 #define TOV_CORE_REGISTRY_QUERY_H
 
+#include <sys/types.h>
+
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 
 // Another record in `tov_chains` of the same task: same `process`, same device, other process id.
 // Returns null when there is none. Otherwise it returns that record when `record->flags` is not 0,

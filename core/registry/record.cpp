@@ -6,9 +6,15 @@
 
 #include <assert.h>
 #include <stdio.h>
+#include <sys/types.h>
+#include <time.h>
 
 #include "client/tov_pidfile.h"
+#include "core/registry/tov_chain.h"
 #include "core/run/lowmem.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "include/tov_wire.h"
 
 enum {
   BURST_SPAN_S = 120,

@@ -32,7 +32,7 @@
 #include <time.h>
 
 #include "core/registry/tov_chain.h"
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 // ---- questions ------------------------------------------------------------------------------
 

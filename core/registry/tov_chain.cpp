@@ -10,12 +10,17 @@
 
 #include <assert.h>
 #include <errno.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/types.h>
 
 #include <utility>
 
 #include "alive/tov_sys_alive.h"
+#include "core/registry/links.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "util/tov_utils.h"
 

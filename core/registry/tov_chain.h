@@ -14,14 +14,17 @@
 #define TOV_CHAIN_H
 
 #include <assert.h>
+#include <sys/types.h>
 
 #include <iterator>
 #include <span>
 
-#include "alive/tov_sys_alive.h"  // TOV_ALIVE_ID_COUNT
+#include "alive/tov_sys_alive.h"  // IWYU pragma: keep (TOV_ALIVE_ID_COUNT)
 #include "core/registry/links.h"
-#include "include/tov.h"
-#include "util/list_file.h"
+#include "include/tov.h"  // IWYU pragma: keep
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "util/list_file.h"  // IWYU pragma: keep
 
 extern tov_chains_t tov_alive_chains;  // threads watched for liveness
 extern tov_chains_t tov_chains_delay;  // exits that wait for a lock to go

@@ -12,6 +12,9 @@
 #include "log/tov_log.h"
 #ifdef TOV_SANITIZE_ADDRESS
 #include <sanitizer/lsan_interface.h>
+#include <sys/types.h>
+
+#include "include/tov_registry.h"
 #endif
 #ifdef TOV_COVERAGE
 extern "C" void __gcov_dump(void);

@@ -7,8 +7,6 @@
 #ifndef TOV_CORE_RUN_FLAGS_H
 #define TOV_CORE_RUN_FLAGS_H
 
-#include <time.h>
-
 // 1: all thread loops are to end.
 extern int quit;
 

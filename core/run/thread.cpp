@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "core/run/flags.h"
+#include "include/tov_registry.h"
 #include "log/tov_log.h"
 #include "util/tov_sys.h"
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 
 static int tov_clnt_sd[TOV_CLIENT_NUM];  // -1: a free slot
 static size_t used;                      // slots from here on are free

@@ -7,12 +7,15 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "client/tov_rpc_connect.h"
+#include "core/server/result.h"
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
 
 static constexpr mode_t SOCKET_MODE = 0777;  // every user's processes may register
 

@@ -11,6 +11,8 @@
 
 #include "client/requests/table.h"
 #include "client/tov_rpc_message.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 

@@ -6,7 +6,7 @@
 #ifndef TOV_CORE_SERVER_REQUEST_H
 #define TOV_CORE_SERVER_REQUEST_H
 
-#include "include/tov.h"
+#include "include/tov_wire.h"
 
 // Receives one request from client `sd`, acknowledges it, then has it carried out.
 // Returns 0 when it was received and acknowledged, else -1: the caller drops the client.

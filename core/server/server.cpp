@@ -24,7 +24,9 @@
 
 #include "core/run/flags.h"
 #include "core/run/thread.h"
+#include "core/server/clients.h"
 #include "core/server/listener.h"
+#include "core/server/request.h"
 #include "core/server/result.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"

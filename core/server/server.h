@@ -6,9 +6,6 @@
 #ifndef TOV_CORE_SERVER_SERVER_H
 #define TOV_CORE_SERVER_SERVER_H
 
-#include "core/server/clients.h"
-#include "core/server/request.h"
-
 // Thread body; the parameter is ignored and the result is null. Runs at real-time priority 99 until
 // `quit` is set, which it notices within 10 s, or its machinery fails; sets `quit` itself when it
 // ends. Uses tov_chains and tov_alive_chains through the handlers; makes no request of its own.

@@ -16,9 +16,14 @@
 #include "core/run/farewell.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "log/plain_files.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
+#include "util/owner.h"
+#include "util/path.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 
 static constexpr char thread_name[] = "tov_inotify_fork";

@@ -4,6 +4,7 @@
 // goes on until the first is gone.
 #include "core/watch/watchdog.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -15,10 +16,14 @@
 #include "core/run/flags.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
-#include "proc/tov_proc.h"
+#include "proc/how.h"
+#include "util/priority.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 
 static constexpr char thread_name[] = "tov_thread_notify_timer";

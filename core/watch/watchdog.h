@@ -19,6 +19,7 @@
 
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 
 // 0 while the registered thread still exists and belongs to the process that registered it with
 // the command line it had; -1 otherwise. Reads /proc; 30 ms for a thread that is gone.

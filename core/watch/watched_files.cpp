@@ -11,10 +11,14 @@
 #include "core/run/flags.h"
 #include "core/watch/fork_watcher.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "log/plain_files.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 #include "util/clock.h"
+#include "util/owner.h"
+#include "util/regular_file.h"
 #include "util/tov_utils.h"
 
 enum {

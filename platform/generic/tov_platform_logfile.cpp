@@ -17,6 +17,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +29,7 @@
 
 #include "platform/tov_platform.h"
 #include "util/entries.h"
+#include "util/owner.h"
 #include "util/regular_file.h"
 
 static constexpr off_t KILOBYTE = 1024;

@@ -1,9 +1,10 @@
 #include "proc/selfcheck/tov_signals.h"
 
 #include <errno.h>
-#include <pthread.h>
 #include <signal.h>
+#include <sys/types.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <algorithm>
 
@@ -12,8 +13,11 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "proc/tov_proc.h"
+#include "proc/burst.h"
+#include "util/clock.h"
+#include "util/owner.h"
 #include "util/tov_sys.h"
 
 #ifdef TOV_SANITIZE_THREAD

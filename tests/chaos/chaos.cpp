@@ -30,14 +30,17 @@
 //
 // Needs root. Exit status: 0, 1 for a verdict against the daemon, 2 when the run could not be made.
 #include <getopt.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <thread>
 
 #include "tests/chaos/deeds.h"
+#include "tests/chaos/fleet.h"
 #include "tests/chaos/judge.h"
 #include "tests/chaos/muster.h"
 #include "tests/chaos/report.h"

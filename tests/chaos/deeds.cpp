@@ -1,6 +1,8 @@
 #include "tests/chaos/deeds.h"
 
 #include "tests/chaos/deeds_list.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

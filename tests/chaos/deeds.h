@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include "tests/chaos/fleet.h"
 #include "tests/chaos/run.h"
 
 namespace tov_chaos {

@@ -1,9 +1,13 @@
 // Deeds to files and to the daemon.
 #include <signal.h>
 
+#include <exception>
+#include <string>
 #include <thread>
 
 #include "tests/chaos/deeds_list.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/run.h"
 
 namespace tov_chaos {
 

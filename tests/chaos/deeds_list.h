@@ -2,6 +2,7 @@
 #ifndef TOV_CHAOS_DEEDS_LIST_H
 #define TOV_CHAOS_DEEDS_LIST_H
 
+#include "tests/chaos/fleet.h"
 #include "tests/chaos/run.h"
 
 namespace tov_chaos {

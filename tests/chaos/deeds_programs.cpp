@@ -1,11 +1,19 @@
 // Deeds to programs.
 #include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "tests/chaos/deeds.h"
 #include "tests/chaos/deeds_list.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/kinds.h"
+#include "tests/chaos/run.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

@@ -1,16 +1,22 @@
 #include "tests/chaos/fleet.h"
 
-#include <fcntl.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "tests/chaos/kinds.h"
 #include "tests/chaos/requests.h"
+#include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

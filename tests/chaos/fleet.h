@@ -5,6 +5,7 @@
 #ifndef TOV_CHAOS_FLEET_H
 #define TOV_CHAOS_FLEET_H
 
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -17,6 +18,7 @@
 
 #include "tests/chaos/kinds.h"
 #include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

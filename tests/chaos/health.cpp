@@ -1,6 +1,11 @@
 #include "tests/chaos/health.h"
 
+#include <stddef.h>
+#include <stdlib.h>
+
 #include <filesystem>
+#include <string>
+#include <system_error>
 
 #include "tests/support/processes.h"
 

@@ -2,6 +2,7 @@
 #ifndef TOV_CHAOS_HEALTH_H
 #define TOV_CHAOS_HEALTH_H
 
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <string>

@@ -1,16 +1,25 @@
 #include "tests/chaos/judge.h"
 
 #include <signal.h>
-#include <sys/wait.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <sstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/chaos/deeds.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/health.h"
 #include "tests/chaos/muster.h"
 #include "tests/chaos/report.h"
+#include "tests/chaos/run.h"
 #include "tests/chaos/upheaval.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

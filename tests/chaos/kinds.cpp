@@ -1,5 +1,7 @@
 #include "tests/chaos/kinds.h"
 
+#include <vector>
+
 namespace tov_chaos {
 
 const std::vector<Kind> &all_kinds() {

@@ -3,11 +3,17 @@
 #include "tests/chaos/muster.h"
 
 #include <signal.h>
+#include <stddef.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "tests/chaos/deeds.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/kinds.h"
+#include "tests/chaos/run.h"
 #include "tests/chaos/upheaval.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "tests/chaos/fleet.h"
 #include "tests/chaos/run.h"
 
 namespace tov_chaos {

@@ -1,8 +1,18 @@
 #include "tests/chaos/report.h"
 
+#include <stddef.h>
+#include <stdio.h>
+
 #include <algorithm>
 #include <fstream>
+#include <ios>
 #include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/run.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

@@ -6,12 +6,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <cstddef>
 #include <cstring>
+#include <string>
 
 #include "include/tov_wire.h"
+#include "tests/support/device.h"
+#include "tests/support/processes.h"
 #include "util/owner.h"
 
 namespace tov_chaos {

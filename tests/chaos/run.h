@@ -2,6 +2,9 @@
 #ifndef TOV_CHAOS_RUN_H
 #define TOV_CHAOS_RUN_H
 
+#include <stddef.h>
+#include <stdint.h>
+
 #include <map>
 #include <string>
 #include <vector>

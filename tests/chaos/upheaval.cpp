@@ -6,12 +6,19 @@
 #include "tests/chaos/upheaval.h"
 
 #include <signal.h>
+#include <stddef.h>
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
-#include "tests/chaos/deeds.h"
+#include "tests/chaos/fleet.h"
+#include "tests/chaos/health.h"
+#include "tests/chaos/kinds.h"
+#include "tests/chaos/run.h"
+#include "tests/support/processes.h"
 
 namespace tov_chaos {
 

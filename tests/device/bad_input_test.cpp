@@ -2,13 +2,23 @@
 // None of them stops the daemon or keeps it from its work, and the trouble is told.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <functional>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ContainsRegex;

@@ -2,10 +2,19 @@
 // self-check.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include <thread>
 
+#include "include/tov_wire.h"
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -5,13 +5,20 @@
 #define TOV_TEST_CLIENT_H
 
 #include <fcntl.h>
-#include <unistd.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

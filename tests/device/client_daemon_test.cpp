@@ -2,8 +2,17 @@
 // again, and what it tells about its clients when asked to.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdio.h>
 
+#include <string>
+#include <vector>
+
+#include "include/tov_wire.h"
 #include "tests/device/client.h"
+#include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
 
 using namespace tov_test;
 using testing::HasSubstr;

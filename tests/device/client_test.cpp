@@ -4,9 +4,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
 
 #include <set>
+#include <string>
+#include <vector>
+
+#include "include/tov_wire.h"
+#include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -2,10 +2,20 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <stdexcept>
+#include <string>
+
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -1,8 +1,13 @@
 // Two registrations of one task: the same command in the same device. One instance is enough.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <string>
 
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 

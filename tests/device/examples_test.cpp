@@ -2,11 +2,21 @@
 // running daemon, is killed, and comes back. What they show beside that is tried as well.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
 
 #include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/client.h"
+#include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -1,8 +1,15 @@
 // Forks that fail: recorded, retried every five seconds, forgotten at the first success.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

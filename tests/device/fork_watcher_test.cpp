@@ -3,12 +3,19 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdio.h>
-#include <sys/wait.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <stdexcept>
+#include <string>
 
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "util/owner.h"
 
 namespace fs = std::filesystem;

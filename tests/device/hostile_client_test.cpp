@@ -1,13 +1,32 @@
 // The registration socket is open to everybody. Whatever a client sends or does not do, it costs
 // that client its connection and nobody else anything: the shipped daemon goes on serving, with the
 // memory and the descriptors that it had before.
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <iostream>
+#include <memory>
 #include <random>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/raw_clients.h"
+#include "tests/device/story.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "tests/support/raw_client.h"
 
 using namespace tov_test;
 using testing::AnyOf;

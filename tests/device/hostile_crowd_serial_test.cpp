@@ -1,8 +1,18 @@
 // As many clients at once as the daemon takes, and one more. Alone, because the server looks at all
 // of them for each request, at the highest priority.
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <sys/resource.h>
+
 #include <iostream>
+#include <memory>
+#include <vector>
 
 #include "tests/device/raw_clients.h"
+#include "tests/device/story.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "tests/support/raw_client.h"
 
 using namespace tov_test;
 

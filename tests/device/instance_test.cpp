@@ -3,9 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
-#include <sys/wait.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <iterator>
+#include <ostream>
+#include <string>
+#include <vector>
 
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "tests/support/spawn.h"
 
 using namespace tov_test;
 using testing::Contains;

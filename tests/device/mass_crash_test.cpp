@@ -2,11 +2,17 @@
 // means that the self-healing program is run.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
 
+#include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "tests/device/story.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::EndsWith;

@@ -2,10 +2,18 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <map>
+#include <stdexcept>
+#include <string>
+
 #include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 using testing::HasSubstr;
 using tov_test::Device;

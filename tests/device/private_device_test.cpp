@@ -4,14 +4,21 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "tests/support/device.h"
+#include "tests/support/processes.h"
+#include "tests/support/root_builder.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -5,14 +5,25 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
 
 namespace tov_test {

@@ -1,10 +1,27 @@
 // Requests to the shipped daemon, byte by byte: what each of them enters into the registries, what
 // the event logs and the diagnostics say about it, and the dumps of the registries.
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
 
+#include <algorithm>
+#include <memory>
 #include <sstream>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/raw_clients.h"
+#include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "tests/support/raw_client.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -2,8 +2,17 @@
 // scripts that are missing or do not stay.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <string>
+#include <vector>
+
+#include "include/tov_wire.h"
+#include "tests/device/story.h"
 #include "tests/device/worker.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

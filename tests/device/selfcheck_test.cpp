@@ -1,11 +1,25 @@
 // Minutes of self-checks on a fast clock: crash loops, the waiting time, who comes back when, and
 // when a reload is asked for.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/types.h>
 
+#include <chrono>
 #include <ostream>
+#include <string>
 #include <thread>
+#include <vector>
 
+#include "include/tov_wire.h"
+#include "tests/device/story.h"
 #include "tests/device/worker.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 

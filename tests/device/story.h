@@ -9,17 +9,25 @@
 #define TOV_TEST_STORY_H
 
 #include <fcntl.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
 
 #include <functional>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/tov_wire.h"
+#include "tests/support/birth.h"
+#include "tests/support/collector.h"
 #include "tests/support/device.h"
 #include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 namespace tov_test {
 

@@ -3,10 +3,19 @@
 // On a clock that is sixty times as fast: a sweep takes a second.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/story.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

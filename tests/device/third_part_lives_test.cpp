@@ -2,16 +2,25 @@
 // socket, each time that they start. However often they die, it holds nothing more than before.
 //
 // TOV_TEST_LIVES asks for another number of lives, such as ten thousand.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
 
 #include "tests/device/story.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
 
 using namespace tov_test;

@@ -5,14 +5,28 @@
 // command line among all processes of the machine.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <ios>
+#include <iterator>
 #include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 #include <thread>
+#include <vector>
 
+#include "include/tov_wire.h"
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -4,10 +4,18 @@
 #include <linux/connector.h>
 #include <linux/netlink.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
+
+#include <ostream>
+#include <string>
 
 #include "tests/device/story.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "util/owner.h"
 
 using namespace tov_test;

@@ -2,8 +2,22 @@
 // and a member that comes back inside its device.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/device/story.h"
 #include "tests/device/vsd_tool.h"
+#include "tests/device/vsd_turn.h"
+#include "tests/device/worker.h"
+#include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -2,12 +2,23 @@
 // the neighbours do not notice.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/file.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "tests/device/story.h"
 #include "tests/device/vsd_tool.h"
+#include "tests/device/vsd_turn.h"
+#include "tests/device/worker.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -1,7 +1,11 @@
 // Limits of virtual devices, with the kernel's own control groups and figures.
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
+#include <stdint.h>
+#include <sys/file.h>
 
 #include <map>
 #include <sstream>
@@ -10,6 +14,9 @@
 #include <vector>
 
 #include "tests/device/vsd_tool.h"
+#include "tests/device/vsd_turn.h"
+#include "tests/device/worker.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

@@ -3,11 +3,17 @@
 // that is being deleted stays dead, and the neighbours notice nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
 
 #include <string>
 #include <vector>
 
+#include "tests/device/story.h"
 #include "tests/device/vsd_tool.h"
+#include "tests/device/vsd_turn.h"
+#include "tests/device/worker.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -1,9 +1,21 @@
 // Programs of a virtual device come back inside it, and are left dead while a device is deleted.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
 
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "include/tov_wire.h"
 #include "tests/device/story.h"
 #include "tests/device/vsd_turn.h"
+#include "tests/support/birth.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::ElementsAre;

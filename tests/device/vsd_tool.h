@@ -9,12 +9,19 @@
 #ifndef TOV_TEST_VSD_TOOL_H
 #define TOV_TEST_VSD_TOOL_H
 
+#include <stddef.h>
+
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "tests/device/vsd_turn.h"
+#include "include/tov_wire.h"
+#include "tests/device/story.h"
 #include "tests/device/worker.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "tests/support/sanitizer_env.h"
 
 namespace tov_test {

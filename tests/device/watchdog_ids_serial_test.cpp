@@ -1,17 +1,25 @@
 // Thread ids that change hands, and those that have no place in the shared area. Runs alone: the
 // largest process id is the whole machine's.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "tests/device/story.h"
 #include "tests/device/watched.h"
-#include "tests/support/children.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::Each;

@@ -1,14 +1,24 @@
 // The watch over threads on a fast clock: what holds the countdown back, who is not counted down,
 // and what becomes of it when the area or the daemon is another one.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
 
 #include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "tests/device/story.h"
 #include "tests/device/watched.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 #include "util/owner.h"
 
 using namespace tov_test;

@@ -2,11 +2,22 @@
 // minute.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
 
+#include <algorithm>
+#include <map>
 #include <ostream>
+#include <string>
+#include <vector>
 
+#include "tests/device/story.h"
 #include "tests/device/watched.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::AnyOf;

@@ -1,12 +1,20 @@
 // What the watch over threads says on a fast clock, and the dumps of the registries.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <stdio.h>
 
+#include <algorithm>
 #include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
 
+#include "include/tov_wire.h"
+#include "tests/device/story.h"
 #include "tests/device/watched.h"
 #include "tests/device/worker.h"
+#include "tests/support/device.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::HasSubstr;

@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/device/story.h"
 

@@ -16,7 +16,9 @@
 #include <string>
 
 #include "core/registry/tov_chain.h"
-#include "core/server/server.h"
+#include "core/server/request.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 // The handlers remove registration files by their fixed names, and an input may name any process of
 // the machine. Its files are not ours to remove.

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "client/tov_pidfile.h"
+#include "include/tov_registry.h"
 
 namespace {
 

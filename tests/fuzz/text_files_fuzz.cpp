@@ -4,7 +4,6 @@
 //
 // An input is: a byte that chooses the reader, a byte for its sizes, a line with the word that is
 // looked for, and behind it the file.
-#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdint.h>
@@ -19,6 +18,7 @@
 #include <string>
 
 #include "core/run/settings.h"
+#include "include/tov_registry.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "util/lines.h"

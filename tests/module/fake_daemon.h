@@ -5,7 +5,9 @@
 #ifndef TOV_TEST_MODULE_FAKE_DAEMON_H
 #define TOV_TEST_MODULE_FAKE_DAEMON_H
 
+#include <errno.h>
 #include <poll.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,6 +23,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "include/tov_ras_comp_config.h"

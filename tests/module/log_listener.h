@@ -2,6 +2,7 @@
 #ifndef TOV_TEST_MODULE_LOG_LISTENER_H
 #define TOV_TEST_MODULE_LOG_LISTENER_H
 
+#include <stddef.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>

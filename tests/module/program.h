@@ -3,14 +3,14 @@
 #ifndef TOV_TEST_MODULE_PROGRAM_H
 #define TOV_TEST_MODULE_PROGRAM_H
 
+#include <stddef.h>
+
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "tests/support/birth.h"
-#include "tests/support/child.h"
-#include "tests/support/children.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "tests/support/text.h"

@@ -3,6 +3,7 @@
 #ifndef TOV_TEST_MODULE_SELF_HEALING_H
 #define TOV_TEST_MODULE_SELF_HEALING_H
 
+#include <stddef.h>
 #include <sys/stat.h>
 
 #include <algorithm>

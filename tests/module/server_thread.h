@@ -2,15 +2,14 @@
 #ifndef TOV_TEST_MODULE_SERVER_THREAD_H
 #define TOV_TEST_MODULE_SERVER_THREAD_H
 
-#include <pthread.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
 #include "core/run/flags.h"
 #include "core/server/server.h"
+#include "include/tov_ras_comp_config.h"
 #include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"

@@ -13,10 +13,10 @@
 #include <sstream>
 #include <string>
 
-#include "tests/module/private_root.h"
-#include "tests/module/vsd.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/children.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 
 namespace tov_test {
 

@@ -30,10 +30,11 @@
 #include "core/registry/tov_chain.h"
 #include "core/tov_core.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_log.h"
-#include "proc/tov_proc.h"
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
 #include "tests/support/children.h"

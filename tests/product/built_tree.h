@@ -3,7 +3,6 @@
 #define TOV_TEST_BUILT_TREE_H
 
 #include <stdio.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <stdexcept>

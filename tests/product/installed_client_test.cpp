@@ -1,8 +1,10 @@
 // The client library as other teams get it: installed, found, compiled against and run.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <filesystem>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "tests/product/built_tree.h"
 #include "tests/support/files.h"

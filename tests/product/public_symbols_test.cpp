@@ -5,7 +5,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "tests/product/built_tree.h"
 

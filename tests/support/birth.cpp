@@ -1,8 +1,15 @@
 // Reads the report that a victim program writes about its start.
 #include "tests/support/birth.h"
 
+#include <stdint.h>
+
 #include <cstdlib>
+#include <map>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace tov_test {
 

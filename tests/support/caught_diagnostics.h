@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "tests/support/stdout.h"
 

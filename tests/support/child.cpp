@@ -3,10 +3,16 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "tests/support/children.h"
 #include "tests/support/processes.h"

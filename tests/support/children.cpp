@@ -3,6 +3,9 @@
 
 #include <linux/sched.h>
 #include <poll.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,11 +17,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/processes.h"
 #include "util/owner.h"
 
 namespace tov_test {

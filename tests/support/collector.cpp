@@ -10,12 +10,18 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <stddef.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <mutex>
+#include <utility>
+#include <vector>
+
 #include "tests/support/children.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -1,6 +1,7 @@
 // The version-1 memory and cpu control groups of a private device.
 #include "tests/support/control_groups.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -10,9 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

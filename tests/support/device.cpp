@@ -3,20 +3,31 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/support/children.h"
+#include "tests/support/collector.h"
 #include "tests/support/keeper_channel.h"
+#include "tests/support/processes.h"
 #include "tests/support/sanitizer_env.h"
+#include "tests/support/spawn.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

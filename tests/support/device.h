@@ -26,6 +26,7 @@
 #define TOV_TEST_DEVICE_H
 
 #include <signal.h>
+#include <stddef.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -41,6 +42,7 @@
 #include "tests/support/processes.h"
 #include "tests/support/root_builder.h"
 #include "tests/support/spawn.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -3,8 +3,10 @@
 // Every path is resolved with the device's root as its root (openat2, RESOLVE_IN_ROOT), so an
 // absolute symbolic link stays inside: a test must not write to the machine's /run because the
 // device's /var/run leads there.
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,10 +14,14 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "tests/support/device.h"
 #include "tests/support/text.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

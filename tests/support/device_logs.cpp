@@ -1,13 +1,18 @@
 // What a device says: system log, event logs, console, the daemon's output, sanitizers' reports.
-#include <fcntl.h>
+#include <stddef.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
+#include "tests/support/collector.h"
 #include "tests/support/device.h"
 #include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+#include "tests/support/root_builder.h"
 #include "tests/support/sanitizer_env.h"
 
 namespace tov_test {

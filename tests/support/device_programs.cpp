@@ -1,22 +1,32 @@
 // Programs of a device: the daemon, test programs, their births and deaths.
 #include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
 
+#include "tests/support/birth.h"
 #include "tests/support/children.h"
 #include "tests/support/device.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 #include "tests/support/sanitizer_env.h"
+#include "tests/support/spawn.h"
 
 namespace tov_test {
 

@@ -1,12 +1,17 @@
 // The daemon's event logs as a test reads them.
 #include "tests/support/event_log.h"
 
+#include <stddef.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <set>
+#include <string>
+#include <system_error>
+#include <vector>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 #include "tests/support/processes.h"
 #include "tests/support/text.h"
 

@@ -5,6 +5,8 @@
 #ifndef TOV_TEST_EVENT_LOG_H
 #define TOV_TEST_EVENT_LOG_H
 
+#include <stddef.h>
+
 #include <string>
 #include <vector>
 

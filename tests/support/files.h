@@ -2,16 +2,19 @@
 #ifndef TOV_TEST_FILES_H
 #define TOV_TEST_FILES_H
 
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <ios>
 #include <iterator>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace tov_test {

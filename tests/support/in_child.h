@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

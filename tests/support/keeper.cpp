@@ -10,16 +10,20 @@
 // hold the socket open although the test has ended.
 //
 // Options: --data2, --console=pty|file|null, --visible=DIR (may be repeated).
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "tests/support/control_groups.h"
 #include "tests/support/keeper_channel.h"

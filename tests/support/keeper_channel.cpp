@@ -5,6 +5,12 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

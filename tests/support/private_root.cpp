@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "tests/support/root_builder.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -6,6 +6,8 @@
 #ifndef TOV_TEST_PROCESSES_H
 #define TOV_TEST_PROCESSES_H
 
+#include <stddef.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <chrono>

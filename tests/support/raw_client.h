@@ -4,16 +4,15 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <random>
-#include <stdexcept>
 #include <string>
 
 #include "include/tov_ras_comp_config.h"

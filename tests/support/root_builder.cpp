@@ -19,8 +19,13 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "tests/support/control_groups.h"
+#include "util/owner.h"
 
 namespace tov_test {
 

@@ -4,7 +4,9 @@
 #include <glob.h>
 
 #include <cstdlib>
+#include <map>
 #include <stdexcept>
+#include <string>
 
 namespace tov_test {
 

@@ -2,16 +2,18 @@
 #include "tests/support/spawn.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/close_range.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <vector>
 
 #include "tests/support/children.h"
 #include "util/owner.h"

@@ -6,6 +6,7 @@
 #define TOV_TEST_TEXT_H
 
 #include <gmock/gmock.h>
+#include <stddef.h>
 
 #include <algorithm>
 #include <string>

@@ -4,13 +4,17 @@
 #define TOV_TEST_UNIT_SIMULATED_H
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include <string>
 
 #include "client/tov_pidfile.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"

@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/in_child.h"
 
 #if !defined(TOV_SANITIZE_THREAD)  // its runtime makes these calls before it is ready for ours

@@ -3,8 +3,8 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <time.h>
@@ -16,7 +16,7 @@
 
 #include "tests/module/failing_sem.h"
 #include "tests/module/no_semaphores.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -17,7 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"

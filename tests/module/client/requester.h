@@ -14,8 +14,10 @@
 #include "client/tov_rpc_overdue.h"
 #include "client/tov_rpc_stop.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/in_child.h"
 
 namespace tov_test {

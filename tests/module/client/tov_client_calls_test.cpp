@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -17,15 +17,17 @@
 #include <thread>
 #include <vector>
 
-#include "alive/tov_sys_alive.h"
-#include "client/tov_rpc.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
+#include "util/owner.h"
 
 using tov_test::in_child;
 

@@ -1,11 +1,16 @@
 // Several threads of a host inside the library at once: the thread sanitizer's run of this program
 // is what shows that no call reads what another writes without a lock.
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -14,11 +19,11 @@
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
-#include "client/tov_rpc.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
-#include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 
 using tov_test::FakeDaemon;

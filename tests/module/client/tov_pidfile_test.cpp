@@ -2,11 +2,11 @@
 // what may stand in the place of a file.
 #include "client/tov_pidfile.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -17,7 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/refused_calls.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"

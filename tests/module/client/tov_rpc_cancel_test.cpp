@@ -1,5 +1,7 @@
 // Withdrawing the registrations of a process.
 #include <gtest/gtest.h>
+#include <stdint.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -7,6 +9,7 @@
 
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
+#include "include/tov_wire.h"
 #include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/support/child.h"

@@ -4,22 +4,28 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdint.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "client/tov_rpc.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
-#include "tests/support/processes.h"
 #include "tests/support/stdout.h"
 
 using namespace std::chrono_literals;

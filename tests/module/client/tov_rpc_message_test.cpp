@@ -1,14 +1,16 @@
 // One framed message: what is on the wire, and what a receiver lets itself be told.
-#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,9 +19,11 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "client/tov_rpc.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "tests/support/processes.h"
 #include "tests/support/stdout.h"

@@ -1,15 +1,20 @@
 // Connections that are done with while the daemon still owes their answers.
-#include "client/tov_rpc_overdue.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stddef.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "client/tov_rpc.h"
+#include "include/tov_wire.h"
 #include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/support/processes.h"

@@ -1,18 +1,26 @@
 // One request of a client process: exchange, keeping the connection, forks.
 #include "client/tov_rpc.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
+#include <stdint.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "client/tov_pidfile.h"
+#include "client/tov_rpc_lock.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"

@@ -1,11 +1,14 @@
 // Limits of resources, and the watch over open files.
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/resource.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <climits>
 #include <string>
 
+#include "include/tov_registry.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "tests/support/caught_diagnostics.h"

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ipc.h>
@@ -13,10 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "tests/module/failing_sem.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/no_semaphores.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/in_child.h"
 

@@ -3,26 +3,30 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
-#include "tests/support/processes.h"
 #include "tests/support/stdout.h"
 #include "util/tov_utils.h"
 

@@ -1,22 +1,31 @@
 // Watched threads: registering, staying alive, leaving, exemption.
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_rpc.h"
+#include "client/tov_rpc_lock.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"

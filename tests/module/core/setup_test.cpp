@@ -1,11 +1,13 @@
 // Start-up's preparations: the directory trees and the limit of open files.
 #include "core/setup.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <signal.h>
-#include <sys/mount.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -13,11 +15,10 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"

@@ -5,13 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <set>
 #include <string>
 
-#include "tests/module/world.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/text.h"
+#include "util/list_file.h"
 
 namespace fs = std::filesystem;
 

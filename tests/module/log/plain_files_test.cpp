@@ -3,17 +3,21 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdio.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/stdout.h"
 #include "tests/support/text.h"

@@ -6,14 +6,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/stdout.h"

@@ -7,19 +7,24 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libgen.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "log/tov_dbg.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/event_log.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"

@@ -2,19 +2,23 @@
 // when it fails.
 #include "proc/child.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "proc/selfcheck/tov_signals.h"
 #include "proc/tov_proc.h"
 #include "tests/module/proc/spawning.h"

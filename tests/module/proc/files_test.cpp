@@ -1,9 +1,11 @@
 // Small files around starting a program: self-check period, console, fork record.
 #include "proc/files.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,10 +15,11 @@
 #include <string>
 #include <thread>
 
+#include "include/tov_ras_comp_config.h"
 #include "tests/module/world.h"
-#include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace fs = std::filesystem;
 

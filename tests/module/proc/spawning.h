@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
+#include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -3,10 +3,13 @@
 #include "proc/tov_proc.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,6 +18,10 @@
 #include <string>
 #include <thread>
 
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "proc/selfcheck/tov_signals.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/proc/spawning.h"

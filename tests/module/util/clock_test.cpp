@@ -2,6 +2,8 @@
 #include "util/clock.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
+#include <time.h>
 
 namespace {
 

@@ -1,6 +1,7 @@
 // Going through a directory: what is passed over, what failures leave behind, who closes it.
 #include "util/entries.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "tests/support/files.h"
+#include "util/owner.h"
 
 namespace fs = std::filesystem;
 

@@ -1,20 +1,18 @@
 // Looking executables up in list files: against the kernel's links and the C library's reading.
 #include "util/list_file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 
 namespace {

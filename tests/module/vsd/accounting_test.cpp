@@ -3,11 +3,13 @@
 
 #include <ctype.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -22,13 +24,15 @@
 #include <utility>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 namespace fs = std::filesystem;
 

@@ -5,6 +5,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +15,9 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/module/vsd.h"
 #include "tests/module/vsd_device.h"
+#include "tests/support/files.h"
 #include "util/tov_utils.h"
 
 namespace fs = std::filesystem;

@@ -9,19 +9,20 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/refused_calls.h"
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/stdout.h"
-#include "vsd/kill.h"
 
 namespace fs = std::filesystem;
 

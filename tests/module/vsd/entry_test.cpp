@@ -2,7 +2,6 @@
 #include "vsd/entry.h"
 
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>

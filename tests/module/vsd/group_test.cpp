@@ -7,13 +7,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <stdint.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <filesystem>
+#include <functional>
 #include <string>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 

@@ -3,15 +3,17 @@
 
 #include <errno.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
-#include "tests/module/private_root.h"
+#include "include/tov_registry.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/refused_calls.h"
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "include/tov_registry.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/in_child.h"
 

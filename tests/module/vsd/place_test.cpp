@@ -5,12 +5,13 @@
 #include <limits.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
 
+#include "tests/module/vsd.h"
 #include "tests/module/vsd_device.h"
+#include "tests/support/files.h"
 #include "vsd/create.h"
 
 namespace fs = std::filesystem;

@@ -1,9 +1,14 @@
 // Registration files, the reading side: what a restarted daemon believes and what it refuses.
 #include <errno.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
 #include "client/tov_pidfile.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "tests/support/caught_diagnostics.h"
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

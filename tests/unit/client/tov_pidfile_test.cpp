@@ -2,10 +2,15 @@
 #include "client/tov_pidfile.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <string>
 
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

@@ -2,6 +2,7 @@
 // two languages, so each record is read here from bytes that were put down by hand.
 #include <gtest/gtest.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>

@@ -4,12 +4,23 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
+#include <time.h>
 
 #include <string>
 
-#include "core/run/settings.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
 #include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "proc/files.h"
+#include "proc/how.h"
+#include "tests/unit/sim/kernel.h"
+#include "tests/unit/sim/platform.h"
 #include "tests/unit/simulated.h"
 #include "util/clock.h"
 

@@ -2,9 +2,13 @@
 #include "proc/find.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
 
 #include <string>
 
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

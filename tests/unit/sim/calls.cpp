@@ -1,7 +1,12 @@
 // The functions of the seam over the simulated kernel: each counts itself, fails when a test has
 // planned it, and turns the kernel's -errno into what the call returns.
 #include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <time.h>
 
 #include <utility>
 

@@ -4,10 +4,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
+#include <stdint.h>
+#include <stdlib.h>
 
 #include <algorithm>
+#include <functional>
+#include <memory>
 #include <utility>
+#include <vector>
 
 namespace tov_test {
 

@@ -17,6 +17,7 @@
 #include <dirent.h>
 #include <limits.h>
 #include <poll.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,11 +1,19 @@
 // The simulated kernel itself: what pure tests rely on.
 #include "tests/unit/sim/kernel.h"
 
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <time.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/unit/simulated.h"
 #include "util/tov_sys.h"

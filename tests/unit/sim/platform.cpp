@@ -3,6 +3,10 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <string>
+#include <vector>
+
+#include "include/tov_registry.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 

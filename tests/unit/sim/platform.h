@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 namespace tov_test {
 

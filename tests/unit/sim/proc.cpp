@@ -1,8 +1,11 @@
 // The simulated kernel: a process as /proc shows it.
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "tests/unit/sim/kernel.h"
 

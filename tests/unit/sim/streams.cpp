@@ -1,9 +1,16 @@
 // The functions of the seam over the simulated kernel: directories, counters, sockets.
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "tests/unit/sim/kernel.h"
 #include "util/tov_sys.h"

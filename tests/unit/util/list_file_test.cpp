@@ -2,12 +2,14 @@
 #include "util/list_file.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <limits.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

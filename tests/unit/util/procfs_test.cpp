@@ -2,11 +2,16 @@
 #include "util/procfs.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

@@ -2,7 +2,8 @@
 #include "client/requests/tov_msg.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -10,7 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"

@@ -1,9 +1,10 @@
 // The event handler: executions that register a program, exits, its pace, and how it ends.
 #include "core/events/handler.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,6 +14,10 @@
 #include <thread>
 
 #include "core/events/tov_fifo.h"
+#include "core/run/flags.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"

@@ -8,16 +8,22 @@
 #include <linux/cn_proc.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "core/events/tov_fifo.h"
+#include "include/tov_registry.h"
 #include "tests/module/core/events/queued_events.h"
 #include "tests/support/in_child.h"
 

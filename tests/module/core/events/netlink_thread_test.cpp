@@ -5,19 +5,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "core/events/netlink.h"
-#include "core/events/tov_fifo.h"
+#include "core/run/flags.h"
+#include "include/tov_registry.h"
 #include "tests/module/core/events/queued_events.h"
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
@@ -26,6 +31,7 @@
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

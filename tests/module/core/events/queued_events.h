@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/events/tov_fifo.h"
+#include "include/tov_registry.h"
 #include "tests/module/world.h"
 
 namespace tov_test {

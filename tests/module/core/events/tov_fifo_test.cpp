@@ -3,14 +3,16 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <stdint.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
-#include "include/tov.h"
+#include "include/tov_registry.h"
 
 namespace {
 

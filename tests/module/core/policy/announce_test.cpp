@@ -4,11 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"
 #include "tests/support/text.h"

@@ -1,22 +1,29 @@
 // The deferral of a restart while the registration file of the dead process is locked.
 #include "core/policy/defer.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "core/policy/exit.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;

@@ -4,18 +4,24 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdint.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <optional>
+#include <algorithm>
 #include <string>
 #include <thread>
 
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/program.h"
 #include "tests/module/seconds_ago.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/processes.h"
-#include "util/priority.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;

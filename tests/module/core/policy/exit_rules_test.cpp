@@ -4,14 +4,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <chrono>
 #include <filesystem>
 #include <future>
 #include <string>
 
 #include "core/policy/exit.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/program.h"
@@ -19,6 +25,7 @@
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -1,17 +1,22 @@
 // The decision after the exit of a supervised process.
 #include "core/policy/exit.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stddef.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "core/policy/announce.h"
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
@@ -20,7 +25,7 @@
 #include "tests/support/children.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

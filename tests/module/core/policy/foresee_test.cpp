@@ -1,10 +1,14 @@
 // The forecast of an exit beside what the decision really does, over random situations.
 #include "core/policy/foresee.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stddef.h>
+#include <sys/types.h>
+#include <unistd.h>
 
-#include <memory>
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <random>
@@ -12,11 +16,19 @@
 #include <string>
 
 #include "core/policy/exit.h"
+#include "core/policy/rules.h"
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
+#include "tests/support/children.h"
+#include "tests/support/files.h"
 #include "util/clock.h"
+#include "util/tov_utils.h"
 
 using tov_test::Child;
 using tov_test::GONE;

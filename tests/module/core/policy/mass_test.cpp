@@ -3,16 +3,19 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <stddef.h>
+#include <time.h>
 
-#include <filesystem>
 #include <string>
 
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/module/seconds_ago.h"
 #include "tests/module/self_healing.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -1,7 +1,6 @@
 // The registry after a restart of the daemon.
 #include "core/policy/rebuild.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,6 +9,10 @@
 #include <filesystem>
 #include <string>
 
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/birth.h"

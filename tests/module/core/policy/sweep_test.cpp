@@ -3,20 +3,27 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <stdint.h>
 
 #include <chrono>
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -13,6 +13,9 @@
 #include <string>
 #include <thread>
 
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/world.h"
 #include "tests/support/processes.h"
 #include "tests/support/stdout.h"

@@ -2,12 +2,15 @@
 #include "core/registry/query.h"
 
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <stdlib.h>
+#include <sys/wait.h>
 
 #include <string>
 
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"

@@ -1,23 +1,22 @@
 // The registries: order in a bucket, removal, the lock and its order.
 #include "core/registry/tov_chain.h"
 
-#include <fcntl.h>
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <climits>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
-#include "tests/module/private_root.h"
+#include "core/registry/links.h"
+#include "include/tov_registry.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 
 namespace {

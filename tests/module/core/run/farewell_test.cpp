@@ -6,12 +6,12 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 
 #include <exception>
 #include <new>
 #include <string>
 
+#include "include/tov_registry.h"
 #include "tests/module/world.h"
 #include "tests/support/in_child.h"
 #include "tests/support/stdout.h"

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "core/run/flags.h"
+#include "include/tov_registry.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/world.h"
 

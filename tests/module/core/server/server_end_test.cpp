@@ -1,12 +1,17 @@
 // How the registration server ends: each failure of its own machinery has its number in the event
 // log, `quit` is set, and everything it held is closed.
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,15 +20,23 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "core/run/flags.h"
+#include "core/server/clients.h"
+#include "core/server/server.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/module/server_thread.h"
 #include "tests/module/world.h"
+#include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "tests/support/raw_client.h"
+#include "util/owner.h"
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStdout;

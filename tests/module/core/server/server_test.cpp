@@ -1,9 +1,15 @@
 // The registration server against good, unlucky and hostile clients.
-#include "core/server/server.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,10 +18,13 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "client/tov_rpc.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "include/tov_xtach.h"
 #include "tests/module/server_thread.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"

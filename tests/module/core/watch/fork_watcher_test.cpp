@@ -4,13 +4,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include "core/run/flags.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/module/self_healing.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"

@@ -4,15 +4,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/caught_diagnostics.h"

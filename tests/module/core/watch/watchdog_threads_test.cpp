@@ -4,6 +4,7 @@
 // On a device the two sides are processes of their own; here the process maps the area as a client,
 // so that the scan reads the very bytes that the clients write.
 #include <gtest/gtest.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,7 +14,10 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/requests/tov_msg.h"
+#include "core/registry/tov_chain.h"
 #include "core/watch/watchdog.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "tests/module/world.h"
 #include "tests/support/processes.h"

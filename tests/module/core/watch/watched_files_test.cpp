@@ -2,20 +2,28 @@
 // switch, and the small files beside them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <stddef.h>
+#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "core/run/flags.h"
 #include "core/watch/fork_watcher.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
 #include "tests/module/self_healing.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
+#include "util/clock.h"
 
 namespace fs = std::filesystem;
 

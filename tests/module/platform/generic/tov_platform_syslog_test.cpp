@@ -1,6 +1,7 @@
 // System log of the generic platform: form of a message, dropping instead of waiting.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 
 #include "platform/tov_platform.h"
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"
+#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "tests/support/text.h"

@@ -5,23 +5,34 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
+#include <stdlib.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "proc/tov_proc.h"
 #include "tests/module/program.h"
 #include "tests/module/seconds_ago.h"
 #include "tests/module/world.h"
 #include "tests/support/birth.h"
 #include "tests/support/child.h"
+#include "tests/support/children.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
-#include "util/priority.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -3,14 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stddef.h>
 
-#include <algorithm>
 #include <climits>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "alive/tov_sys_alive.h"
 #include "client/requests/tov_msg.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 using testing::ElementsAre;
 using testing::FieldsAre;

@@ -2,18 +2,26 @@
 #include "core/events/netlink.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <linux/cn_proc.h>
 #include <linux/netlink.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "core/events/tov_fifo.h"
+#include "core/run/flags.h"
+#include "include/tov_registry.h"
+#include "tests/unit/sim/kernel.h"
+#include "tests/unit/sim/platform.h"
 #include "tests/unit/simulated.h"
 #include "util/owner.h"
 #include "util/tov_sys.h"

@@ -2,11 +2,14 @@
 #include "core/events/tov_fifo.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
 
 #include "include/tov_registry.h"
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
 using tov_test::kernel;

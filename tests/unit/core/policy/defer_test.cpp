@@ -3,11 +3,18 @@
 
 #include <errno.h>
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <stdio.h>
 
 #include <string>
 
+#include "client/tov_pidfile.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
-#include "util/priority.h"
 
 using testing::HasSubstr;
 using tov_test::kernel;

@@ -9,6 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "core/policy/rules.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+
 using testing::ElementsAre;
 
 namespace {

@@ -2,6 +2,11 @@
 #include "core/registry/record.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
+
+#include "core/registry/tov_chain.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 namespace {
 

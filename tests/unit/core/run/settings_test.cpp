@@ -2,11 +2,13 @@
 #include "core/run/settings.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
 #include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
+#include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 #include "util/tov_utils.h"
 

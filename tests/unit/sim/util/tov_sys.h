@@ -4,6 +4,8 @@
 #ifndef TOV_UTIL_TOV_SYS_H
 #define TOV_UTIL_TOV_SYS_H
 
+// Whoever makes these calls has their constants too.
+// IWYU pragma: begin_exports
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -21,6 +23,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+// IWYU pragma: end_exports
 
 // ---- time and waiting -----------------------------------------------------------------------
 
