@@ -43,7 +43,7 @@ static constexpr size_t CMDLINE_SIZE = TOV_PROCESS_SIZE;
 namespace {
 
 // A registration file that this process wrote. It is the same file for as long as path, device
-// and inode agree; anything else at that path is somebody else's.
+// and inode agree; any other file at that path belongs to another process.
 struct kept_s {
   kept_s *next;
   dev_t dev;

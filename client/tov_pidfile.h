@@ -6,8 +6,8 @@
 // whoever gets it knows that the process is gone. A restarted daemon reads the files back.
 //
 // Locks of this kind belong to the process and go when it closes ANY descriptor of the file, hence
-// the rules here: one descriptor a file, kept in a table; nobody else in the process opens and
-// closes a file that the process holds locked.
+// the rules here: one descriptor a file, kept in a table; no other code in the process opens
+// and closes a file that the process holds locked.
 //
 // The directory is open to everybody, so a name in it can lead anywhere: symbolic links are not
 // followed, nothing but regular files is read or written, and no open waits for a peer.

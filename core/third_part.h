@@ -1,5 +1,5 @@
-// The list of third-part programs: programs that nobody could link with the client library, and
-// that are registered on their behalf when they are executed.
+// The list of third-part programs: programs that cannot be linked with the client library.
+// The daemon registers them on their behalf when they are executed.
 #ifndef TOV_CORE_THIRD_PART_H
 #define TOV_CORE_THIRD_PART_H
 

@@ -35,7 +35,7 @@ typedef int tov_dbg_t;
 enum {
   TOV_MODULE_PUB = 0,   /* the daemon, its command line and the client library */
   TOV_MODULE_ALIVE = 1, /* the shared area of thread liveness */
-  TOV_MODULE_LIB = 2,   /* read from the file, asked by nobody */
+  TOV_MODULE_LIB = 2,   /* read from the file; no diagnostic asks for it */
   TOV_MODULE_END = 3
 };
 

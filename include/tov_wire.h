@@ -59,7 +59,7 @@ typedef struct tov_msg_head_s {
   uint32_t type; /* TOV_MSG_TYPE */
   int32_t len;
   char pathname[TOV_PATHNAME_SIZE]; /* start script of a TOV_SHELL_RESTART, otherwise empty */
-  int32_t pid;                      /* 0; nobody reads it */
+  int32_t pid;                      /* 0; the daemon does not read it */
   char data[];
 } tov_msg_head_t;
 #pragma GCC diagnostic pop

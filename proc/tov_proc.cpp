@@ -98,7 +98,7 @@ start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way)
 
 // A listed program may have forked itself away: the process to supervise is then the one that runs
 // its command line, wherever it came from. `forked` is -1 after a failed fork; the search is made
-// all the same, because somebody else may have started the program meanwhile.
+// all the same, because another process may have started the program meanwhile.
 static pid_t find_third_part(const start_s &start, pid_t forked, pid_t *res) {
   const char *function = start.how.function;
   char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place

@@ -3,7 +3,7 @@
 // A room that decides something asks the kernel through these functions and not directly. Each is
 // its system call and nothing else: same result, same errno, no state. What a pure test is compiled
 // with is another header of this path (tests/unit/sim), which stands first in its include path and
-// declares the same functions over a simulated kernel: time that only passes when somebody waits,
+// declares the same functions over a simulated kernel: time that passes only when a caller waits,
 // processes and files in memory, and calls that fail when a test says so.
 //
 // Whoever adds a call here adds it there; a pure test does not link before.

@@ -82,8 +82,8 @@ static bool has_record_of_file(const tov_pid_t &wanted) TOV_REQUIRES(tov_chains)
 }
 
 // Removes the registration file of a request that the daemon itself made for a third-part program,
-// if no record came of it: the program was gone, or is registered under another name. Nobody else
-// would ever remove that file or close it. A client's own file is the client's.
+// if no record came of it: the program was gone, or is registered under another name. No later
+// step would remove that file or close it. A client's own file is the client's.
 static void drop_vain_file(const tov_msg_xtach_t *payload) {
   tov_pid_t wanted{};
   wanted.pid = payload->pid;

@@ -1,7 +1,7 @@
 // The daemon's handlers: what a request changes in the registries.
 //
-// By the time a handler runs its client has been acknowledged, so a result reaches nobody but the
-// server's diagnostics. A client is not asked who it is: anybody who can connect may register,
+// By the time a handler runs its client has been acknowledged, so a result goes to the server's
+// diagnostics alone. A client is not asked who it is: anybody who can connect may register,
 // withdraw or keep alive any process and any thread.
 //
 // Threads: the handlers run in the server thread, the dumps (core/registry/dump.h) in the watchdog.

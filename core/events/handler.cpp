@@ -99,7 +99,7 @@ static void drop_registration(int pid) {
 }
 
 void tov_cn_msg_exit(int pid, int exit_code) {
-  // Every process of the machine ends here; those that nobody registered cost one look-up.
+  // The end of every process of the machine comes here; one without a record costs one look-up.
   if (!is_registered(pid)) return;
   if (any_device_is_being_deleted()) {
     drop_registration(pid);

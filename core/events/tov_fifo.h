@@ -76,7 +76,7 @@ void tov_cnmsg_fifo_free(void);
 bool tov_cnmsg_fifo_wait(int timeout_ms);
 
 // Wakes the consumer if it waits; call it after each __kfifo_in() on the queue. One atomic
-// exchange when nobody waits, one write(2) when somebody does. Producer only.
+// exchange, and one write(2) more only when the consumer waits. Producer only.
 void tov_cnmsg_fifo_wake(void);
 
 #endif  // TOV_FIFO_H

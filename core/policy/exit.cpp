@@ -141,7 +141,7 @@ static bool remove_member_files(int vsd_no, pid_t pid) {
   return true;
 }
 
-// A stop that somebody asked for with SIGTERM is never answered by a restart. When the markers
+// A stop by SIGTERM was asked for and is never answered by a restart. When the markers
 // cannot be cleared the record stays, and the sweep will bring the process back.
 void exit_case_s::accept_stop() {
   const int vsd_no = find_app(record_->pid);
@@ -170,8 +170,8 @@ bool exit_case_s::runs_again() {
   return result == 1;
 }
 
-// A third-part program that somebody else brought back is registered under its new process
-// instead of being started once more.
+// A third-part program that another process has started again is registered under its new
+// process instead of being started once more.
 void exit_case_s::hand_over() {
   const bool by_script = record_->action == SHELL_RESTART;
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,

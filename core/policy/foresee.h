@@ -19,7 +19,7 @@
 struct tov_situation_s {
   bool lives = false;               // the process that is to have ended
   tov_twin_e twin = TOV_TWIN_NONE;  // another process registered for the same task
-  bool locked = false;              // its registration file, by somebody else than the daemon
+  bool locked = false;              // its registration file, by another process than the daemon
   bool runs_again = false;          // a listed program of which another process runs
   bool dev_mon = false;             // /etc/dev_mon: one silent restart, no suspension
   time_t now = 0;                   // monotonic seconds
@@ -30,7 +30,7 @@ using tov_situation_t = tov_situation_s;
 struct tov_ending_s {
   int exit_code = 0;  // wait status
   int force = 0;      // 1: do not wait for the lock on the registration file
-  bool lost = false;  // nobody reported it; two sweeps did not find the process
+  bool lost = false;  // no event reported it; two sweeps did not find the process
 };
 using tov_ending_t = tov_ending_s;
 
@@ -47,7 +47,7 @@ struct tov_foreseen_s {
   bool suspended;  // instead of a start, until the self-check alarm: the burst is over
   int count;       // starts in the burst, this one included
   int wait_s;      // before it
-  bool silent;     // nobody is told
+  bool silent;     // nothing is announced
 };
 using tov_foreseen_t = tov_foreseen_s;
 

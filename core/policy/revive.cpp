@@ -54,7 +54,7 @@ static void say_after(const tov_chains_guard_t &held, const occasion_s &occasion
                       const tov_restart_news_t &news) {
   if (occasion.after == nullptr) return;
   held.shows(tov_chains);
-  // The marker stands for one restart that nobody hears of.
+  // The marker stands for one restart that is not announced.
   if (occasion.obeys_markers && del_dev_mon_restart() == 0) return;
   occasion.after(news);
   if (occasion.obeys_markers && debug_log() == 0) (void)tov_journal_after(news);

@@ -22,7 +22,7 @@ enum tov_revive_e {
 //   held    the guard of the registry
 //   record  its process is gone; file and id are still the dead one's
 // A start that the burst limit forbids suspends the record. One that fails leaves it with the dead
-// process's id and file - at a rebuild without either, since nobody would look at that file again.
+// process's id and file - at a rebuild without either, since no later step would read that file.
 // Waits for the record's `restart_time`, and as long as forks fail.
 // Returns the result of the start as tov_proc_restart() does; -1 also when the start could not be
 // journalled, which operators asked for, and was not made.

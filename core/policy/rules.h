@@ -48,10 +48,10 @@ class tov_exit_case_s {
   virtual bool lives() = 0;  // the process that was reported as ended
   virtual tov_twin_e twin() = 0;
   virtual bool suspended() = 0;
-  virtual bool stopped() = 0;     // somebody asked it to end
+  virtual bool stopped() = 0;     // by SIGTERM: it was asked to end
   virtual bool locked() = 0;      // its registration file, and the exit is not forced
   virtual bool restarted() = 0;   // the registered action asks for a new process
-  virtual bool runs_again() = 0;  // a listed program that somebody else brought back
+  virtual bool runs_again() = 0;  // a listed program of which another process runs
   virtual void act(tov_exit_act_e act) = 0;
 
   // Told of each rule that was asked, before its act.
@@ -65,8 +65,7 @@ class tov_exit_case_s {
 };
 using tov_exit_case_t = tov_exit_case_s;
 
-// Whether a wait status is that of a process that somebody asked to end: SIGTERM, without a core
-// dump.
+// Whether a wait status is that of a process that was asked to end: SIGTERM, without a core dump.
 inline bool tov_exit_is_stop(int exit_code) {
   constexpr int terminated = 15;
   return exit_code == terminated;

@@ -14,7 +14,7 @@ void *tov_proc_stat_check(void *);
 
 // One bucket's share of a sweep: counts the processes that were not found, and treats as gone
 // those that were not found twice in a row. Takes the lock of `tov_chains`; call it without, since
-// a program that somebody else brought back is registered with our own server after the lock.
+// a third-part program that runs again is registered with our own server after the lock.
 void tov_sweep_bucket(unsigned int bucket);
 
 #endif  // TOV_CORE_POLICY_SWEEP_H

@@ -33,7 +33,7 @@ void tov_core_leave(int status) {
 
 static pid_t daemon_pid;  // written before the threads start
 
-// Whether what nobody caught is a lack of memory. Rethrown here, because only so its kind shows.
+// Whether the uncaught exception is a lack of memory. Rethrown, because only so its kind shows.
 static bool lacks_memory() {
   if (std::current_exception() == nullptr) return false;
   try {

@@ -54,7 +54,7 @@ static int refuse_type(int type) {
   return -1;
 }
 
-// Says what came of a request. Nobody else hears of it: the client was acknowledged before.
+// Says what came of a request, in a diagnostic alone: the client was acknowledged before.
 static void print_result(int type, int err) {
   TOV_DBG("%s type:%d err:%d\n", "tov_dispatch_domain_msg", type, err);
 }

@@ -115,7 +115,7 @@ int ras_logfile_write_buf(void *handle, const char *data, int length) {
 
 void ras_logfile_flush_buf_in_emergency(void *handle) {
   if (handle == nullptr) return;
-  (void)fsync(static_cast<log_file_s *>(handle)->fd.n);  // the end is near: nobody to tell
+  (void)fsync(static_cast<log_file_s *>(handle)->fd.n);  // no way is left to report a failure
 }
 
 // ---- pruning --------------------------------------------------------------------------------

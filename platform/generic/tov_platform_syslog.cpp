@@ -2,11 +2,11 @@
 //
 // Why not syslog(3): it holds a process-wide lock while it sends, waits when the receiver's queue
 // is full, and falls back to the console; the daemon holds registry locks when it reports. Here
-// each message has a socket of its own for the one send, which never waits: with nobody listening
-// or a full receiver the message is dropped.
+// each message has a socket of its own for the one send, which never waits: without a receiver, or
+// with a full one, the message is dropped.
 //
 // Threads: any; no state, no allocation. Not between fork and exec (the local time takes a lock).
-// Losses: messages nobody takes; text behind 8 KiB.
+// Losses: messages that no receiver takes; text behind 8 KiB.
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>

@@ -46,7 +46,7 @@ struct self_check_s {
 
 }  // namespace
 
-// A waiting task that somebody registered anew meanwhile needs no restart.
+// A suspended task that was registered anew meanwhile needs no restart.
 static bool dropped_as_duplicate(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   const tov_pid_t *other = tov_proc_is_running(record);
