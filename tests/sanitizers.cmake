@@ -18,7 +18,7 @@ function(tov_sanitizer_rows out)
     "^demo\\."
       "the same daemon, once more with words for spectators")
 
-  # Not under the thread sanitizer: one thread, which has nobody to race with.
+  # Not under the thread sanitizer: one thread, which has no other to race with.
   set(one_thread
     "^fuzz\\."
       "parsers"

@@ -51,7 +51,7 @@ using namespace tov_chaos;
 
 static constexpr int64_t SECOND_NS = 1'000'000'000;
 static constexpr int PROGRESS_S = 10;
-// A daemon that lost a place cannot register anybody; soon nobody is left to do anything to.
+// A daemon that lost a place cannot register a process; soon no program is left to do a deed to.
 static constexpr int BLIND_LIFE_S = 5;
 
 enum { EXIT_RIGHT = 0, EXIT_WRONG = 1, EXIT_UNABLE = 2 };

@@ -9,8 +9,8 @@
 
 namespace tov_chaos {
 
-// Does one deed to a program, to the daemon or to its files; chosen by weight. Some find nobody to
-// do it to and do nothing.
+// Does one deed to a program, to the daemon or to its files; chosen by weight. Some find no
+// program to do it to and do nothing.
 void do_deed(Run &run);
 
 // Goes on with what takes its time: loops end, pauses end, the older of two instances goes.

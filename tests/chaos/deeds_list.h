@@ -1,4 +1,4 @@
-// Every deed there is. Each returns false when it found nobody to do it to.
+// Every deed there is. Each returns false when it found no program to do it to.
 #ifndef TOV_CHAOS_DEEDS_LIST_H
 #define TOV_CHAOS_DEEDS_LIST_H
 

@@ -84,7 +84,7 @@ struct RegistrationFile {
   std::string command;
 };
 
-// What a program became when it executed another one: nobody's business from then on.
+// What a program became when it executed another one: not supervised from then on.
 struct Stranger {
   pid_t pid;
   std::string command;

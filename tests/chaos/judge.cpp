@@ -23,7 +23,7 @@
 
 namespace tov_chaos {
 
-// By the daemon's clock. A death that nobody heard of is found by the second of two sweeps.
+// By the daemon's clock. A death whose event was lost is found by the second of two sweeps.
 static constexpr int TWO_SWEEPS_S = 125;
 static constexpr int OVERDUE_S = 300;
 

@@ -1,4 +1,4 @@
-// Two round trips with a request that concerns nobody. When the first one is answered every earlier
+// Two round trips with a request that changes nothing. When the first one is answered every earlier
 // connection is known to the daemon, whose next pass serves them all; the second answer comes after
 // that pass.
 #include "tests/chaos/requests.h"
@@ -33,7 +33,7 @@ static tov_fd_t connect_to(const std::string &path) {
   return fd;
 }
 
-// "Watch this thread no longer", of a thread that nobody has.
+// "Watch this thread no longer", of an id that no thread has.
 static std::string harmless_request() {
   tov_msg_head_t head{};
   tov_msg_cons_t body{};

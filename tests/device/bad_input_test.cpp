@@ -129,7 +129,7 @@ TEST(BadRegistration, LongerThanTheReaderTakesComesBackCut) {
             task.program + " " + std::string(birth.argv.size() - task.program.size() - 1, 'x'));
 }
 
-// What stands in the place of the file when its process has died is nobody's lock.
+// What stands in the place of the file when its process has died carries no lock of that process.
 struct Replacement {
   const char *label;
   std::function<void(Device &, const std::string &)> make;

@@ -97,7 +97,7 @@ TEST(Burst, CleanExitsCountLikeAnyOther) {
 
 // ---- the marker for one silent restart --------------------------------------------------------
 
-TEST(SilentRestart, IsOneRestartThatNobodyHearsOf) {
+TEST(SilentRestart, IsOneRestartThatIsNotAnnounced) {
   Device device;
   Task task = start_task(device, "silent");
   device.start_ready_daemon();

@@ -1,4 +1,4 @@
-// Restarts that wait because somebody still holds the lock of the dead process's registration file.
+// Restarts that wait because the dead process's registration file is still locked.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

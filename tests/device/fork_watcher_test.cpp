@@ -138,7 +138,7 @@ TEST(FailingForks, AreCountedInAFileThatIsMadeAgain) {
     ASSERT_TRUE(device.remove(FORK_FILE));
     ASSERT_TRUE(wait_until([&] { return device.exists(FORK_FILE); }, STORY_LIMIT_MS));
   }
-  // The whole directory; moved first, so that nobody makes a file in it while it goes.
+  // The whole directory; moved first, so that no process makes a file in it while it goes.
   ASSERT_EQ(rename(device.path("/tmp/tov").c_str(), device.path("/tmp/tov.away").c_str()), 0);
   ASSERT_TRUE(device.remove("/tmp/tov.away"));
   ASSERT_TRUE(wait_until([&] { return device.exists(FORK_FILE); }, STORY_LIMIT_MS));
@@ -185,7 +185,7 @@ TEST(ForkRecord, LinkThatComesLaterIsReplaced) {
 }
 
 // The kernel tells of a file's removal only when its last user has closed it.
-TEST(ForkRecord, IsFollowedThoughSomebodyHoldsTheRemovedOneOpen) {
+TEST(ForkRecord, IsFollowedThoughTheRemovedOneIsHeldOpen) {
   Device device;
   device.write(FORK_FILE, "a");
   start_watching_daemon(device, {.faketime = "+0 x60"});
@@ -306,7 +306,7 @@ TEST(Switch, IsOnWhereALinkLeadsNowhere) {
   EXPECT_TRUE(mirror_becomes(device, OFF));
 }
 
-TEST(Switch, StandsInNobodysWayOfComingBack) {
+TEST(Switch, OffHoldsNoRestartBack) {
   Device device;
   device.write(CONFIG_FILE, OFF);
   Task task = start_task(device, "switched_off");

@@ -1,6 +1,6 @@
 // The registration socket is open to everybody. Whatever a client sends or does not do, it costs
-// that client its connection and nobody else anything: the shipped daemon goes on serving, with the
-// memory and the descriptors that it had before.
+// that client its connection and no other client anything: the shipped daemon goes on serving, with
+// the memory and the descriptors that it had before.
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -90,7 +90,7 @@ struct Served {
 };
 
 std::vector<Served> served_packets() {
-  const std::string record = bytes_of(record_of(0));  // nobody's id: nothing comes of it
+  const std::string record = bytes_of(record_of(0));  // no process has that id: nothing comes of it
   static constexpr char SHORT[] = ": payload too short(type:";
   return {
       {"restart without a record", packet(TOV_RESTART, ""), SHORT},
@@ -162,7 +162,7 @@ TEST_F(HostileClient, TextsAreNoFormats) {
 
 // ---- clients that do not what they should -----------------------------------------------------
 
-TEST_F(HostileClient, SilenceHoldsNobodyUp) {
+TEST_F(HostileClient, SilenceDelaysNoOtherClient) {
   start();
   std::vector<std::unique_ptr<RawClient>> silent;
   silent.reserve(100);
@@ -201,7 +201,7 @@ TEST_F(HostileClient, WhoNeverReadsItsAnswersIsDropped) {
   expect_untouched();
 }
 
-TEST_F(HostileClient, DeathInTheMiddleHarmsNobody) {
+TEST_F(HostileClient, DeathInTheMiddleHarmsNoOtherClient) {
   static constexpr int DEATHS = 90;
   start();
   const auto bystander = connected();
@@ -232,7 +232,7 @@ int packets_asked() {
   return asked != nullptr ? atoi(asked) : 20'000 / (patience() * patience());
 }
 
-TEST_F(HostileClient, RandomPacketsCostNoMemoryAndNobodyElse) {
+TEST_F(HostileClient, RandomPacketsCostNoMemoryAndNoOtherClient) {
   start();
   std::mt19937 random(20261122);
   auto client = connected();

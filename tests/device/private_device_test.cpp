@@ -199,7 +199,7 @@ TEST(PrivateDevice, BuriesOrphansAtOnce) {
   Device device;
   const std::string name = unique_name("orphan");
   const std::string program = device.install_program(name);
-  const pid_t unburied = device.spawn({"true"});  // a child that nobody has waited for yet
+  const pid_t unburied = device.spawn({"true"});  // a child that was not waited for yet
   device.spawn({program, "daemonise"});
   const auto birth = device.wait_birth(name);
   ASSERT_TRUE(birth);
@@ -296,7 +296,7 @@ TEST_P(InterruptedTest, LeavesNothingBehind) {
   int status = 0;
   ASSERT_EQ(waitpid(other, &status, 0), other);
   EXPECT_TRUE(WIFSIGNALED(status));
-  // Nobody is left who would wait for them in turn.
+  // No parent is left that would wait for them in turn.
   EXPECT_TRUE(wait_until([&] { return !process_lives(held.keeper); }, LIMIT_MS));
   EXPECT_TRUE(wait_until([&] { return !process_lives(held.victim); }, LIMIT_MS));
   EXPECT_TRUE(wait_until([&] { return tov_test::processes_in(held.where).empty(); }, LIMIT_MS));

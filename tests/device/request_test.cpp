@@ -34,7 +34,7 @@ namespace {
 constexpr char FAST[] = "+0 x20";
 constexpr pid_t NOBODY = 5'000'000;  // the kernel gives out no such id
 
-// A victim that nobody has registered.
+// A victim that is not registered.
 Task start_unregistered(Device &device, const std::string &prefix) {
   return start_task(device, prefix, {.registered = false});
 }
@@ -217,7 +217,7 @@ TEST_F(Request, ThreadIsEnteredAndRemovedWithALineEach) {
   request(packet(TOV_MSG_ACK, bytes_of(thread_record(task.pid, 77))));
   request_unanswered(packet(TOV_RESET, bytes_of(thread_record(task.pid, 78))));
   request(control(TOV_UNREG_THREAD_NOTIFY, task.pid));
-  request(control(TOV_UNREG_THREAD_NOTIFY, task.pid));  // nobody is left
+  request(control(TOV_UNREG_THREAD_NOTIFY, task.pid));  // no record is left
   settle();
   EXPECT_THAT(event_texts(device, ALIVE_LOG),
               ElementsAre(thread_line(task, task.pid, "reg"), thread_line(task, task.pid, "reg"),
@@ -285,7 +285,7 @@ TEST_F(Request, CancelledProgramIsNotBroughtBackAndItsFileIsGone) {
   EXPECT_EQ(device.count_events(RESTART_LOG, task.name), 0U);
 }
 
-TEST_F(Request, RemovalOfSomebodyUnknownAndUnknownEventsChangeNothing) {
+TEST_F(Request, RemovalOfUnknownIdsAndUnknownEventsChangeNothing) {
   Task task = start_task(device, "untouched");
   start_with_diagnostics();
   request(control(TOV_CONS_DUMP_ALL, NOBODY));

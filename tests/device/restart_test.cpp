@@ -146,7 +146,7 @@ TEST(Restart, ActionsThatExpectTheExitStartNothing) {
   }
 }
 
-TEST(Restart, StrangersExitsAreNobodysBusiness) {
+TEST(Restart, UnregisteredProgramIsNotStartedAgain) {
   Device device;
   Task bystander = start_task(device, "bystander_s");
   Task stranger = start_task(device, "stranger", {.registered = false});

@@ -158,7 +158,7 @@ TEST_P(CrashLoop, IsSuspendedCheckedOnceAndThenEscalated) {
   EXPECT_EQ(asked(device), "<3><0><tov><" + sentence + ">");
   EXPECT_GE(device.count_events(RUN_LOG, sentence), 1U);
 
-  // Where nobody reloads the unit, the task gets its next chance.
+  // Where the unit is not reloaded, the task gets its next chance.
   EXPECT_TRUE(device.wait_birth(task.name, born + 1));
 }
 
@@ -227,7 +227,7 @@ static bool early_waits_for_late() {
 }
 
 // The first task's alarm is put off for the second only when it is handled within the second in
-// which it fires, which nobody can promise on a busy machine, so the case is made until it is met.
+// which it fires. A busy machine does not keep that second, so the case is made until it is met.
 TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
   static constexpr int ATTEMPTS = 6;
   int attempt = 0;
@@ -238,7 +238,7 @@ TEST(SelfCheckAlarm, BringsEarlyAndLateTasksBackTogether) {
 
 // ---- duplicates -------------------------------------------------------------------------------
 
-TEST(SelfCheckAlarm, DropsAWaitingTaskThatSomebodyStartedAnew) {
+TEST(SelfCheckAlarm, DropsASuspendedTaskThatAnOperatorStartedAnew) {
   Device device;
   device.write("/debug_time", "120");
   Task bystander = start_way(device, "bystander_d", ways[0]);

@@ -114,7 +114,7 @@ inline bool is_miss_of_sweep(const std::string &text) {
 }
 
 // The lines of one event log without their time stamps. What the sweep merely missed is left out,
-// since nobody can foresee it; tests of the sweep ask for those lines with need_event().
+// since a test cannot foresee it; tests of the sweep ask for those lines with need_event().
 inline std::vector<std::string> event_texts(const Device &device, const std::string &log) {
   std::vector<std::string> texts;
   for (const std::string &line : device.event_log(log)) {

@@ -105,7 +105,7 @@ TEST(Sweep, FindsALostExitTheSecondTime) {
   EXPECT_FALSE(device.exists(task.file));
 }
 
-// A restart that could not be made is nobody's business but the sweep's.
+// A restart that could not be made is left to the sweep alone.
 TEST(Sweep, MakesUpForARestartThatWasHeldBack) {
   Device device;
   device.write("/etc/debug_log", "");
@@ -199,7 +199,7 @@ TEST(Sweep, PassesOverTasksThatWaitForTheirSelfCheck) {
   EXPECT_EQ(device.births(task.name).size(), task.births);
 }
 
-TEST(Sweep, ReportsProgramsThatNobodyBringsBack) {
+TEST(Sweep, ReportsProgramsWhoseActionBringsNoRestart) {
   Device device;
   Task task = start_task(device, "unwanted", {.action = IGNORE_EXIT});
   SweepClock clock(device, "clock_c");

@@ -99,7 +99,7 @@ static std::vector<std::string> words_of(const std::string &command) {
   return words;
 }
 
-// Is somebody listening at the service's port? Asked without connecting: for each connection the
+// Does a process listen at the service's port? Asked without connecting: for each connection the
 // web server forks a child of the same command line, which the daemon may find in its place.
 static bool listens(const Service &service) {
   char address[32];  // as /proc/net/tcp has it, with the state "listening" two columns later
@@ -205,7 +205,7 @@ TEST(ThirdPart, BackgroundProgramIsFoundByNameWheneverItStarts) {
       device.count_events(RUN_LOG, "tov_spawn--> third part Daemon[" + service.program + "]") +
           device.count_events(RUN_LOG, "tov_spawn--> third part Normal[" + service.program + "]"),
       2U);
-  // The front may be gone before the server looks at it, which is said and harms nobody.
+  // The front may be gone before the server looks at it, which is said and does no harm.
   EXPECT_THAT(device.event_log(ERROR_LOG),
               testing::Each(testing::HasSubstr("tov_process_restart: fail to get pid")));
 
@@ -294,7 +294,7 @@ static void start_dying_crowd(Device &device) {
 }
 
 // Whatever ends while the daemon looks through all processes makes its look incomplete.
-TEST(ThirdPart, ProgramThatSomebodyElseBroughtBackIsNotStartedTwice) {
+TEST(ThirdPart, ProgramThatAnOperatorStartedAgainIsNotStartedTwice) {
   static constexpr Millis CROWD_DIES_MS{100};
   Device device;
   const Service service = install_httpd(device, true);
@@ -374,7 +374,7 @@ TEST(ThirdPart, CrashingProgramDoesNotUseUpTheDaemonsDescriptors) {
   EXPECT_THAT(device.list("/tmp/vsd/0/tov/db"), SizeIs(1));
 }
 
-TEST(ThirdPart, UnlistedProgramIsNobodysBusiness) {
+TEST(ThirdPart, UnlistedProgramIsNotRegistered) {
   Device device;
   const Service service = install_httpd(device, true);
   const Service listed = install_httpd(device, true);

@@ -40,7 +40,7 @@ static void expect_shut_down(Device &device) {
   EXPECT_EQ(event_texts(device, ERROR_LOG).back(), "TOV exit.");
 }
 
-// A program that lived through it, and one that died while nobody watched.
+// A program that lived through it, and one that died while no daemon ran.
 static void expect_supervised_on(Device &device, Task &living, Task &died) {
   device.kill(died.pid, SIGKILL);
   ASSERT_TRUE(device.wait(died.pid, STORY_LIMIT_MS));  // its report must not come to the daemon

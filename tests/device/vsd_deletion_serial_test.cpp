@@ -1,5 +1,5 @@
-// The end of virtual devices while the daemon watches: nobody is brought back, everything goes, and
-// the neighbours do not notice.
+// The end of virtual devices while the daemon watches: no member is started again, everything
+// goes, and the neighbours do not notice.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -133,7 +133,7 @@ TEST_F(VsdLimits, RefusedLimitsAreTold) {
             "set_mem_group " + std::to_string(-ENOENT) + "\n");
   EXPECT_EQ(call_vsd(device, {"set_cpu_group", "2", "10"}),
             "set_cpu_group " + std::to_string(-ENOENT) + "\n");
-  device.write(member_file(VSD, 999'999), "");  // nobody's: the kernel refuses it, the others go in
+  device.write(member_file(VSD, 999'999), "");  // no process: the kernel refuses it, the rest go in
   EXPECT_EQ(call_vsd(device, {"set_cgroups_all", "1"}), "set_cgroups_all 0\n");
   EXPECT_EQ(tasks_of("memory").size(), 2U);
 }
@@ -147,7 +147,7 @@ TEST_F(VsdLimits, RemovalOfAGroupTellsThatItsFilesStayedButTheGroupGoes) {
   EXPECT_EQ(tasks_of("memory").size(), 2U);
 }
 
-// The kernel ends the one that leaks, and nobody else; the daemon brings it back inside the device.
+// The kernel ends the member that leaks and no other; the daemon starts it again inside the device.
 TEST_F(VsdLimits, LeakingMemberIsKilledByTheKernelAndComesBack) {
   call_vsd(device, {"set_cgroups_all", "1"});
   ASSERT_EQ(call_vsd(device, {"set_mem_group", "1", "49152"}), "set_mem_group 0\n");
@@ -219,7 +219,7 @@ TEST_F(VsdLimits, SweepAgreesWithTheKernelsFigures) {
 }
 
 TEST_F(VsdLimits, SweepKillsTheLargestMemberOfADeviceBeyondItsLimit) {
-  device.mkdir("/memory/vsd_1");  // nobody is in the group: the kernel has no reason to act
+  device.mkdir("/memory/vsd_1");  // no process is in the group: the kernel has no reason to act
   call_vsd(device, {"set_mem_group", "1", "20480"});
   grow_and_wait(large, 30);
   const pid_t dead = large.pid;

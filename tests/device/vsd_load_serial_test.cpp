@@ -60,7 +60,7 @@ class VsdLoad : public testing::Test {
       wait_back(device, task);
   }
   // Every member lives inside its device and is recorded there. (So may others be: a creation
-  // records whatever has the group at that moment, a dead member that nobody has buried included.)
+  // records whatever has the group at that moment, a dead member that was not waited for included.)
   void expect_inside(int vsd) {
     for (const Task &task : tasks[vsd]) {
       EXPECT_TRUE(device.lives(task.pid)) << task.name;
@@ -104,7 +104,7 @@ TEST_F(VsdLoad, MembersDieWhileDevicesComeAndGo) {
     EXPECT_EQ(deletion.finish(), progress_of(1));
     EXPECT_THAT(traces(device, 1), IsEmpty());
 
-    // The daemon restarts again at once, and nobody of the deleted device.
+    // The daemon restarts again at once, and no member of the deleted device.
     for (int vsd = 2; vsd <= DEVICES; vsd++) {
       const std::vector<Task> dead = tasks[vsd];
       kill_all(vsd);

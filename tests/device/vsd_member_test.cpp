@@ -115,7 +115,7 @@ TEST(DeviceMember, StoppedBySignal15LeavesItsDevice) {
   Device device;
   Task task = start_member(device, "member_stopped", 6);
   Task bystander = start_task(device, "bystander_member");
-  device.write(marker(6, 1), "");  // somebody else's
+  device.write(marker(6, 1), "");  // another member's
   device.start_ready_daemon();
   device.kill(task.pid, SIGTERM);
   need_event(device, RUN_LOG, killed_by_15(task, task.pid, 6));

@@ -37,7 +37,7 @@ static DaemonOptions talking(Device &device) {
 // ---- an id that changes hands -------------------------------------------------------------------
 
 // Ends a watched program and gives one of its thread ids to another program. The daemon stands
-// still meanwhile, so it cannot find the id unused. Returns false when somebody else was faster.
+// still meanwhile, so it cannot find the id unused. Returns false when another process got the id.
 static bool hand_over(Device &device, const Task &task, pid_t id,
                       const std::vector<std::string> &program) {
   device.kill(device.daemon_pid(), SIGSTOP);
@@ -172,7 +172,7 @@ class MoreIds {
 
 // Starts a watched program whose first thread has an id without a place in the shared area. The
 // machine gives such ids out only while it is being started. An attempt fails when the id is in use
-// or when somebody else took the ids back.
+// or when another process has put the limit of ids back.
 static Task start_beyond(Device &device, const std::string &prefix) {
   static constexpr int ATTEMPTS = 50;
   static constexpr pid_t STEP = 97;

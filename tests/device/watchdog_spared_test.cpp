@@ -150,7 +150,7 @@ TEST(WatchedThread, OfAnOwnerWhoIsNotRegisteredIsNeverCountedDown) {
   EXPECT_EQ(left[held_from + 1], left[held_from - 1]);
 }
 
-// ---- an area that somebody damages -------------------------------------------------------------
+// ---- an area that another process damages ------------------------------------------------------
 
 static constexpr off_t AREA_BYTES = 188416;
 
@@ -217,7 +217,7 @@ TEST(NewDaemon, BeginsTheCountAnewWhenTheThreadIsHeardOf) {
   const size_t asked_before = requests(watch_steps(device)).size();
   device.start_ready_daemon(options);
 
-  // Nobody tells it of threads that say nothing.
+  // It learns nothing of threads that give no sign of life.
   const Steps silent = pass_minutes(device, 2);
   EXPECT_EQ(steps_of(silent, Step::SEEN, tid).size(), seen_before);
 

@@ -88,7 +88,7 @@ inline Told need_told(const Device &device, const Task &task, int index, const s
   return found.back();
 }
 
-// Installs and starts a watched program. Its threads are ready, and nobody has registered.
+// Installs and starts a watched program. Its threads are ready, and none has registered.
 inline Task start_watched(Device &device, const std::string &prefix,
                           const std::vector<std::string> &words = {}) {
   Task task;

@@ -1,4 +1,4 @@
-// What the tests of the virtual devices share: numbers that nobody else uses, members, and calls
+// What the tests of the virtual devices share: numbers that no other device has, members, and calls
 // that may return twice.
 #ifndef TOV_TEST_MODULE_VSD_H
 #define TOV_TEST_MODULE_VSD_H
@@ -25,7 +25,7 @@
 namespace tov_test {
 
 // Groups are the machine's, and a group is found by a search for its digits: a number whose group
-// id is long and holds nobody else's.
+// id is long and contains no other device's.
 inline int unused_vsd() {
   const int pid = getpid();
   return (40 + pid % 20) * 10'000 + 20 + (pid / 20) % 70;

@@ -1,13 +1,13 @@
 // The fixture of the module tests: the daemon's world, without the daemon.
 //
 // The test program moves into a private root before its first test. There each test finds empty
-// registries, open event logs, somebody who listens to the system log, the shared area of the
-// watched threads, none of the files that change a setting, and none of the children of the test
-// before it. What a test changes of that is put back behind it; only `quit` stays as it is until
+// registries, open event logs, a receiver of the system log, the shared area of the watched
+// threads, none of the files that change a setting, and none of the children of the test before
+// it. What a test changes of that is put back behind it; only `quit` stays as it is until
 // the next test begins, so that a suite can ask whether its server has ended.
 //
 // Records of processes that are gone carry ids above the largest that the kernel gives out, so
-// nobody can ever be taken for them. Programs: program.h, child.h of tests/support.
+// no process can ever be taken for them. Programs: program.h, child.h of tests/support.
 //
 // Why registries and logs are opened once: a daemon does so once in its life, and a server that
 // runs through a whole suite of tests keeps using both.
@@ -118,7 +118,7 @@ class World : public testing::Test {
     return path;
   }
 
-  // Writes the file of a record as its process would have done; nobody holds its lock.
+  // Writes the file of a record as its process would have done; no process holds its lock.
   static std::string write_file_of(const tov_pid_t &record) {
     std::string path = file_of(record);
     write_file(path, std::to_string(record.pid) + "\n" + std::to_string(record.action) + "\n" +

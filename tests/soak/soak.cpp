@@ -1,6 +1,6 @@
 // The soak tool: many watched programs on a fast clock for as long as one likes. All of their
-// threads give signs of life at random moments, so nobody may be reported, and the daemon may not
-// grow. Then some of the threads fall silent, and exactly their processes must be reported.
+// threads give signs of life at random moments, so no process may be reported, and the daemon may
+// not grow. Then some of the threads fall silent, and exactly their processes must be reported.
 //
 //   soak [--processes N] [--threads N] [--silent N] [--hours N | --minutes N] [--speed N]
 //        [--random MS] [--seed N]
@@ -177,7 +177,7 @@ void Soak::start() {
   print_usage("settled", first_);
 }
 
-// What must hold at every moment: the daemon lives, has reported nobody and has not grown.
+// What must hold at every moment: the daemon lives, has reported no process and has not grown.
 void Soak::look(const char *when) {
   if (device_.wait(device_.daemon_pid(), Millis(0))) throw Wrong("the daemon has ended");
   if (!device_.event_log(tov_test::KILL_LOG).empty())

@@ -32,7 +32,7 @@ pid_t fork_child();
 pid_t fork_child_as(pid_t id);
 
 // waitpid for a child from fork_child and takes it off the list. Returns its wait status, or -1
-// when somebody else has waited for it.
+// when other code has waited for it.
 int bury_child(pid_t child);
 
 // The same with a limit (times patience()). Empty when the child still runs at its end.

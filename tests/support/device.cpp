@@ -105,7 +105,7 @@ void Device::open_namespaces(std::vector<tov_fd_t> console) {
   collector_ = std::make_unique<Collector>(bind_log(path("/dev/log")), std::move(master));
 }
 
-// The keeper does it; should somebody have killed the keeper, we do.
+// The keeper does it, or, if the keeper was killed, this process.
 void Device::end_processes() {
   const bool asked = send_message(keeper_socket_.n, KEEPER_CLOSE);
   const auto answer = asked ? receive_message(keeper_socket_.n, CLOSE_LIMIT_MS) : std::nullopt;
@@ -133,7 +133,7 @@ void Device::close() {
   if (!open_) return;
   if (test_has_failed()) fprintf(stderr, "%s", dump().c_str());
   end_processes();
-  // Only now, when nobody is left to write one.
+  // Only now, when no process is left to write one.
   const std::string reports = sanitizer_reports();
   if (!reports.empty() && !options_.expect_sanitizer_reports) ADD_FAILURE() << reports;
   collector_->stop();

@@ -1,5 +1,5 @@
-// The shared area of thread liveness, seen by its master, by clients, and by somebody who damages
-// it. A process maps the area once in its life, so each test acts in children of its own.
+// The shared area of thread liveness, seen by its master, by clients, and by processes that
+// damage it. A process maps the area once in its life, so each test acts in children of its own.
 #include "alive/tov_sys_alive.h"
 
 #include <errno.h>
@@ -268,8 +268,8 @@ TEST_P(TovSysAliveSides, ObjectOfAnyLengthBecomesOurs) {
   }
 }
 
-// Whatever somebody has written there: it is read as what it says of one thread, and nothing else.
-TEST_P(TovSysAliveSides, ContentOfAnybodyIsOnlyBelieved) {
+// Whatever another process has written there is read as what it says of one thread, nothing else.
+TEST_P(TovSysAliveSides, ForeignContentIsOnlyBelieved) {
   tov_test::in_child([] {
     map_it();
     const std::vector<uint8_t> dirt(static_cast<size_t>(OBJECT_BYTES), 0xFF);
@@ -338,7 +338,7 @@ TEST_P(TovSysAliveSides, IdsOutOfRangeAreRefusedByName) {
 
 // ---- a damaged area ------------------------------------------------------------------------
 
-TEST_P(TovSysAliveSides, CutObjectIsRestoredAndNobodyDies) {
+TEST_P(TovSysAliveSides, CutObjectIsRestoredAndNoUserDies) {
   for (off_t length : {off_t{0}, MAP_OFFSET + 5, off_t{4096}, off_t{20480}}) {
     register_as_daemon(LAST_ID);
     tov_test::in_child([length] {
@@ -385,7 +385,7 @@ TEST_F(TovSysAlive, MasterSurvivesACutBeforeEachOperation) {
   });
 }
 
-TEST_F(TovSysAlive, MasterSurvivesSomebodyWhoKeepsCutting) {
+TEST_F(TovSysAlive, MasterSurvivesAProcessThatKeepsCutting) {
   tov_test::in_child([] {
     ASSERT_EQ(tov_sys_init_alive_info(true), 0);
     tov_test::Child hostile([] {

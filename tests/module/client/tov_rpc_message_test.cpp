@@ -279,7 +279,7 @@ TEST_F(TovRpcMessage, NegativeLengthIsRefusedAndStaysQueued) {
 
 TEST_F(TovRpcMessage, PacketShorterThanItSaysIsRefusedBeforeAnythingIsAllocated) {
   // With this little address space the announced two gigabytes could not be had: that the refusal
-  // names the packet's length and not the want of memory shows that nobody asked for them.
+  // names the packet's length and not the want of memory shows that they were not allocated.
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)
   rlimit before{};
   getrlimit(RLIMIT_AS, &before);

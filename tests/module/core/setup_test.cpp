@@ -104,7 +104,7 @@ TEST_F(TovMakeDirectories, SixBelowData2WithIt) {
   for (const char *path : {"/data2/.qxos", "/data2/.qxos/vsd", "/data2/.qxos/vsd/0", "/data2/var",
                            "/data2/var/run", "/data2/var/run/vsd"})
     EXPECT_EQ(mode_of(path), EVERYBODY) << path;
-  EXPECT_NE(mode_of("/data2"), EVERYBODY);  // somebody else's
+  EXPECT_NE(mode_of("/data2"), EVERYBODY);  // not the daemon's
 }
 
 TEST_F(TovMakeDirectories, ExistingOnesKeepTheirContentAndGetTheMode) {

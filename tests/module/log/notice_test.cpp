@@ -119,6 +119,6 @@ TEST(TovNotice, LongTextIsCut) {
   EXPECT_EQ(log.next_text(), "%HA-5-M: " + std::string(255, '%'));
 }
 
-TEST(TovNotice, NobodyListeningIsNoFailure) {
+TEST(TovNotice, MissingReceiverIsNoFailure) {
   EXPECT_EQ(tov_printk_notice("HA", "M", "text"), 0);
 }

@@ -154,7 +154,7 @@ TEST_F(AbnormalFork, FailureIsANegativeErrorNumber) {
   EXPECT_EQ(tov_record_abnormal_fork("a", TOV_FORK_FILE), -EISDIR);
 }
 
-// Whatever somebody puts there, the failure is counted, and in a file that is read.
+// Whatever another user puts there, the failure is counted, and in a file that is read.
 TEST_F(AbnormalFork, LinkMakesWayForTheRecordAndItsTargetIsLeftAlone) {
   write_file("/tmp/elsewhere", "kept");
   for (const char *target : {"/tmp/elsewhere", "/tmp/nowhere", TOV_FORK_FILE, "/dev/null"}) {

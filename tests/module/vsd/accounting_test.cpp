@@ -72,7 +72,7 @@ static uint64_t counted(const Member &member) {
   return sums[1];
 }
 
-// Does something while nobody's size changes: the kernel may take pages away at any moment, and
+// Does something while no member's size changes: the kernel may take pages away at any moment, and
 // then it is done again. Returns the sum of all sizes.
 static uint64_t with_steady_sizes(const std::vector<const Member *> &members,
                                   const std::function<void()> &action) {
@@ -293,7 +293,7 @@ TEST_F(TovVsdMemory, WithoutAMeasuredMemberTheSearcherEndsItself) {
   EXPECT_THAT(said, EndsWith("]max_pid 0 max_rss 0\n"));
 }
 
-TEST_F(TovVsdMemory, WithoutMemberDirectoryNobodyIsKilled) {
+TEST_F(TovVsdMemory, WithoutMemberDirectoryNoProcessIsKilled) {
   fs::remove_all(DEVICE);
   std::string said;
   EXPECT_EQ(signal_that_ends_the_searcher(&said), 0);
@@ -349,7 +349,7 @@ TEST_F(TovVsdMemory, DeviceBeyondItsLimitLosesItsLargestMember) {
 TEST_F(TovVsdMemory, SumAtItsLimitIsLeftAlone) {
   Member member({group_of(VSD)}, holding(5'000));
   be_member(member);
-  // The limit does not move with the sum; nobody may be killed meanwhile.
+  // The limit does not move with the sum; no member may be killed meanwhile.
   uint64_t limit = 0;
   const uint64_t expected = with_steady_sizes({&member}, [&] {
     array_rss[VSD] = 0;

@@ -117,7 +117,7 @@ TEST_F(TovVsdCreate, CallerKeepsItsGroupsDirectoryAndEnvironment) {
 
 // ---- members --------------------------------------------------------------------------------
 
-TEST_F(TovVsdCreate, MembersAreRecordedAndNobodyElse) {
+TEST_F(TovVsdCreate, OnlyMembersAreRecorded) {
   // What a start script leaves behind belongs to the device.
   write_script(SCRIPTS + "daemon",
                "#!/bin/sh\nsleep 1000 > /dev/null 2>&1 &\necho $! > /data/pid\n");
@@ -148,7 +148,7 @@ TEST_F(TovVsdCreate, RecordingEndsAtTheFirstFileThatCannotBeMade) {
   EXPECT_EQ(outcome.output.find(line, at + 1), std::string::npos);
 }
 
-TEST_F(TovVsdCreate, RecordingForDeviceZeroRecordsNobody) {
+TEST_F(TovVsdCreate, RecordingForDeviceZeroRecordsNoProcess) {
   fs::create_directories("/tmp/vsd/0/tov");
   save_vsdinfo(0);
   EXPECT_THAT(names_in("/tmp/vsd/0/tov"), IsEmpty());

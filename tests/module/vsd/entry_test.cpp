@@ -89,7 +89,7 @@ TEST_F(FindApp, NamesAreReadAsNumbers) {
   EXPECT_EQ(find_app(456), 5);
 }
 
-TEST_F(FindApp, RegistrationDirectoryIsNobodysMarker) {
+TEST_F(FindApp, RegistrationDirectoryIsNoMemberFile) {
   EXPECT_EQ(find_app(0), -1);  // "db" reads as 0
   EXPECT_EQ(find_app(-1), -1);
 }

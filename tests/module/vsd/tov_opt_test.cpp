@@ -213,7 +213,7 @@ TEST_F(TovOpt, FailedDeletionIsToldAndNoFailure) {
 }
 
 TEST_F(TovOpt, Deletes) {
-  fs::create_directories("/tmp/vsd/400020/tov/db");  // nobody is in a group of that number
+  fs::create_directories("/tmp/vsd/400020/tov/db");  // no process is in a group of that number
   std::map<std::string, std::string> env;
   env["ASAN_OPTIONS"] = "verify_asan_link_order=0";  // the clock's library comes first
   tov_test::add_faketime_settings(env, "+0 x50");

@@ -13,7 +13,7 @@
 //   exec           register: execute again
 //   script         register: run the start script again
 //   path=TEXT      register: run the start script that TEXT chooses
-//   file=ACTION    write and lock the registration file with that action, and ask nobody
+//   file=ACTION    write and lock the registration file with that action, without a request
 //   vsd=N          the device number for that file
 //   watch          have the first thread watched, and give signs of life
 //   daemonise      fork into the background first; so does every worker whose name holds

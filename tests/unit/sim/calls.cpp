@@ -142,7 +142,7 @@ ssize_t tov_sys_write(int fd, const void *buf, size_t size) {
 
 off_t tov_sys_lseek(int fd, off_t offset, int whence) {
   return call_on(tov_test::CALL_LSEEK, fd, [&](open_file_s &file) {
-    if (whence != SEEK_SET) return -EINVAL;  // nobody asks for more
+    if (whence != SEEK_SET) return -EINVAL;  // the product asks for no other
     file.offset = static_cast<size_t>(offset);
     return static_cast<int>(offset);
   });

@@ -191,7 +191,7 @@ int kernel_s::lock_descriptor(int fd, const flock &lock) {
     if (holder == SELF) holder = 0;
     return 0;
   }
-  if (lock.l_type != F_WRLCK) return -EINVAL;  // nobody takes read locks
+  if (lock.l_type != F_WRLCK) return -EINVAL;  // the product takes no read locks
   if ((file->flags & O_ACCMODE) == O_RDONLY) return -EBADF;
   if (holder != 0 && holder != SELF) return -EAGAIN;
   holder = SELF;

@@ -1,10 +1,10 @@
 // A kernel in memory: what the decisions of the product meet in a pure test.
 //
-// Time stands still until somebody waits; a wait then moves it on at once, and what a test has
-// planned for a moment in between (a signal, the end of a process) happens on the way. Processes
-// are entries of a table, shown under /proc as the kernel shows them, and their ids may be used
-// again. Record locks belong to processes and go when any descriptor of their file is closed. A
-// call that would wait for ever throws stuck_s instead.
+// Time stands still until the code under test waits; a wait then moves it on at once, and what a
+// test has planned for a moment in between (a signal, the end of a process) happens on the way.
+// Processes are entries of a table, shown under /proc as the kernel shows them, and their ids may
+// be used again. Record locks belong to processes and go when any descriptor of their file is
+// closed. A call that would wait for ever throws stuck_s instead.
 //
 // Any call can be made to fail: the n-th of its kind, or the n-th of all. A test that lets each
 // call of a procedure fail in turn asks calls() how many there are.
@@ -90,7 +90,7 @@ struct inode_s {
   mode_t mode;  // kind and permissions
   ino_t number;
   std::string text;     // content, or where a link leads
-  pid_t locked_by = 0;  // who has the write lock on the whole file; 0: nobody
+  pid_t locked_by = 0;  // who has the write lock on the whole file; 0: no process
 };
 using inode_t = std::shared_ptr<inode_s>;
 
@@ -156,7 +156,7 @@ class kernel_s {
   void pass(int64_t span_us) {
     (void)wait(span_us, [] { return false; });
   }
-  // Plans something for a moment to come; it happens while somebody waits.
+  // Plans something for a moment to come; it happens during a wait.
   void after(int64_t span_us, std::function<void()> what);
   // Plans a signal whose handler does nothing but interrupt.
   void interrupt_after(int64_t span_us);
@@ -211,7 +211,7 @@ class kernel_s {
   // Of a file that is there.
   std::string text_of(const std::string &path) const { return inode_at(path)->text; }
   mode_t mode_of(const std::string &path) const { return inode_at(path)->mode & 07777; }
-  // The lock on a file: taken on behalf of another process, and who has it (0: nobody).
+  // The lock on a file: taken on behalf of another process, and who has it (0: no process).
   void lock(const std::string &path, pid_t pid) { inode_at(path)->locked_by = pid; }
   pid_t lock_holder(const std::string &path) const { return inode_at(path)->locked_by; }
 

@@ -234,7 +234,7 @@ TEST_F(ProcessLife, ProcessThatIsGoneIsDeadAfterThreeLooks) {
   EXPECT_EQ(ask(4711), DEAD_AFTER_THREE);
 }
 
-TEST_F(ProcessLife, NumbersThatNameNobodyAreDeadWithoutALook) {
+TEST_F(ProcessLife, NumbersThatNameNoProcessAreDeadWithoutALook) {
   for (const pid_t pid : {0, -1, INT_MIN})
     EXPECT_EQ(ask(pid), (answer_s{-1, 3 * LOOK_MS, 0})) << pid;
 }

@@ -266,7 +266,7 @@ TEST_F(TovMsgOwnFile, OfADeadProcessThatIsStillRegisteredStays) {
   EXPECT_EQ(new_descriptors(), 0u);
 }
 
-TEST_F(TovMsgOwnFile, FileOfSomebodyElseIsLeftAlone) {
+TEST_F(TovMsgOwnFile, FileOfAnotherProcessIsLeftAlone) {
   Child process;
   process.end();
   const std::string file = file_of(process.pid(), "brief");

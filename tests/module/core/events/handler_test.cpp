@@ -127,7 +127,7 @@ TEST_F(TovCnMsgExec, ScriptTypeIsRegisteredAsOne) {
   EXPECT_EQ(asked_.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
 }
 
-TEST_F(TovCnMsgExec, UnlistedProgramIsNobodysConcern) {
+TEST_F(TovCnMsgExec, UnlistedProgramIsNotRegistered) {
   const Program program("unlisted");
   list("/opt/other TOV_RESTART");
   EXPECT_FALSE(registers(tov_test::start(program.path)));
@@ -135,7 +135,7 @@ TEST_F(TovCnMsgExec, UnlistedProgramIsNobodysConcern) {
   EXPECT_FALSE(registers(tov_test::start(program.path)));
 }
 
-TEST_F(TovCnMsgExec, ProcessThatIsGoneIsNobodysConcern) {
+TEST_F(TovCnMsgExec, ProcessThatIsGoneIsNotRegistered) {
   list("/opt/other TOV_RESTART");
   EXPECT_FALSE(registers(GONE));
   EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
@@ -219,7 +219,7 @@ TEST_F(TovCnMsgExit, MassRuleIsAskedBeforeTheDecision) {
   EXPECT_EQ(record->exit_signal, DUMPED);
 }
 
-TEST_F(TovCnMsgExit, UnregisteredProcessIsNobodysConcern) {
+TEST_F(TovCnMsgExit, UnregisteredProcessChangesNothing) {
   const TemporaryFile marker("/tmp/vsd/3/delete_vsd");
   tov_cn_msg_exit(GONE, KILLED);
   EXPECT_EQ(count(), 0);

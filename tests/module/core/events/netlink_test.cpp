@@ -244,7 +244,7 @@ TEST_F(TovRecvNetlinkMsg, ProcessThatSendsToTheGroupIsIgnored) {
   ASSERT_EQ(bind(receiver.n, reinterpret_cast<sockaddr *>(&group), sizeof group), 0);
   const tov_fd_t stranger(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_USERSOCK));
   const Bytes datagram = message(NLMSG_DONE, connector(exit_of(77, 77, 9)));
-  // The group gets it; only for the kernel, to which it goes as well, there is nobody to take it.
+  // The group gets it. It goes to the kernel as well, which has no receiver for it.
   (void)sendto(stranger.n, datagram.data(), datagram.size(), 0,
                reinterpret_cast<sockaddr *>(&group), sizeof group);
   char seen;

@@ -131,7 +131,7 @@ TEST_F(TovExitDeferral, NoRecordIsNoReason) {
   EXPECT_EQ(tov_proc_restart_delay(nullptr), 0);
 }
 
-TEST_F(TovExitDeferral, PlantedFifoOrLinkIsNoReasonAndHoldsNobody) {
+TEST_F(TovExitDeferral, PlantedFifoOrLinkIsNoReasonAndDoesNotBlock) {
   tov_pid_t *record = add(GONE, "/opt/a");
   ASSERT_EQ(mkfifo(file_of(*record).c_str(), 0666), 0);
   EXPECT_EQ(tov_proc_is_exit(record), 1);

@@ -1,5 +1,5 @@
 // The rules by which an exit leads to no restart: duplicates, deliberate stops, programs that
-// somebody else has brought back.
+// another process has started again.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -169,7 +169,7 @@ TEST_F(TovExitStops, ComesBeforeDeferral) {
 
 // ---- third-part programs --------------------------------------------------------------------
 
-TEST_F(TovExitThirdPart, ProgramThatSomebodyBroughtBackIsRegisteredInstead) {
+TEST_F(TovExitThirdPart, ProgramThatRunsAgainIsRegisteredInstead) {
   const Program program("brought");
   write_file(TOV_THIRD_PART_LIST, program.path + " -d TOV_RESTART\n");
   const pid_t found = tov_test::start(program.path + " -d");
@@ -206,7 +206,7 @@ TEST_F(TovExitThirdPart, ScriptTaskIsRegisteredAsOne) {
                               std::to_string(found) + "\n"));
 }
 
-// The server wants the same lock to make the new record: nobody may hold it while it is asked.
+// The server wants the same lock to make the new record: no thread may hold it while it is asked.
 TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
   const Program program("unlocked");
   write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");

@@ -181,7 +181,7 @@ TEST_F(TovMassCrash, NewestRecordOfTheProcessIsStamped) {
   EXPECT_NE(newer->ill_tm, 0);
 }
 
-TEST_F(TovMassCrash, UnregisteredProcessIsNobodysConcern) {
+TEST_F(TovMassCrash, UnregisteredProcessIsNotCounted) {
   const TemporaryFile config(TOV_CONFIG_FILE, "60 1");
   ends(GONE, DUMPED_BY_SEGV);
   EXPECT_EQ(reloads(), 0u);

@@ -45,7 +45,7 @@ class TovSweep : public tov_test::World {
   // later, and here that would be swept before the process is executed.
   static void sweep_bucket_of(pid_t pid) { tov_sweep_bucket(pidhash(pid)); }
 
-  // An id of nobody in a bucket.
+  // An id in a bucket that no process has.
   static pid_t gone_in(unsigned int bucket, pid_t from = GONE) {
     pid_t pid = from;
     while (pidhash(pid) != bucket)
@@ -176,8 +176,8 @@ TEST_F(TovSweep, LostTwinsInOneBucketAreHandledOnce) {
   EXPECT_EQ(program.births().size(), 1u);
 }
 
-// A third-part program that somebody else brought back meanwhile. The server wants the registry's
-// lock to make the new record: nobody may hold it while the server is asked.
+// A third-part program that another process started again meanwhile. The server wants the
+// registry's lock to make the new record: no thread may hold it while the server is asked.
 TEST_F(TovSweep, RegistryIsFreeWhileAProgramThatWasFoundIsRegistered) {
   const Program program("found");
   tov_test::write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");

@@ -1,4 +1,4 @@
-// The dumps of the registries: what they show, and that nobody waits for their reader.
+// The dumps of the registries: what they show, and that no other thread waits for their reader.
 #include "core/registry/dump.h"
 
 #include <fcntl.h>
@@ -93,7 +93,7 @@ TEST_F(TovMsg, StuckConsoleDoesNotHoldTheRegistry) {
   dup2(pipe_ends[1], STDOUT_FILENO);
   close(pipe_ends[1]);
   std::thread dumper([] { tov_cli_dump_process_msg_console(0, &tov_chains); });
-  // The pipe holds 64 KiB of some 200: once it is full, the dump is stuck until somebody reads.
+  // The pipe holds 64 KiB of some 200: once it is full, the dump is stuck until the pipe is read.
   const bool stuck = tov_test::wait_until(
       [&] {
         int held = 0;

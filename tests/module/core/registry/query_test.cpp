@@ -36,7 +36,7 @@ class TovIsRegAliveInlock : public tov_test::World {};
 
 // ---- another instance -----------------------------------------------------------------------
 
-TEST_F(TovProcIsRunning, NobodyElse) {
+TEST_F(TovProcIsRunning, NoOtherRecord) {
   tov_pid_t *record = add(GONE, "/opt/a -x");
   EXPECT_EQ(ask(record), nullptr);
 }
@@ -105,7 +105,7 @@ TEST_F(TovCheckProcessAlive, DeadProcess) {
   EXPECT_EQ(tov_check_process_alive(add(GONE, "/opt/a")), -1);
 }
 
-TEST_F(TovCheckProcessAlive, IdsThatNameNobody) {
+TEST_F(TovCheckProcessAlive, IdsThatNameNoProcess) {
   EXPECT_EQ(tov_check_process_alive(add(0, "/opt/a")), -1);
   EXPECT_EQ(tov_check_process_alive(add(-1, "/opt/a")), -1);
 }

@@ -74,7 +74,7 @@ TEST_F(LackOfMemory, EndsTheProcessOnPurposeAndWithOneLine) {
   EXPECT_THAT(events(TOV_LOG_ERROR), ElementsAre("No memory is left, tov will be restart."));
 }
 
-TEST_F(LackOfMemory, ThatSomebodyCatchesEndsNothing) {
+TEST_F(LackOfMemory, ThatIsCaughtEndsNothing) {
   const Ending ending = ending_of([] {
     tov_core_end_without_memory();
     try {

@@ -82,7 +82,7 @@ TEST_F(OomScore, ExemptionIsMinusThousand) {
   EXPECT_EQ(score_of(process.pid()), "-1000\n");
 }
 
-TEST_F(OomScore, NobodyIsNoFailure) {
+TEST_F(OomScore, IdOfNoProcessIsNoFailure) {
   const std::string own = score_of(getpid());
   for (const pid_t pid : {tov_test::GONE, 0, -1})
     change_proc_oom_adj(500, pid);

@@ -270,7 +270,7 @@ TEST_F(TovServerEnd, LinkPlantedAtTheSocketPathChangesNoOtherFilesMode) {
       unlink(TOV_SOCKET_PATH);
       planted();
     };
-    // Nobody can connect to it; it ends when it next looks, after the failure of its first wait.
+    // No client can connect to it; it ends when it next looks, after the failure of its first wait.
     failure = EPOLL_CREATE;
     ServerThread server;
     server.join();

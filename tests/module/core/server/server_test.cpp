@@ -295,7 +295,7 @@ TEST_F(TovServer, ClientThatSaysNothingIsDroppedWhenItGoes) {
   }
 }
 
-TEST_F(TovServer, SilentClientHoldsNobodyUp) {
+TEST_F(TovServer, SilentClientDelaysNoOther) {
   RawClient silent;
   ASSERT_EQ(silent.connect(), 0);
   for (int i = 0; i < 20; i++)
@@ -334,7 +334,7 @@ TEST_F(TovServer, RequestOfAClientThatHangsUpAtOnceIsNotCarriedOut) {
   EXPECT_FALSE(registered(tov_chains, process.pid()));
 }
 
-TEST_F(TovServer, ClientThatDiesInTheMiddleHarmsNobody) {
+TEST_F(TovServer, ClientThatDiesInTheMiddleHarmsNoOther) {
   for (int i = 0; i < 50; i++) {
     const pid_t pid = fork();
     if (pid == 0) {

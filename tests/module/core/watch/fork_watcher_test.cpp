@@ -35,7 +35,7 @@ static int watch_in_child() {
   });
 }
 
-// The others may wait for a thread whose fork fails for ever; nobody else would make an end.
+// The others may wait for a thread whose fork fails for ever; only this thread makes an end.
 TEST_F(TovInotifyForkError, StaysOnWatchWhenTheDaemonIsToEnd) {
   tov_flag_set(quit, 1);
   write_file(TOV_FORK_FILE, "aaaaaaa");

@@ -39,7 +39,7 @@ using tov_test::Program;
 namespace {
 
 constexpr pid_t TID = 4711;         // has a slot
-constexpr pid_t OWNER = GONE + 11;  // nobody, and registered unless a test says otherwise
+constexpr pid_t OWNER = GONE + 11;  // no process; registered unless a test says otherwise
 constexpr unsigned int PERIOD_S = 120;
 constexpr int PASSES = 2;         // in a period
 constexpr size_t COMPARED = 254;  // characters of a command line
@@ -331,7 +331,7 @@ class TovNotiferScan : public TovNotifer {
  protected:
   void SetUp() override {
     TovNotifer::SetUp();
-    tov_destroy_chains(&tov_alive_chains);  // nobody but whom the test names
+    tov_destroy_chains(&tov_alive_chains);  // only what the test adds is watched
   }
 };
 

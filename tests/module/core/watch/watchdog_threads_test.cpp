@@ -31,7 +31,7 @@ constexpr unsigned int PERIOD_S = 60;  // a scan; so each one without a sign of 
 
 using TovNotiferThreads = tov_test::World;
 
-// The server's work for a client's request, in that client's thread: here nobody listens.
+// The server's work for a client's request, in that client's thread: here no server runs.
 tov_msg_xtach_t request_of(pid_t tid) {
   tov_msg_xtach_t payload{};
   payload.pid = tid;
@@ -73,7 +73,7 @@ TEST_F(TovNotiferThreads, LiveBesideTheScan) {
     count = 0;
     clients.emplace_back([&stop, &count] { live(stop, count); });
   }
-  // Between two scans every client is heard of, so nobody's budget can ever be spent.
+  // Between two scans every client is heard of, so no budget can ever be spent.
   for (int scan = 0; scan < SCANS; scan++) {
     int before[CLIENTS];
     for (int i = 0; i < CLIENTS; i++)

@@ -103,7 +103,7 @@ TEST_F(TovDealForkfileChange, MissingRecordIsOnlyToldAbout) {
               HasSubstr("]open /tmp/tov/forkfile error, No such file or directory\n"));
 }
 
-TEST_F(TovDealForkfileChange, RecordThatIsNoFileHoldsNobodyUp) {
+TEST_F(TovDealForkfileChange, RecordThatIsNoFileDoesNotBlock) {
   ASSERT_EQ(mkfifo(TOV_FORK_FILE, 0666), 0);
   EXPECT_THAT(diagnostics([] { tov_deal_forkfile_change(); }), HasSubstr("forkfile error, "));
 }
@@ -162,7 +162,7 @@ TEST_F(TovUpdateCfg, LinkedFileIsReadLikeAnyOther) {
   EXPECT_FALSE(is_on());
 }
 
-TEST_F(TovUpdateCfg, FifoInItsPlaceHoldsNobodyUp) {
+TEST_F(TovUpdateCfg, FifoInItsPlaceDoesNotBlock) {
   ASSERT_EQ(mkfifo(TOV_HA_CONFIG_FILE, 0666), 0);
   tov_flag_set(tov_single_ps_ha_enable, 0);
   alarm(10);  // ends the test program instead of waiting for a writer for ever

@@ -146,7 +146,7 @@ TEST_F(TovHealth, OtherActionsAreOnlyLogged) {
   EXPECT_TRUE(refused_kills.empty());
 }
 
-TEST_F(TovHealth, NobodyElseIsSignalled) {
+TEST_F(TovHealth, InvalidTargetsAreNotSignalled) {
   for (const int pid : {0, -1, 1, -own_child, getpid()})
     EXPECT_EQ(protect_selfhealing_do_action(PSH_KILL_PROCESS_ACT, pid, "tov", "x"), -EINVAL) << pid;
   EXPECT_TRUE(refused_kills.empty());

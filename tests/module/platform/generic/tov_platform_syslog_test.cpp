@@ -81,7 +81,7 @@ TEST(TovSyslog, LongestRecordIsWholeAndEndlessTextIsCut) {
   EXPECT_LT(text.size(), 8192u);
 }
 
-TEST(TovSyslog, NobodyListeningIsAnError) {
+TEST(TovSyslog, MissingReceiverIsAnError) {
   errno = 7;
   EXPECT_EQ(printk_syslog_ext(5, "HA", "M", 1, "x"), -ENOENT);
   qx_syslog(LOG_INFO, "x");
@@ -100,7 +100,7 @@ TEST(TovSyslog, ReceiverOfAnotherKindIsAnError) {
   EXPECT_EQ(printk_syslog_ext(5, "HA", "M", 1, "x"), -EPROTOTYPE);
 }
 
-TEST(TovSyslog, FullReceiverLosesMessagesAndHoldsNobodyUp) {
+TEST(TovSyslog, FullReceiverLosesMessagesAndBlocksNoSender) {
   LogListener log;
   const size_t descriptors = tov_test::open_descriptors();
   const int64_t start = tov_test::monotonic_ns();

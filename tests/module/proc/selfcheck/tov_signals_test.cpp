@@ -162,7 +162,7 @@ TEST_F(TovChldHandler, OldErrorNumberNeitherEndsNorProlongsTheLoop) {
     EXPECT_EQ(errno, old);  // kept for whom it interrupted
     EXPECT_FALSE(has_children()) << old;
     errno = old;
-    tov_chld_handler(SIGCHLD);  // nobody is left
+    tov_chld_handler(SIGCHLD);  // no child is left
     EXPECT_EQ(errno, old);
   }
 }
@@ -186,9 +186,9 @@ TEST_F(TovChldHandler, OneSignalMayStandForSeveralChildren) {
   });
 }
 
-// ---- nobody waits ---------------------------------------------------------------------------
+// ---- no task is suspended -------------------------------------------------------------------
 
-TEST_F(TovAlrmHandler, NobodyWaitsNoAlarm) {
+TEST_F(TovAlrmHandler, NoSuspendedTaskNoAlarm) {
   tov_pid_t *record = add(GONE, "/opt/a");
   record->flags = TOV_FLAG_STARTED;
   errno = EDOM;
