@@ -1,4 +1,4 @@
-// The readers of /proc, each beside the bare system calls that nobody can do without.
+// The readers of /proc, each beside the bare system calls that no reader can do without.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -103,7 +103,7 @@ static void look_up_with_lock(benchmark::State &state) {
 }
 BENCHMARK(look_up_with_lock)->Arg(1)->Arg(256)->Arg(4096);
 
-// Nearly every process that ends on the machine: nobody registered it.
+// Nearly every process that ends on the machine: it is not registered.
 static void look_up_of_a_stranger(benchmark::State &state) {
   Filled filled(state.range(0));
   const tov_chains_guard_t guard(filled.chains);

@@ -94,7 +94,7 @@ int64_t Stage::end(Program &program, int signal) {
   narrator_.act("kill -" + std::string(sigabbrev_np(signal)) + " " + id(program.pid) + " (" +
                 program.name + ")");
   const int64_t ended_ns = monotonic_ns();
-  // One that did not come back before has no process; its id may be somebody else's by now.
+  // One that did not come back before has no process; its id may be another process's by now.
   if (device_.lives(program.pid)) device_.kill(program.pid, signal);
   return ended_ns;
 }

@@ -1,7 +1,7 @@
 // The device of the demonstration, the example programs in it, and what became of each of them.
 //
 // The programs are those of examples/, copied to /usr/local/bin of the device. They register
-// themselves through libtov; nobody here writes a registration for them.
+// themselves through libtov; the demonstration writes no registration for them.
 // One thread. What should always work throws std::runtime_error.
 #ifndef TOV_DEMO_STAGE_H
 #define TOV_DEMO_STAGE_H

@@ -28,7 +28,7 @@ __attribute__((constructor)) static void stamp(void) {
   const int length = snprintf(line, sizeof line, "birth\tpid=%d\tmain_ns=%lld\tend=1\n",
                               (int)getpid(), now.tv_sec * 1000000000LL + now.tv_nsec);
   const int fd = open(report, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (fd < 0) return; /* outside the demonstration's device there is nobody to read it */
+  if (fd < 0) return; /* outside the demonstration's device it has no reader */
   if (write(fd, line, (size_t)length) < 0) perror(report);
   close(fd);
 }

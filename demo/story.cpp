@@ -116,7 +116,7 @@ static constexpr Scene scenes[] = {
 
 // ---- the end --------------------------------------------------------------------------------
 
-// What a restart costs when nobody asks anything: a fork and an exec, median of some.
+// What a restart costs at least: a fork and an exec, median of some.
 static double bare_restart_ms() {
   std::vector<double> times;
   for (int i = 0; i < FLOOR_ROUNDS; i++) {
