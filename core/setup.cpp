@@ -1,3 +1,5 @@
+// The directories as tables, and the limit. A directory that cannot be made is passed over, since
+// whoever needs it reports it; a limit that cannot be set ends the daemon.
 #include "core/setup.h"
 
 #include <stdio.h>

@@ -1,3 +1,6 @@
+// What follows from one more start of a task: it is counted, and at the limit the task is
+// suspended, the alarm armed and a reload of the unit considered. The record's fields are written
+// by core/registry/record.
 #include "proc/burst.h"
 
 #include <stdio.h>

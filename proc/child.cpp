@@ -1,3 +1,5 @@
+// The cutting of a command line into words, before the fork, and the child's steps as a table that
+// is walked from top to bottom after it.
 #include "proc/child.h"
 
 #include <errno.h>

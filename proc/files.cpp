@@ -1,3 +1,5 @@
+// No open waits for a peer at the other end of a FIFO: these functions run under the registry's
+// lock or between fork and exec.
 #include "proc/files.h"
 
 #include <errno.h>

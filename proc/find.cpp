@@ -1,3 +1,5 @@
+// A search is a number of scans of /proc with growing pauses between them. No list of
+// processes is kept from one round over /proc to the next.
 #include "proc/find.h"
 
 #include <ctype.h>

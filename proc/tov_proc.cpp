@@ -1,3 +1,5 @@
+// One start: all that the child needs is prepared (start_s), then fork, the parent's bookkeeping,
+// and the choice of the process to supervise. A failed fork is recorded and tried again after 5 s.
 #include "proc/tov_proc.h"
 
 #include <errno.h>

@@ -1,3 +1,5 @@
+// The reading in whole seconds is a given name and stays a function of the library; the finer ones
+// are inline in the header.
 #include "util/clock.h"
 
 #include <time.h>

@@ -1,3 +1,5 @@
+// Both changes concern the calling thread alone. Only the way back to ordinary scheduling has to
+// work in a forked child, so only that one avoids the C library's locks.
 #include "util/priority.h"
 
 #include <sched.h>

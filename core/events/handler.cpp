@@ -1,3 +1,5 @@
+// Which executed programs are registered, which exits go on to the decision, and the thread's
+// pace. While any virtual device is being deleted an exit only drops its record.
 #include "core/events/handler.h"
 
 #include <errno.h>

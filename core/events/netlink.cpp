@@ -1,3 +1,6 @@
+// The socket, its filter in the kernel, and the way from a datagram to an entry of the ring. An
+// event is copied out of its datagram, where it stands unaligned; each length is checked before
+// what it covers is read.
 #include "core/events/netlink.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,5 @@
+// The tables of texts, and one procedure that fills a text in: each row names the values that its
+// format takes. The journal uses two files in turn.
 #include "core/policy/announce.h"
 
 #include <errno.h>

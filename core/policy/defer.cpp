@@ -1,3 +1,5 @@
+// The test of the lock, and the copy of the record that waits in `tov_chains_delay`. The test
+// takes the lock; closing the descriptor at the end of the test releases it.
 #include "core/policy/defer.h"
 
 #include <errno.h>

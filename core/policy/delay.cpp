@@ -1,3 +1,5 @@
+// One exit a second is handed back: the walk of the registry ends at the first one that is due,
+// because the decision about it is made without this registry's lock.
 #include "core/policy/delay.h"
 
 #include <sys/types.h>

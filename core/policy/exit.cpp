@@ -1,3 +1,5 @@
+// Answers and acts for an exit that has happened. The order of the questions is that of the rules;
+// the rules on plain values, without effects, are in core/policy/foresee.cpp.
 #include "core/policy/exit.h"
 
 #include <errno.h>

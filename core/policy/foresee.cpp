@@ -1,3 +1,5 @@
+// The rules' questions are answered from the values that were handed in. Of the acts only the last
+// is kept: it is the outcome. For a restart the burst is counted as if the program were started.
 #include "core/policy/foresee.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// Crashes are counted on the records: each keeps the time of its last core dump, so it counts once
+// however often it crashed, and not at all when the record is gone.
 #include "core/policy/mass.h"
 
 #include <stdio.h>

@@ -1,3 +1,5 @@
+// Device by device, file by file: a record is inserted as soon as its file is read, and one whose
+// process is dead is decided about before the next file. The lock is held for one file at a time.
 #include "core/policy/rebuild.h"
 
 #include <limits.h>

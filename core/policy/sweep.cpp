@@ -1,3 +1,5 @@
+// A bucket is compared with /proc first and decided about second, both under the lock. What the
+// decisions want registered is registered after the lock is released.
 #include "core/policy/sweep.h"
 
 #include <vector>

@@ -1,3 +1,4 @@
+// Walks of a registry and readings of /proc; no record is changed.
 #include "core/registry/query.h"
 
 #include <string.h>

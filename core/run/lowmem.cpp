@@ -1,3 +1,6 @@
+// The files that steer the killer are written and never created; those that say whether a reload
+// is permitted are read at each question.
+// Losses: a value for a process that is gone, or for a switch that the kernel does not have.
 #include "core/run/lowmem.h"
 
 #include <errno.h>

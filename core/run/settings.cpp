@@ -1,3 +1,5 @@
+// A file is read into a buffer on the stack, without a stream, and its numbers are parsed there.
+// Losses: text behind the 255th byte.
 #include "core/run/settings.h"
 
 #include <stdio.h>

@@ -1,3 +1,5 @@
+// The two handlers, and the dispositions and masks under which they run. The header argues why the
+// alarm's handler may lock, fork and log.
 #include "proc/selfcheck/tov_signals.h"
 
 #include <errno.h>

@@ -22,8 +22,7 @@
 //   locks held: its handler calls waitpid() and nothing else, takes no lock and keeps errno.
 // - pthread_join() goes on waiting afterwards; it never ends for a signal's sake.
 // - alarm(): the handler arms it after the unlock. A task that another thread suspends in between
-// is
-//   due later than those that the handler saw waiting, so the alarm comes in time, and the run
+//   is due later than those that the handler saw waiting, so the alarm comes in time, and the run
 //   that it leads to arms the next one for that task.
 #ifndef TOV_SIGNALS_H
 #define TOV_SIGNALS_H
