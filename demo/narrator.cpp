@@ -1,3 +1,6 @@
+// Every 10 ms the lines that are new in each source are collected, sorted by time and printed.
+// Event logs carry the time of day; their stamps are converted to the monotonic clock, on which
+// the other lines are dated.
 #include "demo/narrator.h"
 
 #include <stdint.h>

@@ -1,3 +1,5 @@
+// Ending programs, waiting for what follows and noting it. A restart is measured from the signal
+// to the beginning of the new program's main, as that program itself reports it (stamp.c).
 #include "demo/stage.h"
 
 #include <signal.h>

@@ -1,3 +1,5 @@
+// The scenes in their order, and the table of outcomes at the end. A restart is compared with a
+// bare fork and exec, measured on the same machine.
 #include "demo/story.h"
 
 #include <signal.h>

@@ -1,3 +1,5 @@
+// The table of deeds with the weight of each, and the draw. What the deeds do is written in
+// deeds_programs.cpp and deeds_daemon.cpp.
 #include "tests/chaos/deeds.h"
 
 #include "tests/chaos/deeds_list.h"

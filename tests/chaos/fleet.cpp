@@ -1,3 +1,5 @@
+// Keeps the model up to date: each start and each deed is noted, and the programs' own reports say
+// which process was born, is registered or has cancelled. A process is known by its command line.
 #include "tests/chaos/fleet.h"
 
 #include <signal.h>

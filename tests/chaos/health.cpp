@@ -1,3 +1,5 @@
+// Figures and zombies as /proc shows them. Growth counts only beyond a margin, because clients
+// come and go while the daemon is measured.
 #include "tests/chaos/health.h"
 
 #include <stddef.h>

@@ -1,3 +1,5 @@
+// A proof holds when all programs are as they should be for a while without a break. Until its
+// limit a wrong state may still pass: restarts take their time.
 #include "tests/chaos/judge.h"
 
 #include <signal.h>

@@ -1,3 +1,4 @@
+// The table of kinds; the shares add up to a hundred.
 #include "tests/chaos/kinds.h"
 
 #include <vector>

@@ -1,3 +1,5 @@
+// Figures for every run. On failure, evidence about single programs goes to the verdict and all
+// else to a file.
 #include "tests/chaos/report.h"
 
 #include <stddef.h>

@@ -1,3 +1,5 @@
+// The functions of the platform layer over lists of texts. Formats are expanded as a real platform
+// does it, so that a test compares what would be read on a device.
 #include "tests/unit/sim/platform.h"
 
 #include <stdarg.h>
