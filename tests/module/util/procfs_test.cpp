@@ -50,6 +50,9 @@ class Running {
     char byte;  // the pipe's last writer goes at exec
     (void)!read(ready[0], &byte, 1);
     close(ready[0]);
+    // The kernel shows the words a moment after the execution itself.
+    tov_test::wait_until([this] { return !tov_test::command_line(pid_).empty(); },
+                         tov_test::PATIENT_MS);
   }
   ~Running() {
     input_.reset();
@@ -220,7 +223,7 @@ TEST(TovUtilsLife, StoppedProcessLives) {
   const Running cat("/bin/cat", {"cat"});
   kill(cat.pid(), SIGSTOP);
   ASSERT_TRUE(tov_test::wait_until([&] { return tov_test::process_state(cat.pid()) == 'T'; },
-                                   tov_test::Millis(2000)));
+                                   tov_test::PATIENT_MS));
   EXPECT_EQ(process_life(cat.pid()), 0);
 }
 
