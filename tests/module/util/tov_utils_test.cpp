@@ -159,19 +159,20 @@ TEST(TovUtilsRead, PipeClosedEarlyGivesTheShortCount) {
 
 TEST(TovUtilsRead, SignalsAndShortReadsAreResumed) {
   Pipe pipe;
-  std::thread writer = quiet_thread([&] {
-    for (const char *piece : {"one", "two", "three"}) {
-      safe_usleep(20000);
-      (void)!write(pipe.in.n, piece, strlen(piece));
-    }
-  });
   char buf[11];
   {
     const Interruptions noise(2000);
+    std::thread writer = quiet_thread([&] {
+      for (const char *piece : {"one", "two", "three"}) {
+        const int before = signals_seen;
+        tov_test::wait_until([before] { return signals_seen > before; }, tov_test::PATIENT_MS);
+        (void)!write(pipe.in.n, piece, strlen(piece));
+      }
+    });
     EXPECT_EQ(safe_read(pipe.out.n, buf, sizeof buf), 11);
     EXPECT_GE(signals_seen, ENOUGH_SIGNALS);
+    writer.join();
   }
-  writer.join();
   EXPECT_EQ(std::string(buf, 11), "onetwothree");
 }
 
