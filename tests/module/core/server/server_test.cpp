@@ -140,7 +140,7 @@ TEST_F(TovServer, SignOfLifeIsCarriedOutWithoutAnAnswer) {
   ASSERT_EQ(client.connect(), 0);
   ASSERT_TRUE(client.send(packet(TOV_RESET, bytes_of(payload))));
   EXPECT_EQ(client.answer(300ms), RawClient::SILENCE);
-  EXPECT_TRUE(registered(tov_alive_chains, process.pid()));
+  EXPECT_TRUE(wait_until([&] { return registered(tov_alive_chains, process.pid()); }, 30s));
 }
 
 TEST_F(TovServer, ThreadIsWatchedAndLetGo) {
