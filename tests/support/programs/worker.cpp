@@ -191,6 +191,7 @@ static void grow() {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   (void)!read(fd, text, sizeof text - 1);
   close(fd);
+  if (text[0] == '\0') return;  // still being written
   unlink(path.c_str());
   static std::vector<std::vector<char>> kept;
   for (int left = atoi(text); left > 0; left--)
