@@ -197,10 +197,12 @@ TEST(Journal, ThatCannotBeWrittenHoldsTheRestartBack) {
   device.mkdir(JOURNAL_1);
   Task task = start_task(device, "held_back", {.words = {"lock=2"}, .registered = false});
   Task bystander = start_task(device, "bystander_journal");
-  device.start_ready_daemon();
+  device.start_ready_daemon({.env = with_diagnostics(device)});
   const pid_t dead = task.pid;
   device.kill(task.pid, SIGKILL);
   need_event(device, RESTART_LOG, self_checking(task, dead, 9));
+  // The announcement comes before the look at the marker.
+  ASSERT_TRUE(device.wait_output("fail to openlog: Is a directory"));
   device.remove("/etc/debug_log");
   pass_events(device, bystander);
   EXPECT_EQ(device.births(task.name).size(), 1U);

@@ -112,9 +112,11 @@ TEST(Sweep, MakesUpForARestartThatWasHeldBack) {
   device.mkdir("/tmp/tov/tov.log1");
   Task task = start_task(device, "held");
   const pid_t dead = task.pid;
-  device.start_ready_daemon({.faketime = FAST});
+  device.start_ready_daemon({.env = with_diagnostics(device), .faketime = FAST});
   device.kill(task.pid, SIGKILL);
   need_event(device, RESTART_LOG, self_checking(task, dead, 9));
+  // The announcement comes before the look at the marker.
+  ASSERT_TRUE(device.wait_output("fail to openlog: Is a directory"));
   device.remove("/etc/debug_log");
   next_birth(device, task, SWEEPS_LIMIT_MS);
   need_event(device, RESTART_LOG, re_init_info(task, 1, task.pid));
