@@ -73,7 +73,7 @@ class SweepClock {
 // by its own clock.
 static std::string install_slow_start(Device &device) {
   static constexpr pid_t NOBODY = 5'000'000;  // the kernel gives out no such id
-  static constexpr int PROGRAMS = 15;
+  static constexpr int PROGRAMS = 60;
   std::string name = unique_name("slow_start");
   const std::string command = device.install_program(name) + " exit=0";
   for (pid_t pid = NOBODY; pid < NOBODY + PROGRAMS; pid++)
