@@ -110,9 +110,10 @@ TEST_F(TovRpc, RequestWhoseWaitASignalEndedIsAnsweredAllTheSame) {
 }
 
 TEST_F(TovRpc, ConnectionOwedAnAnswerIsClosedOnceItWasAnswered) {
-  FakeDaemon daemon(Manners{.think = 300ms});
+  FakeDaemon daemon(Manners{.held = true});
   ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
   ASSERT_EQ(bare_request(TOV_SHELL_RESTART, false), 0);
+  daemon.let_go();  // only now: the second one would close a connection that was answered
   ASSERT_EQ(daemon.requests(2).size(), 2u);
   const size_t before = open_sockets();
   ASSERT_EQ(bare_request(TOV_RESET, false), 0);
