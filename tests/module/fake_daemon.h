@@ -109,23 +109,21 @@ class FakeDaemon {
  private:
   static constexpr int LOOK_MS = 5;
 
-  bool readable(int fd) const {
-    pollfd asked = {fd, POLLIN, 0};
-    return poll(&asked, 1, LOOK_MS) > 0;
-  }
-
   void run() {
     while (!ending_) {
-      // Clients wait for their turn in the listening queue, as they do with a busy daemon; but one
-      // that keeps its connection open must not keep the next one out.
-      if (readable(listener_.n)) {
-        clients_.emplace_back(accept4(listener_.n, nullptr, nullptr, SOCK_CLOEXEC));
-        connections_++;
-      }
-      for (tov_fd_t &client : clients_) {
-        if (client.n >= 0 && readable(client.n) && !serve(client.n)) client.reset();
+      std::vector<pollfd> asked = {{listener_.n, POLLIN, 0}};
+      for (const tov_fd_t &client : clients_)
+        asked.push_back({client.n, POLLIN, 0});
+      if (poll(asked.data(), asked.size(), LOOK_MS) <= 0) continue;
+      for (size_t i = 0; i < clients_.size(); i++) {
+        if (asked[i + 1].revents != 0 && !serve(clients_[i].n)) clients_[i].reset();
       }
       std::erase_if(clients_, [](const tov_fd_t &client) { return client.n < 0; });
+      // Clients wait for their turn in the listening queue, as they do with a busy daemon; but one
+      // that keeps its connection open must not keep the next one out.
+      if (asked[0].revents == 0) continue;
+      clients_.emplace_back(accept4(listener_.n, nullptr, nullptr, SOCK_CLOEXEC));
+      connections_++;
     }
   }
 
