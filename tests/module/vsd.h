@@ -25,10 +25,15 @@
 namespace tov_test {
 
 // Groups are the machine's, and a group is found by a search for its digits: a number whose group
-// id is long and contains no other device's.
+// id is long, holds nobody else's and is that of no test beside this one. Six digits from 5 to 9
+// stand in front of its two zeroes, so it holds none of 3100, 3200, ... 4600.
 inline int unused_vsd() {
-  const int pid = getpid();
-  return (40 + pid % 20) * 10'000 + 20 + (pid / 20) % 70;
+  static constexpr int DIGITS = 6, CHOICES = 5, LOWEST = 5, GROUP_OF_ZERO = 30;
+  int number = 0;
+  int rest = getpid();
+  for (int i = 0; i < DIGITS; i++, rest /= CHOICES)
+    number = 10 * number + LOWEST + rest % CHOICES;
+  return number - GROUP_OF_ZERO;
 }
 
 inline gid_t group_of(int vsd) {
