@@ -5,9 +5,11 @@
 // command line among all processes of the machine.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,10 +44,26 @@ struct Service {
   int port;
 };
 
-// Services that listen get a port that no other test process uses at the same time.
+static bool is_free(int port) {
+  const tov_fd_t probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int yes = 1;  // as the services do: a connection that has ended is no obstacle
+  sockaddr_in at{};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(static_cast<uint16_t>(port));
+  at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return setsockopt(probe.n, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+         bind(probe.n, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0;
+}
+
+// Services that listen get a port that no other test process uses at the same time, below those
+// that the kernel gives out by itself.
 static int next_port() {
+  static constexpr int FIRST = 20'000, PROCESSES = 1'200, EACH = 10;
   static int used = 0;
-  return 20'000 + (getpid() % 4'000) * 10 + used++;
+  for (;;) {
+    const int port = FIRST + (getpid() * EACH + used++) % (PROCESSES * EACH);
+    if (is_free(port)) return port;
+  }
 }
 
 static std::string find_program(const std::vector<std::string> &places) {
@@ -171,7 +189,7 @@ static pid_t supervised_background(const Device &device, const Service &service,
 // was looked into stays unknown, which on a busy machine happens; then it is started once more.
 static pid_t start_background(Device &device, const Service &service) {
   static constexpr int TRIES = 10;
-  static constexpr Millis TRY_LIMIT_MS{1'000};
+  static constexpr Millis TRY_LIMIT_MS{3'000};
   for (int i = 0; i < TRIES; i++) {
     const pid_t executed = device.spawn({service.program});
     const pid_t running = supervised_background(device, service, executed, TRY_LIMIT_MS);
