@@ -17,7 +17,12 @@ until notices | grep -q "new id supervised_c/$new"; do
   [ "$tries" -lt 300 ] || exit 12
   sleep 0.1
 done
-programs | grep -q "^ *$new  /usr/local/bin/supervised_c$" || exit 13
+# The file has its name before it has its lines.
+until programs | grep -q "^ *$new  /usr/local/bin/supervised_c$"; do
+  tries=$((tries + 1))
+  [ "$tries" -lt 400 ] || exit 13
+  sleep 0.1
+done
 logs 50 | grep -q "new pid: $new" || exit 14
 [ -z "$(pid nobody)" ] || exit 15
 exit 7
