@@ -98,7 +98,7 @@ class RawClients : public testing::Test {
     EXPECT_TRUE(wait_until([&] { return descriptors() <= descriptors_ + OTHERS; }, CLIENT_LIMIT_MS))
         << descriptors() << " instead of " << descriptors_;
   }
-  long resident_kb() const { return atol(status_field(daemon_, "VmRSS").c_str()); }
+  long resident_kb() const { return static_cast<long>(tov_test::resident_kb(daemon_)); }
   // A sanitizer's own memory, which grows with every freed block, says nothing.
   void expect_memory_within([[maybe_unused]] long before_kb, [[maybe_unused]] long more_kb) const {
 #if !defined(TOV_SANITIZE_ADDRESS) && !defined(TOV_SANITIZE_THREAD)

@@ -83,7 +83,7 @@ class ThirdPartLives : public testing::Test {
     return static_cast<size_t>(std::distance(
         directory_iterator("/proc/" + std::to_string(daemon_) + "/fd"), directory_iterator()));
   }
-  long resident_kb() const { return atol(status_field(daemon_, "VmRSS").c_str()); }
+  long resident_kb() const { return static_cast<long>(tov_test::resident_kb(daemon_)); }
 
   void note_begin() {
     begin_descriptors_ = descriptors();

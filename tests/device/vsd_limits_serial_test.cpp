@@ -180,16 +180,7 @@ static std::map<int, uint64_t> sums(const std::string &printed) {
   return found;
 }
 
-// The kernel's own sum over all mappings. Workers are statically linked: none is a library's.
-static uint64_t resident_kb(pid_t pid) {
-  std::istringstream lines(read_small_file("/proc/" + std::to_string(pid) + "/smaps_rollup"));
-  std::string word;
-  uint64_t kilobytes = 0;
-  while (lines >> word)
-    if (word == "Rss:") lines >> kilobytes;
-  return kilobytes;
-}
-
+// Workers are statically linked, so the kernel's sum over all mappings has no library's in it.
 TEST_F(VsdLimits, SweepAgreesWithTheKernelsFigures) {
   device.mkdir("/memory/vsd_1");
   call_vsd(device, {"set_mem_group", "1", "1048576"});

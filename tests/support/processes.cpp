@@ -16,6 +16,7 @@
 #include <csignal>
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -125,6 +126,14 @@ std::string status_field(pid_t pid, const std::string &field) {
   const size_t begin = text.find_first_not_of(" \t", at + field.size() + 2);
   const size_t end = text.find('\n', begin);
   return begin >= end ? std::string() : text.substr(begin, end - begin);
+}
+
+uint64_t resident_kb(pid_t pid) {
+  std::istringstream words(read_small_file(proc_path(pid, "smaps_rollup")));
+  uint64_t kilobytes = 0;
+  for (std::string word; words >> word;)
+    if (word == "Rss:") words >> kilobytes;
+  return kilobytes;
 }
 
 std::string unique_name(const std::string &prefix) {

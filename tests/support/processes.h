@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -56,6 +57,10 @@ std::string command_line(pid_t pid);
 
 // A field of /proc/PID/status, without its name and blanks; empty when absent.
 std::string status_field(pid_t pid, const std::string &field);
+
+// Kilobytes that a process holds, the kernel's own sum over all its mappings: what the status file
+// says may lag behind by some hundreds. 0 when it is gone.
+uint64_t resident_kb(pid_t pid);
 
 // `prefix` followed by the caller's process id: processes are visible from every device at once,
 // so a name that a test looks for must be its own.
