@@ -20,7 +20,7 @@ using tov_test::Device;
 using tov_test::Millis;
 using tov_test::unique_name;
 
-static constexpr Millis LIMIT_MS{10'000};
+static constexpr Millis LIMIT_MS = tov_test::PATIENT_MS;
 
 TEST(PrivateDevicePrograms, VictimTellsHowItWasStarted) {
   Device device;
@@ -53,7 +53,7 @@ TEST(PrivateDevicePrograms, VictimDiesAsTold) {
   Device device;
   const std::string program = device.install_program(unique_name("dying"));
   EXPECT_TRUE(device.run({program, "exit=7"}).exited_with(7));
-  const auto aborted = device.run({program, "abort"});
+  const auto aborted = device.run({program, "abort"}, {.limits = {{RLIMIT_CORE, 0, 0}}});
   EXPECT_TRUE(WIFSIGNALED(aborted.status) && WTERMSIG(aborted.status) == SIGABRT);
   EXPECT_FALSE(WCOREDUMP(aborted.status));
   EXPECT_EQ(device.run({program, "print=hello", "exec=/bin/true"}).output, "hello\n");
