@@ -35,7 +35,7 @@ struct Program {
 
   // Waits for a start; the Nth, counted from 1.
   Birth birth(size_t number = 1) const {
-    if (!wait_until([&] { return births().size() >= number; }, Millis(10'000)))
+    if (!wait_until([&] { return births().size() >= number; }, PATIENT_MS))
       throw std::runtime_error(name + ": no birth number " + std::to_string(number));
     return births()[number - 1];
   }

@@ -37,7 +37,7 @@ class SelfHealing {
 
   // The first request as "[ACTION][PID][MODULE][REASON]".
   std::string request() const {
-    wait_until([] { return read_file(NOTES).ends_with("END\n"); }, Millis(10'000));
+    wait_until([] { return read_file(NOTES).ends_with("END\n"); }, PATIENT_MS);
     const std::string notes = read_file(NOTES);
     return notes.substr(0, notes.find("END\n"));
   }

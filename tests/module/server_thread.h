@@ -30,7 +30,7 @@ class ServerThread {
 
   // Waits until it takes connections.
   bool up() {
-    return wait_until([] { return RawClient().connect() == 0; }, std::chrono::seconds(10));
+    return wait_until([] { return RawClient().connect() == 0; }, PATIENT_MS);
   }
   // Waits until it has ended by itself.
   void join() { thread_.join(); }

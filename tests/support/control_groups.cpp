@@ -22,7 +22,7 @@
 namespace tov_test {
 
 static const std::string GROUP_PREFIX = "tov_device_";
-static constexpr int REMOVE_TRIES = 100;
+static constexpr int REMOVE_TRIES = 1'000;
 static constexpr Millis REMOVE_PAUSE_MS{10};
 
 // A controller may share its hierarchy with another one; both spellings are tried in turn.

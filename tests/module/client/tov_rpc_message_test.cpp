@@ -314,7 +314,7 @@ TEST_F(TovRpcMessage, SignalDoesNotEndTheWaitForAMessage) {
     for (int i = 0; i < 20; i++) {  // the first ones may come before the wait
       std::this_thread::sleep_for(10ms);
       EXPECT_TRUE(tov_test::wait_until([&] { return tov_test::process_state(waiting_id) == 'S'; },
-                                       tov_test::Millis(10'000)));
+                                       tov_test::PATIENT_MS));
       pthread_kill(waiting, SIGUSR1);
     }
     write_packet(0, 0);

@@ -30,11 +30,13 @@ class TovProcToPid : public tov_test::NotesSleeps<tov_test::World> {
   // could decide a test; such a scan is made again.
   static int scan(const std::string &command, pid_t *found) {
     int result = -1;
-    for (int attempt = 0; attempt < 20 && result < 0; attempt++) {
-      std::vector<char> key(command.begin(), command.end());
-      key.push_back('\0');
-      result = tov_proc_to_pid(key.data(), found, 0);
-    }
+    tov_test::wait_until(
+        [&] {
+          std::vector<char> key(command.begin(), command.end());
+          key.push_back('\0');
+          return (result = tov_proc_to_pid(key.data(), found, 0)) >= 0;
+        },
+        tov_test::PATIENT_MS);
     return result;
   }
 };

@@ -94,7 +94,7 @@ class TovCnmsgHandle : public tov_test::World {
   }
   static bool is_empty_soon() {
     return tov_test::wait_until([] { return kfifo_is_empty(&tov_cnmsg_fifo); },
-                                tov_test::Millis(10000));
+                                tov_test::PATIENT_MS);
   }
 
  private:

@@ -101,7 +101,7 @@ TEST_F(TovProcessNetlink, RealProgramIsFollowedFromItsExecutionToItsEnd) {
         std::erase_if(seen, [pid](const Event &event) { return is_dropped(event, pid); });
         return seen.size() == 2;
       },
-      tov_test::Millis(10000));
+      tov_test::PATIENT_MS);
   ASSERT_TRUE(followed);
   EXPECT_THAT(seen, ElementsAre(Event{2, pid, 0}, Event{0x80000000, pid, 0x100}));
 
@@ -145,7 +145,7 @@ TEST_F(TovProcessNetlink, EndOfAThreadIsNotTakenForThatOfItsProcess) {
         tov_test::end_child(pid);
         return !seen.empty();
       },
-      tov_test::Millis(10000)));
+      tov_test::PATIENT_MS));
   EXPECT_THAT(seen, ElementsAre(Event{2, pid, 0}));
 }
 

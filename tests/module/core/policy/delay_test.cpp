@@ -27,7 +27,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Child;
 using tov_test::GONE;
-using tov_test::Millis;
 using tov_test::Program;
 using tov_test::seconds_ago;
 
@@ -58,7 +57,7 @@ class TovDelayRestart : public tov_test::World {
   }
 
   static bool all_handed_back() {
-    return tov_test::wait_until([] { return count(tov_chains_delay) == 0; }, Millis(10000));
+    return tov_test::wait_until([] { return count(tov_chains_delay) == 0; }, tov_test::PATIENT_MS);
   }
 
  private:

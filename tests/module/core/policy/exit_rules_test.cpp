@@ -216,7 +216,7 @@ TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
   auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
   // Asking for the record takes the lock, so with the lock held this would last as long as the
   // whole handling.
-  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(5000)));
+  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::PATIENT_MS));
   EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   server.let_go();
   handled.wait();

@@ -188,8 +188,7 @@ TEST_F(TovSweep, RegistryIsFreeWhileAProgramThatWasFoundIsRegistered) {
   auto swept = std::async(std::launch::async, [] { sweep_bucket_of(GONE); });
   // Asking for the record takes the lock, so with the lock held this would last as long as the
   // whole sweep.
-  EXPECT_TRUE(
-      tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::Millis(10'000)));
+  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::PATIENT_MS));
   EXPECT_EQ(swept.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   server.let_go();
   swept.wait();
@@ -210,7 +209,7 @@ TEST_F(TovSweep, ThreadTakesOneBucketAtATime) {
           lines.push_back(line);
         return lines.size() >= 3;
       },
-      tov_test::Millis(5000)));
+      tov_test::PATIENT_MS));
   const int64_t lasted_us = (tov_test::monotonic_ns() - begun) / 1000;
   tov_flag_set(quit, 1);
   sweeper.join();

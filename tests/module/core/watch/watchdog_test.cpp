@@ -321,7 +321,7 @@ TEST_F(TovNotifer, FirstThreadThatLeftIsGoneAlthoughItsProcessLives) {
   const Program program("leaderless");
   const pid_t pid = tov_test::start(program.path + " leader-exit");
   ASSERT_TRUE(tov_test::wait_until([&] { return tov_test::process_state(pid) == 'Z'; },
-                                   tov_test::Millis(10'000)));
+                                   tov_test::PATIENT_MS));
   EXPECT_EQ(tov_check_pid_exist(watched(pid, pid, 5, program.path + " leader-exit")), -1);
 }
 
@@ -342,7 +342,7 @@ TEST_F(TovNotiferScan, DropsWhoIsGoneAndClearsItsSlot) {
   pid_t ended = 0;
   std::thread([&] { ended = gettid(); }).join();
   ASSERT_TRUE(tov_test::wait_until([&] { return syscall(SYS_tgkill, getpid(), ended, 0) != 0; },
-                                   tov_test::Millis(10'000)));
+                                   tov_test::PATIENT_MS));
   watched(ended, getpid());
   ASSERT_EQ(tov_sys_reg_alive_info(ended), 0);
   watched(GONE, OWNER);

@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 
 static constexpr const char *HOOK = "/etc/tov/selfhealing";
 static constexpr const char *RESULT = "/tmp/hook_result";
-static constexpr tov_test::Millis PATIENCE(5000);
+static constexpr tov_test::Millis PATIENCE = tov_test::PATIENT_MS;
 
 static pid_t own_child = -1;            // the only process that may be signalled
 static std::vector<int> refused_kills;  // in this process
