@@ -86,6 +86,7 @@ std::vector<tov_fd_t> mount_control_groups(const std::string &site, const std::s
     if (!mount_hierarchy(at, wanted.options)) continue;
     tov_fd_t hierarchy(open(at.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     remove_stale_groups(hierarchy.n);
+    remove_group(hierarchy.n, own_group());  // of a dead keeper that had our process id
     const std::string group = at + "/" + own_group();
     if (hierarchy.n < 0 || (mkdir(group.c_str(), 0777) < 0 && errno != EEXIST) ||
         mount(group.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) < 0)
