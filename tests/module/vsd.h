@@ -25,7 +25,7 @@
 namespace tov_test {
 
 // Groups are the machine's, and a group is found by a search for its digits: a number whose group
-// id is long, holds nobody else's and is that of no test beside this one. Six digits from 5 to 9
+// id is long, contains no other one and is that of no test beside this one. Six digits from 5 to 9
 // stand in front of its two zeroes, so it holds none of 3100, 3200, ... 4600.
 inline int unused_vsd() {
   static constexpr int DIGITS = 6, CHOICES = 5, LOWEST = 5, GROUP_OF_ZERO = 30;
