@@ -20,7 +20,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
 #include <utility>
 
 #include "alive/tov_sys_alive.h"
@@ -46,15 +45,7 @@ std::atomic<tov_rpc_stop_fn> tov_rpc_stop_asked{nullptr};
 // The daemon has yet to answer the last request on tov_rpc_sd.
 static bool answer_is_due TOV_GUARDED_BY(tov_rpc_lock) = false;
 
-namespace {
-
-struct free_message_s {
-  void operator()(tov_msg_head_t *msg) const { free(msg); }
-};
-
-}  // namespace
-
-using message_t = std::unique_ptr<tov_msg_head_t, free_message_s>;
+using message_t = tov_block_t<tov_msg_head_t>;
 
 // ---- fork -----------------------------------------------------------------------------------
 

@@ -17,24 +17,15 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "client/tov_rpc_stop.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
+#include "util/owner.h"
 #include "util/tov_utils.h"
 
 // Callers may run at real-time priority; without a pause they would take the processor from those
 // who could free memory.
 enum { TOV_RESEND_PAUSE_US = 50 };
-
-namespace {
-
-struct free_block_s {
-  void operator()(tov_msg_head_t *msg) const { free(msg); }
-};
-
-}  // namespace
 
 // True when a send that failed with `err` is to be made again; pauses first where that helps.
 static bool send_again(int err) {
@@ -117,7 +108,7 @@ int tov_inner_recv_msg(int sd, tov_msg_head_t **msg) {
   if (static_cast<size_t>(length) < size) return refuse_packet(length);
 
   errno = 0;
-  std::unique_ptr<tov_msg_head_t, free_block_s> whole(static_cast<tov_msg_head_t *>(malloc(size)));
+  tov_block_t<tov_msg_head_t> whole(static_cast<tov_msg_head_t *>(malloc(size)));
   if (whole == nullptr) return refuse_packet(-1);
   const ssize_t taken = take_packet(sd, whole.get(), size);
   if (taken != static_cast<ssize_t>(size)) return refuse_packet(taken);

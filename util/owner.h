@@ -84,7 +84,10 @@ using tov_dir_t = std::unique_ptr<DIR, tov_close_s>;
 
 // Owns a block of malloc(3), calloc(3) or safe_malloc().
 struct tov_free_s {
-  void operator()(void *block) const { free(block); }
+  void operator()(void *block) const {
+    tov_errno_keeper_s keep;  // older C libraries' free() may change it
+    free(block);
+  }
 };
 template <typename T>
 using tov_block_t = std::unique_ptr<T, tov_free_s>;

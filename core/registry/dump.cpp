@@ -7,7 +7,6 @@
 #include "core/registry/dump.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <iterator>
@@ -36,14 +35,10 @@ static_assert([] {
 
 namespace {
 
-// Owns the text that a memory stream leaves behind.
+// The text that a memory stream leaves behind.
 struct dump_s {
-  char *text = nullptr;
-  size_t size = 0;
-  dump_s() = default;
-  dump_s(const dump_s &) = delete;
-  dump_s &operator=(const dump_s &) = delete;
-  ~dump_s() { free(text); }
+  tov_block_t<char> text;
+  size_t size;
 };
 
 }  // namespace
@@ -62,32 +57,33 @@ static void write_records(FILE *out, tov_chains_t *chains) {
   }
 }
 
-// Fills `dump` with the lines of a registry, each followed by a NUL.
-static void collect_dump(int kind, tov_chains_t *chains, dump_s *dump) {
-  // The stream is closed, which completes the text, before the caller looks at it. What memory did
-  // not suffice for is missing at its end.
-  const tov_file_t out(open_memstream(&dump->text, &dump->size));
-  if (out == nullptr) return;
-  write_heading(out.get(), kind);
-  write_records(out.get(), chains);
+// The lines of a registry, each followed by a NUL.
+static dump_s collect_dump(int kind, tov_chains_t *chains) {
+  char *text = nullptr;
+  size_t size = 0;
+  // Closing the stream completes the text. What memory did not suffice for is missing at its end.
+  if (const tov_file_t out(open_memstream(&text, &size)); out != nullptr) {
+    write_heading(out.get(), kind);
+    write_records(out.get(), chains);
+  }
+  return {tov_block_t<char>(text), size};
 }
 
 // Calls `send(line)` for each line of a dump.
 template <typename Send>
 static void send_lines(const dump_s &dump, Send send) {
-  for (size_t at = 0; at < dump.size; at += strlen(dump.text + at) + 1)
-    send(dump.text + at);
+  const char *const text = dump.text.get();
+  for (size_t at = 0; at < dump.size; at += strlen(text + at) + 1)
+    send(text + at);
 }
 
 void tov_cli_dump_process_msg_syslog(int kind, tov_chains_t *chains) {
-  dump_s dump;
-  collect_dump(kind, chains, &dump);
+  const dump_s dump = collect_dump(kind, chains);
   send_lines(dump, [](const char *line) { qx_syslog(TOV_SYSLOG_INFO, "%s", line); });
 }
 
 void tov_cli_dump_process_msg_console(int kind, tov_chains_t *chains) {
-  dump_s dump;
-  collect_dump(kind, chains, &dump);
+  const dump_s dump = collect_dump(kind, chains);
   send_lines(dump, [](const char *line) { fputs(line, stdout); });
   fflush(stdout);
 }

@@ -5,25 +5,13 @@
 // Tested by: tests/module/core/server/server_test.cpp
 #include "core/server/request.h"
 
-#include <stdlib.h>
-
-#include <memory>
-
 #include "client/requests/table.h"
 #include "client/tov_rpc_message.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
-
-namespace {
-
-struct free_received_s {
-  void operator()(tov_msg_head_t *msg) const { free(msg); }
-};
-using received_t = std::unique_ptr<tov_msg_head_t, free_received_s>;
-
-}  // namespace
+#include "util/owner.h"
 
 // What comes of a type that has no row.
 static void print_unknown(int type) {
@@ -71,7 +59,7 @@ int tov_recv_domain_msg(int sd) {
     TOV_DBG("%s: tov_inner_recv_msg err(ret:%d, sk:%d)!\n", __func__, ret, sd);
     return -1;
   }
-  const received_t msg(received);
+  const tov_block_t<tov_msg_head_t> msg(received);
   ret = tov_rsp_domain_msg(sd, msg.get());
   if (ret != 0) {
     TOV_DBG("%s: tov_inner_rsp_msg err(ret:%d, sk:%d)!\n", __func__, ret, sd);

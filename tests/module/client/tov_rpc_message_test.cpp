@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -27,6 +26,7 @@
 #include "log/tov_dbg.h"
 #include "tests/support/processes.h"
 #include "tests/support/stdout.h"
+#include "util/owner.h"
 
 using tov_test::printed_by;
 using namespace std::chrono_literals;
@@ -52,10 +52,7 @@ extern "C" ssize_t send(int sd, const void *buf, size_t size, int flags) {
 
 namespace {
 
-struct Freed {
-  void operator()(tov_msg_head_t *msg) const { free(msg); }
-};
-using Message = std::unique_ptr<tov_msg_head_t, Freed>;
+using Message = tov_block_t<tov_msg_head_t>;
 
 Message make_message(uint32_t type, const std::string &payload) {
   Message msg(static_cast<tov_msg_head_t *>(calloc(1, TOV_MSG_HEAD_SIZE + payload.size() + 1)));
