@@ -58,14 +58,13 @@ static int count_crashed(time_t now, int span_s, tov_chains_t *chains, char *lis
   size_t used = 0;
   list[0] = '\0';
   tov_chains_guard_t guard(*chains);
-  tov_chain_for_each(chains, [&](tov_pid_t &record) {
-    if (record.ill_tm == 0 || now - record.ill_tm > span_s) return true;
+  for (const tov_pid_t &record : tov_chain_records(chains)) {
+    if (record.ill_tm == 0 || now - record.ill_tm > span_s) continue;
     count++;
     int length = snprintf(list + used, size - used, "%s ", record.process);
     if (length > 0) used += static_cast<size_t>(length);
     if (used > size - 1) used = size - 1;
-    return true;
-  });
+  }
   return count;
 }
 

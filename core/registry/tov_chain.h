@@ -154,23 +154,4 @@ inline tov_chain_range_s tov_chain_bucket(tov_chains_t *chains, unsigned int buc
   return tov_chain_range_s({&chains->pidchain[bucket], 1});
 }
 
-// The same with a function: calls `visit(tov_pid_t &)` for every record and ends early when it
-// returns false. The analysis of locks does not see that `visit` runs under the lock: a body that
-// calls what asks for it goes through the ranges above.
-template <typename Visit>
-bool tov_chain_for_each_in(tov_chains_t *chains, unsigned int bucket, Visit visit)
-    TOV_REQUIRES(*chains) {
-  for (tov_pid_t &record : tov_chain_bucket(chains, bucket)) {
-    if (!visit(record)) return false;
-  }
-  return true;
-}
-
-template <typename Visit>
-void tov_chain_for_each(tov_chains_t *chains, Visit visit) TOV_REQUIRES(*chains) {
-  for (tov_pid_t &record : tov_chain_records(chains)) {
-    if (!visit(record)) return;
-  }
-}
-
 #endif  // TOV_CHAIN_H

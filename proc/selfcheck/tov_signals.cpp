@@ -101,10 +101,8 @@ void tov_alrm_handler(int) {
   {
     const tov_chains_guard_t held(tov_chains);
     check.now = tov_get_time();
-    tov_chain_for_each(&tov_chains, [&held, &check](tov_pid_t &record) {
+    for (tov_pid_t &record : tov_chain_records(&tov_chains))
       check_task(held, &record, &check);
-      return true;
-    });
   }
   if (check.next == 0) return;
   // For the latest deadline: tasks whose own comes earlier are started together with the last.

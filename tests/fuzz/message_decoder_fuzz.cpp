@@ -101,13 +101,12 @@ bool take_answer(int client) {
 void check_registry(tov_chains_t &chains) {
   const tov_chains_guard_t hold(chains);
   int count = 0;
-  tov_chain_for_each(&chains, [&count](const tov_pid_t &record) {
+  for (const tov_pid_t &record : tov_chain_records(&chains)) {
     require(record.pid > 0);
     require(memchr(record.process, '\0', sizeof record.process) != nullptr);
     require(memchr(record.pathname, '\0', sizeof record.pathname) != nullptr);
     count++;
-    return true;
-  });
+  }
   require(count == chains.node_num);
 }
 

@@ -44,10 +44,8 @@ class TovChain : public testing::Test {
   static std::vector<pid_t> all_pids(tov_chains_t &chains) {
     std::vector<pid_t> pids;
     tov_chains_guard_t guard(chains);
-    tov_chain_for_each(&chains, [&pids](tov_pid_t &record) {
+    for (const tov_pid_t &record : tov_chain_records(&chains))
       pids.push_back(record.pid);
-      return true;
-    });
     return pids;
   }
 };
@@ -204,22 +202,12 @@ TEST_F(TovChain, WalkMayRemoveTheRecordItStandsOn) {
     add(tov_chains, pid);
   {
     tov_chains_guard_t guard(tov_chains);
-    tov_chain_for_each(&tov_chains, [](tov_pid_t &record) {
+    for (tov_pid_t &record : tov_chain_records(&tov_chains))
       if (record.pid % 2 == 0) tov_chain_remove(&tov_chains, &record);
-      return true;
-    });
   }
   EXPECT_EQ(tov_chains.node_num, 500);
   for (pid_t pid : all_pids(tov_chains))
     EXPECT_EQ(pid % 2, 1);
-}
-
-TEST_F(TovChain, WalkEndsWhenTheVisitorHasEnough) {
-  for (pid_t pid = 1; pid <= 10; pid++)
-    add(tov_chains, pid);
-  int visited = 0;
-  tov_chain_for_each(&tov_chains, [&visited](tov_pid_t &) { return ++visited < 3; });
-  EXPECT_EQ(visited, 3);
 }
 
 // ---- removal by parent ---------------------------------------------------------------------

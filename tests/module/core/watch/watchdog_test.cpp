@@ -364,11 +364,7 @@ TEST_F(TovNotiferScan, RequestsOneKillForTheFirstInItsOrder) {
     const Child &process = *processes.back();
     watched(process.pid(), process.pid(), 0, cmdline_of(process.pid()));
   }
-  pid_t first = 0;
-  tov_chain_for_each(&tov_alive_chains, [&](const tov_pid_t &record) {
-    first = record.pid;
-    return false;
-  });
+  const pid_t first = (*tov_chain_records(&tov_alive_chains).begin()).pid;
   tov_notifer_scan();
   EXPECT_THAT(events(TOV_LOG_KILL),
               ElementsAre(HasSubstr(":" + std::to_string(first) + " hang, kill with PSH.")));
