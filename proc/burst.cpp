@@ -19,6 +19,7 @@
 #include "platform/tov_platform.h"
 #include "proc/files.h"
 #include "proc/how.h"
+#include "proc/task_name.h"
 #include "util/clock.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
@@ -28,12 +29,6 @@ enum {
   RELOAD_SPAN_S = 600,
   REASON_SIZE = 200,
 };
-
-tov_task_name_s::tov_task_name_s(const tov_pid_t &record) {
-  const char *slash = strrchr(record.process, '/');
-  (void)snprintf(text, sizeof text, "%s", slash != nullptr ? slash + 1 : record.process);
-  rtrim(text);
-}
 
 int tov_self_check_period(const char *function) {
   int period_s = debug_time();

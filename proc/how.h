@@ -5,7 +5,6 @@
 #ifndef TOV_PROC_HOW_H
 #define TOV_PROC_HOW_H
 
-#include "include/tov_registry.h"
 #include "include/tov_wire.h"
 
 struct tov_proc_how_s {
@@ -23,13 +22,5 @@ inline constexpr tov_proc_how_t tov_proc_by_exec = {RESPAWN, "tov_spawn", "HA_WA
 inline constexpr tov_proc_how_t tov_proc_by_script = {
     SHELL_RESTART, "tov_shell_spawn", "HA_WAIT_SCRIPT_SELF_CHECK",
     "HA_SCRIPT_RESTART execvp fail, error = ", true};
-
-// A task's name in all messages: what follows the last "/" of its whole command line, without
-// trailing blanks and tabs. ("/opt/foo -c /etc/x" is thus called "x"; operators' tools know it so.)
-// A copy, because `process` itself is a key that is compared and must not change.
-struct tov_task_name_s {
-  char text[TOV_PROCESS_SIZE];
-  explicit tov_task_name_s(const tov_pid_t &record);
-};
 
 #endif  // TOV_PROC_HOW_H

@@ -20,6 +20,7 @@
 #include "proc/files.h"      // IWYU pragma: export
 #include "proc/find.h"       // IWYU pragma: export
 #include "proc/how.h"        // IWYU pragma: export
+#include "proc/task_name.h"  // IWYU pragma: export
 #include "util/clock.h"      // IWYU pragma: keep
 #include "util/priority.h"   // IWYU pragma: keep
 #include "util/tov_utils.h"  // IWYU pragma: keep

@@ -11,7 +11,7 @@
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
-#include "proc/how.h"
+#include "proc/task_name.h"
 #include "proc/tov_proc.h"
 #include "util/tov_utils.h"
 #include "vsd/marker.h"

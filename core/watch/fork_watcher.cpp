@@ -15,6 +15,7 @@
 
 #include "core/run/farewell.h"
 #include "core/run/thread.h"
+#include "core/watch/watched_files.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "log/plain_files.h"

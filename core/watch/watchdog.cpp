@@ -21,7 +21,7 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
-#include "proc/how.h"
+#include "proc/task_name.h"
 #include "util/priority.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"

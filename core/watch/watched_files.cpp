@@ -1,6 +1,8 @@
-// The files that the watcher reads and writes; declared in fork_watcher.h.
+// The files that the watcher reads and writes are small, and read and written whole.
 //
 // Thread: the watcher's. Losses: a mirror that cannot be written is out of date.
+#include "core/watch/watched_files.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -9,7 +11,6 @@
 
 #include "core/run/farewell.h"
 #include "core/run/flags.h"
-#include "core/watch/fork_watcher.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "log/plain_files.h"

@@ -266,20 +266,6 @@ TEST_P(TovBurst, NameIsWithoutTrailingBlanksAndTheKeyKeepsThem) {
   EXPECT_STREQ(record->process, "/opt/foo -a \t");
 }
 
-TEST(TovTaskName, WhatFollowsTheLastSlash) {
-  const auto name = [](const char *process) {
-    tov_pid_t record{};
-    (void)snprintf(record.process, sizeof record.process, "%s", process);
-    return std::string(tov_task_name_s(record).text);
-  };
-  EXPECT_EQ(name("/opt/foo"), "foo");
-  EXPECT_EQ(name("/opt/foo -c /etc/x"), "x");
-  EXPECT_EQ(name("foo -c"), "foo -c");
-  EXPECT_EQ(name("/opt/foo \t "), "foo");
-  EXPECT_EQ(name("/opt/"), "");
-  EXPECT_EQ(name(""), "");
-}
-
 // ---- reload ---------------------------------------------------------------------------------
 
 TEST_F(TovCheckRestartSystem, SuspendedAgainWithinTenMinutesReloadsTheUnit) {

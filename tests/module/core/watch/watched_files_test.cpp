@@ -1,5 +1,7 @@
 // What the fork watcher does with the files that it watches: the record of failed forks, the
 // switch, and the small files beside them.
+#include "core/watch/watched_files.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -16,7 +18,6 @@
 #include <utility>
 
 #include "core/run/flags.h"
-#include "core/watch/fork_watcher.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "tests/module/self_healing.h"
