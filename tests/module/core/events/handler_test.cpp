@@ -23,6 +23,7 @@
 #include "tests/module/refused_calls.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
+#include "tests/support/event_ring.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
@@ -66,15 +67,10 @@ class TovCnMsgExit : public tov_test::World {};
 
 class TovCnmsgDispatch : public tov_test::World {};
 
-class TovCnmsgHandle : public tov_test::World {
+class TovCnmsgHandle : public tov_test::World, protected tov_test::EventRing {
  protected:
-  void SetUp() override {
-    World::SetUp();
-    ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
-  }
   void TearDown() override {
     end_handler();
-    tov_cnmsg_fifo_free();
     World::TearDown();
   }
 
@@ -86,11 +82,6 @@ class TovCnmsgHandle : public tov_test::World {
     if (!handler_.joinable()) return;
     put(0, GONE, 0);  // wakes it earlier than its own look at the flag
     handler_.join();
-  }
-  static void put(uint32_t what, int pid, uint32_t code) {
-    const tov_cnmsg_data_t event{what, pid, code};
-    ASSERT_EQ(__kfifo_in(&tov_cnmsg_fifo, &event, sizeof event), sizeof event);
-    tov_cnmsg_fifo_wake();
   }
   static bool is_empty_soon() {
     return tov_test::wait_until([] { return kfifo_is_empty(&tov_cnmsg_fifo); },

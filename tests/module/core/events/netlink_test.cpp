@@ -1,4 +1,4 @@
-// The netlink reader: which datagrams and events go into the ring.
+// The netlink reader and the kernel's own sockets: who is believed, and which error is the end.
 #include "core/events/netlink.h"
 
 #include <errno.h>
@@ -17,79 +17,21 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <optional>
 #include <thread>
 #include <vector>
 
 #include "core/events/tov_fifo.h"
 #include "include/tov_registry.h"
-#include "tests/module/core/events/queued_events.h"
+#include "tests/module/world.h"
+#include "tests/support/event_ring.h"
 #include "tests/support/in_child.h"
+#include "tests/support/netlink_messages.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Event;
-
-using Bytes = std::vector<char>;
-
-static constexpr uint32_t GROUP = CN_IDX_PROC;
-
-// ---- messages -------------------------------------------------------------------------------
-
-// A connector message whose data is `event`, cut to `length` bytes.
-static Bytes connector(const proc_event &event, size_t length = sizeof(proc_event)) {
-  cn_msg head{};
-  head.id = {CN_IDX_PROC, CN_VAL_PROC};
-  head.len = static_cast<uint16_t>(length);
-  Bytes bytes(sizeof head + length);
-  memcpy(bytes.data(), &head, sizeof head);
-  memcpy(bytes.data() + sizeof head, &event, length);
-  return bytes;
-}
-
-static proc_event event_of(uint32_t what) {
-  proc_event event{};
-  memcpy(&event, &what, sizeof what);
-  return event;
-}
-
-static proc_event exit_of(int pid, int tgid, uint32_t code) {
-  proc_event event = event_of(proc_event::PROC_EVENT_EXIT);
-  event.event_data.exit.process_pid = pid;
-  event.event_data.exit.process_tgid = tgid;
-  event.event_data.exit.exit_code = code;
-  return event;
-}
-
-static proc_event exec_of(int pid) {
-  proc_event event = event_of(proc_event::PROC_EVENT_EXEC);
-  event.event_data.exec.process_pid = pid;
-  event.event_data.exec.process_tgid = pid;
-  return event;
-}
-
-// A netlink message; `claimed` is the length that its header tells, its real one by default.
-static Bytes message(uint16_t type, const Bytes &payload,
-                     std::optional<uint32_t> claimed = std::nullopt) {
-  nlmsghdr head{};
-  head.nlmsg_len = claimed.value_or(static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()));
-  head.nlmsg_type = type;
-  Bytes bytes(NLMSG_ALIGN(NLMSG_HDRLEN + payload.size()));
-  memcpy(bytes.data(), &head, sizeof head);
-  std::copy(payload.begin(), payload.end(), bytes.begin() + NLMSG_HDRLEN);
-  return bytes;
-}
-
-static Bytes joined(const std::vector<Bytes> &parts) {
-  Bytes all;
-  for (const Bytes &part : parts)
-    all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-static constexpr uint16_t ORDINARY = NLMSG_MIN_TYPE;
+using namespace tov_test::netlink;
 
 // ---- sockets --------------------------------------------------------------------------------
 
@@ -129,84 +71,13 @@ class StandIn {
 
 namespace {
 
-class TovNetlink : public tov_test::QueuedEvents {
- protected:
-  static std::vector<Event> dispatched(const Bytes &message) {
-    tov_dispatch_netlink_msg(reinterpret_cast<const cn_msg *>(message.data()));
-    return queued();
-  }
-
-  // Leaves `room` bytes free in the ring.
-  static void fill_ring(uint32_t room) {
-    const Bytes filler(TOV_CNMSG_FIFO_BYTES - room);
-    ASSERT_EQ(__kfifo_in(&tov_cnmsg_fifo, filler.data(), static_cast<uint32_t>(filler.size())),
-              filler.size());
-  }
-};
-
-class TovDispatchNetlinkMsg : public TovNetlink {};
+class TovNetlink : public tov_test::World, protected tov_test::EventRing {};
 class TovSendFifoCnmsg : public TovNetlink {};
 class TovRecvNetlinkMsg : public TovNetlink {};
 
 }  // namespace
 
-// ---- one event ------------------------------------------------------------------------------
-
-TEST_F(TovDispatchNetlinkMsg, ExecutionIsQueuedWithoutACode) {
-  EXPECT_THAT(dispatched(connector(exec_of(77))), ElementsAre(Event{2, 77, 0}));
-}
-
-TEST_F(TovDispatchNetlinkMsg, EndOfAProcessIsQueuedWithItsCode) {
-  EXPECT_THAT(dispatched(connector(exit_of(77, 77, 0x8b))),
-              ElementsAre(Event{0x80000000, 77, 0x8b}));
-}
-
-TEST_F(TovDispatchNetlinkMsg, EndOfASingleThreadIsNot) {
-  EXPECT_THAT(dispatched(connector(exit_of(78, 77, 0))), IsEmpty());
-}
-
-TEST_F(TovDispatchNetlinkMsg, OtherEventsAreIgnored) {
-  for (const uint32_t what : {0u, 1u, 4u, 0x40u, 0x80u, 0x100u, 0x200u, 0x40000000u}) {
-    proc_event event = exit_of(77, 77, 9);
-    memcpy(&event, &what, sizeof what);
-    EXPECT_THAT(dispatched(connector(event)), IsEmpty()) << what;
-  }
-}
-
-TEST_F(TovDispatchNetlinkMsg, ShorterThanItClaimsIsIgnored) {
-  const size_t exit_end = offsetof(proc_event, event_data) + 12;
-  const size_t exec_end = offsetof(proc_event, event_data) + 8;
-  for (size_t length = 0; length < exec_end; length++)
-    EXPECT_THAT(dispatched(connector(exec_of(77), length)), IsEmpty()) << length;
-  for (size_t length = 0; length < exit_end; length++)
-    EXPECT_THAT(dispatched(connector(exit_of(77, 77, 9), length)), IsEmpty()) << length;
-  // An older kernel tells no more than this.
-  EXPECT_THAT(dispatched(connector(exec_of(77), exec_end)), ElementsAre(Event{2, 77, 0}));
-  EXPECT_THAT(dispatched(connector(exit_of(77, 77, 9), exit_end)),
-              ElementsAre(Event{0x80000000, 77, 9}));
-}
-
 // ---- the ring's producer --------------------------------------------------------------------
-
-TEST_F(TovSendFifoCnmsg, FullRingDropsTheEventAndLogsIt) {
-  fill_ring(0);
-  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 77, 139);
-  tov_send_fifo_cnmsg(TOV_EVENT_EXEC, 78, 0);
-  EXPECT_THAT(events(TOV_LOG_ERROR),
-              ElementsAre("TOV: fifo is full,pid:77 exit action will be discard! exit_code=139 ",
-                          "TOV: fifo is full,pid:78 exec action will be discard! exit_code=0 "));
-  EXPECT_EQ(kfifo_len(&tov_cnmsg_fifo), static_cast<uint32_t>(TOV_CNMSG_FIFO_BYTES));
-}
-
-TEST_F(TovSendFifoCnmsg, OneFreeByteTakesAPartOfTheRecord) {
-  fill_ring(5);
-  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 77, 139);
-  EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
-  EXPECT_TRUE(kfifo_is_full(&tov_cnmsg_fifo));
-  tov_send_fifo_cnmsg(TOV_EVENT_EXIT, 78, 0);
-  EXPECT_THAT(events(TOV_LOG_ERROR),
-              ElementsAre("TOV: fifo is full,pid:78 exit action will be discard! exit_code=0 "));
-}
 
 TEST_F(TovSendFifoCnmsg, WaitingConsumerIsWoken) {
   std::thread producer([] {
@@ -263,58 +134,6 @@ TEST_F(TovRecvNetlinkMsg, AddressOfAnotherSizeIsTold) {
   EXPECT_THAT(diagnostics([&] { result = tov_recv_netlink_msg(receiver.n); }),
               HasSubstr("]bad address size reading netlink socket"));
   EXPECT_EQ(result, 0);
-  EXPECT_THAT(queued(), IsEmpty());
-}
-
-TEST_F(TovRecvNetlinkMsg, EveryMessageOfADatagramIsLookedAt) {
-  StandIn kernel(0, GROUP);
-  kernel.receive(joined({message(ORDINARY, connector(exit_of(1, 1, 9))),
-                         message(NLMSG_NOOP, connector(exit_of(2, 2, 9))),
-                         message(ORDINARY, connector(exec_of(3)))}));
-  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 1, 9}, Event{2, 3, 0}));
-}
-
-TEST_F(TovRecvNetlinkMsg, MessagesStandAtMultiplesOfFour) {
-  StandIn kernel(0, GROUP);
-  Bytes odd = connector(exit_of(1, 1, 9));
-  odd.resize(odd.size() + 3);  // the next one stands behind one byte of padding
-  kernel.receive(joined({message(ORDINARY, odd), message(ORDINARY, connector(exec_of(3)))}));
-  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 1, 9}, Event{2, 3, 0}));
-}
-
-TEST_F(TovRecvNetlinkMsg, DoneEndsTheWalkBehindItself) {
-  StandIn kernel(0, GROUP);
-  kernel.receive(joined({message(NLMSG_DONE, connector(exit_of(1, 1, 9))),
-                         message(ORDINARY, connector(exit_of(2, 2, 9)))}));
-  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 1, 9}));
-}
-
-TEST_F(TovRecvNetlinkMsg, ErrorAndOverrunEndTheWalk) {
-  for (const uint16_t type : {uint16_t{NLMSG_ERROR}, uint16_t{NLMSG_OVERRUN}}) {
-    StandIn kernel(0, GROUP);
-    kernel.receive(joined({message(ORDINARY, connector(exit_of(1, 1, 9))),
-                           message(type, connector(exit_of(2, 2, 9))),
-                           message(ORDINARY, connector(exit_of(3, 3, 9)))}));
-    EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 1, 9})) << type;
-  }
-}
-
-TEST_F(TovRecvNetlinkMsg, WrongLengthsEndTheWalk) {
-  const Bytes payload = connector(exit_of(1, 1, 9));
-  const auto real = static_cast<uint32_t>(NLMSG_HDRLEN + payload.size());
-  for (const uint32_t claimed : {0u, 15u, real + 4, 0xffffffffu}) {
-    StandIn kernel(0, GROUP);
-    EXPECT_EQ(kernel.receive(message(NLMSG_DONE, payload, claimed)), 0);
-    EXPECT_THAT(queued(), IsEmpty()) << claimed;
-  }
-}
-
-TEST_F(TovRecvNetlinkMsg, ConnectorLengthBeyondTheMessageIsRefused) {
-  Bytes payload = connector(exit_of(1, 1, 9));
-  auto *head = reinterpret_cast<cn_msg *>(payload.data());
-  head->len = static_cast<uint16_t>(head->len + 1);
-  StandIn kernel(0, GROUP);
-  kernel.receive(message(NLMSG_DONE, payload));
   EXPECT_THAT(queued(), IsEmpty());
 }
 

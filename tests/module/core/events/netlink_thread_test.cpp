@@ -23,11 +23,12 @@
 #include "core/events/netlink.h"
 #include "core/run/flags.h"
 #include "include/tov_registry.h"
-#include "tests/module/core/events/queued_events.h"
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
+#include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/children.h"
+#include "tests/support/event_ring.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
@@ -38,11 +39,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Event;
 
-static constexpr uint32_t GROUP = CN_IDX_PROC;
-
-using TovProcessNetlink = tov_test::QueuedEvents;
-
 namespace {
+
+class TovProcessNetlink : public tov_test::World, protected tov_test::EventRing {};
 
 // Socket descriptors of this process.
 std::set<int> sockets() {
@@ -120,7 +119,7 @@ TEST_F(TovProcessNetlink, RealProgramIsFollowedFromItsExecutionToItsEnd) {
   length = sizeof own;
   EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&own), &length), 0);
   EXPECT_EQ(own.nl_pid, static_cast<uint32_t>(getpid()));
-  EXPECT_EQ(own.nl_groups, GROUP);
+  EXPECT_EQ(own.nl_groups, uint32_t{CN_IDX_PROC});
 
   tov_flag_set(quit, 1);
   tov_test::end_child(tov_test::start("/bin/true"));  // an event wakes it earlier than its time-out

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "include/tov_registry.h"
+#include "tests/support/event_ring.h"
 
 namespace {
 
@@ -31,17 +32,7 @@ int64_t thread_cpu_us() {
 
 }  // namespace
 
-class TovCnmsgFifo : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0); }
-  void TearDown() override { tov_cnmsg_fifo_free(); }
-
-  static void put(uint32_t what, int pid, uint32_t code) {
-    const tov_cnmsg_data_t record{what, pid, code};
-    __kfifo_in(&tov_cnmsg_fifo, &record, sizeof record);
-    tov_cnmsg_fifo_wake();
-  }
-};
+class TovCnmsgFifo : public testing::Test, protected tov_test::EventRing {};
 
 TEST_F(TovCnmsgFifo, WaitingCostsNoProcessorTime) {
   const int64_t before_us = thread_cpu_us();

@@ -11,15 +11,14 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "core/events/tov_fifo.h"
 #include "core/run/flags.h"
 #include "include/tov_registry.h"
+#include "tests/support/event_ring.h"
+#include "tests/support/netlink_messages.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/simulated.h"
@@ -29,101 +28,17 @@
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using tov_test::Event;
 using tov_test::kernel;
 using tov_test::platform;
+using namespace tov_test::netlink;
 
-using Bytes = std::vector<char>;
-
-static constexpr uint32_t GROUP = CN_IDX_PROC;
 static constexpr int64_t US_PER_S = 1'000'000;
-
-// ---- messages -------------------------------------------------------------------------------
-
-// A connector message whose data is `event`, cut to `length` bytes.
-static Bytes connector(const proc_event &event, size_t length = sizeof(proc_event)) {
-  cn_msg head{};
-  head.id = {CN_IDX_PROC, CN_VAL_PROC};
-  head.len = static_cast<uint16_t>(length);
-  Bytes bytes(sizeof head + length);
-  memcpy(bytes.data(), &head, sizeof head);
-  memcpy(bytes.data() + sizeof head, &event, length);
-  return bytes;
-}
-
-static proc_event event_of(uint32_t what) {
-  proc_event event{};
-  memcpy(&event, &what, sizeof what);
-  return event;
-}
-
-static proc_event exit_of(int pid, int tgid, uint32_t code) {
-  proc_event event = event_of(proc_event::PROC_EVENT_EXIT);
-  event.event_data.exit.process_pid = pid;
-  event.event_data.exit.process_tgid = tgid;
-  event.event_data.exit.exit_code = code;
-  return event;
-}
-
-static proc_event exec_of(int pid) {
-  proc_event event = event_of(proc_event::PROC_EVENT_EXEC);
-  event.event_data.exec.process_pid = pid;
-  event.event_data.exec.process_tgid = pid;
-  return event;
-}
-
-// A netlink message; `claimed` is the length that its header tells, its real one by default.
-static Bytes message(uint16_t type, const Bytes &payload,
-                     std::optional<uint32_t> claimed = std::nullopt) {
-  nlmsghdr head{};
-  head.nlmsg_len = claimed.value_or(static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()));
-  head.nlmsg_type = type;
-  Bytes bytes(NLMSG_ALIGN(NLMSG_HDRLEN + payload.size()));
-  memcpy(bytes.data(), &head, sizeof head);
-  std::copy(payload.begin(), payload.end(), bytes.begin() + NLMSG_HDRLEN);
-  return bytes;
-}
-
-static Bytes joined(const std::vector<Bytes> &parts) {
-  Bytes all;
-  for (const Bytes &part : parts)
-    all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
-
-static constexpr uint16_t ORDINARY = NLMSG_MIN_TYPE;
 
 namespace {
 
-struct Event {
-  uint32_t what;
-  int pid;
-  uint32_t code;
-  bool operator==(const Event &) const = default;
-};
-
-std::ostream &operator<<(std::ostream &out, const Event &event) {
-  return out << "{" << event.what << ", " << event.pid << ", " << event.code << "}";
-}
-
-class TovNetlink : public tov_test::Simulated {
+class TovNetlink : public tov_test::Simulated, protected tov_test::EventRing {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
-    sock_ = tov_fd_t(tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
-  }
-  void TearDown() override {
-    sock_.reset();
-    tov_cnmsg_fifo_free();
-  }
-
-  static std::vector<Event> queued() {
-    std::vector<Event> all;
-    tov_cnmsg_data_t record;
-    while (__kfifo_out(&tov_cnmsg_fifo, &record, sizeof record) == sizeof record)
-      all.push_back({record.what, record.process_pid, record.exit_code});
-    return all;
-  }
-
   static std::vector<Event> dispatched(const Bytes &message) {
     tov_dispatch_netlink_msg(reinterpret_cast<const cn_msg *>(message.data()));
     return queued();
@@ -146,16 +61,9 @@ class TovNetlink : public tov_test::Simulated {
     return queued();
   }
 
-  // Leaves `room` bytes free in the ring.
-  static void fill_ring(uint32_t room) {
-    const Bytes filler(TOV_CNMSG_FIFO_BYTES - room);
-    ASSERT_EQ(__kfifo_in(&tov_cnmsg_fifo, filler.data(), static_cast<uint32_t>(filler.size())),
-              filler.size());
-  }
-
   static const std::vector<std::string> &errors() { return platform().events[TOV_LOG_ERROR]; }
 
-  tov_fd_t sock_;
+  const tov_fd_t sock_{tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR)};
 };
 
 class TovDispatchNetlinkMsg : public TovNetlink {};

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "include/tov_registry.h"
+#include "tests/support/event_ring.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
 
@@ -36,16 +37,8 @@ struct owned_fifo_s {
   ~owned_fifo_s() { __kfifo_free(&ring); }
 };
 
-class TovCnmsgFifo : public tov_test::Simulated {
+class TovCnmsgFifo : public tov_test::Simulated, protected tov_test::EventRing {
  protected:
-  void SetUp() override { ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0); }
-  void TearDown() override { tov_cnmsg_fifo_free(); }
-
-  static void put(uint32_t what, int pid, uint32_t code) {
-    const tov_cnmsg_data_t record{what, pid, code};
-    __kfifo_in(&tov_cnmsg_fifo, &record, sizeof record);
-    tov_cnmsg_fifo_wake();
-  }
   static int64_t wait_ms(int timeout_ms, bool expected) {
     return span_us([&] { EXPECT_EQ(tov_cnmsg_fifo_wait(timeout_ms), expected); }) / US_PER_MS;
   }
