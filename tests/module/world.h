@@ -16,7 +16,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -40,6 +39,7 @@
 #include "tests/support/children.h"
 #include "tests/support/event_log.h"
 #include "tests/support/files.h"
+#include "tests/support/registries.h"
 #include "util/tov_utils.h"
 
 namespace tov_test {
@@ -54,7 +54,7 @@ inline std::string cmdline_of(pid_t pid) {
   return text;
 }
 
-class World : public testing::Test {
+class World : public testing::Test, protected Registries {
  protected:
   static void SetUpTestSuite() {
     static bool opened = false;
@@ -72,42 +72,6 @@ class World : public testing::Test {
   void TearDown() override {
     end_children();  // first: they would go on writing
     clear();
-  }
-
-  // ---- registries ---------------------------------------------------------------------------
-
-  static std::vector<tov_chains_t *> registries() {
-    return {&tov_chains, &tov_alive_chains, &tov_chains_delay};
-  }
-
-  static tov_pid_t *add(pid_t pid, const std::string &process, int action = RESPAWN, int vsd_id = 0,
-                        tov_chains_t &chains = tov_chains) {
-    tov_pid_t *record = tov_chain_new_record();
-    record->pid = pid;
-    record->vsd_id = vsd_id;
-    record->action = action;
-    (void)snprintf(record->process, sizeof record->process, "%s", process.c_str());
-    tov_chains_guard_t guard(chains);
-    tov_chain_insert(&chains, record);
-    return record;
-  }
-
-  static tov_pid_t *find(pid_t pid, tov_chains_t &chains = tov_chains) {
-    tov_chains_guard_t guard(chains);
-    return __tov_find_pid(&chains, pid);
-  }
-
-  // A copy of the newest record of an id, for tests beside which the server runs; its `pid` is 0
-  // when there is none.
-  static tov_pid_t record_of(tov_chains_t &chains, pid_t pid) {
-    tov_chains_guard_t guard(chains);
-    const tov_pid_t *found = __tov_find_pid(&chains, pid);
-    return found != nullptr ? *found : tov_pid_t{};
-  }
-
-  static int count(tov_chains_t &chains = tov_chains) {
-    tov_chains_guard_t guard(chains);
-    return chains.node_num;
   }
 
   // ---- registration files -------------------------------------------------------------------
@@ -168,8 +132,7 @@ class World : public testing::Test {
     setenv("DATA_QXOS_DIR", "/data/.qxos/vsd/0", 1);  // where the debug file would lie: none there
     tov_make_dir(TOV_RUN_DIR);
     tov_make_directories();
-    for (tov_chains_t *chains : registries())
-      tov_init_chains(chains);
+    init_registries();
     ASSERT_EQ(tov_sys_init_alive_info(true), 0);
     tov_log_init();
   }
@@ -178,8 +141,7 @@ class World : public testing::Test {
     alarm(0);
     for (int module = 0; module < TOV_MODULE_END; module++)
       set_diagnostics(TOV_DBG_END, module);
-    for (tov_chains_t *chains : registries())
-      tov_destroy_chains(chains);
+    empty_registries();
     for (const char *path :
          {TOV_JOURNAL_1, TOV_JOURNAL_2, TOV_FORK_FILE, TOV_CONFIG_FILE, TOV_NO_REBOOT_FILE,
           TOV_DEV_MON_FILE, TOV_DEBUG_LOG_FILE, TOV_DEBUG_TIME_FILE, TOV_THIRD_PART_LIST,

@@ -5,49 +5,31 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
-#include <stdio.h>
-#include <sys/types.h>
 
 #include <string>
 
 #include "client/tov_pidfile.h"
-#include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
-#include "include/tov_registry.h"
-#include "include/tov_wire.h"
 #include "tests/support/caught_diagnostics.h"
+#include "tests/support/registries.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
 
 namespace tov_test {
 
-class Simulated : public testing::Test {
+class Simulated : public testing::Test, protected Registries {
  protected:
   Simulated() {
     boot();
     reset_platform();
-    for (tov_chains_t *chains : {&tov_chains, &tov_alive_chains, &tov_chains_delay})
-      tov_init_chains(chains);
+    init_registries();
     tov_flag_set(quit, 0);
     tov_flag_set(tov_single_ps_ha_enable, 1);
     tov_flag_set(tov_single_ps_ha_enable_time, 0);
   }
   ~Simulated() override {
-    for (tov_chains_t *chains : {&tov_chains, &tov_alive_chains, &tov_chains_delay})
-      tov_destroy_chains(chains);
+    empty_registries();
     tov_pidfile_forget_locks();
-  }
-
-  static tov_pid_t *add(pid_t pid, const std::string &process, int action = RESPAWN, int vsd_id = 0,
-                        tov_chains_t &chains = tov_chains) {
-    tov_pid_t *record = tov_chain_new_record();
-    record->pid = pid;
-    record->vsd_id = vsd_id;
-    record->action = action;
-    (void)snprintf(record->process, sizeof record->process, "%s", process.c_str());
-    tov_chains_guard_t guard(chains);
-    tov_chain_insert(&chains, record);
-    return record;
   }
 
   template <typename Call>

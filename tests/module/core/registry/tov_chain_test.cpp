@@ -18,26 +18,18 @@
 #include "include/tov_registry.h"
 #include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
+#include "tests/support/registries.h"
 
 namespace {
 
-class TovChain : public testing::Test {
+class TovChain : public testing::Test, protected tov_test::Registries {
  protected:
-  void SetUp() override {
-    for (tov_chains_t *chains : {&tov_chains, &tov_alive_chains, &tov_chains_delay})
-      tov_init_chains(chains);
-  }
-  void TearDown() override {
-    for (tov_chains_t *chains : {&tov_chains, &tov_alive_chains, &tov_chains_delay})
-      tov_destroy_chains(chains);
-  }
+  void SetUp() override { init_registries(); }
+  void TearDown() override { empty_registries(); }
 
   static tov_pid_t *add(tov_chains_t &chains, pid_t pid, pid_t ppid = 0) {
-    tov_pid_t *record = tov_chain_new_record();
-    record->pid = pid;
+    tov_pid_t *record = Registries::add(pid, "", RESPAWN, 0, chains);
     record->ppid = ppid;
-    tov_chains_guard_t guard(chains);
-    tov_chain_insert(&chains, record);
     return record;
   }
 

@@ -15,6 +15,7 @@
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+#include "tests/support/registries.h"
 
 using testing::ElementsAre;
 using testing::FieldsAre;
@@ -81,46 +82,32 @@ TEST(TovRequests, RegistrationsTellWhenTheirProcessHasGone) {
 
 // ---- control events -----------------------------------------------------------------------------
 
-class TovControlEvents : public testing::Test {
+class TovControlEvents : public testing::Test, protected tov_test::Registries {
  protected:
   TovControlEvents() {
-    tov_init_chains(&tov_chains);
-    tov_init_chains(&tov_alive_chains);
-    insert(tov_chains);
-    insert(tov_alive_chains);
+    init_registries();
+    add(TOO_HIGH_FOR_A_SLOT, "/opt/a");
+    add(TOO_HIGH_FOR_A_SLOT, "/opt/a", 0, 0, tov_alive_chains);
   }
-  ~TovControlEvents() override {
-    tov_destroy_chains(&tov_chains);
-    tov_destroy_chains(&tov_alive_chains);
-  }
+  ~TovControlEvents() override { empty_registries(); }
 
-  static void insert(tov_chains_t &chains) {
-    const tov_chains_guard_t hold(chains);
-    tov_pid_t *record = tov_chain_new_record();
-    record->pid = TOO_HIGH_FOR_A_SLOT;
-    tov_chain_insert(&chains, record);
-  }
   static void carry_out(int event) {
     tov_msg_cons_t payload = {.event = event, .pid = TOO_HIGH_FOR_A_SLOT};
     EXPECT_EQ(tov_request_of(TOV_MSG_CONS)->handle(nullptr, &payload), 0);
-  }
-  static int count_in(tov_chains_t &chains) {
-    const tov_chains_guard_t hold(chains);
-    return chains.node_num;
   }
 };
 
 TEST_F(TovControlEvents, ThreadIsNoLongerWatched) {
   carry_out(TOV_UNREG_THREAD_NOTIFY);
-  EXPECT_EQ(count_in(tov_alive_chains), 0);
-  EXPECT_EQ(count_in(tov_chains), 1);
+  EXPECT_EQ(count(tov_alive_chains), 0);
+  EXPECT_EQ(count(tov_chains), 1);
 }
 
 TEST_F(TovControlEvents, UnknownEventChangesNothing) {
   for (const int event : {-1, 2, INT_MIN, INT_MAX})
     carry_out(event);
-  EXPECT_EQ(count_in(tov_alive_chains), 1);
-  EXPECT_EQ(count_in(tov_chains), 1);
+  EXPECT_EQ(count(tov_alive_chains), 1);
+  EXPECT_EQ(count(tov_chains), 1);
 }
 
 }  // namespace
