@@ -123,7 +123,7 @@ void tov_sys_alive_renew_lock(void) {
 // ---- the threads ---------------------------------------------------------------------------
 
 static bool id_is_valid(int pid) {
-  if (pid >= 0 && pid < TOV_ALIVE_ID_COUNT) return true;
+  if (tov_alive_has_slot(pid)) return true;
   TOV_DBG_ALIVE("pid err(pid:%d)!\r\n", pid);
   return false;
 }

@@ -51,6 +51,11 @@ static_assert(offsetof(tov_sys_alive_info_t, reserved) == 12);
 static_assert(offsetof(tov_sys_alive_info_t, map) == 32);
 static_assert(offsetof(tov_sys_alive_info_t, seq) == 20513);
 
+// Whether a thread id has a place in the area. A negative one would index before it.
+inline bool tov_alive_has_slot(int tid) {
+  return tid >= 0 && tid < TOV_ALIVE_ID_COUNT;
+}
+
 // This process's view of the area. Filled once, then read-only.
 typedef struct tov_alive_info_s {
   ras_os_recordm_t recordm;

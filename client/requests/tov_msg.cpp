@@ -26,11 +26,6 @@
 
 enum { FILE_NAME_SIZE = 256 };
 
-// A thread id's slot in the shared area, by its number. A negative id would index before it.
-static bool has_slot(pid_t tid) {
-  return tid >= 0 && tid < TOV_ALIVE_ID_COUNT;
-}
-
 // Copies a text field that may lack its terminator; `to` is zeroed and as long as the field.
 template <size_t SIZE>
 static void copy_field(char (&to)[SIZE], const char *from) {
@@ -160,7 +155,7 @@ static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
   } else if (refresh) {
     fill_periods(record, payload);
   }
-  if (has_slot(payload->pid)) {
+  if (tov_alive_has_slot(payload->pid)) {
     (void)tov_sys_reg_alive_info(payload->pid);  // fails for ids without a slot only
     record->m_n_laster_alive_seq = static_cast<unsigned int>(tov_sys_get_alive_seq(payload->pid));
   }
@@ -190,7 +185,7 @@ void tov_notifier_stop(pid_t pid) {
   tov_chains_guard_t hold(tov_alive_chains);
   for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
     if (record.pid != pid) continue;
-    if (has_slot(pid)) {
+    if (tov_alive_has_slot(pid)) {
       tov_log_with_type(TOV_LOG_REG_ALIVE,
                         "Thread %s/%d (pid %d) unreg TOV thread-alive service.\n", record.process,
                         record.pid, record.ppid);
