@@ -16,23 +16,13 @@
 #include <unistd.h>
 
 #include "util/owner.h"
+#include "util/regular_file.h"
 
-enum {
-  MODE_EVERYBODY = 0777,  // less the umask
-  OPEN_TRIES = 8          // while the object is made and removed under our hands
-};
+enum { MODE_EVERYBODY = 0777 };  // less the umask
 
-// Opens the object, making it if need be. Never O_CREAT on one that exists: in a sticky directory
-// the kernel (fs.protected_regular) refuses that even to root when another user owns the object.
-static int open_or_create(const char *name) {
-  int fd = -1;
-  for (int tries = 0; tries < OPEN_TRIES && fd < 0; tries++) {
-    fd = shm_open(name, O_RDWR, MODE_EVERYBODY);
-    if (fd >= 0 || errno != ENOENT) return fd;
-    fd = shm_open(name, O_RDWR | O_CREAT | O_EXCL, MODE_EVERYBODY);
-    if (fd < 0 && errno != EEXIST) return fd;
-  }
-  return fd;
+static int open_or_make(const char *name) {
+  return tov_open_or_make(
+      [name](int more_flags) { return shm_open(name, O_RDWR | more_flags, MODE_EVERYBODY); });
 }
 
 // `size` up to whole pages; 0 when that is unknown or does not fit the handle.
@@ -66,7 +56,7 @@ int ras_os_init_record_memory(const char *name, uint32_t size, ras_os_recordm_t 
   made.name = strdup(name);
   if (made.name == nullptr) return -ESRCH;
 
-  tov_fd_t fd(tov_fd_above_streams(open_or_create(name)));  // shm_open() sets close-on-exec
+  tov_fd_t fd(tov_fd_above_streams(open_or_make(name)));  // shm_open() sets close-on-exec
   int result = -EINTR;
   if (fd.n >= 0) {
     made.fd = fd.n;

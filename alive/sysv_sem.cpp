@@ -5,24 +5,14 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include "util/semun.h"
 #include "util/tov_utils.h"
 
 enum { KEY_PROJECT = 1, MODE_EVERYBODY = 0777, VALUE_FREE = 1, RETRY_PAUSE_S = 1 };
 
-namespace {
-
-// What semctl(2) takes as its last argument; the C library leaves the definition to the caller.
-union semun_u {
-  int val;
-  semid_ds *buf;
-  unsigned short *array;
-};
-
-}  // namespace
-
 // Sets a new semaphore free. Without that no process would ever get it, so a failure removes it.
 static int set_free(int sem_id) {
-  semun_u value{};
+  tov_semun_u value{};
   value.val = VALUE_FREE;
   if (semctl(sem_id, 0, SETVAL, value) == 0) return 0;
   const int cause = errno;

@@ -13,25 +13,10 @@
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 #include "util/regular_file.h"
+#include "util/semun.h"
 #include "util/tov_utils.h"
 
-enum {
-  KEY_PROJECT = 1,
-  SEM_MODE = 0754,
-  OPEN_TRIES = 8,  // while the key file is made and removed under our hands
-  RETRY_PAUSE_S = 1
-};
-
-namespace {
-
-// What semctl(2) takes as its last argument; the C library leaves the definition to the caller.
-union semun_u {
-  int val;
-  semid_ds *buf;
-  unsigned short *array;
-};
-
-}  // namespace
+enum { KEY_PROJECT = 1, SEM_MODE = 0754, RETRY_PAUSE_S = 1 };
 
 int g_tov_sem_id = -1;
 
@@ -43,22 +28,15 @@ static void cache_id(int id) {
   __atomic_store_n(&g_tov_sem_id, id, __ATOMIC_RELAXED);
 }
 
-// Opens the key file, making it if need be. Never O_CREAT on one that exists: in a sticky
-// directory the kernel (fs.protected_regular) refuses that even to root when another user owns it.
 static tov_fd_t open_key_file(void) {
-  tov_fd_t fd;
-  for (int tries = 0; tries < OPEN_TRIES; tries++) {
-    fd = tov_fd_t(tov_open_regular(TOV_SEM_KEY_FILE, O_RDWR));
-    if (fd.n >= 0 || errno != ENOENT) return fd;
-    fd = tov_fd_t(tov_open_regular(TOV_SEM_KEY_FILE, O_RDWR | O_CREAT | O_EXCL, SEM_MODE));
-    if (fd.n >= 0 || errno != EEXIST) return fd;
-  }
-  return fd;
+  return tov_fd_t(tov_open_or_make([](int more_flags) {
+    return tov_open_regular(TOV_SEM_KEY_FILE, O_RDWR | more_flags, SEM_MODE);
+  }));
 }
 
 // Gives a new semaphore its value; without one it is removed again.
 static int set_zero(int id) {
-  const semun_u value{};
+  const tov_semun_u value{};
   if (semctl(id, 0, SETVAL, value) == 0) return 0;
   TOV_DBG("Set tov sem initial value failed: %s.", strerror(errno));
   (void)semctl(id, 0, IPC_RMID);

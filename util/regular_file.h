@@ -41,6 +41,25 @@ inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
   return tov_fd_take(fd);
 }
 
+// Opens a file, making it if need be. Never O_CREAT on one that exists: in a sticky directory the
+// kernel (fs.protected_regular) refuses that even to root when another user owns the file.
+//   open  called with the flags of open(2) that come to its own: 0, or O_CREAT and O_EXCL; returns
+//   a
+//         descriptor, or a number below 0 with errno
+// Returns what its last call did. Any thread.
+template <typename Open>
+int tov_open_or_make(Open open) {
+  constexpr int TRIES = 8;  // while the file is made and removed under our hands
+  int fd = -1;
+  for (int tries = 0; tries < TRIES; tries++) {
+    fd = open(0);
+    if (fd >= 0 || errno != ENOENT) return fd;
+    fd = open(O_CREAT | O_EXCL);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return fd;
+}
+
 // Removes what stands in the place of a regular file without being one: a link (what it leads to is
 // left alone), a FIFO, a socket, a device, an empty directory.
 // Returns whether something was removed.
