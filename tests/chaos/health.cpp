@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "tests/support/processes.h"
 
@@ -25,10 +24,7 @@ std::string Usage::text() const {
 
 Usage usage_of(pid_t pid) {
   Usage usage;
-  std::error_code gone;
-  for (fs::directory_iterator entry("/proc/" + std::to_string(pid) + "/fd", gone), end;
-       !gone && entry != end; entry.increment(gone))
-    usage.descriptors++;
+  usage.descriptors = tov_test::descriptors_of(pid);
   usage.resident_kib = atol(tov_test::status_field(pid, "VmRSS").c_str());
   return usage;
 }

@@ -12,8 +12,6 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -86,11 +84,7 @@ class RawClients : public testing::Test {
     return static_cast<double>(times[times.size() / 2]) / 1'000;
   }
 
-  size_t descriptors() const {
-    using std::filesystem::directory_iterator;
-    return static_cast<size_t>(std::distance(
-        directory_iterator("/proc/" + std::to_string(daemon_) + "/fd"), directory_iterator()));
-  }
+  size_t descriptors() const { return descriptors_of(daemon_); }
   // Everything that it had for its clients is given back, once it has seen them go. Its other
   // threads open this and that meanwhile, but far less than there were clients.
   void expect_descriptors_back() const {

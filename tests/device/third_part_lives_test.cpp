@@ -9,13 +9,10 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "tests/device/story.h"
@@ -68,21 +65,8 @@ class ThirdPartLives : public testing::Test {
     return Device::register_path(0, task.pid, task.command);
   }
   // Descriptors of registration files in the daemon.
-  size_t files_held() const {
-    size_t count = 0;
-    for (const auto &entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon_) + "/fd")) {
-      std::error_code gone;
-      const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
-      if (target.find("/tov/db/") != std::string::npos) count++;
-    }
-    return count;
-  }
-  size_t descriptors() const {
-    using std::filesystem::directory_iterator;
-    return static_cast<size_t>(std::distance(
-        directory_iterator("/proc/" + std::to_string(daemon_) + "/fd"), directory_iterator()));
-  }
+  size_t files_held() const { return descriptors_of(daemon_, "/tov/db/"); }
+  size_t descriptors() const { return descriptors_of(daemon_); }
   long resident_kb() const { return static_cast<long>(tov_test::resident_kb(daemon_)); }
 
   void note_begin() {

@@ -20,7 +20,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -367,16 +366,7 @@ TEST(ThirdPart, CrashingProgramDoesNotUseUpTheDaemonsDescriptors) {
   const pid_t daemon = device.start_ready_daemon();
   pid_t running = device.spawn(words_of(service.command));
   need_event(device, REGISTER_LOG, registered(service, running, SHELL_RESTART));
-  const auto held = [&] {
-    size_t count = 0;
-    for (const auto &entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon) + "/fd")) {
-      std::error_code gone;
-      const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
-      if (target.find("/tov/db/") != std::string::npos) count++;
-    }
-    return count;
-  };
+  const auto held = [daemon] { return descriptors_of(daemon, "/tov/db/"); };
   EXPECT_EQ(held(), 1U);
   for (int life = 0; life < LIVES; life++) {
     const pid_t dead = running;

@@ -6,7 +6,6 @@
 // client stays and whether it gets an answer.
 #include <fcntl.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -19,6 +18,7 @@
 #include "core/server/request.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+#include "tests/fuzz/require.h"
 
 // The handlers remove registration files by their fixed names, and an input may name any process of
 // the machine. Its files are not ours to remove.
@@ -30,10 +30,6 @@ extern "C" int unlink(const char *path) noexcept {
 namespace {
 
 constexpr size_t HEAD = sizeof(tov_msg_head_t);
-
-void require(bool holds) {
-  if (!holds) abort();
-}
 
 // A client and the daemon's end of its connection.
 struct connection_s {

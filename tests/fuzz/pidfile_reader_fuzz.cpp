@@ -10,6 +10,7 @@
 
 #include "client/tov_pidfile.h"
 #include "include/tov_registry.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 
@@ -22,10 +23,6 @@ struct scratch_file_s {
     close(fd);
   }
 };
-
-void require(bool holds) {
-  if (!holds) abort();
-}
 
 }  // namespace
 

@@ -21,16 +21,13 @@
 #include "include/tov_registry.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
+#include "tests/fuzz/require.h"
 #include "util/lines.h"
 #include "util/list_file.h"
 #include "util/tov_utils.h"
 #include "vsd/accounting.h"
 
 namespace {
-
-void require(bool holds) {
-  if (!holds) abort();
-}
 
 // A file of this run's own, in memory, where the switches of diagnostics are looked for.
 struct scratch_s {

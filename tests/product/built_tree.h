@@ -1,12 +1,16 @@
-// The build tree that a test program belongs to, and commands run on it.
+// The build tree that a test program belongs to, commands run on it, and what it installs.
 #ifndef TOV_TEST_BUILT_TREE_H
 #define TOV_TEST_BUILT_TREE_H
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <string>
+
+#include "tests/support/files.h"
 
 namespace tov_test {
 
@@ -33,6 +37,20 @@ inline std::string run(const std::string &command) {
     throw std::runtime_error(command + "\nreturned " + std::to_string(status) + "\n" + output);
   return output;
 }
+
+// The client's files, installed once for a whole suite, as another team gets them.
+class InstalledTree : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    tree_ = std::make_unique<ScratchDir>();
+    run("cmake --install " + build_tree() + " --prefix " + prefix() + " --component client");
+  }
+  static void TearDownTestSuite() { tree_.reset(); }
+
+  static std::string prefix() { return *tree_ / "usr"; }
+
+  static inline std::unique_ptr<ScratchDir> tree_;
+};
 
 }  // namespace tov_test
 

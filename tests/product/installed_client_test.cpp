@@ -9,7 +9,6 @@
 #include "tests/product/built_tree.h"
 #include "tests/support/files.h"
 
-using tov_test::build_tree;
 using tov_test::run;
 using tov_test::source_tree;
 
@@ -29,15 +28,8 @@ const std::string INSTRUMENTED;
 const std::string STRICT =
     " -std=c11 -D_GNU_SOURCE -Wall -Wextra -Wpedantic -pedantic-errors -Werror";
 
-class InstalledClient : public testing::Test {
+class InstalledClient : public tov_test::InstalledTree {
  protected:
-  static void SetUpTestSuite() {
-    tree_ = new tov_test::ScratchDir;
-    run("cmake --install " + build_tree() + " --prefix " + prefix() + " --component client");
-  }
-  static void TearDownTestSuite() { delete std::exchange(tree_, nullptr); }
-
-  static std::string prefix() { return *tree_ / "usr"; }
   static std::string lib() { return prefix() + "/lib"; }
   static std::string pkg_config(const std::string &arguments) {
     std::string flags =
@@ -50,10 +42,7 @@ class InstalledClient : public testing::Test {
   static void run_host(const std::string &program) {
     run("LD_LIBRARY_PATH=" + lib() + " " + program);
   }
-
-  static tov_test::ScratchDir *tree_;
 };
-tov_test::ScratchDir *InstalledClient::tree_ = nullptr;
 
 TEST_F(InstalledClient, TreeHoldsWhatHostsNeed) {
   using Names = std::set<std::string>;

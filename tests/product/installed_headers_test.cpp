@@ -8,14 +8,12 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/product/built_tree.h"
 #include "tests/support/files.h"
 
 using testing::IsEmpty;
-using tov_test::build_tree;
 using tov_test::run;
 using tov_test::source_tree;
 
@@ -64,16 +62,8 @@ const std::vector<std::string> CALLS = {
     "pid_reset_counter_in_file(0, \"\")",
 };
 
-class InstalledHeaders : public testing::Test {
+class InstalledHeaders : public tov_test::InstalledTree {
  protected:
-  static void SetUpTestSuite() {
-    tree_ = new tov_test::ScratchDir;
-    run("cmake --install " + build_tree() + " --prefix " + prefix() + " --component client");
-  }
-  static void TearDownTestSuite() { delete std::exchange(tree_, nullptr); }
-
-  static std::string prefix() { return *tree_ / "usr"; }
-
   // What a compiler says about a program that may include <tov/...>. Throws when it refuses it.
   static std::string compile(const std::string &compiler, const std::string &text) {
     const std::string source = *tree_ / "host.c";
@@ -83,10 +73,7 @@ class InstalledHeaders : public testing::Test {
   static std::string include(const std::string &header) {
     return "#include <tov/" + header + ">\n";
   }
-
-  static tov_test::ScratchDir *tree_;
 };
-tov_test::ScratchDir *InstalledHeaders::tree_ = nullptr;
 
 // The lines of a preprocessed program that stand in our headers themselves.
 std::string own_lines(const std::string &preprocessed) {

@@ -19,8 +19,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <filesystem>
-#include <iterator>
 #include <map>
 #include <random>
 #include <set>
@@ -37,8 +35,6 @@
 using tov_test::Device;
 using tov_test::Millis;
 using tov_test::monotonic_ns;
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -76,7 +72,7 @@ struct Process {
 struct Usage {
   long resident_kb = 0;
   long private_kb = 0;
-  long descriptors = 0;
+  size_t descriptors = 0;
 };
 
 struct Wrong : std::runtime_error {
@@ -124,13 +120,12 @@ Usage Soak::usage() const {
   Usage now;
   now.resident_kb = status_kb(pid, "VmRSS");
   now.private_kb = status_kb(pid, "RssAnon");
-  const fs::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
-  now.descriptors = std::distance(begin(all), end(all));
+  now.descriptors = tov_test::descriptors_of(pid);
   return now;
 }
 
 void print_usage(const char *when, const Usage &usage) {
-  printf("%s: daemon %ld KiB resident, %ld KiB of its own, %ld descriptors\n", when,
+  printf("%s: daemon %ld KiB resident, %ld KiB of its own, %zu descriptors\n", when,
          usage.resident_kb, usage.private_kb, usage.descriptors);
   fflush(stdout);
 }

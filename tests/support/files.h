@@ -67,6 +67,12 @@ inline bool exists(const std::string &path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
+// A link itself counts, wherever it leads.
+inline bool name_exists(const std::string &path) {
+  struct stat found;
+  return lstat(path.c_str(), &found) == 0;
+}
+
 // Removes a file or a whole directory, if it is there.
 inline void clear_path(const std::string &path) {
   std::filesystem::remove_all(path);

@@ -14,11 +14,13 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -134,6 +136,18 @@ uint64_t resident_kb(pid_t pid) {
   for (std::string word; words >> word;)
     if (word == "Rss:") words >> kilobytes;
   return kilobytes;
+}
+
+size_t descriptors_of(pid_t pid, const std::string &part) {
+  size_t count = 0;
+  std::error_code gone;
+  for (std::filesystem::directory_iterator entry(proc_path(pid, "fd"), gone), end;
+       !gone && entry != end; entry.increment(gone)) {
+    std::error_code closed;
+    const std::string target = std::filesystem::read_symlink(entry->path(), closed).string();
+    if (target.find(part) != std::string::npos) count++;
+  }
+  return count;
 }
 
 std::string unique_name(const std::string &prefix) {

@@ -62,6 +62,9 @@ std::string status_field(pid_t pid, const std::string &field);
 // says may lag behind by some hundreds. 0 when it is gone.
 uint64_t resident_kb(pid_t pid);
 
+// How many descriptors it has open, those only that lead to a name with `part` in it; 0 when gone.
+size_t descriptors_of(pid_t pid, const std::string &part = "");
+
 // `prefix` followed by the caller's process id: processes are visible from every device at once,
 // so a name that a test looks for must be its own.
 std::string unique_name(const std::string &prefix);

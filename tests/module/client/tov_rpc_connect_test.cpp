@@ -33,17 +33,13 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using tov_test::fake_sleep;
 using tov_test::FakeDaemon;
+using tov_test::name_exists;
 using tov_test::printed_by;
 using tov_test::RefusingSocket;
 
 namespace {
 
 const std::string OWN = "/tmp/tov/.socket.test";
-
-bool exists(const std::string &path) {
-  struct stat found {};
-  return lstat(path.c_str(), &found) == 0;
-}
 
 class TovRpcConnect : public testing::Test {
  protected:
@@ -72,14 +68,14 @@ class TovRpcConnect : public testing::Test {
 TEST_F(TovRpcConnect, BindsItsOwnPathAndIsCloseOnExec) {
   FakeDaemon daemon;
   ASSERT_GE(connect_as(OWN), 0);
-  EXPECT_TRUE(exists(OWN));
+  EXPECT_TRUE(name_exists(OWN));
   EXPECT_EQ(fcntl(sd_.n, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   sockaddr_un at{};
   socklen_t length = sizeof at;
   getsockname(sd_.n, reinterpret_cast<sockaddr *>(&at), &length);
   EXPECT_EQ(std::string(at.sun_path), OWN);
   sd_.reset();
-  EXPECT_TRUE(exists(OWN)) << "stays until the next bind";
+  EXPECT_TRUE(name_exists(OWN)) << "stays until the next bind";
 }
 
 TEST_F(TovRpcConnect, AddressEndsWithThePath) {
@@ -99,7 +95,7 @@ TEST_F(TovRpcConnect, LongOwnPathIsCutTo107Characters) {
   FakeDaemon daemon;
   const std::string path = "/tmp/tov/" + std::string(150, 's');
   EXPECT_GE(connect_as(path), 0);
-  EXPECT_TRUE(exists(path.substr(0, 107)));
+  EXPECT_TRUE(name_exists(path.substr(0, 107)));
   unlink(path.substr(0, 107).c_str());
 }
 
@@ -119,7 +115,7 @@ TEST_F(TovRpcConnect, AbsentDaemonIsTriedSixTimesASecondApart) {
     EXPECT_NE(printed_.find("retry:" + std::to_string(retry) + ", err:2,No such file"),
               std::string::npos);
   }
-  EXPECT_FALSE(exists(OWN));
+  EXPECT_FALSE(name_exists(OWN));
 }
 
 TEST_F(TovRpcConnect, DaemonThatComesUpWithinTheRetriesIsFound) {
@@ -149,7 +145,7 @@ TEST_F(TovRpcConnect, OtherRefusalsAreFinal) {
   EXPECT_EQ(connect_as(OWN), -1);
   EXPECT_THAT(fake_sleep.slept_us, IsEmpty());
   EXPECT_EQ(tov_test::attempts_told_in(printed_), 1u);
-  EXPECT_FALSE(exists(OWN));
+  EXPECT_FALSE(name_exists(OWN));
 }
 
 TEST_F(TovRpcConnect, DaemonThatIsToEndGivesUpAtOnce) {

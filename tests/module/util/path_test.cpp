@@ -98,9 +98,7 @@ class TovUtilsLinks : public testing::Test {
     ASSERT_EQ(lchown((dir / name).c_str(), owner, owner), 0);
   }
   int make(const std::string &name) { return tov_make_dir((dir / name).c_str()); }
-  bool exists(const std::string &name) {
-    return faccessat(AT_FDCWD, (dir / name).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-  }
+  bool exists(const std::string &name) { return tov_test::name_exists(dir / name); }
   ScratchDir dir;
 };
 

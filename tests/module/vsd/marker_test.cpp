@@ -26,19 +26,14 @@ class TovVsdMarker : public testing::Test {
   void SetUp() override { ASSERT_EQ(system("rm -rf /etc/dev_mon /etc/debug_log"), 0); }
 };
 
-bool exists(const char *path) {
-  struct stat status {};
-  return lstat(path, &status) == 0;
-}
-
 }  // namespace
 
 TEST_F(TovVsdMarker, MissingMarkersAreToldByErrno) {
   EXPECT_EQ(del_dev_mon_log(), -ENOENT);
   EXPECT_EQ(del_dev_mon_restart(), -ENOENT);
   EXPECT_EQ(debug_log(), -ENOENT);
-  EXPECT_FALSE(exists(DEV_MON));
-  EXPECT_FALSE(exists(DEBUG_LOG));
+  EXPECT_FALSE(name_exists(DEV_MON));
+  EXPECT_FALSE(name_exists(DEBUG_LOG));
 }
 
 TEST_F(TovVsdMarker, MarkerIsCreatedWithItsModeLessTheUmask) {
@@ -66,14 +61,14 @@ TEST_F(TovVsdMarker, ProbesLeaveTheMarker) {
     EXPECT_EQ(del_dev_mon_log(), 0);
     EXPECT_EQ(debug_log(), 0);
   }
-  EXPECT_TRUE(exists(DEV_MON));
-  EXPECT_TRUE(exists(DEBUG_LOG));
+  EXPECT_TRUE(name_exists(DEV_MON));
+  EXPECT_TRUE(name_exists(DEBUG_LOG));
 }
 
 TEST_F(TovVsdMarker, RemovalServesOneRestart) {
   ASSERT_EQ(dev_mon_restart(), 0);
   EXPECT_EQ(del_dev_mon_restart(), 0);
-  EXPECT_FALSE(exists(DEV_MON));
+  EXPECT_FALSE(name_exists(DEV_MON));
   EXPECT_EQ(del_dev_mon_restart(), -ENOENT);
 }
 
@@ -84,22 +79,22 @@ TEST_F(TovVsdMarker, DirectoryIsNoMarker) {
   EXPECT_EQ(del_dev_mon_log(), -EISDIR);
   EXPECT_EQ(del_dev_mon_restart(), -EISDIR);
   EXPECT_EQ(debug_log(), -EISDIR);
-  EXPECT_TRUE(exists(DEV_MON));
+  EXPECT_TRUE(name_exists(DEV_MON));
 }
 
 TEST_F(TovVsdMarker, FifoDoesNotHoldTheCaller) {
   ASSERT_EQ(mkfifo(DEV_MON, 0777), 0);
   EXPECT_EQ(del_dev_mon_log(), 0);
   EXPECT_EQ(del_dev_mon_restart(), 0);
-  EXPECT_FALSE(exists(DEV_MON));
+  EXPECT_FALSE(name_exists(DEV_MON));
 }
 
 TEST_F(TovVsdMarker, RemovalOfALinkLeavesItsTarget) {
   std::ofstream("/tmp/target").close();
   ASSERT_EQ(symlink("/tmp/target", DEV_MON), 0);
   EXPECT_EQ(del_dev_mon_restart(), 0);
-  EXPECT_FALSE(exists(DEV_MON));
-  EXPECT_TRUE(exists("/tmp/target"));
+  EXPECT_FALSE(name_exists(DEV_MON));
+  EXPECT_TRUE(name_exists("/tmp/target"));
 }
 
 TEST_F(TovVsdMarker, RemovalThatFailsIsTold) {
@@ -108,7 +103,7 @@ TEST_F(TovVsdMarker, RemovalThatFailsIsTold) {
   ASSERT_EQ(mount("/tmp/mounted", DEV_MON, nullptr, MS_BIND, nullptr), 0);
   EXPECT_EQ(del_dev_mon_restart(), -EBUSY);
   ASSERT_EQ(umount(DEV_MON), 0);
-  EXPECT_TRUE(exists(DEV_MON));
+  EXPECT_TRUE(name_exists(DEV_MON));
 }
 
 TEST_F(TovVsdMarker, NoDescriptorStaysOpen) {

@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using tov_test::name_exists;
 using tov_test::names_in;
 using tov_test::ScratchDir;
 using tov_test::write_file;
@@ -38,10 +39,6 @@ static constexpr int64_t RACE_NS = 2'000'000'000;
 
 static int delete_path(std::string path) {
   return delete_dir(path.data());
-}
-
-static bool exists(const std::string &path) {
-  return fs::exists(fs::symlink_status(path));
 }
 
 static void link_to(const std::string &target, const std::string &at, uid_t owner = geteuid()) {
@@ -82,21 +79,21 @@ TEST_F(TovVsdRemove, WholeTreeOfEverySort) {
   ASSERT_EQ(mkfifo((tree + "/a/fifo").c_str(), 0600), 0);
   const size_t descriptors = tov_test::open_descriptors();
   EXPECT_EQ(delete_path(tree), 0);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
   EXPECT_EQ(tov_test::open_descriptors(), descriptors);
 }
 
 TEST_F(TovVsdRemove, SlashesAtTheEndDoNotMatter) {
   write_file(tree + "/file", "");
   EXPECT_EQ(delete_path(tree + "//"), 0);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
 }
 
 TEST_F(TovVsdRemove, ThousandsOfEntriesInOneDirectory) {
   for (int i = 0; i < 5000; i++)
     write_file(tree + "/" + std::to_string(i), "");
   EXPECT_EQ(delete_path(tree), 0);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
 }
 
 TEST_F(TovVsdRemove, RelativePath) {
@@ -105,7 +102,7 @@ TEST_F(TovVsdRemove, RelativePath) {
   write_file(tree + "/file", "");
   EXPECT_EQ(delete_path("tree"), 0);
   fs::current_path(before);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
 }
 
 // ---- links ----------------------------------------------------------------------------------
@@ -113,7 +110,7 @@ TEST_F(TovVsdRemove, RelativePath) {
 TEST_F(TovVsdRemove, OwnLinkToAFileGoesAndItsTargetStays) {
   link_to(kept + "/file", tree + "/link");
   EXPECT_EQ(delete_path(tree), 0);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
   EXPECT_THAT(names_in(kept), ElementsAre("file"));
 }
 
@@ -121,14 +118,14 @@ TEST_F(TovVsdRemove, OwnLinkToADirectoryEmptiesItAndStays) {
   link_to(kept, tree + "/link");
   EXPECT_EQ(delete_path(tree + "/link"), -ENOTDIR);
   EXPECT_THAT(names_in(kept), IsEmpty());
-  EXPECT_TRUE(exists(tree + "/link"));
+  EXPECT_TRUE(name_exists(tree + "/link"));
   EXPECT_EQ(delete_path(tree), -ENOTEMPTY);
 }
 
 TEST_F(TovVsdRemove, OwnDanglingLinkStays) {
   link_to(scratch / "none", tree + "/link");
   EXPECT_EQ(delete_path(tree + "/link"), -ENOENT);
-  EXPECT_TRUE(exists(tree + "/link"));
+  EXPECT_TRUE(name_exists(tree + "/link"));
 }
 
 TEST_F(TovVsdRemove, OwnRelativeLinksAreReadFromWhereTheyStand) {
@@ -144,7 +141,7 @@ TEST_F(TovVsdRemove, AnotherUsersLinkGoesAndIsNotFollowed) {
   link_to(kept + "/file", tree + "/file", STRANGER);
   link_to(scratch / "none", tree + "/dangling", STRANGER);
   EXPECT_EQ(delete_path(tree), 0);
-  EXPECT_FALSE(exists(tree));
+  EXPECT_FALSE(name_exists(tree));
   EXPECT_THAT(names_in(kept), ElementsAre("file"));
 }
 
@@ -152,7 +149,7 @@ TEST_F(TovVsdRemove, AnotherUsersLinkInPlaceOfTheTreeIsNotFollowedEither) {
   for (const char *slash : {"", "/"}) {
     link_to(kept, scratch / "planted", STRANGER);
     EXPECT_EQ(delete_path((scratch / "planted") + slash), 0);
-    EXPECT_FALSE(exists(scratch / "planted"));
+    EXPECT_FALSE(name_exists(scratch / "planted"));
     EXPECT_THAT(names_in(kept), ElementsAre("file"));
   }
 }
@@ -161,7 +158,7 @@ TEST_F(TovVsdRemove, OwnLinkIsNotFollowedOverAnotherUsersLink) {
   link_to(kept, scratch / "planted", STRANGER);
   link_to(scratch / "planted", tree + "/link");
   EXPECT_EQ(delete_path(tree + "/link"), -ELOOP);
-  EXPECT_TRUE(exists(tree + "/link"));
+  EXPECT_TRUE(name_exists(tree + "/link"));
   EXPECT_THAT(names_in(kept), ElementsAre("file"));
 }
 
@@ -173,7 +170,7 @@ TEST_F(TovVsdRemove, LinksInACircleComeToAnEnd) {
   link_to(".", tree + "/self");
   write_file(tree + "/file", "");
   EXPECT_LT(delete_path(tree), 0);
-  EXPECT_FALSE(exists(tree + "/file"));
+  EXPECT_FALSE(name_exists(tree + "/file"));
 }
 
 // A stranger swaps a directory of his against a link to the machine's files while we remove it. A
@@ -188,11 +185,11 @@ TEST_F(TovVsdRemove, EntryThatTurnsIntoALinkMeanwhileIsNotFollowed) {
   });
   const int64_t end_ns = tov_test::monotonic_ns() + RACE_NS;
   for (int round = 0; round < RACE_ROUNDS && tov_test::monotonic_ns() < end_ns; round++) {
-    if (!exists(kept + "/file")) break;
+    if (!name_exists(kept + "/file")) break;
     link_to(kept, planted, STRANGER);
     (void)mkdir(name.c_str(), 0777);
     (void)delete_path(name);
-    while (exists(name) || exists(planted))  // they may change places under our hands
+    while (name_exists(name) || name_exists(planted))  // they may change places under our hands
       for (const std::string &left : {name, planted})
         if (unlink(left.c_str()) < 0) (void)rmdir(left.c_str());
   }
@@ -254,7 +251,7 @@ TEST_F(TovVsdRemove, DirectoryOnTheWayThatTurnsIntoALinkMeanwhileIsNotFollowed) 
     (void)delete_path(way + "/inner");
   stop = true;
   stranger.join();
-  EXPECT_TRUE(exists(kept + "/inner/file"));
+  EXPECT_TRUE(name_exists(kept + "/inner/file"));
 }
 
 // ---- failures -------------------------------------------------------------------------------
@@ -270,9 +267,9 @@ TEST_F(TovVsdRemove, TooLongPathsAreRememberedAndTheRestGoes) {
   write_file(too_long, "");
   write_file(tree + "/sibling", "");
   EXPECT_EQ(delete_path(tree), -ENOTEMPTY);
-  EXPECT_FALSE(exists(fits));
-  EXPECT_TRUE(exists(too_long));
-  EXPECT_FALSE(exists(tree + "/sibling"));
+  EXPECT_FALSE(name_exists(fits));
+  EXPECT_TRUE(name_exists(too_long));
+  EXPECT_FALSE(name_exists(tree + "/sibling"));
 }
 
 TEST_F(TovVsdRemove, RunningOutOfDescriptorsRemovesNothingWrong) {
@@ -287,7 +284,7 @@ TEST_F(TovVsdRemove, RunningOutOfDescriptorsRemovesNothingWrong) {
     // The innermost failure keeps every directory above from being empty.
     EXPECT_EQ(delete_path(tree), -ENOTEMPTY);
   });
-  EXPECT_FALSE(exists(tree + "/file"));
-  EXPECT_TRUE(exists(deep));
+  EXPECT_FALSE(name_exists(tree + "/file"));
+  EXPECT_TRUE(name_exists(deep));
   EXPECT_EQ(delete_path(tree), 0);
 }
