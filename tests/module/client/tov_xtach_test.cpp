@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,6 +21,7 @@
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
+#include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
@@ -40,22 +40,13 @@ using tov_test::Request;
 
 namespace {
 
-const std::string DB_DIR = "/tmp/vsd/0/tov/db";
-
-class TovXtach : public testing::Test {
+class TovXtach : public tov_test::Requester {
  protected:
   TovXtach() {
-    mkdir(TOV_RUN_DIR, 0777);
     std::filesystem::remove_all(DB_DIR);
     std::filesystem::create_directories(DB_DIR);
     setenv("DATA_QXOS_DIR", "/data/none", 1);
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
     pid_to_cmdline(getpid(), cmdline_, sizeof cmdline_);
-    if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
-  }
-  ~TovXtach() override {
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-    tov_rpc_stop_asked = nullptr;
   }
 
   static std::string file_of(const std::string &cmdline, pid_t pid) {

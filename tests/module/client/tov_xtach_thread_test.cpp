@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -24,6 +23,7 @@
 #include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
+#include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
@@ -51,21 +51,16 @@ namespace {
 constexpr unsigned int PERIOD = 8;
 constexpr unsigned int COUNT = 9;
 
-class TovXtachThread : public testing::Test {
+class TovXtachThread : public tov_test::Requester {
  protected:
   TovXtachThread() {
-    mkdir(TOV_RUN_DIR, 0777);
     unlink(TOV_DEBUG_PID_FILE);
     setenv("DATA_QXOS_DIR", "/data/none", 1);
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_VERBOSE;
     pretended_tid = 0;
     EXPECT_EQ(tov_sys_init_alive_info(false), 0);
     tov_sys_unreg_alive_info(gettid());
   }
-  ~TovXtachThread() override {
-    g_tov_dbg_level[TOV_MODULE_PUB] = TOV_DBG_END;
-    pretended_tid = 0;
-  }
+  ~TovXtachThread() override { pretended_tid = 0; }
   static int reg() { return tov_client_reg_thread_notify(getpid(), gettid(), PERIOD, COUNT); }
   static int reset() { return tov_client_reset_thread_notify(getpid(), gettid(), PERIOD, COUNT); }
 };
