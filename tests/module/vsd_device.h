@@ -13,7 +13,6 @@
 #include <sstream>
 #include <string>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/children.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"

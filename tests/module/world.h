@@ -33,7 +33,6 @@
 #include "include/tov_wire.h"
 #include "log/tov_log.h"
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
 #include "tests/support/children.h"

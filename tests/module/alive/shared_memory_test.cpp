@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/in_child.h"
 
 #if !defined(TOV_SANITIZE_THREAD)  // its runtime makes these calls before it is ready for ours

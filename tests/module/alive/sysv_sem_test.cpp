@@ -16,7 +16,6 @@
 
 #include "tests/module/failing_sem.h"
 #include "tests/module/no_semaphores.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"
 

@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "include/tov_registry.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"

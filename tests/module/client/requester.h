@@ -17,7 +17,6 @@
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/in_child.h"
 
 namespace tov_test {

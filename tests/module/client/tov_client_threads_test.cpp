@@ -23,7 +23,6 @@
 #include "include/tov_wire.h"
 #include "include/tov_xtach.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 
 using tov_test::FakeDaemon;

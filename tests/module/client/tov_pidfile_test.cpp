@@ -19,7 +19,6 @@
 
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/refused_calls.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"

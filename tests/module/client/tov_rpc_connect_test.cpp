@@ -24,7 +24,6 @@
 #include "log/tov_dbg.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/stdout.h"
 

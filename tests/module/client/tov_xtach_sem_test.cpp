@@ -18,7 +18,6 @@
 #include "tests/module/failing_sem.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/no_semaphores.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/in_child.h"
 

@@ -23,7 +23,6 @@
 #include "log/tov_dbg.h"
 #include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"

@@ -18,7 +18,6 @@
 #include <string>
 
 #include "include/tov_registry.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 
 TEST(TovHaNotice, MakersWordsAreFilteredOut) {

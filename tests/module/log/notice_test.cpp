@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 
 static std::string filtered(void (*filter)(char *), const std::string &text) {
   std::vector<char> buf(text.begin(), text.end());

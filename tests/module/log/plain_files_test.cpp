@@ -17,7 +17,6 @@
 
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/stdout.h"
 #include "tests/support/text.h"

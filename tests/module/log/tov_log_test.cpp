@@ -24,7 +24,6 @@
 
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/event_log.h"
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"

@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/child.h"
 
 namespace {

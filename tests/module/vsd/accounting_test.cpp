@@ -26,7 +26,6 @@
 
 #include "include/tov_registry.h"
 #include "tests/module/fake_sleep.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/files.h"

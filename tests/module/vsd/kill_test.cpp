@@ -13,7 +13,6 @@
 #include <string>
 
 #include "include/tov_registry.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/module/refused_calls.h"
 #include "tests/module/vsd.h"
 #include "tests/support/caught_diagnostics.h"

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 
 using tov_test::name_exists;

@@ -17,7 +17,6 @@
 #include <string>
 #include <thread>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"

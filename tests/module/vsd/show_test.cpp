@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/stdout.h"
 

@@ -19,7 +19,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/children.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"

@@ -16,7 +16,6 @@
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
 #include "include/tov_registry.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/registries.h"
 

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "platform/tov_platform.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 

@@ -10,7 +10,6 @@
 
 #include "platform/tov_platform.h"
 #include "tests/module/log_listener.h"
-#include "tests/module/private_root.h"  // IWYU pragma: keep
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "tests/support/text.h"
