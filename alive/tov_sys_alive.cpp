@@ -111,7 +111,7 @@ static int map_area(bool is_master) TOV_REQUIRES(init_lock) {
 
 int tov_sys_init_alive_info(bool is_master) {
   if (__atomic_load_n(&inited, __ATOMIC_ACQUIRE)) return 0;  // each sign of life passes here
-  tov_lock_guard_t guard(init_lock);
+  const tov_lock_guard_t guard(init_lock);
   return inited ? 0 : map_area(is_master);
 }
 

@@ -76,7 +76,7 @@ static void drop_kept(kept_s **link) TOV_REQUIRES(kept_lock) {
   kept_s *entry = *link;
   if (entry == nullptr) return;
   __atomic_store_n(link, entry->next, __ATOMIC_RELEASE);
-  tov_fd_t close_it(entry->fd);
+  const tov_fd_t close_it(entry->fd);
   free(entry);
 }
 
@@ -117,7 +117,7 @@ void tov_pidfile_forget_locks(void) TOV_NO_THREAD_SAFETY {
   // The entries stay, without a descriptor: freeing memory is nothing for a child between fork and
   // exec. Whoever comes upon one later drops it.
   for (kept_s *entry = kept_files; entry != nullptr; entry = entry->next)
-    tov_fd_t close_it(std::exchange(entry->fd, -1));
+    const tov_fd_t close_it(std::exchange(entry->fd, -1));
 }
 
 // ---- names ---------------------------------------------------------------------------------
@@ -183,7 +183,7 @@ int tov_db_create(int vsd_id, int pid, int action, const char *cmdline) {
   make_content(content, pid, action, cmdline);
   TOV_DBG("%s vsd:%d path:%s file:%s\n", __func__, vsd_id, cmdline, path);
 
-  tov_lock_guard_t guard(kept_lock);
+  const tov_lock_guard_t guard(kept_lock);
   const int kept = kept_descriptor(path);
   if (kept >= 0) {  // opening it again would drop our lock at the close
     write_content(kept, content);
@@ -204,7 +204,7 @@ void save_vsd_flag(int vsd_id, int pid) {
   if (vsd_id == 0) return;
   char path[FILE_NAME_SIZE];
   snprintf(path, sizeof path, TOV_VSD_MEMBER_FMT, vsd_id, pid);
-  tov_fd_t close_it(tov_open_regular(path, O_RDWR | O_CREAT, MODE_EVERYBODY));
+  const tov_fd_t close_it(tov_open_regular(path, O_RDWR | O_CREAT, MODE_EVERYBODY));
 }
 
 int tov_mk_pidfile(tov_msg_xtach_s *request, int type) {
@@ -227,7 +227,7 @@ int tov_db_destroy(const tov_pid_s *record) {
   const std::string_view cmdline(record->process, strnlen(record->process, CMDLINE_SIZE));
   file_name(record->vsd_id, record->pid, cmdline, path, sizeof path);
 
-  tov_lock_guard_t guard(kept_lock);
+  const tov_lock_guard_t guard(kept_lock);
   const int result = tov_sys_unlink(path);
   drop_kept(find_kept(path));
   return result;
@@ -236,7 +236,7 @@ int tov_db_destroy(const tov_pid_s *record) {
 bool tov_db_is_own(int vsd_id, int pid, const char *cmdline) {
   char path[FILE_NAME_SIZE];
   tov_get_db_file_name(vsd_id, pid, cmdline, path, sizeof path);
-  tov_lock_guard_t guard(kept_lock);
+  const tov_lock_guard_t guard(kept_lock);
   return kept_descriptor(path) >= 0;
 }
 
@@ -268,7 +268,7 @@ static bool parse_numbers(const char *text, int *pid, int *action) {
 }
 
 int tov_read_pidfile(const char *path, tov_pid_s *record) {
-  tov_fd_t fd(tov_open_regular(path, O_RDONLY));
+  const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
   if (fd.n < 0) {
     TOV_DBG("%s: open pid file fail: %s\n", __func__, strerror(errno));
     return -1;

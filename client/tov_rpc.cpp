@@ -53,7 +53,7 @@ using message_t = tov_block_t<tov_msg_head_t>;
 // to its first state, because their copies here will never go on. Not analysed: the lock that
 // guards this is one of them, and no other thread is there to guard it from.
 static void start_afresh_in_child() TOV_NO_THREAD_SAFETY {
-  tov_errno_keeper_s keep;
+  const tov_errno_keeper_s keep;
   pthread_mutex_init(&tov_rpc_lock, nullptr);
   if (tov_rpc_sd >= 0) close(std::exchange(tov_rpc_sd, -1));
   answer_is_due = false;
@@ -141,7 +141,7 @@ int tov_rpc(TOV_MSG_TYPE type, char *path, void *data, int datalen, bool need_ac
   }
 
   const tov_rpc_call_t call;
-  tov_lock_guard_t hold(tov_rpc_lock);
+  const tov_lock_guard_t hold(tov_rpc_lock);
   tov_rpc_overdue_look();
   drop_used_connection();
   if (make_connection() != 0) {

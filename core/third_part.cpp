@@ -22,7 +22,7 @@ static void copy_entry(FILE *list, const char *name) {
   char path[PATH_SIZE];
   (void)snprintf(path, sizeof path, "%s/%s", TOV_THIRD_PART_DIR, name);
   char line[LINE_SIZE] = {};
-  int length = tov_read_to_buf(path, line, sizeof line);
+  const int length = tov_read_to_buf(path, line, sizeof line);
   if (length < 0) {
     TOV_DBG("tov_read_file_string failed, ret = %d, reason: %s\n", length, strerror(errno));
     return;
@@ -31,7 +31,7 @@ static void copy_entry(FILE *list, const char *name) {
 }
 
 void tov_third_part_proc_init(void) {
-  tov_file_t list(fopen(TOV_THIRD_PART_LIST, "we"));
+  const tov_file_t list(fopen(TOV_THIRD_PART_LIST, "we"));
   if (!list) {
     TOV_DBG("fopen failed, reason: %s\n", strerror(errno));
     return;

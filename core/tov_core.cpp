@@ -203,7 +203,7 @@ static next_e list_third_part_programs(daemon_s &) {
 }
 
 static next_e map_alive_info(daemon_s &) {
-  int ret = tov_sys_init_alive_info(true);
+  const int ret = tov_sys_init_alive_info(true);
   if (ret == 0) return GO_ON;
   TOV_DBG("fail to init alive_info!!!\n");
   (void)tov_log_with_type(TOV_LOG_ERROR, "Init alive info Fail. ret=%d\r\n", ret);
@@ -229,7 +229,7 @@ static next_e start_threads(daemon_s &daemon) {
   tov_rpc_stop_asked = [] { return tov_flag_get(quit) != 0; };
   for (const thread_s &row : threads) {
     pthread_t *thread = &daemon.started[daemon.started_count];
-    int error = pthread_create(thread, nullptr, row.body, nullptr);
+    const int error = pthread_create(thread, nullptr, row.body, nullptr);
     if (error != 0) {
       TOV_DBG(row.diagnostic, strerror(error));
       tov_flag_set(quit, 1);

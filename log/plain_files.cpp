@@ -80,7 +80,7 @@ void tov_log_record_reboot_info(const char *path, const char *format, ...) {
 // ---- ring of ten notifications --------------------------------------------------------------
 
 int tov_log_notify_get_count(const char *path) {
-  tov_fd_t fd(tov_open_regular(path, O_RDONLY));
+  const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
   if (fd.n < 0) return errno == ENOENT ? -ENOENT : -1;
   char text[COUNT_SIZE];
   const ssize_t length = safe_read(fd.n, text, sizeof text - 1);

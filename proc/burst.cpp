@@ -31,7 +31,7 @@ enum {
 };
 
 int tov_self_check_period(const char *function) {
-  int period_s = debug_time();
+  const int period_s = debug_time();
   if (period_s >= 0) return period_s;
   TOV_DBG("%s: get disable time fail: %s\n", function, strerror(-period_s));
   return TOV_SELF_CHECK_PERIOD_S;
@@ -39,8 +39,8 @@ int tov_self_check_period(const char *function) {
 
 // An alarm that comes sooner stays in force: it serves another task that waits.
 static void arm_alarm(int period_s) {
-  unsigned int period = static_cast<unsigned int>(period_s);
-  unsigned int pending = tov_sys_alarm(0);
+  const unsigned int period = static_cast<unsigned int>(period_s);
+  const unsigned int pending = tov_sys_alarm(0);
   tov_sys_alarm(pending > 0 && pending <= period ? pending : period);
 }
 
@@ -50,7 +50,7 @@ static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, t
 static void suspend(const tov_chains_guard_t &held, tov_pid_t *record, const tov_proc_how_t &how,
                     time_t now, int period_s) {
   tov_task_name_s name(*record);
-  int minutes = period_s / 60;
+  const int minutes = period_s / 60;
   tov_ha_notice(how.suspended,
                 "Task: %s had checked more than 5 times. After %d mimutes, task will finish "
                 "self-checking.\n",
@@ -79,10 +79,10 @@ void tov_check_restart_system(tov_pid_t *record, time_t t) {
   consider_reload(held, record, t);
 }
 
-static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t t) {
-  if (record->con_pull_flag <= 0 || t - record->con_tm > RELOAD_SPAN_S) return;
+static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
+  if (record->con_pull_flag <= 0 || now - record->con_tm > RELOAD_SPAN_S) return;
   tov_record_clear_self_checks(held, record);
-  int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
+  const int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
   if (!tov_flag_get(tov_single_ps_ha_enable) || record->con_tm < enable_time ||
       !tov_is_reboot_available() || tov_file_exists(TOV_NO_REBOOT_FILE)) {
     return;
@@ -90,7 +90,7 @@ static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, t
 
   TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d t=%d tov_single_ps_ha_enable_time=%d.\n",
           "tov_check_restart_system", record->process, record->pid, record->con_pull_flag,
-          static_cast<int>(record->con_tm), static_cast<int>(t), enable_time);
+          static_cast<int>(record->con_tm), static_cast<int>(now), enable_time);
   static constexpr char sentence[] = "tov detect process %s can not restart, so restart system.\n";
   TOV_DBG(sentence, record->process);
   safe_sleep(1);

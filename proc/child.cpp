@@ -37,7 +37,7 @@ tov_words_s::tov_words_s(const char *command) : text{}, word{} {
 }
 
 static int close_standard_streams(tov_proc_plan_t *) {
-  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
     close(fd);
   return 0;
 }
@@ -70,9 +70,9 @@ static int reset_priority(tov_proc_plan_t *) {
 // A program without a console runs all the same. Every other descriptor of ours is close-on-exec,
 // so the streams are placed by number and not by luck.
 static int attach_console(tov_proc_plan_t *) {
-  int console = console_open(O_RDWR | O_NOCTTY);
+  const int console = console_open(O_RDWR | O_NOCTTY);
   if (console < 0) return 0;
-  for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fd != console) (void)dup2(console, fd);
   }
   if (console > STDERR_FILENO) close(console);

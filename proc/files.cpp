@@ -24,8 +24,8 @@ int debug_time(void) {
   if (!tov_file_exists(TOV_DEBUG_TIME_FILE)) return TOV_SELF_CHECK_PERIOD_S;
   // O_NONBLOCK: our own descriptor would count as the writer of a FIFO, and a read wait for ever,
   // with the registry locked.
-  tov_fd_t fd(tov_sys_open(TOV_DEBUG_TIME_FILE,
-                           O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0754));
+  const tov_fd_t fd(tov_sys_open(TOV_DEBUG_TIME_FILE,
+                                 O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0754));
   if (fd.n < 0) return -errno;
 
   char text[NUMBER_FILE_SIZE + 1] = {};
@@ -33,7 +33,7 @@ int debug_time(void) {
     TOV_DBG("%s: read fail: %s\n", __func__, strerror(errno));
     return TOV_SELF_CHECK_PERIOD_S;
   }
-  int period_s = tov_atoi(text);
+  const int period_s = tov_atoi(text);
   if (period_s <= 0) {
     TOV_DBG("%s: atio fail or file is null: %s\n", __func__, strerror(errno));
     return TOV_SELF_CHECK_PERIOD_S;
@@ -67,8 +67,8 @@ static tov_fd_t open_fork_record(const char *file) {
 int tov_record_abnormal_fork(const char *text, const char *file) {
   const tov_fd_t fd = open_fork_record(file);
   if (fd.n < 0) return -errno;
-  size_t length = strlen(text);
-  ssize_t written = safe_write(fd.n, text, length);
+  const size_t length = strlen(text);
+  const ssize_t written = safe_write(fd.n, text, length);
   if (written < 0) return -errno;
   if (static_cast<size_t>(written) != length) return -EIO;
   return tov_sys_fsync(fd.n) < 0 ? -errno : 0;

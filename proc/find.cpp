@@ -56,11 +56,11 @@ static int scan_once(const char *proc, pid_t *pid) {
 int tov_proc_to_pid(char *proc, pid_t *pid, int retry_times) {
   rtrim(proc);
   for (int retry = 0;;) {
-    int result = scan_once(proc, pid);
+    const int result = scan_once(proc, pid);
     if (result > 0 || retry >= retry_times) return result;
     retry++;
     // Whole seconds apart from the microseconds: a thousand retries must not overflow the latter.
-    int pause_us = retry * RETRY_PAUSE_US;
+    const int pause_us = retry * RETRY_PAUSE_US;
     safe_sleep_common(pause_us / 1000000, pause_us % 1000000);
   }
 }

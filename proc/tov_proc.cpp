@@ -72,8 +72,8 @@ struct start_s {
 // have their scripts under exactly these names.
 static void choose_script(const char *word, char *out, size_t size) {
   const char *slash = strrchr(word, '/');
-  int length = slash != nullptr ? snprintf(out, size, TOV_SCRIPT_DIR "%s.sh", slash)
-                                : snprintf(out, size, TOV_SCRIPT_DIR "/%s", word);
+  const int length = slash != nullptr ? snprintf(out, size, TOV_SCRIPT_DIR "%s.sh", slash)
+                                      : snprintf(out, size, TOV_SCRIPT_DIR "/%s", word);
   (void)length;  // a path that was cut names no script; the shell will say so
 }
 
@@ -145,13 +145,13 @@ static pid_t start_again(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   for (;;) {
     int fork_errno;
     {
-      sigchld_block_s blocked;
+      const sigchld_block_s blocked;
       tov_log_prepare(&start.plan.exec_failed, "Tov execvp fail,error:");
       (void)fflush(stdout);  // what waits in the buffer must not be written twice
-      pid_t forked = tov_sys_fork();
+      const pid_t forked = tov_sys_fork();
       fork_errno = errno;
       if (forked == 0) return tov_proc_child_run(&start.plan);
-      pid_t result = parent_side(start, forked, res);
+      const pid_t result = parent_side(start, forked, res);
       if (result != -1) return result;
     }
     (void)tov_record_abnormal_fork("a", TOV_FORK_FILE);

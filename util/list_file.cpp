@@ -38,7 +38,7 @@ static const char *matching_line(tov_lines_s &lines, const char *name) {
 
 int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int size) {
   // O_NONBLOCK: a FIFO in the place of the list must not hold the event handler for ever.
-  tov_fd_t fd(tov_sys_open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const tov_fd_t fd(tov_sys_open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (fd.n < 0 || size <= 0) return 0;
   memset(out, 0, static_cast<size_t>(size));
   if (name[0] == '\0') return 0;  // would be part of every line

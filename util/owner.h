@@ -46,7 +46,7 @@ struct tov_fd_s {
   // Closes now.
   void reset() noexcept {
     if (n < 0) return;
-    tov_errno_keeper_s keep;
+    const tov_errno_keeper_s keep;
     tov_sys_close(std::exchange(n, -1));
   }
 };
@@ -71,11 +71,11 @@ inline int tov_fd_above_streams(int fd) {
 
 struct tov_close_s {
   void operator()(FILE *file) const {
-    tov_errno_keeper_s keep;
+    const tov_errno_keeper_s keep;
     fclose(file);
   }
   void operator()(DIR *dir) const {
-    tov_errno_keeper_s keep;
+    const tov_errno_keeper_s keep;
     tov_sys_closedir(dir);
   }
 };

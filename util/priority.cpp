@@ -9,7 +9,7 @@
 int tov_set_priority(int prio) {
   sched_param param{};
   param.sched_priority = prio;
-  int error = tov_sys_set_schedule(SCHED_FIFO, &param);
+  const int error = tov_sys_set_schedule(SCHED_FIFO, &param);
 #ifdef TOV_SANITIZE_THREAD
   // The sanitizer's own locks spin and inherit no priority: a thread at 99 that waits for one held
   // by an ordinary thread keeps its processor for seconds. The privilege is asked for all the same.
@@ -21,6 +21,6 @@ int tov_set_priority(int prio) {
 void tov_reset_priority(void) {
   // The plain system call on the calling thread: pthread_setschedparam() takes a lock inside the
   // C library, which a forked child must not rely on.
-  sched_param param{};
+  const sched_param param{};
   (void)tov_sys_sched_setscheduler(SCHED_OTHER, &param);
 }

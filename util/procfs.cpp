@@ -89,7 +89,7 @@ char *pid_to_cmdline(pid_t pid, char *buf, int len) {
   if (n + 3 > len) return buf;
 
   snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
-  tov_fd_t fd(tov_sys_open(path, O_RDONLY | O_CLOEXEC));
+  const tov_fd_t fd(tov_sys_open(path, O_RDONLY | O_CLOEXEC));
   if (fd.n < 0) return buf;
   byte_reader_s reader(fd.n);
   if (skip_first_argument(reader)) append_arguments(reader, buf, n, len);

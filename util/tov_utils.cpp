@@ -79,7 +79,7 @@ int tov_read_to_buf(const char *filename, void *buf, int len) {
 
   // O_NONBLOCK: a FIFO in the place of a settings file reads as empty instead of holding its
   // reader, who may be the event handler, until a writer comes.
-  tov_fd_t fd(tov_sys_open(filename, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const tov_fd_t fd(tov_sys_open(filename, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (fd.n < 0) return -1;
   const ssize_t count = safe_read(fd.n, text, static_cast<size_t>(len) - 1);
   text[count < 0 ? 0 : count] = '\0';

@@ -110,7 +110,7 @@ static int signal_members(const char *caller, int signo, int vsd_no) {
 
 static int end_members(const char *caller, int vsd_no) {
   announce("Sending vsd: %d all processes the TERM signal...\n", vsd_no);
-  int res = signal_members(caller, SIGTERM, vsd_no);
+  const int res = signal_members(caller, SIGTERM, vsd_no);
   if (res < 0) return res;
   announce("After 5s, Sending vsd: %d all processes the KILL signal...\n", vsd_no);
   safe_sleep(TERM_TO_KILL_S);

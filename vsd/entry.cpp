@@ -47,7 +47,7 @@ void save_proc_info(int vsd_no, pid_t pid) {
   // The device's run directory is the proof that the device still stands. It is opened, not
   // entered: the daemon's working directory belongs to all its threads.
   const tov_vsd_path_t path = tov_vsd_path(TOV_VSD_RUN_DIR_FMT, vsd_no);
-  tov_fd_t run_dir(tov_sys_open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const tov_fd_t run_dir(tov_sys_open(path.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (run_dir.n < 0 || tov_sys_faccessat(run_dir.n, ".", X_OK, 0) < 0) return;
   (void)tov_vsd_make_member_file(vsd_no, pid);
 }
@@ -74,7 +74,7 @@ void tov_proc_env_prepare(tov_proc_env_t *env, int vsd_no, pid_t pid) {
 
 // Puts "NAME=value" over the variable of that name, or behind the last one.
 static size_t lay_over(char **variables, size_t count, size_t room, char *text) {
-  size_t name_length = static_cast<size_t>(strchr(text, '=') - text) + 1;
+  const size_t name_length = static_cast<size_t>(strchr(text, '=') - text) + 1;
   for (size_t i = 0; i < count; i++) {
     if (strncmp(variables[i], text, name_length) == 0) {
       variables[i] = text;
@@ -91,7 +91,7 @@ static size_t lay_over(char **variables, size_t count, size_t room, char *text) 
 static void take_environment(tov_proc_env_t *env) {
   size_t count = 0;
   // Our own five must fit whatever the platform added.
-  size_t copied_room = env->room - tov_proc_env_t::VARIABLES;
+  const size_t copied_room = env->room - tov_proc_env_t::VARIABLES;
   while (environ != nullptr && environ[count] != nullptr && count < copied_room) {
     env->variables[count] = environ[count];
     count++;

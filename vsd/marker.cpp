@@ -12,8 +12,8 @@
 // Opens and closes a marker read-write. O_NONBLOCK: whatever an operator left under that name must
 // not hold the caller, who may have the registry locked. Returns 0 or -errno.
 static int open_marker(const char *path, int more_flags) {
-  tov_fd_t fd(tov_sys_open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | more_flags,
-                           TOV_VSD_FILE_MODE));
+  const tov_fd_t fd(tov_sys_open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | more_flags,
+                                 TOV_VSD_FILE_MODE));
   return fd.n < 0 ? -errno : 0;
 }
 

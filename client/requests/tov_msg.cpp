@@ -51,7 +51,7 @@ static int read_process(const char *handler, const tov_msg_xtach_t *payload,
 // Returns false when the process is registered already.
 static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
                            const char *process) {
-  tov_chains_guard_t hold(tov_chains);
+  const tov_chains_guard_t hold(tov_chains);
   if (__tov_find_pid(&tov_chains, payload->pid) != nullptr) return false;
   tov_pid_t *record = tov_chain_new_record();
   record->pid = payload->pid;
@@ -85,7 +85,7 @@ static void drop_vain_file(const tov_msg_xtach_t *payload) {
   wanted.vsd_id = payload->vsd_id;
   memcpy(wanted.process, payload->pathname, strnlen(payload->pathname, TOV_PATHNAME_SIZE));
   if (!tov_db_is_own(wanted.vsd_id, wanted.pid, wanted.process)) return;
-  tov_chains_guard_t hold(tov_chains);
+  const tov_chains_guard_t hold(tov_chains);
   if (!has_record_of_file(wanted)) (void)tov_db_destroy(&wanted);
 }
 
@@ -148,7 +148,7 @@ static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *proc
 //   ppid     out: the owner in its record
 static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
                          char (&process)[TOV_PROCESS_SIZE], pid_t *ppid) {
-  tov_chains_guard_t hold(tov_alive_chains);
+  const tov_chains_guard_t hold(tov_alive_chains);
   tov_pid_t *record = __tov_find_pid(&tov_alive_chains, payload->pid);
   if (record == nullptr) {
     record = insert_thread(payload, process);
@@ -182,7 +182,7 @@ int tov_notifier_reset(tov_msg_xtach_t *payload) {
 }
 
 void tov_notifier_stop(pid_t pid) {
-  tov_chains_guard_t hold(tov_alive_chains);
+  const tov_chains_guard_t hold(tov_alive_chains);
   for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
     if (record.pid != pid) continue;
     if (tov_alive_has_slot(pid)) {

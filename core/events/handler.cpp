@@ -68,7 +68,7 @@ void tov_cn_msg_exec(int pid, int) {
   }
   program.vsd_id = tov_vsd_or_base(pid);
   {
-    tov_chains_guard_t guard(tov_chains);
+    const tov_chains_guard_t guard(tov_chains);
     if (tov_proc_is_running(&program) != nullptr) {
       TOV_DBG("%s--> %s is running\n", __func__, program.process);
       return;
@@ -82,7 +82,7 @@ void tov_cn_msg_exec(int pid, int) {
 // ---- exits ----------------------------------------------------------------------------------
 
 static bool is_registered(int pid) {
-  tov_chains_guard_t guard(tov_chains);
+  const tov_chains_guard_t guard(tov_chains);
   return __tov_find_pid(&tov_chains, pid) != nullptr;
 }
 
@@ -133,7 +133,7 @@ namespace {
 class pace_s {
  public:
   void wait_for_slot() {
-    int64_t now = tov_clock_us();
+    const int64_t now = tov_clock_us();
     if (now < slot_) tov_sys_usleep(static_cast<useconds_t>(slot_ - now));
     slot_ = (now < slot_ ? slot_ : now) + SLOT_US;
   }

@@ -65,7 +65,7 @@ void tov_send_fifo_cnmsg(uint32_t what, int pid, uint32_t exit_code) {
 void tov_dispatch_netlink_msg(const struct cn_msg *message) {
   // The data stands unaligned behind the header, and may be shorter than the newest kernel's.
   proc_event event{};
-  size_t length = message->len < sizeof event ? message->len : sizeof event;
+  const size_t length = message->len < sizeof event ? message->len : sizeof event;
   memcpy(&event, message->data, length);
 
   constexpr size_t exec_end =
@@ -101,7 +101,7 @@ static void walk_messages(const char *data, size_t remaining) {
 
     if (header.nlmsg_type != NLMSG_NOOP) {
       const char *payload = data + NLMSG_HDRLEN;
-      size_t payload_length = header.nlmsg_len - NLMSG_HDRLEN;
+      const size_t payload_length = header.nlmsg_len - NLMSG_HDRLEN;
       cn_msg message;
       if (payload_length >= sizeof message) {
         memcpy(&message, payload, sizeof message);
@@ -111,7 +111,7 @@ static void walk_messages(const char *data, size_t remaining) {
       }
       if (header.nlmsg_type == NLMSG_DONE) return;
     }
-    size_t advance = NLMSG_ALIGN(header.nlmsg_len);
+    const size_t advance = NLMSG_ALIGN(header.nlmsg_len);
     if (advance > remaining) return;
     data += advance;
     remaining -= advance;
@@ -126,10 +126,10 @@ int tov_recv_netlink_msg(int sock) {
   alignas(nlmsghdr) char buffer[RECEIVE_SIZE];
   sockaddr_nl sender{};
   socklen_t sender_length = sizeof sender;
-  ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, 0,
-                                    reinterpret_cast<sockaddr *>(&sender), &sender_length);
+  const ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, 0,
+                                          reinterpret_cast<sockaddr *>(&sender), &sender_length);
   if (length < 0) {
-    tov_errno_keeper_s keep;
+    const tov_errno_keeper_s keep;
     TOV_DBG("%s: netlink recvfrom fail: %s\n", __func__, strerror(errno));
     return is_fatal(keep.saved) ? -1 : 0;
   }
@@ -235,7 +235,7 @@ void *tov_process_netlink(void *) {
   while (result == 0 && !tov_flag_get(quit)) {
     if (tov_recv_netlink_msg(sock.n) < 0) result = RESULT_RECEIVE;
   }
-  int saved_errno = errno;
+  const int saved_errno = errno;
   sock.reset();
   tov_core_thread_end(thread_name, result, saved_errno);
   return nullptr;

@@ -115,7 +115,7 @@ int tov_cnmsg_fifo_alloc(void) {
 
 void tov_cnmsg_fifo_free(void) {
   __kfifo_free(&tov_cnmsg_fifo);
-  tov_fd_t close_it(std::exchange(wake_fd, -1));
+  const tov_fd_t close_it(std::exchange(wake_fd, -1));
 }
 
 // Sleeps until the producer writes to the eventfd or the time is over. The wake-up is taken off

@@ -21,7 +21,7 @@ enum { FILE_NAME_SIZE = 256 };
 int tov_proc_is_exit(const tov_pid_t *record) {
   char file[FILE_NAME_SIZE];
   tov_get_db_file_name(record->vsd_id, record->pid, record->process, file, sizeof file);
-  tov_fd_t fd(tov_open_regular(file, O_RDWR));
+  const tov_fd_t fd(tov_open_regular(file, O_RDWR));
   if (fd.n < 0) {
     TOV_DBG("%s: %s fd < 0: %s\n", __func__, file, strerror(errno));
     return 1;

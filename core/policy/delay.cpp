@@ -54,7 +54,7 @@ static delayed_exit_s take_due() {
 void *tov_delay_restart(void *) {
   (void)tov_core_thread_name("tov_delay_restart");  // only for those who look at the process
   while (!tov_flag_get(quit)) {
-    delayed_exit_s due = take_due();
+    const delayed_exit_s due = take_due();
     // Without the delay lock: the decision takes that of `tov_chains`, which comes first.
     if (due.pid != 0) {
       TOV_DBG("pid:%d, exit_signal:0x%x, force_restart:%d\n", due.pid,

@@ -57,11 +57,11 @@ static int count_crashed(time_t now, int span_s, tov_chains_t *chains, char *lis
   int count = 0;
   size_t used = 0;
   list[0] = '\0';
-  tov_chains_guard_t guard(*chains);
+  const tov_chains_guard_t guard(*chains);
   for (const tov_pid_t &record : tov_chain_records(chains)) {
     if (record.ill_tm == 0 || now - record.ill_tm > span_s) continue;
     count++;
-    int length = snprintf(list + used, size - used, "%s ", record.process);
+    const int length = snprintf(list + used, size - used, "%s ", record.process);
     if (length > 0) used += static_cast<size_t>(length);
     if (used > size - 1) used = size - 1;
   }
@@ -81,13 +81,13 @@ static void ask_for_reload(const limits_s &limits, const char *list) {
 }
 
 void tov_check_continuous_multiple_process_exit(int pid, int exit_code, tov_chains_t *chains) {
-  time_t now = tov_get_time();
-  bool dumped = (exit_code & CORE_DUMPED) != 0;
+  const time_t now = tov_get_time();
+  const bool dumped = (exit_code & CORE_DUMPED) != 0;
   if (!remember(pid, dumped, now, chains) || !dumped) return;
 
-  limits_s limits = read_limits();
+  const limits_s limits = read_limits();
   char list[LIST_SIZE];
-  int count = count_crashed(now, limits.span_s, chains, list, sizeof list);
+  const int count = count_crashed(now, limits.span_s, chains, list, sizeof list);
   // "More than" is what the text says; the threshold itself is enough.
   if (count >= limits.threshold && tov_is_reboot_available() &&
       !tov_file_exists(TOV_NO_REBOOT_FILE)) {

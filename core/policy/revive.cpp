@@ -60,22 +60,22 @@ static void say_after(const tov_chains_guard_t &held, const occasion_s &occasion
   if (occasion.obeys_markers && debug_log() == 0) (void)tov_journal_after(news);
 }
 
-pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e key) {
-  const occasion_s &occasion = occasions[key];
-  if (occasion.waits && record->restart_time > 0) safe_sleep(record->restart_time);
+pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
+  const occasion_s &row = occasions[occasion];
+  if (row.waits && record->restart_time > 0) safe_sleep(record->restart_time);
 
   const tov_task_name_s name(*record);
   tov_restart_news_t news{name.text, record->action == SHELL_RESTART, record->pid,
                           static_cast<unsigned int>(record->exit_signal)};
-  if (!say_before(held, occasion, news)) return -1;
+  if (!say_before(held, row, news)) return -1;
 
   pid_t new_pid = -1;
   const pid_t result = tov_proc_restart(held, record, &new_pid);
-  if (result < 1 && !occasion.any_result_goes) return result;
+  if (result < 1 && !row.any_result_goes) return result;
   // Before anything is said: the child inherited the daemon's exemption from the low-memory killer.
   tov_record_renew(held, record, new_pid);
   news.count = record->count;
   news.new_pid = new_pid;
-  say_after(held, occasion, news);
+  say_after(held, row, news);
   return result;
 }

@@ -49,7 +49,7 @@ static void write_heading(FILE *out, int kind) {
 }
 
 static void write_records(FILE *out, tov_chains_t *chains) {
-  tov_chains_guard_t hold(*chains);
+  const tov_chains_guard_t hold(*chains);
   fprintf(out, "node num:%d\n%c", chains->node_num, '\0');
   for (const tov_pid_t &record : tov_chain_records(chains)) {
     fprintf(out, "pid: %-6d, vsd: %-2d, regact: %d, pname: %s, %s\n%c", record.pid, record.vsd_id,

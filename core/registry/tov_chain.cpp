@@ -104,7 +104,7 @@ void tov_init_chains(tov_chains_t *chains) {
   for (tov_hlist_head_s &bucket : chains->pidchain)
     bucket.first = nullptr;
   make_lock(&chains->lock);
-  tov_chains_guard_t guard(*chains);
+  const tov_chains_guard_t guard(*chains);
   chains->node_num = 0;
 }
 
@@ -116,7 +116,7 @@ static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIR
 }
 
 void tov_destroy_chains(tov_chains_t *chains) {
-  tov_chains_guard_t guard(*chains);
+  const tov_chains_guard_t guard(*chains);
   for (tov_pid_t &record : tov_chain_records(chains))
     remove_with_slot(chains, &record);
 }
@@ -192,6 +192,6 @@ void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) {
 
 void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains) {
   if (!both_given(record, chains)) return;
-  tov_chains_guard_t guard(*chains);
+  const tov_chains_guard_t guard(*chains);
   tov_del_node_chain(record, chains);
 }

@@ -28,7 +28,7 @@ int tov_is_reboot_available(void) {
 
 // What a shell's echo into the file would do, without creating it.
 static void write_switch(const char *path, const char *text) {
-  tov_fd_t fd(tov_sys_open(path, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
+  const tov_fd_t fd(tov_sys_open(path, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
   if (fd.n < 0) return;
   (void)!tov_sys_write(fd.n, text, strlen(text));  // as ignored as an echo's failure would be
 }

@@ -87,7 +87,7 @@ struct watch_s {
 // The kernel marks /proc/mounts as exceptional whenever the mounts change, so there is nothing to
 // poll for while /data is missing.
 static void wait_for_data() {
-  tov_fd_t mounts(open("/proc/mounts", O_RDONLY | O_CLOEXEC));
+  const tov_fd_t mounts(open("/proc/mounts", O_RDONLY | O_CLOEXEC));
   while (tov_check_data_mount() != 1) {
     pollfd changed{mounts.n, POLLPRI, 0};
     if (poll(&changed, mounts.n >= 0 ? 1 : 0, MOUNT_WAIT_MS) < 0) safe_usleep(MOUNT_SETTLE_US);
@@ -176,7 +176,7 @@ static bool wait_for_events(watch_s *watch) {
   for (;;) {
     pollfd readable{watch->inotify.n, POLLIN, 0};
     watch->fd_num = poll(&readable, 1, POLL_TIMEOUT_MS);
-    int error = errno;
+    const int error = errno;
     TOV_DBG("poll ret: %d\r\n", watch->fd_num);
     if (watch->fd_num < 0) {
       if (error != EINTR) {
@@ -201,7 +201,7 @@ static bool wait_for_events(watch_s *watch) {
 // Acts on one event. Returns false when the watches have to be set up again: a watched file or its
 // watch is gone, or events were lost (the kernel says so with a descriptor that is neither).
 static bool handle_event(const watch_s &watch, const inotify_event &event) {
-  bool known = event.wd == watch.wd_fork || event.wd == watch.wd_tov_cfg;
+  const bool known = event.wd == watch.wd_fork || event.wd == watch.wd_tov_cfg;
   if ((event.mask & (IN_DELETE_SELF | IN_IGNORED)) != 0 || !known) {
     TOV_DBG("event mask %x (inc IN_DELETE_SELF)\r\n", event.mask);
     return false;
@@ -219,7 +219,7 @@ static bool handle_event(const watch_s &watch, const inotify_event &event) {
 // Reads and handles what has come. Returns false when the watches have to be set up again.
 static bool handle_events(const watch_s &watch) {
   alignas(inotify_event) char events[EVENTS_SIZE];
-  ssize_t length = read(watch.inotify.n, events, sizeof events);
+  const ssize_t length = read(watch.inotify.n, events, sizeof events);
   if (length < static_cast<ssize_t>(sizeof(inotify_event))) {
     TOV_DBG("numread %d(invalid)\r\n", static_cast<int>(length));
     return true;

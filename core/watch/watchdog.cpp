@@ -39,7 +39,7 @@ enum {
 // ---- is it still the thread that registered? ------------------------------------------------
 
 int tov_check_pid_exist(tov_pid_t *record) {
-  int owner = tov_get_ppid_form_pid(record->pid);
+  const int owner = tov_get_ppid_form_pid(record->pid);
   if (owner >= 0 && owner != record->ppid) {
     TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", __func__, record->ppid, owner);
     return -1;
@@ -59,7 +59,7 @@ int tov_check_pid_exist(tov_pid_t *record) {
 
 static void look_for_change(tov_pid_t *record) {
   if (!tov_alive_has_slot(record->pid) || !tov_sys_isreg_alive_info(record->pid)) return;
-  unsigned int seq = static_cast<unsigned int>(tov_sys_get_alive_seq(record->pid));
+  const unsigned int seq = static_cast<unsigned int>(tov_sys_get_alive_seq(record->pid));
   if (seq == record->m_n_laster_alive_seq) return;
   record->m_n_laster_alive_seq = seq;
   record->m_n_cur_counter = record->m_n_counter;
@@ -74,7 +74,7 @@ static bool deserves_warning(unsigned int budget, unsigned int missed) {
 static void end_period(tov_pid_t *record, bool held_back) TOV_REQUIRES(tov_alive_chains) {
   if (tov_is_reg_alive_inlock(record->ppid) && record->m_n_cur_counter > 0 && !held_back) {
     record->m_n_cur_counter--;
-    unsigned int missed = record->m_n_counter - record->m_n_cur_counter;
+    const unsigned int missed = record->m_n_counter - record->m_n_cur_counter;
     if (deserves_warning(record->m_n_counter, missed)) {
       TOV_DBG_ALIVE(
           "Process pid(%d) tid(%d) not notify reset for %d times, It will be killed after %d "
@@ -140,10 +140,10 @@ static void drop(tov_pid_t *record, int result) TOV_REQUIRES(tov_alive_chains) {
 void tov_notifer_scan(void) {
   if (tov_is_open_pub_dbg()) dump_registries();
   int kill_proc_flag = 0;
-  bool disable_check = tov_file_exists(TOV_KILL_DEBUG_FILE);
-  bool disable_check_tmp = tov_get_semval() != 0;
+  const bool disable_check = tov_file_exists(TOV_KILL_DEBUG_FILE);
+  const bool disable_check_tmp = tov_get_semval() != 0;
 
-  tov_chains_guard_t guard(tov_alive_chains);
+  const tov_chains_guard_t guard(tov_alive_chains);
   for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
     TOV_DBG_ALIVE(
         "pid (%d) ppid (%d) ntfy_time (%d) ntfy_cnt (%d) cur_cnt (%d) "
@@ -151,7 +151,7 @@ void tov_notifer_scan(void) {
         record.pid, record.ppid, static_cast<int>(record.m_n_notify_time),
         static_cast<int>(record.m_n_counter), static_cast<int>(record.m_n_cur_counter),
         static_cast<int>(record.m_n_cur_notify_time));
-    if (int result = tov_check_pid_exist(&record); result != 0) {
+    if (const int result = tov_check_pid_exist(&record); result != 0) {
       drop(&record, result);
     } else {
       (void)tov_check_alive_info_periodical(&record, &kill_proc_flag, disable_check,
@@ -171,7 +171,7 @@ static void pause_between_passes() {
 void *tov_notifer_run(void *) {
   // Neither failure is a reason not to watch.
   if (tov_core_thread_name(thread_name) < 0) TOV_DBG("%s: %s\n", thread_name, strerror(errno));
-  if (int error = tov_set_priority(TOV_RT_PRIORITY); error != 0) {
+  if (const int error = tov_set_priority(TOV_RT_PRIORITY); error != 0) {
     TOV_DBG("%s: set priority fail: %s\n", thread_name, strerror(error));
   }
   while (!tov_flag_get(quit)) {

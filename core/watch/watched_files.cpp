@@ -63,13 +63,13 @@ void tov_deal_forkfile_change(void) {
 void tov_update_cfg(void) {
   static constexpr char off[] = "no tov single-process-ha auto-restart enable\r\n";
   static constexpr const char *on = off + sizeof "no " - 1;
-  bool was_on = tov_flag_get(tov_single_ps_ha_enable) != 0;
+  const bool was_on = tov_flag_get(tov_single_ps_ha_enable) != 0;
 
   // Unreadable is as good as empty. A link is followed, since the platform may keep the file
   // elsewhere; a FIFO does not block.
   char text[READ_SIZE];
   (void)tov_read_to_buf(TOV_HA_CONFIG_FILE, text, sizeof text);
-  bool is_on = strstr(text, "no tov single-process-ha auto-restart enable") == nullptr;
+  const bool is_on = strstr(text, "no tov single-process-ha auto-restart enable") == nullptr;
   tov_flag_set(tov_single_ps_ha_enable, is_on ? 1 : 0);
 
   const char *line = is_on ? on : off;
@@ -83,7 +83,7 @@ void tov_update_cfg(void) {
 // ---- small files ----------------------------------------------------------------------------
 
 int tov_write_buf_to_file(const void *buf, int len, const char *path) {
-  tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT | O_TRUNC, 0777));
+  const tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT | O_TRUNC, 0777));
   if (fd.n < 0) {
     TOV_DBG("%s: file %s fd < 0: %s\n", __func__, path, strerror(errno));
     return -1;
@@ -98,7 +98,7 @@ int tov_write_buf_to_file(const void *buf, int len, const char *path) {
 }
 
 int tov_check_data_mount(void) {
-  tov_file_t mounts(fopen("/proc/mounts", "re"));
+  const tov_file_t mounts(fopen("/proc/mounts", "re"));
   if (!mounts) return 0;
   char line[255];
   while (fgets(line, sizeof line, mounts.get()) != nullptr) {

@@ -96,7 +96,7 @@ static void check_task(const tov_chains_guard_t &held, tov_pid_t *record, self_c
 }
 
 void tov_alrm_handler(int) {
-  tov_errno_keeper_s keep;
+  const tov_errno_keeper_s keep;
   self_check_s check{0, tov_self_check_period("tov_alrm_handler"), 0};
   {
     const tov_chains_guard_t held(tov_chains);
@@ -106,16 +106,16 @@ void tov_alrm_handler(int) {
   }
   if (check.next == 0) return;
   // For the latest deadline: tasks whose own comes earlier are started together with the last.
-  time_t delay = std::max<time_t>(check.next - check.now, 1);
+  const time_t delay = std::max<time_t>(check.next - check.now, 1);
   tov_sys_alarm(static_cast<unsigned int>(delay));
 }
 
 void tov_chld_handler(int) {
-  tov_errno_keeper_s keep;
+  const tov_errno_keeper_s keep;
   // One signal may stand for many children. Only EINTR is no reason to end: an old error number
   // must neither end the loop early nor keep it going.
   for (;;) {
-    pid_t reaped = tov_sys_waitpid(-1, nullptr, WNOHANG);
+    const pid_t reaped = tov_sys_waitpid(-1, nullptr, WNOHANG);
     if (reaped > 0 || (reaped < 0 && errno == EINTR)) continue;
     return;
   }
