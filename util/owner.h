@@ -85,7 +85,7 @@ using tov_dir_t = std::unique_ptr<DIR, tov_close_s>;
 // Owns a block of malloc(3), calloc(3) or safe_malloc().
 struct tov_free_s {
   void operator()(void *block) const {
-    tov_errno_keeper_s keep;  // older C libraries' free() may change it
+    const tov_errno_keeper_s keep;  // older C libraries' free() may change it
     free(block);
   }
 };

@@ -124,7 +124,7 @@ bool loop_somebody(Run &run) {
   const auto &all = run.fleet.programs;
   const auto looping =
       std::count_if(all.begin(), all.end(), [](const Program &one) { return one.looping; });
-  if (looping >= static_cast<std::ptrdiff_t>(LOOPS_MAX)) return false;
+  if (looping >= static_cast<ptrdiff_t>(LOOPS_MAX)) return false;
   Program *program =
       pick_steady(run, [](const Program &one) { return one.supervised && one.kind->comes_back; });
   if (program == nullptr) return false;

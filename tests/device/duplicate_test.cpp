@@ -1,6 +1,7 @@
 // Two registrations of one task: the same command in the same device. One instance is enough.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/types.h>
 
 #include <string>
 

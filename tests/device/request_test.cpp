@@ -358,7 +358,7 @@ class Dump : public Request {
   // The order of records depends on their ids.
   static bool is_dump(Line at, Line end, const std::vector<std::vector<std::string>> &wanted) {
     for (const auto &registry : wanted) {
-      const auto size = static_cast<std::ptrdiff_t>(registry.size());
+      const auto size = static_cast<ptrdiff_t>(registry.size());
       if (end - at < size || *at != registry[0] || *(at + 1) != registry[1]) return false;
       if (!std::is_permutation(at + 2, at + size, registry.begin() + 2)) return false;
       at += size;

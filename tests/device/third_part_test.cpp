@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,6 +29,7 @@
 #include "tests/support/device.h"
 #include "tests/support/event_log.h"
 #include "tests/support/processes.h"
+#include "util/owner.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

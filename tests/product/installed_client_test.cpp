@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <utility>
 
 #include "tests/product/built_tree.h"
 #include "tests/support/files.h"

@@ -10,6 +10,7 @@
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
 #include "include/tov_wire.h"
+#include "include/tov_xtach.h"
 #include "tests/module/client/requester.h"
 #include "tests/module/fake_daemon.h"
 #include "tests/support/child.h"

@@ -12,12 +12,10 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
-#include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"

@@ -17,7 +17,6 @@
 #include "include/tov_ras_comp_config.h"
 #include "tests/module/world.h"
 #include "tests/support/files.h"
-#include "tests/support/processes.h"
 #include "util/owner.h"
 
 namespace fs = std::filesystem;

@@ -18,6 +18,7 @@
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"
+#include "tests/support/processes.h"
 
 using testing::ElementsAre;
 using tov_test::Program;

@@ -16,6 +16,7 @@
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
 #include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/registries.h"
 

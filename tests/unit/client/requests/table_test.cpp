@@ -13,7 +13,6 @@
 #include "alive/tov_sys_alive.h"
 #include "client/requests/tov_msg.h"
 #include "core/registry/tov_chain.h"
-#include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "tests/support/registries.h"
 
