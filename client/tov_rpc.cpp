@@ -103,7 +103,7 @@ static int exchange_message(tov_msg_head_t *msg, bool need_ack) TOV_REQUIRES(tov
     drop_connection();
     return ret;
   }
-  answer_is_due = msg->type != TOV_RESET;
+  answer_is_due = tov_msg_is_acknowledged(msg->type);
   if (!need_ack) return 0;
 
   ret = tov_rpc_await_answer(tov_rpc_sd, &answer_is_due);

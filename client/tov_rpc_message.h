@@ -9,9 +9,18 @@
 #ifndef TOV_RPC_MESSAGE_H
 #define TOV_RPC_MESSAGE_H
 
+#include <stdint.h>
+
 #include "include/tov_wire.h"
 
 enum { TOV_MSG_HEAD_SIZE = sizeof(tov_msg_head_t) };
+
+// Whether the sender of a request gets a head of zeros before the request is carried out. Both
+// sides ask here.
+//   type  of the message
+constexpr bool tov_msg_is_acknowledged(uint32_t type) {
+  return type != TOV_RESET;
+}
 
 // Sends a message as one packet, without waiting for room and without SIGPIPE.
 //   sd   connected socket, >= 0

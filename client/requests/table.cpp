@@ -8,6 +8,7 @@
 #include <span>
 
 #include "client/requests/tov_msg.h"
+#include "client/tov_rpc_message.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 
@@ -35,17 +36,18 @@ struct adapter_s<HANDLER> {
 };
 
 // Three columns of one word: a name, a size or a function of another handler cannot slip in.
-#define HANDLED_BY(handler) #handler, adapter_s < handler> ::SIZE, adapter_s < handler> ::handle
-
-constexpr bool ACKNOWLEDGED = true;
-constexpr bool SILENT = false;
+#define REQUEST(type, handler)                                               \
+  {                                                                          \
+    type, tov_msg_is_acknowledged(type), #handler, adapter_s<handler>::SIZE, \
+        adapter_s<handler>::handle                                           \
+  }
 
 constexpr tov_request_t requests[] = {
-    {TOV_RESTART, ACKNOWLEDGED, HANDLED_BY(tov_process_restart)},
-    {TOV_SHELL_RESTART, ACKNOWLEDGED, HANDLED_BY(tov_process_shell_restart)},
-    {TOV_MSG_ACK, ACKNOWLEDGED, HANDLED_BY(tov_notifier_start)},
-    {TOV_RESET, SILENT, HANDLED_BY(tov_notifier_reset)},
-    {TOV_MSG_CONS, ACKNOWLEDGED, HANDLED_BY(tov_process_cons_msg)},
+    REQUEST(TOV_RESTART, tov_process_restart),
+    REQUEST(TOV_SHELL_RESTART, tov_process_shell_restart),
+    REQUEST(TOV_MSG_ACK, tov_notifier_start),
+    REQUEST(TOV_RESET, tov_notifier_reset),
+    REQUEST(TOV_MSG_CONS, tov_process_cons_msg),
 };
 
 // How many message types are requests: each falls through those below it. Without a default, so

@@ -2,9 +2,11 @@
 //
 // A row says all in which requests differ: who carries it out, which record it brings and whether
 // its sender waits for an acknowledgement. Server, acknowledgement and the check of payloads read
-// rows and know no request by name. (The client's half has its own word on which request is silent,
-// in client/tov_rpc.cpp.) A new request is an enumerator of TOV_MSG_TYPE, a handler
-// and a row; the compiler asks for what is missing.
+// rows and know no request by name. A new request is an enumerator of TOV_MSG_TYPE, a handler and a
+// row, for which the compiler asks, and a word in the tests that take the next number for no
+// request (table_test, hostile_client_test, message_decoder_fuzz, fake_daemon.h). An older daemon
+// closes the connection on a type that it does not know; one more event of TOV_MSG_CONS it passes
+// over.
 //
 // Threads: any; the rows are constant. A handler's own threads and locks:
 // client/requests/tov_msg.h.
