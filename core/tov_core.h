@@ -19,6 +19,8 @@
 #include "core/run/lowmem.h"           // IWYU pragma: export
 #include "core/run/settings.h"         // IWYU pragma: export
 #include "core/run/thread.h"           // IWYU pragma: export
+#include "core/server/clients.h"       // IWYU pragma: export
+#include "core/server/request.h"       // IWYU pragma: export
 #include "core/server/server.h"        // IWYU pragma: export
 #include "core/setup.h"                // IWYU pragma: export
 #include "core/third_part.h"           // IWYU pragma: export

@@ -7,6 +7,7 @@
 #ifndef TOV_REGISTRY_H
 #define TOV_REGISTRY_H
 
+#include <pthread.h> /* IWYU pragma: keep */
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
