@@ -2,7 +2,7 @@
 //
 // The daemon does not put itself into the background. When one of its main threads fails it sets
 // `quit`, everything ends here, and whoever started the daemon is expected to start it again; the
-// registration files and the shared area carry its knowledge over.
+// registration files carry its knowledge over.
 //
 // Signals: SIGALRM and SIGCHLD are blocked before anything is started, so that every thread is born
 // with them blocked, and unblocked in this thread alone once the threads run

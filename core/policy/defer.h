@@ -10,6 +10,8 @@
 
 // Whether there is a reason to wait with what follows an exit: its registration file is locked.
 // Every reason stands here: who parks an exit and who hands it back ask the same question.
+//   record  a registered one, or the copy that is parked: tov_record_defer() says which fields it
+//           has
 bool tov_defer_has_reason(const tov_pid_t &record);
 
 // Whether the exit of `record` has to wait: its registration file is locked and it is not forced.
