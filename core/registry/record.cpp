@@ -62,17 +62,20 @@ static tov_chains_t *registry_of(const tov_chains_guard_t &held)
   return held.registry();
 }
 
-void tov_record_ended(const tov_chains_guard_t &, tov_pid_t *record, int exit_code, int force) {
+void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code, int force) {
+  (void)registry_of(held);
   record->exit_signal = exit_code;
   record->force_restart = force;
 }
 
-void tov_record_dumped_core(const tov_chains_guard_t &, tov_pid_t *record, time_t now) {
+void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
+  (void)registry_of(held);
   record->ill_tm = now;
 }
 
-void tov_record_count_start(const tov_chains_guard_t &, tov_pid_t *record, bool counted,
+void tov_record_count_start(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
                             time_t now) {
+  (void)registry_of(held);
   const tov_burst_t burst = tov_burst_after_start(*record, counted, now);
   record->tm = burst.tm;
   record->count = burst.count;
@@ -80,7 +83,8 @@ void tov_record_count_start(const tov_chains_guard_t &, tov_pid_t *record, bool 
   record->flags |= TOV_FLAG_STARTED;
 }
 
-void tov_record_suspend(const tov_chains_guard_t &, tov_pid_t *record, time_t now) {
+void tov_record_suspend(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
+  (void)registry_of(held);
   record->flags &= ~TOV_FLAG_STARTED;
   record->flags |= TOV_FLAG_SELF_CHECK;
   record->alarm_wait_flag = 1;
@@ -88,17 +92,20 @@ void tov_record_suspend(const tov_chains_guard_t &, tov_pid_t *record, time_t no
   record->stat_check_cnt = 0;  // they were counted for a process that is no more
 }
 
-void tov_record_count_self_check(const tov_chains_guard_t &, tov_pid_t *record, bool counted,
+void tov_record_count_self_check(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
                                  time_t now) {
+  (void)registry_of(held);
   record->con_pull_flag = counted ? record->con_pull_flag + 1 : 0;
   record->con_tm = counted ? now : 0;
 }
 
-void tov_record_clear_self_checks(const tov_chains_guard_t &, tov_pid_t *record) {
+void tov_record_clear_self_checks(const tov_chains_guard_t &held, tov_pid_t *record) {
+  (void)registry_of(held);
   record->con_pull_flag = 0;
 }
 
-void tov_record_resume(const tov_chains_guard_t &, tov_pid_t *record) {
+void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record) {
+  (void)registry_of(held);
   record->flags &= ~TOV_FLAG_SELF_CHECK;
   record->alarm_wait_flag = 0;
   record->count = 0;
@@ -113,11 +120,13 @@ void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t n
   tov_reset_lmk(new_pid);
 }
 
-void tov_record_missed(const tov_chains_guard_t &, tov_pid_t *record) {
+void tov_record_missed(const tov_chains_guard_t &held, tov_pid_t *record) {
+  (void)registry_of(held);
   record->stat_check_cnt++;
 }
 
-void tov_record_clear_misses(const tov_chains_guard_t &, tov_pid_t *record) {
+void tov_record_clear_misses(const tov_chains_guard_t &held, tov_pid_t *record) {
+  (void)registry_of(held);
   record->stat_check_cnt = 0;
 }
 
@@ -135,7 +144,8 @@ void tov_record_defer(const tov_chains_guard_t &held, const tov_pid_t &record, t
   tov_chain_insert(registry_of(held), copy);
 }
 
-void tov_record_force(const tov_chains_guard_t &, tov_pid_t *parked) {
+void tov_record_force(const tov_chains_guard_t &held, tov_pid_t *parked) {
+  (void)registry_of(held);
   parked->force_restart = 1;
 }
 

@@ -58,7 +58,7 @@ int tov_check_pid_exist(tov_pid_t *record) {
 // ---- accounting -----------------------------------------------------------------------------
 
 static void look_for_change(tov_pid_t *record) {
-  if (!tov_alive_has_slot(record->pid) || !tov_sys_isreg_alive_info(record->pid)) return;
+  if (record->pid >= TOV_ALIVE_ID_COUNT || !tov_sys_isreg_alive_info(record->pid)) return;
   const unsigned int seq = static_cast<unsigned int>(tov_sys_get_alive_seq(record->pid));
   if (seq == record->m_n_laster_alive_seq) return;
   record->m_n_laster_alive_seq = seq;
@@ -133,7 +133,7 @@ static void dump_registries() {
 
 static void drop(tov_pid_t *record, int result) TOV_REQUIRES(tov_alive_chains) {
   TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, result);
-  if (tov_alive_has_slot(record->pid)) (void)tov_sys_unreg_alive_info(record->pid);
+  if (record->pid < TOV_ALIVE_ID_COUNT) (void)tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(&tov_alive_chains, record);
 }
 
