@@ -8,7 +8,6 @@
 //
 // The machine should be quiet: the daemon hears every process of the machine, and handles one
 // event a millisecond. Each figure tells how many processes the machine started meanwhile.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>

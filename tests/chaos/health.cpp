@@ -6,6 +6,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 #include "tests/support/processes.h"
@@ -24,7 +25,11 @@ std::string Usage::text() const {
 
 Usage usage_of(pid_t pid) {
   Usage usage;
-  usage.descriptors = tov_test::descriptors_of(pid);
+  try {
+    usage.descriptors = tov_test::descriptors_of(pid);
+  } catch (const std::runtime_error &) {
+    return usage;
+  }
   usage.resident_kib = atol(tov_test::status_field(pid, "VmRSS").c_str());
   return usage;
 }

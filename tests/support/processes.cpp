@@ -147,6 +147,7 @@ size_t descriptors_of(pid_t pid, const std::string &part) {
     const std::string target = std::filesystem::read_symlink(entry->path(), closed).string();
     if (target.find(part) != std::string::npos) count++;
   }
+  if (gone) throw std::runtime_error("no such process: " + std::to_string(pid));
   return count;
 }
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <string>
@@ -27,9 +28,12 @@ using tov_test::write_file;
 
 // Takes the place of usleep(3): the pauses between two tries are counted and take no time.
 static int pauses = 0;
+static useconds_t longest_pause_us = 0, shortest_pause_us = 0;
 static void (*in_each_pause)() = nullptr;
 
-extern "C" int usleep(useconds_t) {
+extern "C" int usleep(useconds_t span_us) {
+  longest_pause_us = pauses == 0 ? span_us : std::max(longest_pause_us, span_us);
+  shortest_pause_us = pauses == 0 ? span_us : std::min(shortest_pause_us, span_us);
   pauses++;
   if (in_each_pause != nullptr) in_each_pause();
   return 0;
@@ -129,6 +133,8 @@ TEST_F(ConsoleOpen, GivesUpAfterFiveTries) {
   EXPECT_EQ(console_open(O_RDWR), -1);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(pauses, 4) << "between five tries";
+  EXPECT_EQ(shortest_pause_us, 10'000U);
+  EXPECT_EQ(longest_pause_us, 10'000U);
 }
 
 TEST_F(ConsoleOpen, LaterTryMaySucceed) {

@@ -3,7 +3,6 @@
 #include "vsd/group.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits.h>

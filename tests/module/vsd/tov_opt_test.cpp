@@ -4,7 +4,6 @@
 // program therefore ends with status 255 and does nothing more.
 #include "vsd/tov_opt.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>

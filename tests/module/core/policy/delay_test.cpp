@@ -1,7 +1,6 @@
 // Deferred restarts: when they are handed back, with what, and how many at once.
 #include "core/policy/delay.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>

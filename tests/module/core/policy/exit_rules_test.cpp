@@ -1,6 +1,5 @@
 // The rules by which an exit leads to no restart: duplicates, deliberate stops, programs that
 // another process has started again.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
