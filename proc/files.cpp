@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "include/tov_ras_comp_config.h"
 #include "log/tov_dbg.h"

@@ -12,7 +12,6 @@
 #include <errno.h>
 #include <stddef.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 

@@ -43,9 +43,8 @@ inline int tov_open_regular(const char *path, int flags, mode_t mode = 0) {
 
 // Opens a file, making it if need be. Never O_CREAT on one that exists: in a sticky directory the
 // kernel (fs.protected_regular) refuses that even to root when another user owns the file.
-//   open  called with the flags of open(2) that come to its own: 0, or O_CREAT and O_EXCL; returns
-//   a
-//         descriptor, or a number below 0 with errno
+//   open  called with the flags of open(2) that come to its own: 0, or O_CREAT and O_EXCL;
+//         returns a descriptor, or a number below 0 with errno
 // Returns what its last call did. Any thread.
 template <typename Open>
 int tov_open_or_make(Open open) {

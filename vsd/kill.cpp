@@ -8,7 +8,6 @@
 #include "vsd/kill.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 

@@ -8,13 +8,11 @@
 #include <exception>
 #include <new>
 
+#include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #ifdef TOV_SANITIZE_ADDRESS
 #include <sanitizer/lsan_interface.h>
-#include <sys/types.h>
-
-#include "include/tov_registry.h"
 #endif
 #ifdef TOV_COVERAGE
 extern "C" void __gcov_dump(void);
