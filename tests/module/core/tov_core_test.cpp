@@ -1,19 +1,17 @@
 // Who builds against the daemon's modules finds each function in the header of its module, by that
 // header's name alone.
-#include "tov_core.h"
-
 #include <gtest/gtest.h>
-
-#include "tov_chain.h"
-#include "tov_fifo.h"
-#include "tov_msg.h"
-#include "tov_pidfile.h"
-#include "tov_proc.h"
-#include "tov_rpc.h"
-#include "tov_signals.h"
-#include "tov_sys_alive.h"
-#include "tov_utils.h"
-#include "tov_vsd.h"
+#include <tov_chain.h>
+#include <tov_core.h>
+#include <tov_fifo.h>
+#include <tov_msg.h>
+#include <tov_pidfile.h>
+#include <tov_proc.h>
+#include <tov_rpc.h>
+#include <tov_signals.h>
+#include <tov_sys_alive.h>
+#include <tov_utils.h>
+#include <tov_vsd.h>
 
 template <typename... Functions>
 static int count_found(Functions... functions) {
