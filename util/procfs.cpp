@@ -12,6 +12,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -24,8 +25,6 @@ static constexpr int EXE_PATH_SIZE = 32;
 static constexpr int STATUS_PATH_SIZE = 64;
 static constexpr int STAT_SIZE = 1024;
 static constexpr size_t CMDLINE_CHUNK = 4096;
-static constexpr int LIFE_ATTEMPTS = 3;
-static constexpr useconds_t LIFE_PAUSE_US = 10000;
 
 // ---- command line ---------------------------------------------------------------------------
 
@@ -140,22 +139,104 @@ int tov_get_pid_name(pid_t pid, char *pid_name, int len) {
 
 // ---- liveness -------------------------------------------------------------------------------
 
+namespace {
+
+// What one reading of a stat file says.
+enum look_e {
+  LOOK_LIVES,
+  LOOK_ENDED,    // a zombie or dead, and its process has no other thread
+  LOOK_NOBODY,   // no task has the id any more, or the one that was read has been released
+  LOOK_UNCLEAR,  // nothing that would prove either
+};
+
+}  // namespace
+
+// The state letter in the text of a stat file, or null.
+static const char *state_in(const char *stat) {
+  // The name stands in parentheses and may hold some itself, hence the last one.
+  const char *name_end = strrchr(stat, ')');
+  return name_end != nullptr && name_end[1] == ' ' ? name_end + 2 : nullptr;
+}
+
+// Whether a state letter says that the task has ended; the end of the text does so, too.
+static bool is_end(char state) {
+  return strchr("ZXx", state) != nullptr;
+}
+
 // One look at the state letter: true when it says neither zombie nor dead.
 static bool looks_alive(const char *path) {
   char stat[STAT_SIZE];
   if (tov_read_to_buf(path, stat, sizeof stat) < 0) return false;
-  // The name stands in parentheses and may hold some itself, hence the last one.
-  const char *name_end = strrchr(stat, ')');
-  if (name_end == nullptr || name_end[1] != ' ') return false;
-  return strchr("ZXx", name_end[2]) == nullptr;  // finds the end of the text, too
+  const char *state = state_in(stat);
+  return state != nullptr && !is_end(*state);
+}
+
+// How many threads a process has left, from its stat file's text at the state letter; -1 when the
+// text has no such field.
+static long threads_left(const char *state) {
+  static constexpr int FIELDS_BEFORE = 17;  // from the state, the 3rd, to the 20th
+  const char *field = state;
+  for (int i = 0; i < FIELDS_BEFORE; i++) {
+    field = strchr(field, ' ');
+    if (field == nullptr) return -1;
+    field++;
+  }
+  if (!isdigit(static_cast<unsigned char>(*field))) return -1;
+  char *end = nullptr;
+  const long threads = strtol(field, &end, 10);
+  return *end == ' ' ? threads : -1;
+}
+
+static look_e look_at(const char *path) {
+  char stat[STAT_SIZE];
+  if (tov_read_to_buf(path, stat, sizeof stat) < 0) {
+    return errno == ENOENT || errno == ESRCH ? LOOK_NOBODY : LOOK_UNCLEAR;
+  }
+  const char *state = state_in(stat);
+  if (state == nullptr || *state == '\0') return LOOK_UNCLEAR;
+  if (!is_end(*state)) return LOOK_LIVES;
+  // The kernel counts a zombie itself until it is released, and prints 0 from then on.
+  switch (threads_left(state)) {
+    case 1:
+      return LOOK_ENDED;
+    case 0:
+      return LOOK_NOBODY;
+    default:
+      return LOOK_UNCLEAR;
+  }
+}
+
+tov_process_state_e tov_process_state(pid_t pid) {
+  if (pid < 1) return TOV_PROCESS_DEAD;
+  char path[STATUS_PATH_SIZE];
+  snprintf(path, sizeof path, "/proc/%d/stat", pid);
+  look_e look = look_at(path);
+  // A thread that executes a program takes over the id of its process's first thread, which is
+  // released. Whoever reads at that moment may have found the old one; the next look finds the new.
+  if (look == LOOK_NOBODY) look = look_at(path);
+  switch (look) {
+    case LOOK_LIVES:
+      return TOV_PROCESS_LIVES;
+    case LOOK_ENDED:
+    case LOOK_NOBODY:
+      return TOV_PROCESS_DEAD;
+    case LOOK_UNCLEAR:
+      break;
+  }
+  return TOV_PROCESS_UNCERTAIN;
 }
 
 int process_life(pid_t pid) {
   char path[STATUS_PATH_SIZE];
   snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  for (int attempt = 0; attempt < LIFE_ATTEMPTS; attempt++) {
+  for (int attempt = 0; attempt < TOV_LIFE_LOOKS; attempt++) {
     if (pid > 0 && looks_alive(path)) return 0;
-    tov_sys_usleep(LIFE_PAUSE_US);
+    tov_sys_usleep(TOV_LIFE_PAUSE_US);
   }
   return -1;
+}
+
+bool tov_process_lives(pid_t pid) {
+  const tov_process_state_e state = tov_process_state(pid);
+  return state == TOV_PROCESS_UNCERTAIN ? process_life(pid) == 0 : state == TOV_PROCESS_LIVES;
 }

@@ -54,10 +54,31 @@ pid_t tov_get_ppid_form_pid(pid_t pid);
 // len - 1 characters. Returns 0, or -1 (no buffer, no such task, empty name; buffer untouched).
 int tov_get_pid_name(pid_t pid, char *pid_name, int len);
 
+// ---- liveness -------------------------------------------------------------------------------
+
+enum tov_process_state_e {
+  TOV_PROCESS_LIVES,
+  TOV_PROCESS_DEAD,       // for certain; so is what an id below 1 names
+  TOV_PROCESS_UNCERTAIN,  // it could not be found out, or other threads of an ended one still run
+};
+
+// Tells at once whether a process, or a single thread, lives. Certainly dead is who has no entry in
+// /proc, and who is a zombie or dead without another thread. Every failure but the missing entry
+// (no descriptor, no memory, a text that cannot be understood) leaves the question open.
+tov_process_state_e tov_process_state(pid_t pid);
+
+// How often, and after which pauses, an answer is asked for before it counts as a death.
+inline constexpr int TOV_LIFE_LOOKS = 3;
+inline constexpr useconds_t TOV_LIFE_PAUSE_US = 10000;
+
 // Tells whether a process lives: 0 when it does, -1 otherwise. Zombies are dead, and so is a
 // process whose first thread has ended while others still run.
 // Says 0 after one reading. Before it says -1 it reads three times and sleeps 10 ms after each,
 // about 30 ms in all, because the answer -1 may start a second copy of the program.
 int process_life(pid_t pid);
+
+// The same answer, without the pauses for who is certainly dead: what is uncertain is asked of
+// process_life().
+bool tov_process_lives(pid_t pid);
 
 #endif  // TOV_UTIL_PROCFS_H

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/module/refused_calls.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
@@ -241,4 +243,64 @@ TEST(TovUtilsLife, NameWithParenthesesDoesNotMislead) {
   std::filesystem::copy_file("/bin/cat", odd);
   const Running cat(odd.c_str(), {"cat"});
   EXPECT_EQ(process_life(cat.pid()), 0);
+}
+
+// ---- a certain answer -------------------------------------------------------------------------
+
+// What the kernel shows of the ended, as it is relied on: a zombie counts itself as a thread.
+TEST(TovProcessState, ZombieAndItsGraveAreCertainlyDead) {
+  tov_test::Zombie zombie;
+  const pid_t pid = zombie.pid();
+  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
+  EXPECT_FALSE(tov_process_lives(pid));
+  zombie.bury();
+  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
+  EXPECT_FALSE(tov_process_lives(pid));
+}
+
+TEST(TovProcessState, ZombieOfManyThreadsIsCertainlyDead) {
+  static constexpr int THREADS = 8;
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    for (int i = 0; i < THREADS; i++)
+      std::thread([] { pause(); }).detach();
+    raise(SIGKILL);
+  }
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
+  EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+}
+
+TEST(TovProcessState, RunningAndSleepingLive) {
+  const Running cat("/bin/cat", {"cat"});
+  EXPECT_EQ(tov_process_state(getpid()), TOV_PROCESS_LIVES);
+  EXPECT_EQ(tov_process_state(cat.pid()), TOV_PROCESS_LIVES);
+  std::thread([] { EXPECT_EQ(tov_process_state(gettid()), TOV_PROCESS_LIVES); }).join();
+}
+
+TEST(TovProcessState, FirstThreadThatLeftIsUncertainAndDeadAfterThreeLooks) {
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    std::thread([] { pause(); }).detach();
+    syscall(SYS_exit, 0);  // of this thread alone
+  }
+  EXPECT_TRUE(tov_test::wait_until([=] { return tov_test::process_state(pid) == 'Z'; },
+                                   tov_test::PATIENT_MS));
+  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_UNCERTAIN);
+  const int64_t start = tov_test::monotonic_ns();
+  EXPECT_FALSE(tov_process_lives(pid));
+  EXPECT_GE((tov_test::monotonic_ns() - start) / MS, 30);
+  kill(pid, SIGKILL);
+  EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+}
+
+TEST(TovProcessState, WithoutAFreeDescriptorNothingIsCertain) {
+  const tov_test::Zombie zombie;
+  const pid_t gone = tov_test::gone_process();
+  const tov_test::NoMoreDescriptors none;
+  for (const pid_t pid : {getpid(), zombie.pid(), gone})
+    EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_UNCERTAIN) << pid;
 }

@@ -1,8 +1,10 @@
 // The simulated kernel: a process as /proc shows it.
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -11,10 +13,11 @@
 
 namespace tov_test {
 
-static std::string stat_text(const process_s &process) {
+static std::string stat_text(const process_s &process, size_t threads) {
   return std::to_string(process.pid) + " (" + process.name + ") " + process.state + " " +
          std::to_string(process.parent) +
-         " 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 " +  // start time: the 22nd field
+         " 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 " +  // threads: the 20th field
+         std::to_string(threads) + " 0 " +            // start time: the 22nd
          std::to_string(process.started) + " 1000000 100 18446744073709551615\n";
 }
 
@@ -55,7 +58,11 @@ inode_t kernel_s::proc_inode(const std::string &path) const {
     return std::make_shared<inode_s>(inode_s{mode, 0, std::move(text)});
   };
   if (name.empty()) return file(S_IFDIR | 0555, "");
-  if (name == "/stat") return file(S_IFREG | 0444, stat_text(process));
+  if (name == "/stat") {
+    const auto is_beside = [&](const auto &entry) { return entry.second.group == process.group; };
+    const auto threads = std::count_if(processes_.begin(), processes_.end(), is_beside);
+    return file(S_IFREG | 0444, stat_text(process, static_cast<size_t>(threads)));
+  }
   if (name == "/status") return file(S_IFREG | 0444, status_text(process));
   if (name == "/cmdline") return file(S_IFREG | 0444, cmdline_text(process));
   if (name == "/exe" && !process.exe.empty()) return file(S_IFLNK | 0777, process.exe);
