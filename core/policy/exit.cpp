@@ -53,7 +53,7 @@ class exit_case_s final : public tov_exit_case_t {
               int force)
       : held_(held), record_(record), verdict_(verdict), exit_code_(exit_code), force_(force) {}
 
-  bool lives() override { return verdict_ == REPORTED && process_life(record_->pid) == 0; }
+  bool lives() override { return verdict_ == REPORTED && tov_process_lives(record_->pid); }
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
   bool stopped() override { return tov_exit_is_stop(exit_code_); }
@@ -95,7 +95,7 @@ tov_twin_e exit_case_s::twin() {
   other_ = tov_proc_is_running(record_);
   if (other_ == nullptr) return twin_;
   if (other_ == record_) return twin_ = TOV_TWIN_IN_CHARGE;
-  return twin_ = process_life(other_->pid) >= 0 ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
+  return twin_ = tov_process_lives(other_->pid) ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
 }
 
 // An exit that was reported concerns every record of its process, a verdict its own record.
