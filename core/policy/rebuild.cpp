@@ -61,7 +61,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id) {
     if (record == nullptr) continue;
     const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);
-    if (process_life(record->pid) < 0) bring_back(held, record);
+    if (!tov_process_lives(record->pid)) bring_back(held, record);
   }
 }
 
