@@ -19,7 +19,7 @@ tov_pid_t *tov_proc_is_running(tov_pid_t *record) TOV_REQUIRES(tov_chains);
 bool tov_is_reg_alive_inlock(pid_t pid) TOV_REQUIRES(tov_alive_chains);
 
 // 0 while the registered process is alive and still what was registered: same command line, same
-// device; -1 otherwise. Reads /proc; a dead process costs about 30 ms.
+// device; -1 otherwise. Reads /proc; only an uncertain end costs a pause, about 30 ms.
 int tov_check_process_alive(tov_pid_t *record);
 
 #endif  // TOV_CORE_REGISTRY_QUERY_H
