@@ -8,6 +8,9 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <utility>
+#include <vector>
+
 #include "alive/tov_sys_alive.h"
 #include "client/tov_xtach_sem.h"
 #include "core/registry/dump.h"
@@ -38,26 +41,36 @@ enum {
 
 // ---- is it still the thread that registered? ------------------------------------------------
 
-int tov_check_pid_exist(tov_pid_t *record) {
-  const int owner = tov_get_ppid_form_pid(record->pid);
-  if (owner >= 0 && owner != record->ppid) {
-    TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", __func__, record->ppid, owner);
-    return -1;
+static constexpr char check[] = "tov_check_pid_exist";  // as its messages name it
+
+// As far as one look tells, without a pause.
+static tov_process_state_e state_of(const tov_pid_t &record) {
+  const int owner = tov_get_ppid_form_pid(record.pid);
+  if (owner >= 0 && owner != record.ppid) {
+    TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", check, record.ppid, owner);
+    return TOV_PROCESS_DEAD;
   }
   char command[COMMAND_SIZE];
-  if (pid_to_cmdline(record->pid, command, sizeof command) != nullptr) {
+  if (pid_to_cmdline(record.pid, command, sizeof command) != nullptr) {
     rtrim(command);  // as the registered text was
-    if (strncmp(record->process, command, strlen(command)) != 0) {
-      TOV_DBG("%s: cmdline info no match(reg:%s, now:%s)\n", __func__, record->process, command);
-      return -1;
+    if (strncmp(record.process, command, strlen(command)) != 0) {
+      TOV_DBG("%s: cmdline info no match(reg:%s, now:%s)\n", check, record.process, command);
+      return TOV_PROCESS_DEAD;
     }
   }
-  return process_life(record->pid);
+  return tov_process_state(record.pid);
+}
+
+int tov_check_pid_exist(tov_pid_t *record) {
+  const tov_process_state_e state = state_of(*record);
+  if (state == TOV_PROCESS_UNCERTAIN) return process_life(record->pid);
+  return state == TOV_PROCESS_LIVES ? 0 : -1;
 }
 
 // ---- accounting -----------------------------------------------------------------------------
 
 static void look_for_change(tov_pid_t *record) {
+  // Not asked whether it is below 0: of such an id the area itself says "pid err".
   if (record->pid >= TOV_ALIVE_ID_COUNT || !tov_sys_isreg_alive_info(record->pid)) return;
   const unsigned int seq = static_cast<unsigned int>(tov_sys_get_alive_seq(record->pid));
   if (seq == record->m_n_laster_alive_seq) return;
@@ -131,17 +144,69 @@ static void dump_registries() {
   dump(TOV_DUMP_DELAY, &tov_chains_delay);
 }
 
-static void drop(tov_pid_t *record, int result) TOV_REQUIRES(tov_alive_chains) {
-  TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, result);
+static void drop(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) {
+  TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, -1);
+  // As above, an id below 0 is the area's to refuse.
   if (record->pid < TOV_ALIVE_ID_COUNT) (void)tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(&tov_alive_chains, record);
 }
 
+namespace {
+
+// One pass over the records, with the registry locked. Of the threads whose end is not certain each
+// is looked at as often as process_life() would, but the pauses between the looks are those of the
+// pass: without a free descriptor nothing is certain about any of a thousand threads, and asked one
+// after the other they would hold the lock for half a minute.
+class pass_s {
+ public:
+  pass_s(bool disable_check, bool disable_check_tmp)
+      : disable_check_(disable_check), disable_check_tmp_(disable_check_tmp) {}
+
+  // The first look at a record. It may be freed.
+  void look(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) { settle(record, state_of(*record)); }
+  // The other looks at those of whom nothing is certain yet.
+  void look_again() TOV_REQUIRES(tov_alive_chains);
+
+ private:
+  void settle(tov_pid_t *record, tov_process_state_e state) TOV_REQUIRES(tov_alive_chains);
+
+  bool disable_check_;
+  bool disable_check_tmp_;
+  int kill_proc_flag_ = 0;
+  std::vector<tov_pid_t *> uncertain_;
+};
+
+}  // namespace
+
+void pass_s::settle(tov_pid_t *record, tov_process_state_e state) {
+  switch (state) {
+    case TOV_PROCESS_LIVES:
+      (void)tov_check_alive_info_periodical(record, &kill_proc_flag_, disable_check_,
+                                            disable_check_tmp_);
+      break;
+    case TOV_PROCESS_DEAD:
+      drop(record);
+      break;
+    case TOV_PROCESS_UNCERTAIN:
+      uncertain_.push_back(record);
+      break;
+  }
+}
+
+void pass_s::look_again() {
+  for (int look = 1; look < TOV_LIFE_LOOKS && !uncertain_.empty(); look++) {
+    safe_usleep(TOV_LIFE_PAUSE_US);
+    for (tov_pid_t *record : std::exchange(uncertain_, {}))
+      settle(record, tov_process_state(record->pid));
+  }
+  for (tov_pid_t *record : std::exchange(uncertain_, {}))
+    drop(record);
+}
+
 void tov_notifer_scan(void) {
   if (tov_is_open_pub_dbg()) dump_registries();
-  int kill_proc_flag = 0;
   const bool disable_check = tov_file_exists(TOV_KILL_DEBUG_FILE);
-  const bool disable_check_tmp = tov_get_semval() != 0;
+  pass_s pass(disable_check, tov_get_semval() != 0);
 
   const tov_chains_guard_t guard(tov_alive_chains);
   for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
@@ -151,13 +216,9 @@ void tov_notifer_scan(void) {
         record.pid, record.ppid, static_cast<int>(record.m_n_notify_time),
         static_cast<int>(record.m_n_counter), static_cast<int>(record.m_n_cur_counter),
         static_cast<int>(record.m_n_cur_notify_time));
-    if (const int result = tov_check_pid_exist(&record); result != 0) {
-      drop(&record, result);
-    } else {
-      (void)tov_check_alive_info_periodical(&record, &kill_proc_flag, disable_check,
-                                            disable_check_tmp);
-    }
+    pass.look(&record);
   }
+  pass.look_again();
 }
 
 // Main waits for this thread first; a whole minute's sleep would leave the device unsupervised for
