@@ -110,6 +110,7 @@ void tov_init_chains(tov_chains_t *chains) {
 
 // Removes a record for good: a watched thread also loses its slot in the shared area.
 static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains) {
+  // Not asked whether it is below 0: of such an id the area itself says "pid err".
   if (chains == &tov_alive_chains && record->pid < TOV_ALIVE_ID_COUNT)
     tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(chains, record);
