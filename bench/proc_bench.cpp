@@ -69,6 +69,16 @@ BENCHMARK(process_life_of_the_dead)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
+// What the daemon asks: a process without an entry in /proc costs no pause.
+static void certain_death(benchmark::State &state) {
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  for ([[maybe_unused]] auto _ : state)
+    benchmark::DoNotOptimize(tov_process_lives(child));
+}
+BENCHMARK(certain_death);
+
 static void process_of_a_thread(benchmark::State &state) {
   for ([[maybe_unused]] auto _ : state)
     benchmark::DoNotOptimize(tov_get_ppid_form_pid(getpid()));

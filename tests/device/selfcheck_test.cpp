@@ -177,7 +177,8 @@ TEST_P(CrashLoop, IsSuspendedCheckedOnceAndThenEscalated) {
 
   // The check was the first restart of a new burst, so four deaths end that one.
   need_event(device, RESTART_LOG, says(task, way, 1), 2);
-  // Where nobody reloads the unit, the task gets its next chance.
+  // The request goes to the platform's self-healing service. That of this test only notes it and
+  // reloads nothing, so the task gets its next chance.
   const size_t born_again = births_before(device, task, checked_process(device, task, way, 2));
   const size_t born = births_before(device, task, checked_pid);
   const auto births = device.births(task.name);

@@ -130,12 +130,16 @@ std::string status_field(pid_t pid, const std::string &field) {
   return begin >= end ? std::string() : text.substr(begin, end - begin);
 }
 
+static std::runtime_error no_process(pid_t pid) {
+  return std::runtime_error("no such process: " + std::to_string(pid));
+}
+
 uint64_t resident_kb(pid_t pid) {
   std::istringstream words(read_small_file(proc_path(pid, "smaps_rollup")));
   uint64_t kilobytes = 0;
   for (std::string word; words >> word;)
-    if (word == "Rss:") words >> kilobytes;
-  return kilobytes;
+    if (word == "Rss:" && words >> kilobytes) return kilobytes;
+  throw no_process(pid);
 }
 
 size_t descriptors_of(pid_t pid, const std::string &part) {
@@ -147,7 +151,7 @@ size_t descriptors_of(pid_t pid, const std::string &part) {
     const std::string target = std::filesystem::read_symlink(entry->path(), closed).string();
     if (target.find(part) != std::string::npos) count++;
   }
-  if (gone) throw std::runtime_error("no such process: " + std::to_string(pid));
+  if (gone) throw no_process(pid);
   return count;
 }
 

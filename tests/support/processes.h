@@ -59,10 +59,12 @@ std::string command_line(pid_t pid);
 std::string status_field(pid_t pid, const std::string &field);
 
 // Kilobytes that a process holds, the kernel's own sum over all its mappings: what the status file
-// says may lag behind by some hundreds. 0 when it is gone.
+// says may lag behind by some hundreds. Throws std::runtime_error when it is gone: a 0 would pass
+// as a process that holds less than before.
 uint64_t resident_kb(pid_t pid);
 
-// How many descriptors it has open, those only that lead to a name with `part` in it; 0 when gone.
+// How many descriptors it has open, those only that lead to a name with `part` in it. Throws
+// likewise.
 size_t descriptors_of(pid_t pid, const std::string &part = "");
 
 // `prefix` followed by the caller's process id: processes are visible from every device at once,
