@@ -162,6 +162,10 @@ bool exit_case_s::runs_again() {
   if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record_->process, attribute, sizeof attribute)) {
     return false;
   }
+  // A listed program may go to the background by ending: what it left behind ends, too, before the
+  // one that stays is there. The certain death cost no time, so that one gets the time of three
+  // looks.
+  if (verdict_ == REPORTED) (void)process_life(record_->pid);
   char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place
   (void)snprintf(key, sizeof key, "%s", record_->process);
   // Without pauses, since the registry is locked; but a scan that something else's end spoiled has
