@@ -30,6 +30,7 @@
 #include "core/policy/delay.h"
 #include "core/policy/rebuild.h"
 #include "core/policy/sweep.h"
+#include "core/policy/waits.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/farewell.h"
 #include "core/run/flags.h"
@@ -175,6 +176,11 @@ static next_e init_registries(daemon_s &) {
   return GO_ON;
 }
 
+static next_e leave_waits_to_handler(daemon_s &) {
+  tov_waits_leave_to_handler(true);
+  return GO_ON;
+}
+
 static next_e rebuild_registry(daemon_s &) {
   if (tov_rebuild_chains(&tov_chains) >= 0) return GO_ON;
   TOV_DBG("fail to rebuild chains\n");
@@ -259,6 +265,7 @@ static constexpr next_e (*start_up[])(daemon_s &) = {
     make_directory_trees,
     open_event_logs,
     init_registries,
+    leave_waits_to_handler,
     rebuild_registry,
     init_semaphore,
     exempt_from_memory_killer,

@@ -84,6 +84,39 @@ enum {
   TOV_FLAG_SELF_CHECK = 2 /* suspended; waits for the self-check alarm */
 };
 
+/* What a restart that is under way waits for. */
+enum {
+  TOV_WAIT_NONE,   /* nothing: no restart is under way */
+  TOV_WAIT_TIME,   /* until `restart_time` is over */
+  TOV_WAIT_LOOK,   /* for the look whether a listed program runs again by itself */
+  TOV_WAIT_FORK,   /* until forks succeed, for its turn */
+  TOV_WAIT_SEARCH, /* for the search of the process that is to be supervised */
+};
+
+/* Whether a listed program runs again by itself. */
+enum { TOV_LOOKED_NOT_YET, TOV_LOOKED_RUNS, TOV_LOOKED_RUNS_NOT };
+
+/* A restart under way, core/registry/record.h. Zeroed, there is none. */
+typedef struct tov_start_s {
+  struct tov_list_head_s link; /* in the order of deadlines; zeroed while there is none */
+  uint64_t number;             /* of this restart among all since the daemon's start */
+  int wait;                    /* TOV_WAIT_* */
+  int64_t due_us;              /* monotonic microseconds: when it goes on */
+  int occasion;                /* who asked for it, core/policy/revive.h */
+  int vsd_no;                  /* device of the dead process, asked once at its death */
+  int waited;                  /* 1: `restart_time` is over */
+  int announced;               /* 1: what is said before a restart has been said */
+  int silent;                  /* 1: the marker asked for no announcement */
+  int slot;                    /* of its lines in the journal, 0: none */
+  pid_t forked;                /* the child; below 1: none */
+  int looked;                  /* TOV_LOOKED_*: what the look said */
+  pid_t runs_as;               /* the process that it found */
+  int scans;                   /* of /proc, made so far */
+  int child_executed;          /* 1: the child's execution was heard meanwhile */
+  int child_ended;             /* 1: the child's exit was heard meanwhile, */
+  int child_code;              /* with this wait status */
+} tov_start_t;
+
 /* One supervised process or one watched thread. All fields are guarded by the lock of the registry
  * that links the record; until it is linked the record belongs to its maker alone. */
 typedef struct tov_pid_s {
@@ -115,6 +148,7 @@ typedef struct tov_pid_s {
   time_t delay_tm;                  /* when the record entered `tov_chains_delay` */
   time_t first_tm;                  /* first restart of the burst; outlasts a suspension */
   int stat_check_cnt;               /* sweeps in a row that did not find the process */
+  tov_start_t start;                /* the restart under way, if there is one */
 } tov_pid_t;
 
 /* A registry: records hashed by process id. When two registries are held, `tov_chains` is taken

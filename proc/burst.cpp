@@ -44,8 +44,64 @@ static void arm_alarm(int period_s) {
   tov_sys_alarm(pending > 0 && pending <= period ? pending : period);
 }
 
+// ---- the reload -------------------------------------------------------------------------------
+
+// The task for which a reload is to be asked for; empty: none. One reload is enough for all.
+static char reload_for[TOV_PROCESS_SIZE] TOV_GUARDED_BY(tov_chains);
+
 // Considers a reload of the unit for a task that is suspended once more.
-static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
+static bool is_reload_called_for(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
+  if (record->con_pull_flag <= 0 || now - record->con_tm > RELOAD_SPAN_S) return false;
+  tov_record_clear_self_checks(held, record);
+  const int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
+  if (!tov_flag_get(tov_single_ps_ha_enable) || record->con_tm < enable_time ||
+      !tov_is_reboot_available() || tov_file_exists(TOV_NO_REBOOT_FILE)) {
+    return false;
+  }
+  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d t=%d tov_single_ps_ha_enable_time=%d.\n",
+          "tov_check_restart_system", record->process, record->pid, record->con_pull_flag,
+          static_cast<int>(record->con_tm), static_cast<int>(now), enable_time);
+  return true;
+}
+
+static void ask_for_reload(const char *process) {
+  static constexpr char sentence[] = "tov detect process %s can not restart, so restart system.\n";
+  TOV_DBG(sentence, process);
+  safe_sleep(1);
+  (void)tov_log_with_type(TOV_LOG_RUN_EVENT, sentence, process);
+  tov_log_flush_and_wait();
+  char reason[REASON_SIZE];
+  (void)snprintf(reason, sizeof reason, sentence, process);
+  (void)protect_selfhealing_do_action(PSH_RELOAD_SELF_ACT, 0, "tov", reason);
+}
+
+static void note_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
+  held.shows(tov_chains);
+  if (is_reload_called_for(held, record, now))
+    (void)snprintf(reload_for, sizeof reload_for, "%s", record->process);
+}
+
+void tov_ask_for_noted_reload(void) {
+  char process[TOV_PROCESS_SIZE];
+  {
+    const tov_chains_guard_t held(tov_chains);
+    (void)snprintf(process, sizeof process, "%s", reload_for);
+    reload_for[0] = '\0';
+  }
+  if (process[0] != '\0') ask_for_reload(process);
+}
+
+void tov_check_restart_system(tov_pid_t *record, time_t t) {
+  char process[TOV_PROCESS_SIZE];
+  {
+    const tov_chains_guard_t held(tov_chains);
+    if (!is_reload_called_for(held, record, t)) return;
+    (void)snprintf(process, sizeof process, "%s", record->process);
+  }
+  ask_for_reload(process);
+}
+
+// ---- the suspension ---------------------------------------------------------------------------
 
 static void suspend(const tov_chains_guard_t &held, tov_pid_t *record, const tov_proc_how_t &how,
                     time_t now, int period_s) {
@@ -61,7 +117,7 @@ static void suspend(const tov_chains_guard_t &held, tov_pid_t *record, const tov
                   how.suspended, name.text, minutes);
   tov_record_suspend(held, record, now);
   arm_alarm(period_s);
-  consider_reload(held, record, now);
+  note_reload(held, record, now);
 }
 
 bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record,
@@ -72,31 +128,4 @@ bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record,
   if (!tov_burst_is_over(record->count) || del_dev_mon_log() == 0) return true;
   suspend(held, record, how, now, period_s);
   return false;
-}
-
-void tov_check_restart_system(tov_pid_t *record, time_t t) {
-  const tov_chains_guard_t held(tov_chains);
-  consider_reload(held, record, t);
-}
-
-static void consider_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
-  if (record->con_pull_flag <= 0 || now - record->con_tm > RELOAD_SPAN_S) return;
-  tov_record_clear_self_checks(held, record);
-  const int enable_time = tov_flag_get(tov_single_ps_ha_enable_time);
-  if (!tov_flag_get(tov_single_ps_ha_enable) || record->con_tm < enable_time ||
-      !tov_is_reboot_available() || tov_file_exists(TOV_NO_REBOOT_FILE)) {
-    return;
-  }
-
-  TOV_DBG("%s--> %s/%d con_pull_flag=%d con_tm=%d t=%d tov_single_ps_ha_enable_time=%d.\n",
-          "tov_check_restart_system", record->process, record->pid, record->con_pull_flag,
-          static_cast<int>(record->con_tm), static_cast<int>(now), enable_time);
-  static constexpr char sentence[] = "tov detect process %s can not restart, so restart system.\n";
-  TOV_DBG(sentence, record->process);
-  safe_sleep(1);
-  (void)tov_log_with_type(TOV_LOG_RUN_EVENT, sentence, record->process);
-  tov_log_flush_and_wait();
-  char reason[REASON_SIZE];
-  (void)snprintf(reason, sizeof reason, sentence, record->process);
-  (void)protect_selfhealing_do_action(PSH_RELOAD_SELF_ACT, 0, "tov", reason);
 }

@@ -17,13 +17,17 @@
 // suspended: announced, marked, the process's alarm armed (a sooner pending one is kept), and
 // tov_check_restart_system() asked. While /etc/dev_mon can be opened nothing is suspended.
 //   held  the guard of `tov_chains`
-// May sleep 2 s when a reload is asked for.
+// A reload that the suspension calls for is noted: tov_ask_for_noted_reload() asks for it.
 bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record, const tov_proc_how_t &how);
 
 // Asks the platform to reload the unit when the task suspended at monotonic second `t` came back
 // from a self-check no more than 600 s before, unless operators or the platform forbid it.
-// Takes the lock of `tov_chains` (recursive).
+// Takes the lock of `tov_chains` while it decides. Sleeps 2 s when it asks.
 void tov_check_restart_system(tov_pid_t *record, time_t t);
+
+// Asks for the reload that a suspension has called for, if there is one. Sleeps 2 s when it asks:
+// call it without the lock of `tov_chains`, in a thread for which nobody waits.
+void tov_ask_for_noted_reload(void);
 
 // debug_time() with its failure reported and replaced by the default.
 int tov_self_check_period(const char *function);

@@ -4,9 +4,13 @@
 
 #include <ctype.h>
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+
+#include <optional>
+#include <vector>
 
 #include "util/entries.h"
 #include "util/procfs.h"
@@ -14,49 +18,76 @@
 #include "util/tov_utils.h"
 
 enum {
-  COMMAND_SIZE = 1024,
   RETRY_PAUSE_US = 100000,
 };
 
-// Calls `look` with the name of each process of the moment until it answers other than 0.
-// Returns that answer, 0, or the negative errno of a listing that could not be opened.
-template <typename Look>
-static int for_each_process(Look look) {
-  tov_entries_t entries("/proc");
-  if (!entries) return -errno;
-  int answer = 0;
-  for (const char *name = entries.next(); name != nullptr && answer == 0; name = entries.next())
-    if (isdigit(static_cast<unsigned char>(name[0]))) answer = look(entries.fd(), name);
-  return answer;
+static bool names_a_process(const char *entry) {
+  return isdigit(static_cast<unsigned char>(entry[0])) != 0;
 }
 
-static int look_whether_there(int proc_fd, const char *name) {
-  struct stat status {};
-  return tov_sys_fstatat(proc_fd, name, &status, 0) < 0 ? -errno : 0;
+// Whether every process of the moment is still there when it is looked at, at once. Returns 0, or
+// negative errno: of the listing, or of the process that was gone.
+static int look_at_all() {
+  tov_entries_t processes("/proc");
+  if (!processes) return -errno;
+  while (const char *name = processes.next()) {
+    struct stat status {};
+    if (names_a_process(name) && tov_sys_fstatat(processes.fd(), name, &status, 0) < 0)
+      return -errno;
+  }
+  return 0;
+}
+
+void tov_scan_s::look_for(const char *command) {
+  wanted_s &wanted = wanted_.emplace_back();
+  (void)snprintf(wanted.command, sizeof wanted.command, "%s", command);
+  rtrim(wanted.command);
+  missing_++;
+}
+
+void tov_scan_s::read_command(const char *name) {
+  const pid_t candidate = tov_atoi(name);
+  char command[COMMAND_SIZE];
+  if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) return;
+  rtrim(command);
+  for (wanted_s &wanted : wanted_) {
+    if (wanted.pid != 0 || strcmp(command, wanted.command) != 0) continue;
+    wanted.pid = candidate;
+    missing_--;
+  }
 }
 
 // A process that vanishes between the listing and the look spoils the scan (negative errno): which
 // process it was cannot be said, so the caller scans again. On a busy machine something always
 // vanishes; so one round only looks, at once, and a second one reads the command lines, which takes
-// most of the time. Two rounds and no list between them: a search goes on without memory.
-static int scan_once(const char *proc, pid_t *pid) {
-  const int result = for_each_process(look_whether_there);
-  if (result < 0) return result;
-  return for_each_process([&](int, const char *name) {
-    const pid_t candidate = tov_atoi(name);
-    char command[COMMAND_SIZE];
-    if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) return 0;
-    rtrim(command);
-    if (strcmp(command, proc) != 0) return 0;
-    *pid = candidate;
-    return 1;
-  });
+// most of the time and is what portions are of.
+std::optional<int> tov_scan_s::go_on(int portion) {
+  if (result_) return result_;
+  if (!processes_) {
+    if (const int gone = look_at_all(); gone < 0) return result_ = gone;
+    processes_.emplace("/proc");
+    if (!*processes_) return result_ = -errno;
+  }
+  for (int read = 0; read != portion && !result_; read++) {
+    const char *name = processes_->next();
+    if (name == nullptr) {
+      result_ = 0;
+    } else if (names_a_process(name)) {
+      read_command(name);
+      if (missing_ == 0) result_ = 1;
+    }
+  }
+  if (result_) processes_.reset();
+  return result_;
 }
 
 int tov_proc_to_pid(char *proc, pid_t *pid, int retry_times) {
   rtrim(proc);
   for (int retry = 0;;) {
-    const int result = scan_once(proc, pid);
+    tov_scan_t scan;
+    scan.look_for(proc);
+    const int result = scan.go_on(tov_scan_t::ALL).value_or(-EAGAIN);
+    if (result > 0) *pid = scan.found(0);
     if (result > 0 || retry >= retry_times) return result;
     retry++;
     // Whole seconds apart from the microseconds: a thousand retries must not overflow the latter.

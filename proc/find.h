@@ -2,7 +2,52 @@
 #ifndef TOV_PROC_FIND_H
 #define TOV_PROC_FIND_H
 
+#include <stddef.h>
 #include <sys/types.h>
+
+#include <optional>
+#include <vector>
+
+#include "util/entries.h"
+
+// One scan of /proc for the processes of some command lines, to be made in portions: between two of
+// them the caller does what is more urgent. No list of processes is kept from one portion to the
+// next.
+//
+// One thread an object; takes no lock. Allocates what opendir(3) needs, until the scan is over, and
+// a kilobyte for each command line.
+class tov_scan_s {
+ public:
+  enum { ALL = -1 };  // as a portion: the rest of the scan
+
+  // Adds `command`, of which trailing blanks and tabs do not count. Before the first portion.
+  void look_for(const char *command);
+
+  // Reads the command lines of at most `portion` further processes.
+  // Returns nothing while there are more; then 1 when every command line has its process, 0 when
+  // one has none, negative errno when the scan could not be finished. A scan that is over answers
+  // the same again.
+  std::optional<int> go_on(int portion);
+
+  // The first process of the command line that was added as number `index`, from 0 on; 0: none was
+  // found.
+  pid_t found(size_t index) const { return wanted_[index].pid; }
+
+ private:
+  enum { COMMAND_SIZE = 1024 };
+  struct wanted_s {
+    char command[COMMAND_SIZE] = {};
+    pid_t pid = 0;
+  };
+
+  void read_command(const char *name);
+
+  std::vector<wanted_s> wanted_;
+  size_t missing_ = 0;                      // command lines without a process
+  std::optional<tov_entries_t> processes_;  // from the second round on
+  std::optional<int> result_;
+};
+using tov_scan_t = tov_scan_s;
 
 // Finds a process whose command line equals `proc`, whose trailing blanks and tabs are stripped in
 // place first. Scans /proc once, and again after 100, 200, ... ms for up to `retry_times` retries:

@@ -25,8 +25,6 @@
 #include "vsd/entry.h"
 
 enum {
-  FORK_RETRY_PAUSE_S = 5,
-  FIND_RETRIES = 10,
   ATTRIBUTE_SIZE = 256,
 };
 
@@ -59,11 +57,10 @@ struct start_s {
   char shell[8] = "/bin/sh";
   char start[8] = "start";
   char *script_argv[4] = {shell, script, start, nullptr};
-  const char *shown;  // how messages name the program
-  int vsd_no;         // of the dead instance; asked once, before the child removes its marker
+  int vsd_no;  // of the dead instance; asked once, before the child removes its marker
   tov_proc_plan_t plan;
 
-  start_s(const tov_pid_t &dead, const tov_proc_how_t &way);
+  start_s(const tov_pid_t &dead, const tov_proc_how_t &way, int device);
 };
 
 }  // namespace
@@ -81,13 +78,11 @@ static const char *command_of(const tov_pid_t &record, const tov_proc_how_t &how
   return how.by_script && record.pathname[0] != '\0' ? record.pathname : record.process;
 }
 
-start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way)
-    : how(way), record(dead), words(command_of(dead, way)), vsd_no(find_app(dead.pid)) {
-  const char *first = words.word[0] != nullptr ? words.word[0] : "";
-  shown = how.by_script ? record.process : first;
+start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way, int device)
+    : how(way), record(dead), words(command_of(dead, way)), vsd_no(device) {
   plan.how = &how;
   if (how.by_script) {
-    choose_script(first, script, sizeof script);
+    choose_script(words.word[0] != nullptr ? words.word[0] : "", script, sizeof script);
     plan.file = shell;
     plan.argv = script_argv;
   } else {
@@ -98,85 +93,143 @@ start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way)
   if (plan.in_device) tov_proc_env_prepare(&plan.env, vsd_no, dead.pid);
 }
 
-// A listed program may have forked itself away: the process to supervise is then the one that runs
-// its command line, wherever it came from. `forked` is -1 after a failed fork; the search is made
-// all the same, because another process may have started the program meanwhile.
-static pid_t find_third_part(const start_s &start, pid_t forked, pid_t *res) {
-  const char *function = start.how.function;
-  char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place
-  (void)snprintf(key, sizeof key, "%s", start.shown);
-  pid_t found = 0;
-  if (tov_proc_to_pid(key, &found, FIND_RETRIES) == 1 && found == forked) {
-    *res = forked;
-    TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> third part Normal[%s] new pid: %d\n", function,
-                    start.shown, forked);
-  } else if (found == 0) {
-    TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> third part[%s] Not Found new pid!\n", function,
-                    start.shown);
+// ---- the choice of the process to supervise ---------------------------------------------------
+
+const tov_proc_how_t &tov_proc_how_of(const tov_pid_t &record) {
+  return record.action == SHELL_RESTART ? tov_proc_by_script : tov_proc_by_exec;
+}
+
+bool tov_proc_is_listed(const tov_pid_t &record) {
+  char attribute[ATTRIBUTE_SIZE];
+  return tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record.process, attribute, sizeof attribute) != 0;
+}
+
+// How messages name the program.
+static void name_program(const tov_pid_t &record, const tov_proc_how_t &how,
+                         char (&name)[TOV_PROCESS_SIZE]) {
+  const tov_words_t words(command_of(record, how));
+  const char *first = words.word[0] != nullptr ? words.word[0] : "";
+  (void)snprintf(name, sizeof name, "%s", how.by_script ? record.process : first);
+}
+
+// Of a listed program; returns `found`.
+static pid_t tell_found(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked,
+                        pid_t found) {
+  char name[TOV_PROCESS_SIZE];
+  name_program(record, how, name);
+  if (found == 0) {
+    TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> third part[%s] Not Found new pid!\n", how.function, name);
+  } else if (found == forked) {
+    TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> third part Normal[%s] new pid: %d\n", how.function,
+                    name, forked);
   } else {
-    *res = found;
-    TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> third part Daemon[%s] new pid: %d\n", function,
-                    start.shown, found);
+    TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> third part Daemon[%s] new pid: %d\n", how.function,
+                    name, found);
   }
   return found;
 }
 
-// The parent's bookkeeping after fork() returned `forked`, which is -1 when it failed.
-// Returns the process to supervise, 0 or -1 as tov_spawn() does.
-static pid_t parent_side(const start_s &start, pid_t forked, pid_t *res) {
-  if (forked > 0 && start.plan.in_device) save_proc_info(start.vsd_no, forked);
-
-  char attribute[ATTRIBUTE_SIZE];
-  if (tov_proc_in_tovdb(TOV_THIRD_PART_LIST, start.record.process, attribute, sizeof attribute)) {
-    return find_third_part(start, forked, res);
-  }
-  *res = forked;
-  TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> tov_pid->process = %s, new pid: %d\n",
-                  start.how.function, start.shown, forked);
+// Of any other; returns `forked`.
+static pid_t tell_forked(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked) {
+  char name[TOV_PROCESS_SIZE];
+  name_program(record, how, name);
+  TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> tov_pid->process = %s, new pid: %d\n", how.function,
+                  name, forked);
   return forked;
 }
 
-static pid_t start_again(const tov_chains_guard_t &held, tov_pid_t *record, pid_t *res,
-                         const tov_proc_how_t &how) {
+pid_t tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found) {
+  return tell_found(record, tov_proc_how_of(record), forked, found);
+}
+
+pid_t tov_proc_tell_forked(const tov_pid_t &record, pid_t forked) {
+  return tell_forked(record, tov_proc_how_of(record), forked);
+}
+
+void tov_proc_search_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]) {
+  name_program(record, tov_proc_how_of(record), command);
+  rtrim(command);
+}
+
+// ---- the fork -----------------------------------------------------------------------------------
+
+// Returns the child's id or -errno; in a child that could not change to "/" the id is 0.
+static pid_t fork_child(start_s *start) {
+  const sigchld_block_s blocked;
+  tov_log_prepare(&start->plan.exec_failed, "Tov execvp fail,error:");
+  (void)fflush(stdout);  // what waits in the buffer must not be written twice
+  const pid_t forked = tov_sys_fork();
+  if (forked < 0) return -errno;
+  if (forked == 0) return (void)tov_proc_child_run(&start->plan), 0;
+  if (start->plan.in_device) save_proc_info(start->vsd_no, forked);
+  return forked;
+}
+
+static void tell_fork_failed(const tov_proc_how_t &how, int error) {
+  (void)tov_record_abnormal_fork("a", TOV_FORK_FILE);
+  TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> fork fail, err: %s(%d)\n", how.function,
+                  strerror(error), error);
+}
+
+void tov_proc_fork_failed(const tov_pid_t &record, int error) {
+  (void)tov_proc_tell_forked(record, -1);
+  tell_fork_failed(tov_proc_how_of(record), error);
+}
+
+pid_t tov_proc_fork(const tov_chains_guard_t &held, const tov_pid_t &record, int vsd_no) {
+  held.shows(tov_chains);
+  start_s start(record, tov_proc_how_of(record), vsd_no);
+  const pid_t forked = fork_child(&start);
+  // A second daemon with our sockets and another thread's mutex if it went on.
+  if (forked == 0) _exit(1);
+  return forked;
+}
+// ---- starts that wait -------------------------------------------------------------------------
+
+// A listed program may have forked itself away: the process to supervise is then the one that runs
+// its command line, wherever it came from. After a failed fork the search is made all the same,
+// because another process may have started the program meanwhile.
+static pid_t search(const tov_pid_t &record, const tov_proc_how_t &how) {
+  char name[TOV_PROCESS_SIZE];  // the search strips it in place
+  name_program(record, how, name);
+  pid_t found = 0;
+  (void)tov_proc_to_pid(name, &found, TOV_SEARCH_RETRIES);
+  return found;
+}
+
+// Starts once and chooses the process to supervise. Returns it, 0 for a listed program that was
+// not found, or -errno of the fork; in a child that could not change to "/" -1.
+static pid_t start_once(start_s *start, bool *in_child) {
+  const sigchld_block_s blocked;
+  const pid_t forked = fork_child(start);
+  *in_child = forked == 0;
+  if (*in_child) return -1;
+  if (tov_proc_is_listed(start->record))
+    return tell_found(start->record, start->how, forked, search(start->record, start->how));
+  (void)tell_forked(start->record, start->how, forked < 0 ? -1 : forked);
+  return forked;
+}
+
+static pid_t start_again(tov_pid_t *record, pid_t *res, const tov_proc_how_t &how) {
+  const tov_chains_guard_t held(tov_chains);
   *res = -1;
   if (!tov_burst_allows(held, record, how)) return -1;
 
-  start_s start(*record, how);
+  start_s start(*record, how, find_app(record->pid));
   for (;;) {
-    int fork_errno;
-    {
-      const sigchld_block_s blocked;
-      tov_log_prepare(&start.plan.exec_failed, "Tov execvp fail,error:");
-      (void)fflush(stdout);  // what waits in the buffer must not be written twice
-      const pid_t forked = tov_sys_fork();
-      fork_errno = errno;
-      if (forked == 0) return tov_proc_child_run(&start.plan);
-      const pid_t result = parent_side(start, forked, res);
-      if (result != -1) return result;
-    }
-    (void)tov_record_abnormal_fork("a", TOV_FORK_FILE);
-    TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> fork fail, err: %s(%d)\n", how.function,
-                    strerror(fork_errno), fork_errno);
-    safe_sleep(FORK_RETRY_PAUSE_S);
+    bool in_child = false;
+    const pid_t started = start_once(&start, &in_child);
+    if (started > 0) *res = started;
+    if (started >= 0 || in_child) return started;
+    tell_fork_failed(how, -started);
+    safe_sleep(TOV_FORK_PAUSE_S);
   }
 }
 
 pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  const tov_chains_guard_t held(tov_chains);
-  return start_again(held, tov_pid, res, tov_proc_by_exec);
+  return start_again(tov_pid, res, tov_proc_by_exec);
 }
 
 pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  const tov_chains_guard_t held(tov_chains);
-  return start_again(held, tov_pid, res, tov_proc_by_script);
-}
-
-pid_t tov_proc_restart(const tov_chains_guard_t &held, tov_pid_t *tov_pid, pid_t *res) {
-  const pid_t self = tov_sys_getpid();
-  const pid_t result = start_again(
-      held, tov_pid, res, tov_pid->action == SHELL_RESTART ? tov_proc_by_script : tov_proc_by_exec);
-  // The child that could not change to "/": a second daemon with our sockets and another thread's
-  // mutex if it went on.
-  if (tov_sys_getpid() != self) _exit(1);
-  return result;
+  return start_again(tov_pid, res, tov_proc_by_script);
 }

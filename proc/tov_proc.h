@@ -33,7 +33,7 @@
 // While fork fails it does not return but tries every 5 s. Returns -1 a second
 // time, inside the child, when that could not change to "/": a caller whose
 // process id is not the daemon's must _exit() before it unlocks anything.
-// tov_proc_restart() does. Takes the lock of `tov_chains` (recursive).
+// Takes the lock of `tov_chains` (recursive).
 pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res);
 
 // The same by running the task's start script with the argument "start": /etc/cmdmap/NAME.sh for a
@@ -41,9 +41,42 @@ pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res);
 // `pathname`, or `process` when that is empty.
 pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res);
 
-// Starts the record's task in the way its action asks for: the script for SHELL_RESTART, the
-// command line for every other action. Ends a child that comes back here. Results as above.
-//   held  the guard of `tov_chains`
-pid_t tov_proc_restart(const tov_chains_guard_t &held, tov_pid_t *tov_pid, pid_t *res);
+// ---- a start in steps -------------------------------------------------------------------------
+//
+// For the daemon's own threads: what the functions above wait for is here a step of its own, so
+// that the record can wait for it (core/policy/revive). Nothing here sleeps.
+
+enum {
+  TOV_FORK_PAUSE_S = 5,          // after a failed fork
+  TOV_SEARCH_RETRIES = 10,       // of the search for a listed task's process, after growing pauses
+  TOV_SEARCH_PAUSE_US = 100000,  // before the first of them
+};
+
+// How the record's task is started: the script for SHELL_RESTART, the command line for every other
+// action.
+const tov_proc_how_t &tov_proc_how_of(const tov_pid_t &record);
+
+// Forks the child that will execute the record's task, and notes it in its virtual device.
+//   held    the guard of `tov_chains`
+//   vsd_no  the dead process's device, find_app()
+// Returns the child's id, or -errno of the fork. The child does not return.
+pid_t tov_proc_fork(const tov_chains_guard_t &held, const tov_pid_t &record, int vsd_no);
+
+// Tells of a failed fork, of which operators' tools know both lines: the fork file, which the
+// watcher counts, and the log.
+void tov_proc_fork_failed(const tov_pid_t &record, int error);
+
+// Whether the process to supervise has to be searched for, because the list of third-part programs
+// names the task.
+bool tov_proc_is_listed(const tov_pid_t &record);
+
+// The command line by which it is searched for: the whole one for a script, the program's path
+// otherwise.
+void tov_proc_search_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]);
+
+// Tell which process has been started, and return it: that of a listed task, which was found (0:
+// none) after the fork of `forked` (below 1: it failed), or the child itself of any other.
+pid_t tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found);
+pid_t tov_proc_tell_forked(const tov_pid_t &record, pid_t forked);
 
 #endif  // TOV_PROC_H

@@ -14,6 +14,7 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/policy/revive.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -52,7 +53,8 @@ static int read_process(const char *handler, const tov_msg_xtach_t *payload,
 static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
                            const char *process) {
   const tov_chains_guard_t hold(tov_chains);
-  if (__tov_find_pid(&tov_chains, payload->pid) != nullptr) return false;
+  tov_revive_registers(hold, payload->pid, payload->vsd_id, process);
+  if (tov_record_newest_of(hold, payload->pid) != nullptr) return false;
   tov_pid_t *record = tov_chain_new_record();
   record->pid = payload->pid;
   record->vsd_id = payload->vsd_id;

@@ -7,9 +7,13 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include <algorithm>
+
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
 #include "core/policy/mass.h"
+#include "core/policy/revive.h"
+#include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -82,8 +86,8 @@ void tov_cn_msg_exec(int pid, int) {
 // ---- exits ----------------------------------------------------------------------------------
 
 static bool is_registered(int pid) {
-  const tov_chains_guard_t guard(tov_chains);
-  return __tov_find_pid(&tov_chains, pid) != nullptr;
+  const tov_chains_guard_t held(tov_chains);
+  return tov_record_newest_of(held, pid) != nullptr;
 }
 
 static bool any_device_is_being_deleted() {
@@ -96,7 +100,7 @@ static bool any_device_is_being_deleted() {
 // While a device goes down its exits are wanted; so nothing is started or said.
 static void drop_registration(int pid) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = __tov_find_pid(&tov_chains, pid);
+  tov_pid_t *record = tov_record_newest_of(held, pid);
   if (record != nullptr) tov_record_forget(held, record);
 }
 
@@ -112,6 +116,7 @@ void tov_cn_msg_exit(int pid, int exit_code) {
 }
 
 void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
+  if (tov_revive_keeps(*event)) return;
   switch (event->what) {
     case TOV_EVENT_EXEC:
       tov_cn_msg_exec(event->process_pid, 0);
@@ -145,11 +150,29 @@ class pace_s {
 
 }  // namespace
 
+// Until the next deadline; bounded, so that `quit` is seen.
+static int wait_ms_until(int64_t due_us) {
+  const int64_t left_us = due_us - tov_clock_us();
+  if (left_us <= 0) return 0;
+  constexpr int64_t us_per_ms = 1000;
+  return static_cast<int>(std::min<int64_t>((left_us - 1) / us_per_ms + 1, IDLE_WAIT_MS));
+}
+
+// A record that has waited takes a slot like an event; a portion of /proc takes none.
+static int64_t go_on_with_waits(tov_waits_t *waits, pace_s *pace) {
+  const tov_waits_t::step_s step = waits->go_on();
+  if (step.handled) pace->wait_for_slot();
+  for (const tov_cnmsg_data_t &event : step.heard)
+    tov_cnmsg_dispatch(&event);
+  return step.next_us;
+}
+
 static void handle_events() {
   pace_s pace;
+  tov_waits_t waits;
   while (!tov_flag_get(quit)) {
-    // Bounded, so that `quit` is seen.
-    if (!tov_cnmsg_fifo_wait(IDLE_WAIT_MS)) continue;
+    const int64_t next_us = go_on_with_waits(&waits, &pace);
+    if (!tov_cnmsg_fifo_wait(wait_ms_until(next_us))) continue;
     pace.wait_for_slot();
     tov_cnmsg_data_t event;
     // A record that was stored in part is dropped here.
@@ -160,6 +183,7 @@ static void handle_events() {
 }
 
 void *tov_cnmsg_handle(void *) {
+  tov_waits_leave_to_handler(true);
   int result = 0;
   errno = 0;
   if (tov_core_thread_name(thread_name) < 0) {
@@ -171,5 +195,6 @@ void *tov_cnmsg_handle(void *) {
     handle_events();
   }
   tov_core_thread_end(thread_name, result, errno);
+  tov_waits_leave_to_handler(false);
   return nullptr;
 }

@@ -5,13 +5,17 @@
 // keep a core to itself. What comes faster waits in the ring, which holds over forty thousand
 // events.
 //
+// Between events it goes on with the restarts that wait (core/policy/waits), each when its deadline
+// comes, and sleeps until the next event or deadline.
+//
 // Thread: "tov_cnmsg_handle" at real-time priority 99, the ring's only consumer.
 #ifndef TOV_CORE_EVENTS_HANDLER_H
 #define TOV_CORE_EVENTS_HANDLER_H
 
 #include "include/tov_registry.h"
 
-// Acts on one event; unknown codes are dropped.
+// Acts on one event; unknown codes are dropped. That of a child for which its restart still
+// searches is kept until the search has ended.
 void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event);
 
 // A program was executed: when its executable is in the third-part list and no other instance is

@@ -12,23 +12,19 @@
 #include "core/events/tov_fifo.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <bit>
-#include <utility>
 
+#include "core/run/wake.h"
 #include "log/tov_dbg.h"
 #include "util/clock.h"
-#include "util/owner.h"
-#include "util/tov_sys.h"
 
 struct kfifo tov_cnmsg_fifo;
 
-static int wake_fd = -1;        // set before the threads start, reset after they ended
 static int consumer_waits = 0;  // exchanged only
 
 // ---- the ring ------------------------------------------------------------------------------
@@ -104,49 +100,35 @@ unsigned int __kfifo_out(kfifo *fifo, void *dst, unsigned int len) {
 // ---- the event queue -----------------------------------------------------------------------
 
 int tov_cnmsg_fifo_alloc(void) {
-  tov_fd_t fd(tov_sys_eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (fd.n < 0 || __kfifo_alloc(&tov_cnmsg_fifo, TOV_CNMSG_FIFO_BYTES, 1) < 0) {
-    TOV_DBG("%s: kfifo_alloc fail!\n", __func__);
-    return -1;
-  }
-  wake_fd = tov_fd_take(fd);
-  return 0;
+  if (tov_wake_open() == 0 && __kfifo_alloc(&tov_cnmsg_fifo, TOV_CNMSG_FIFO_BYTES, 1) == 0)
+    return 0;
+  tov_wake_close();
+  TOV_DBG("%s: kfifo_alloc fail!\n", __func__);
+  return -1;
 }
 
 void tov_cnmsg_fifo_free(void) {
   __kfifo_free(&tov_cnmsg_fifo);
-  const tov_fd_t close_it(std::exchange(wake_fd, -1));
+  tov_wake_close();
 }
 
-// Sleeps until the producer writes to the eventfd or the time is over. The wake-up is taken off
-// the eventfd; one that belongs to an earlier wait (its producer was late) only costs a pass.
-static void sleep_for_wake(int timeout_ms) {
-  pollfd waited{wake_fd, POLLIN, 0};
-  uint64_t count = 0;
-  const int ready = tov_sys_poll(&waited, 1, timeout_ms);
-  if (ready > 0) (void)!tov_sys_read(wake_fd, &count, sizeof count);
-  if (ready < 0 && errno != EINTR)
-    tov_sys_usleep(1000);  // no memory: the caller's loop must not spin
-}
-
+// A wake-up that belongs to an earlier wait (its producer was late) only costs a pass.
 bool tov_cnmsg_fifo_wait(int timeout_ms) {
   if (!kfifo_is_empty(&tov_cnmsg_fifo)) return true;
 
   const int64_t deadline_ms = tov_clock_ms() + timeout_ms;
   int64_t left_ms = timeout_ms;
+  bool pass_asked = false;
   do {
     __atomic_exchange_n(&consumer_waits, 1, __ATOMIC_ACQ_REL);
-    if (kfifo_is_empty(&tov_cnmsg_fifo)) sleep_for_wake(static_cast<int>(left_ms));
+    if (kfifo_is_empty(&tov_cnmsg_fifo)) pass_asked = tov_wake_wait(static_cast<int>(left_ms));
     __atomic_exchange_n(&consumer_waits, 0, __ATOMIC_ACQ_REL);
     if (!kfifo_is_empty(&tov_cnmsg_fifo)) return true;
     if (timeout_ms >= 0) left_ms = deadline_ms - tov_clock_ms();
-  } while (timeout_ms < 0 || left_ms > 0);
+  } while (!pass_asked && (timeout_ms < 0 || left_ms > 0));
   return false;
 }
 
 void tov_cnmsg_fifo_wake(void) {
-  if (__atomic_exchange_n(&consumer_waits, 0, __ATOMIC_ACQ_REL) == 0) return;
-  const uint64_t one = 1;
-  // Fails only when the counter is full, and then the consumer wakes anyway.
-  (void)!tov_sys_write(wake_fd, &one, sizeof one);
+  if (__atomic_exchange_n(&consumer_waits, 0, __ATOMIC_ACQ_REL) != 0) tov_wake_for_ring();
 }

@@ -11,8 +11,8 @@
 // full ring) leaves the consumer out of step with those that follow; the consumer's length test
 // drops a short record at the end of the ring.
 //
-// The queue of the daemon is one such ring and an eventfd on which its consumer sleeps while the
-// ring is empty, so that an idle daemon does not wake up to look.
+// The queue of the daemon is one such ring, whose consumer sleeps while it is empty
+// (core/run/wake), so that an idle daemon does not wake up to look.
 #ifndef TOV_FIFO_H
 #define TOV_FIFO_H
 
@@ -64,15 +64,16 @@ inline bool kfifo_is_full(const struct kfifo *fifo) {
 // The daemon's event queue: element size 1, 12-byte records (tov_cnmsg_data_t).
 extern struct kfifo tov_cnmsg_fifo;
 
-// Makes the queue and the means to wait for it (an eventfd, close-on-exec). Before its threads.
+// Makes the queue and the means to wait for it, tov_wake_open(). Before its threads.
 // Returns 0; -1 with a diagnostic when memory or descriptors lack.
 int tov_cnmsg_fifo_alloc(void);
 
 // Frees both. After both threads have been joined.
 void tov_cnmsg_fifo_free(void);
 
-// Waits until the queue is not empty or `timeout_ms` have passed (negative: no limit), asleep in
-// poll(2). A signal does not end it. Consumer only. Returns whether the queue holds something.
+// Waits until the queue is not empty, `timeout_ms` have passed (negative: no limit) or a pass was
+// asked for, tov_wake(); asleep in poll(2). A signal does not end it. Consumer only. Returns
+// whether the queue holds something.
 bool tov_cnmsg_fifo_wait(int timeout_ms);
 
 // Wakes the consumer if it waits; call it after each __kfifo_in() on the queue. One atomic

@@ -176,10 +176,10 @@ static constexpr journal_file_s journal_files[] = {
 
 enum { JOURNAL_RESTARTS = JOURNAL_RESTARTS_PER_FILE * static_cast<int>(std::size(journal_files)) };
 
-// The file that the counted restart belongs to, or null when the journal is silent.
-static const journal_file_s *journal_file() TOV_REQUIRES(tov_chains) {
-  if (tov_log_cnt < 1 || tov_log_cnt > JOURNAL_RESTARTS) return nullptr;
-  return &journal_files[(tov_log_cnt - 1) / JOURNAL_RESTARTS_PER_FILE];
+// The file that a slot belongs to, or null when the journal is silent about it.
+static const journal_file_s *journal_file(int slot) {
+  if (slot < 1 || slot > JOURNAL_RESTARTS) return nullptr;
+  return &journal_files[(slot - 1) / JOURNAL_RESTARTS_PER_FILE];
 }
 
 static int append(const journal_file_s &file, const text_s &text, const tov_restart_news_t &news) {
@@ -195,19 +195,20 @@ static int append(const journal_file_s &file, const text_s &text, const tov_rest
 }
 
 int tov_journal_before(const tov_restart_news_t &news) {
-  tov_log_cnt++;
-  const journal_file_s *file = journal_file();
-  return file != nullptr ? append(*file, file->before[news.by_script], news) : 0;
+  const int slot = ++tov_log_cnt;
+  const journal_file_s *file = journal_file(slot);
+  if (file != nullptr && append(*file, file->before[news.by_script], news) < 0) return -1;
+  return slot;
 }
 
-int tov_journal_after(const tov_restart_news_t &news) {
-  const journal_file_s *file = journal_file();
+int tov_journal_after(const tov_restart_news_t &news, int slot) {
+  const journal_file_s *file = journal_file(slot);
   if (file == nullptr) return 0;
   if (append(*file, file->after[news.by_script], news) < 0) return -1;
 
   // Only here: a fifth or tenth restart that failed leaves the journal as it is.
-  if (tov_log_cnt % JOURNAL_RESTARTS_PER_FILE != 0) return 0;
+  if (slot % JOURNAL_RESTARTS_PER_FILE != 0) return 0;
   if (unlink(file->other) < 0) TOV_DBG(file->remove_failed, __func__, strerror(errno));
-  if (tov_log_cnt == JOURNAL_RESTARTS) tov_log_cnt = 0;
+  if (slot == JOURNAL_RESTARTS) tov_log_cnt = 0;
   return 0;
 }

@@ -36,12 +36,14 @@ void tov_announce_after(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains)
 // "Self-checking OK" after a suspension, whatever the exit code was that led to it.
 void tov_announce_self_check_ok(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
-// Appends the line before a restart to the journal and counts it.
-// Returns 0, or -1 when the journal cannot be opened: the restart is then not made here.
+// Counts a restart in the journal and appends the line before it. Other restarts may begin and end
+// before this one ends: both its lines go by the slot that it gets here.
+// Returns the slot, above 0, of which those behind the last line of the journal get none written;
+// or -1 when the journal cannot be opened: the restart is then not made here.
 int tov_journal_before(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
 
-// Appends the line after a restart and begins the journal's other file anew when this one is full.
-// Returns 0, or -1 when the journal cannot be opened.
-int tov_journal_after(const tov_restart_news_t &news) TOV_REQUIRES(tov_chains);
+// Appends the line after the restart of a slot and begins the journal's other file anew when that
+// was the last of its file. Returns 0, or -1 when the journal cannot be opened.
+int tov_journal_after(const tov_restart_news_t &news, int slot) TOV_REQUIRES(tov_chains);
 
 #endif  // TOV_CORE_POLICY_ANNOUNCE_H

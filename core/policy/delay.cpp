@@ -12,6 +12,7 @@
 #include "core/run/thread.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
+#include "proc/burst.h"
 #include "util/clock.h"
 #include "util/tov_utils.h"
 
@@ -61,6 +62,7 @@ void *tov_delay_restart(void *) {
               static_cast<unsigned int>(due.exit_signal), due.force_restart);
       tov_handle_netlink_exit(due.pid, due.exit_signal, due.force_restart);
     }
+    tov_ask_for_noted_reload();  // sleeps, which nobody waits for here
     safe_sleep(PAUSE_S);
   }
   return nullptr;

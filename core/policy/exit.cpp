@@ -14,6 +14,7 @@
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
+#include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -23,7 +24,7 @@
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
-#include "proc/find.h"
+#include "proc/tov_proc.h"
 #include "util/entries.h"
 #include "util/list_file.h"
 #include "util/owner.h"
@@ -32,17 +33,13 @@
 #include "vsd/entry.h"
 #include "vsd/path.h"
 
-enum {
-  ATTRIBUTE_SIZE = 256,
-  SCANS_MAX = 10,
-};
-
 namespace {
 
 // Who says that the process has ended.
 enum verdict_e {
   REPORTED,  // the kernel, or who waited for the lock: the process is asked for once more
   LOST,      // two sweeps that did not find it
+  ACCEPTED,  // it was decided before: a restart goes on that had to wait
 };
 
 // One exit under decision. The answers are asked for when a rule wants them, since some take long,
@@ -56,10 +53,12 @@ class exit_case_s final : public tov_exit_case_t {
   bool lives() override { return verdict_ == REPORTED && tov_process_lives(record_->pid); }
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
-  bool stopped() override { return tov_exit_is_stop(exit_code_); }
-  bool locked() override { return tov_defer_is_needed(*record_); }
-  bool restarted() override { return tov_record_is_restarted(*record_); }
-  bool runs_again() override;
+  bool stopped() override { return verdict_ != ACCEPTED && tov_exit_is_stop(exit_code_); }
+  // Asked until the restart is announced: an exit that is handed back is announced once more.
+  bool locked() override { return record_->start.announced == 0 && tov_defer_is_needed(*record_); }
+  bool restarted() override { return tov_revive_is_wanted(*record_); }
+  bool unknown_whether_it_runs() override;
+  bool runs_again() override { return record_->start.looked == TOV_LOOKED_RUNS; }
   void act(tov_exit_act_e act) override;
 
   // What is to be registered when the lock is gone.
@@ -79,7 +78,6 @@ class exit_case_s final : public tov_exit_case_t {
   bool twin_asked_ = false;
   tov_twin_e twin_ = TOV_TWIN_NONE;
   tov_pid_t *other_ = nullptr;  // the twin's record
-  pid_t found_ = 0;             // the process of a program that runs again
   tov_registration_t later_;
 };
 
@@ -95,6 +93,8 @@ tov_twin_e exit_case_s::twin() {
   other_ = tov_proc_is_running(record_);
   if (other_ == nullptr) return twin_;
   if (other_ == record_) return twin_ = TOV_TWIN_IN_CHARGE;
+  // One that searches has made its new process already.
+  if (other_->start.forked > 0) return twin_ = TOV_TWIN_LIVES;
   return twin_ = tov_process_lives(other_->pid) ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
 }
 
@@ -117,6 +117,7 @@ void exit_case_s::drop() {
 }
 
 void exit_case_s::note() {
+  if (verdict_ == ACCEPTED) return;
   tov_del_node_chain_safe(record_, &tov_alive_chains);
   tov_record_ended(held_, record_, exit_code_, force_);
 }
@@ -157,23 +158,8 @@ void exit_case_s::accept_stop() {
 
 // ---- programs that run again ----------------------------------------------------------------
 
-bool exit_case_s::runs_again() {
-  char attribute[ATTRIBUTE_SIZE];
-  if (!tov_proc_in_tovdb(TOV_THIRD_PART_LIST, record_->process, attribute, sizeof attribute)) {
-    return false;
-  }
-  // A listed program may go to the background by ending: what it left behind ends, too, before the
-  // one that stays is there. The certain death cost no time, so that one gets the time of three
-  // looks.
-  if (verdict_ == REPORTED) (void)process_life(record_->pid);
-  char key[TOV_PROCESS_SIZE];  // a copy: the search strips it in place
-  (void)snprintf(key, sizeof key, "%s", record_->process);
-  // Without pauses, since the registry is locked; but a scan that something else's end spoiled has
-  // not said that the program does not run, and a second copy of it would be started.
-  int result = -1;
-  for (int scan = 0; result < 0 && scan < SCANS_MAX; scan++)
-    result = tov_proc_to_pid(key, &found_, 0);
-  return result == 1;
+bool exit_case_s::unknown_whether_it_runs() {
+  return record_->start.looked == TOV_LOOKED_NOT_YET && tov_proc_is_listed(*record_);
 }
 
 // A third-part program that another process has started again is registered under its new
@@ -181,10 +167,11 @@ bool exit_case_s::runs_again() {
 void exit_case_s::hand_over() {
   const bool by_script = record_->action == SHELL_RESTART;
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
-          by_script ? "SHELL_RESTART" : "RESPAWN", found_);
+          by_script ? "SHELL_RESTART" : "RESPAWN", record_->start.runs_as);
+  const pid_t found = record_->start.runs_as;
   // Found under the record's own id, it cannot be registered while another record has that id.
-  forget(held_, record_, found_ == record_->pid ? REPORTED : verdict_);
-  later_ = {found_, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
+  forget(held_, record_, found == record_->pid ? REPORTED : verdict_);
+  later_ = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
 }
 
 // ---- the decision ---------------------------------------------------------------------------
@@ -193,8 +180,10 @@ void exit_case_s::act(tov_exit_act_e act) {
   switch (act) {
     case TOV_EXIT_LEAVE:
     case TOV_EXIT_WAIT_FOR_ALARM:
-    case TOV_EXIT_LEAVE_DEAD:
     case TOV_EXIT_ACT_NUM:
+      break;
+    case TOV_EXIT_LEAVE_DEAD:
+      tov_record_end_wait(held_, record_);
       break;
     case TOV_EXIT_DROP:
       drop();
@@ -209,20 +198,24 @@ void exit_case_s::act(tov_exit_act_e act) {
       accept_stop();
       break;
     case TOV_EXIT_DEFER:
+      tov_record_end_wait(held_, record_);
       tov_defer(*record_);
+      break;
+    case TOV_EXIT_LOOK:
+      tov_revive_look(held_, record_);
       break;
     case TOV_EXIT_HAND_OVER:
       hand_over();
       break;
     case TOV_EXIT_RESTART:
-      (void)tov_revive(held_, record_, TOV_REVIVE_AFTER_EXIT);
+      tov_revive(held_, record_, TOV_REVIVE_AFTER_EXIT);
       break;
   }
 }
 
 static tov_registration_t decide_reported_exit(int pid, int exit_code, int force) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_get_oldest_node(pid);
+  tov_pid_t *record = tov_record_oldest_of(held, pid);
   if (record == nullptr) return {};
   exit_case_s asked(held, record, REPORTED, exit_code, force);
   (void)tov_exit_decide(asked);
@@ -231,6 +224,23 @@ static tov_registration_t decide_reported_exit(int pid, int exit_code, int force
 
 void tov_handle_netlink_exit(int pid, int exit_code, int force) {
   tov_register_found(decide_reported_exit(pid, exit_code, force));
+  tov_waits_finish();
+}
+
+// While a device goes down, or when it is gone, its exits are wanted: nothing is started there.
+static bool is_device_gone(int vsd_id) {
+  return vsd_id > 0 && (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_id).text) ||
+                        !tov_file_exists(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_id).text));
+}
+
+tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
+  if (is_device_gone(record->vsd_id)) {
+    tov_record_forget(held, record);
+    return {};
+  }
+  exit_case_s asked(held, record, ACCEPTED, record->exit_signal, record->force_restart);
+  (void)tov_exit_decide(asked);
+  return asked.later();
 }
 
 tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record) {

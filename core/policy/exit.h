@@ -2,10 +2,11 @@
 // registry, the kernel and the files. What becomes of the record is drawn in
 // core/registry/record.h.
 //
-// Threads: the event handler, the delay thread, the sweep. The whole handling of one exit runs
-// under the lock of `tov_chains`, waits and the start included, so exits are handled one at a
-// time and a new process that dies at once finds its record already renewed. Only a registration
-// with our own server is made after the lock is gone, because the server wants the same lock.
+// Threads: the event handler, the delay thread, the sweep. The handling of one exit runs under the
+// lock of `tov_chains`, the start included, so exits are handled one at a time and a new process
+// that dies at once finds its record already renewed. What has to be waited for is waited for by
+// the record, without the lock (core/policy/waits). A registration with our own server is made
+// after the lock is gone, because the server wants the same lock.
 #ifndef TOV_CORE_POLICY_EXIT_H
 #define TOV_CORE_POLICY_EXIT_H
 
@@ -19,7 +20,8 @@
 //   exit_code  wait status
 //   force      1: do not wait any longer for the lock on its registration file
 // Takes the lock of `tov_chains` (recursive). A process that is not registered, or that lives,
-// is left alone.
+// is left alone. Returns when the exit is decided; a restart that waits goes on in the event
+// handler (without one: is made before the return, tov_waits_finish()).
 void tov_handle_netlink_exit(int pid, int exit_code, int force);
 
 // A running process of a third-part program that is to be registered in place of a dead one; the
@@ -39,6 +41,12 @@ using tov_registration_t = tov_registration_s;
 // Returns what the caller hands to tov_register_found() once it holds no registry's lock.
 [[nodiscard]] tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held,
                                                       tov_pid_t *record);
+
+// Goes on with a restart that has waited: the rules are asked again from the duplicate test on,
+// since the program may have been registered anew meanwhile; what was counted, noted and announced
+// is not so once more. A record whose device is being deleted, or is gone, is removed.
+//   held, record, result  as above
+[[nodiscard]] tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // Registers the process with our own server, which takes the lock of `tov_chains` in another
 // thread: never call it with that lock held. A failure is logged. Waits for the server's answer.

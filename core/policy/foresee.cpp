@@ -22,6 +22,7 @@ class forecast_s final : public tov_exit_case_t {
   bool stopped() override { return tov_exit_is_stop(ending_.exit_code); }
   bool locked() override { return ending_.force != 1 && situation_.locked; }
   bool restarted() override { return tov_record_is_restarted(record_); }
+  bool unknown_whether_it_runs() override { return false; }  // it is said what it would show
   bool runs_again() override { return situation_.runs_again; }
   void act(tov_exit_act_e act) override { foreseen_->act = act; }  // the last one stays
   void heard(const tov_exit_rule_t &rule, bool applies) override {

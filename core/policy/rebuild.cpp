@@ -10,10 +10,10 @@
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
+#include "core/policy/waits.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/entries.h"
 #include "util/procfs.h"
@@ -48,9 +48,7 @@ static tov_pid_t *read_record(int vsd_id, const char *dir, const char *entry) {
 static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   TOV_DBG("pid (%d) is not exist\n", record->pid);
   if (tov_proc_restart_delay(record) != 0) return;
-  const pid_t result = tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
-  TOV_DBG("pid (%d) %s ret = %d\n", record->pid,
-          record->action == SHELL_RESTART ? "shell restart" : "restart", result);
+  tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
 static void rebuild_device(tov_chains_t *chains, int vsd_id) {
@@ -68,5 +66,6 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id) {
 int tov_rebuild_chains(tov_chains_t *chains) {
   for (int vsd_id = DEVICE_FIRST; vsd_id <= DEVICE_LAST; vsd_id++)
     rebuild_device(chains, vsd_id);
+  tov_waits_finish();
   return 0;
 }

@@ -2,19 +2,36 @@
 // tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/policy/revive.h"
 
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include <iterator>
+#include <utility>
+#include <vector>
 
 #include "core/policy/announce.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
+#include "log/tov_dbg.h"
+#include "proc/burst.h"
 #include "proc/task_name.h"
 #include "proc/tov_proc.h"
+#include "util/clock.h"
 #include "util/tov_utils.h"
+#include "vsd/entry.h"
 #include "vsd/marker.h"
+
+static constexpr int64_t US_PER_S = 1000000;
+
+enum {
+  LOOK_PAUSE_US = 30000,  // after the end of a listed program
+  LOOKS_MAX = 10,         // for it, of which each could not be finished
+};
 
 namespace {
 
@@ -40,42 +57,222 @@ static_assert([] {  // rows in the enumeration's order, none missing, none extra
   return std::size(occasions) == TOV_REVIVE_NUM;
 }());
 
+static const occasion_s &occasion_of(const tov_pid_t &record) {
+  return occasions[record.start.occasion];
+}
+
+// ---- what is said -------------------------------------------------------------------------------
+
+static tov_restart_news_t news_of(const tov_pid_t &record, const tov_task_name_s &name) {
+  return {name.text, record.action == SHELL_RESTART, record.pid,
+          static_cast<unsigned int>(record.exit_signal)};
+}
+
 // Says what will be done. Returns false when it cannot be journalled: it is not done then.
-static bool say_before(const tov_chains_guard_t &held, const occasion_s &occasion,
-                       const tov_restart_news_t &news) {
-  if (occasion.before == nullptr) return true;
+static bool say_before(const tov_chains_guard_t &held, tov_pid_t *record) {
+  const occasion_s &row = occasion_of(*record);
+  if (row.before == nullptr) return true;
   held.shows(tov_chains);
-  if (occasion.obeys_markers && del_dev_mon_log() == 0) return true;
-  occasion.before(news);
-  return !occasion.obeys_markers || debug_log() != 0 || tov_journal_before(news) >= 0;
-}
-
-static void say_after(const tov_chains_guard_t &held, const occasion_s &occasion,
-                      const tov_restart_news_t &news) {
-  if (occasion.after == nullptr) return;
-  held.shows(tov_chains);
+  tov_start_t *start = tov_record_start(held, record);
   // The marker stands for one restart that is not announced.
-  if (occasion.obeys_markers && del_dev_mon_restart() == 0) return;
-  occasion.after(news);
-  if (occasion.obeys_markers && debug_log() == 0) (void)tov_journal_after(news);
+  start->silent = row.obeys_markers && del_dev_mon_log() == 0 ? 1 : 0;
+  if (start->silent != 0) return true;
+  const tov_task_name_s name(*record);
+  const tov_restart_news_t news = news_of(*record, name);
+  row.before(news);
+  if (!row.obeys_markers || debug_log() != 0) return true;
+  start->slot = tov_journal_before(news);
+  return start->slot >= 0;
 }
 
-pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
-  const occasion_s &row = occasions[occasion];
-  if (row.waits && record->restart_time > 0) safe_sleep(record->restart_time);
+//   start  as it was when the restart ended
+static void say_after(const tov_chains_guard_t &held, const tov_pid_t &record,
+                      const tov_start_t &start, tov_restart_news_t news) {
+  const occasion_s &row = occasions[start.occasion];
+  if (row.after == nullptr) return;
+  held.shows(tov_chains);
+  if (start.silent != 0) {
+    (void)del_dev_mon_restart();
+    return;
+  }
+  news.count = record.count;
+  news.new_pid = record.pid;
+  row.after(news);
+  if (start.slot > 0) (void)tov_journal_after(news, start.slot);
+}
 
+bool tov_revive_is_wanted(const tov_pid_t &record) {
+  return tov_record_is_restarted(record) ||
+         (tov_record_is_starting(record) && record.start.occasion == TOV_REVIVE_AT_REBUILD);
+}
+
+// ---- steps --------------------------------------------------------------------------------------
+
+// Until then no start is tried: a fork has failed. Microseconds, 0: forks are not known to fail.
+static int64_t forks_fail_until_us TOV_GUARDED_BY(tov_chains) = 0;
+
+// The restart is over.
+//   result   the process to supervise, below 1: none
+//   new_pid  what the record gets as its id
+static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result, pid_t new_pid) {
+  const tov_start_t start = record->start;
+  tov_record_end_wait(held, record);
+  if (result < 1 && !occasions[start.occasion].any_result_goes) return;
   const tov_task_name_s name(*record);
-  tov_restart_news_t news{name.text, record->action == SHELL_RESTART, record->pid,
-                          static_cast<unsigned int>(record->exit_signal)};
-  if (!say_before(held, row, news)) return -1;
-
-  pid_t new_pid = -1;
-  const pid_t result = tov_proc_restart(held, record, &new_pid);
-  if (result < 1 && !row.any_result_goes) return result;
+  const tov_restart_news_t news = news_of(*record, name);
   // Before anything is said: the child inherited the daemon's exemption from the low-memory killer.
   tov_record_renew(held, record, new_pid);
-  news.count = record->count;
-  news.new_pid = new_pid;
-  say_after(held, row, news);
-  return result;
+  say_after(held, *record, start, news);
+  if (start.occasion == TOV_REVIVE_AT_REBUILD) {
+    TOV_DBG("pid (%d) %s ret = %d\n", new_pid, news.by_script ? "shell restart" : "restart",
+            result);
+  }
+}
+
+static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
+  held.shows(tov_chains);
+  const int64_t now_us = tov_clock_us();
+  if (now_us < forks_fail_until_us)
+    return tov_record_wait(held, record, TOV_WAIT_FORK, forks_fail_until_us);
+
+  tov_start_t *start = tov_record_start(held, record);
+  start->forked = tov_proc_fork(held, *record, start->vsd_no);
+  if (start->forked > 0) forks_fail_until_us = 0;
+  // After a failed fork, too: another process may have started the program meanwhile.
+  if (tov_proc_is_listed(*record)) return tov_record_wait(held, record, TOV_WAIT_SEARCH, now_us);
+  if (start->forked > 0) {
+    return finish(held, record, tov_proc_tell_forked(*record, start->forked), start->forked);
+  }
+  tov_proc_fork_failed(*record, -start->forked);
+  forks_fail_until_us = now_us + TOV_FORK_PAUSE_S * US_PER_S;
+  tov_record_wait(held, record, TOV_WAIT_FORK, forks_fail_until_us);
+}
+
+// What is said and counted is so once, however long the start then takes.
+static void start_announced(const tov_chains_guard_t &held, tov_pid_t *record) {
+  tov_start_t *start = tov_record_start(held, record);
+  if (start->announced == 0) {
+    start->announced = 1;
+    if (!say_before(held, record) || !tov_burst_allows(held, record, tov_proc_how_of(*record)))
+      return tov_record_end_wait(held, record);
+  }
+  start_now(held, record);
+}
+
+// Records that wait are known by their wait; this one does from now on, and what is known of its
+// restart begins anew.
+static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
+  tov_start_t *start = tov_record_start(held, record);
+  if (start->wait != TOV_WAIT_NONE) return;
+  *start = {};
+  start->occasion = occasion;
+  start->vsd_no = find_app(record->pid);
+}
+
+// A listed program may go to the background by ending: what it left behind ends, too, before the
+// one that stays is there, and is not to be taken for it.
+void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
+  const int pause_us = tov_record_is_starting(*record) ? 0 : LOOK_PAUSE_US;
+  begin(held, record, TOV_REVIVE_AFTER_EXIT);
+  tov_record_wait(held, record, TOV_WAIT_LOOK, tov_clock_us() + pause_us);
+}
+
+void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
+  begin(held, record, occasion);
+  tov_start_t *start = tov_record_start(held, record);
+  start->looked = TOV_LOOKED_NOT_YET;  // what was seen now need not hold after a wait
+  if (std::exchange(start->waited, 1) == 0 && occasion_of(*record).waits &&
+      record->restart_time > 0)
+    return tov_record_wait(held, record, TOV_WAIT_TIME,
+                           tov_clock_us() + record->restart_time * US_PER_S);
+  start_announced(held, record);
+}
+
+// ---- what /proc said
+// ------------------------------------------------------------------------------
+
+void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]) {
+  if (record.start.wait == TOV_WAIT_SEARCH) return tov_proc_search_key(record, command);
+  (void)snprintf(command, sizeof command, "%s", record.process);
+  rtrim(command);
+}
+
+// A scan that something else's end spoiled has not said that the program does not run, and a second
+// copy of it would be started; but on a machine where something always ends it says no more.
+void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found) {
+  tov_start_t *start = tov_record_start(held, record);
+  start->scans++;
+  if (found > 0 || result >= 0 || start->scans >= LOOKS_MAX) {
+    start->looked = found > 0 ? TOV_LOOKED_RUNS : TOV_LOOKED_RUNS_NOT;
+    start->runs_as = found;
+    start->scans = 0;
+  }
+  tov_record_wait(held, record, TOV_WAIT_LOOK, tov_clock_us());
+}
+
+// What was heard of the process before its record had its id.
+static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
+  if (pid != start.forked) return;
+  if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
+  if (start.child_ended != 0)
+    heard->push_back({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(start.child_code)});
+}
+
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
+                         std::vector<tov_cnmsg_data_t> *heard) {
+  tov_start_t *start = tov_record_start(held, record);
+  if (found == 0 && start->scans < TOV_SEARCH_RETRIES) {
+    start->scans++;
+    return tov_record_wait(held, record, TOV_WAIT_SEARCH,
+                           tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
+  }
+  (void)tov_proc_tell_found(*record, start->forked, found);
+  tell_heard(*start, found, heard);
+  finish(held, record, found, found > 0 ? found : -1);
+}
+
+// ---- who speaks up during a search
+// ----------------------------------------------------------------
+
+bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
+  if (event.what != TOV_EVENT_EXEC && event.what != TOV_EVENT_EXIT) return false;
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_record_of_child(held, event.process_pid);
+  if (record == nullptr) return false;
+  tov_start_t *start = tov_record_start(held, record);
+  if (start->child_ended != 0) return false;  // a stranger that was given the child's id
+  if (event.what == TOV_EVENT_EXEC) {
+    start->child_executed = 1;
+  } else {
+    start->child_ended = 1;
+    start->child_code = static_cast<int>(event.exit_code);
+  }
+  return true;
+}
+
+static bool searches_for(const tov_pid_t &record, int vsd_id, const char *process) {
+  if (record.start.wait != TOV_WAIT_SEARCH || record.vsd_id != vsd_id) return false;
+  char command[TOV_PROCESS_SIZE];
+  tov_proc_search_key(record, command);
+  return strcmp(command, process) == 0;
+}
+
+// The child itself is asked for first: its command line may not be what is searched for, yet.
+static tov_pid_t *searching_for(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
+                                const char *process) {
+  held.shows(tov_chains);
+  if (tov_pid_t *record = tov_record_of_child(held, pid))
+    return record->start.child_ended == 0 ? record : nullptr;
+  for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
+    if (searches_for(record, vsd_id, process)) return &record;
+  }
+  return nullptr;
+}
+
+void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
+                          const char *process) {
+  tov_pid_t *record = searching_for(held, pid, vsd_id, process);
+  if (record == nullptr) return;
+  (void)tov_proc_tell_found(*record, record->start.forked, pid);
+  finish(held, record, pid, pid);
 }

@@ -2,14 +2,18 @@
 //
 // What differs between the occasions - who is told, which markers count, what follows from a start
 // that failed - stands in one row for each (revive.cpp).
-// Threads: those of core/policy/exit.h, main in the alarm's handler and, silently, at the rebuild.
+// Threads: the event handler, the sweep, the hand-back of deferred exits, the server's when a
+// process registers for which a restart searches, main in the alarm's handler and at the rebuild.
 #ifndef TOV_CORE_POLICY_REVIVE_H
 #define TOV_CORE_POLICY_REVIVE_H
 
 #include <sys/types.h>
 
+#include <vector>
+
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
+#include "include/tov_wire.h"
 
 enum tov_revive_e {
   TOV_REVIVE_AFTER_EXIT,        // the rules said so
@@ -18,14 +22,46 @@ enum tov_revive_e {
   TOV_REVIVE_NUM
 };
 
-// Starts the record's task and gives the record its new process.
-//   held    the guard of the registry
-//   record  its process is gone; file and id are still the dead one's
+// Begins the restart of the record's task, or goes on with the one that is under way. What has to
+// be waited for - its `restart_time`, forks that fail, the search for a listed program's process -
+// the record waits for (tov_record_wait()); the event handler asks the rules again when the time
+// has come. Nothing here sleeps.
+//   held      the guard of the registry
+//   record    its process is gone; file and id are still the dead one's
+//   occasion  counts at the beginning only
 // A start that the burst limit forbids suspends the record. One that fails leaves it with the dead
 // process's id and file - at a rebuild without either, since no later step would read that file.
-// Waits for the record's `restart_time`, and as long as forks fail.
-// Returns the result of the start as tov_proc_restart() does; -1 also when the start could not be
-// journalled, which operators asked for, and was not made.
-pid_t tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion);
+// One that cannot be journalled, which operators asked for, is not made.
+void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion);
+
+// Lets the record wait until it was looked whether its listed program runs again by itself.
+void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// Whether a new process is wanted: at a rebuild for whatever was registered, afterwards if the
+// action asks for one.
+bool tov_revive_is_wanted(const tov_pid_t &record);
+
+// The command line that a scan of /proc is to look for: that of the task in the look whether it
+// runs again, that of the started program in a search.
+void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]);
+
+// Hands the answer of one scan to a record that looked: the rules are asked again with it.
+//   result  of the scan, tov_scan_t::go_on(): one that could not be finished is made again
+//   found   the process, 0: none
+void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found);
+
+// The same for a record that searched.
+//   heard  gets what was heard of the process meanwhile, for the caller to handle after the lock
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
+                         std::vector<tov_cnmsg_data_t> *heard);
+
+// Keeps an event of a child for which its restart still searches, until the search has ended.
+// Returns false when it is none.
+bool tov_revive_keeps(const tov_cnmsg_data_t &event);
+
+// A process asks to be registered: if a restart searches for it, the search has ended.
+//   process  its command line
+void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
+                          const char *process);
 
 #endif  // TOV_CORE_POLICY_REVIVE_H

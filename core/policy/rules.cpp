@@ -31,6 +31,8 @@ static constexpr tov_exit_rule_t rules[] = {
      TOV_EXIT_DEFER, true},
     {"its action asks for nothing", [](tov_exit_case_t &asked) { return !asked.restarted(); },
      TOV_EXIT_LEAVE_DEAD, true},
+    {"it is not known whether the listed program runs again",
+     [](tov_exit_case_t &asked) { return asked.unknown_whether_it_runs(); }, TOV_EXIT_LOOK, true},
     {"the listed program runs again", [](tov_exit_case_t &asked) { return asked.runs_again(); },
      TOV_EXIT_HAND_OVER, true},
     {"otherwise", always, TOV_EXIT_RESTART, true},

@@ -19,6 +19,7 @@ enum tov_exit_act_e {
   TOV_EXIT_ACCEPT_STOP,     // stopped on purpose: the registration goes
   TOV_EXIT_DEFER,           // the registration file is still locked: parked until it is not
   TOV_EXIT_LEAVE_DEAD,      // nothing is asked for: the record stays, with its dead process
+  TOV_EXIT_LOOK,            // whether a listed program runs again by itself is looked for first
   TOV_EXIT_HAND_OVER,       // a listed program runs again: that process is registered instead
   TOV_EXIT_RESTART,         // the task is started again
   TOV_EXIT_ACT_NUM
@@ -48,10 +49,11 @@ class tov_exit_case_s {
   virtual bool lives() = 0;  // the process that was reported as ended
   virtual tov_twin_e twin() = 0;
   virtual bool suspended() = 0;
-  virtual bool stopped() = 0;     // by SIGTERM: it was asked to end
-  virtual bool locked() = 0;      // its registration file, and the exit is not forced
-  virtual bool restarted() = 0;   // the registered action asks for a new process
-  virtual bool runs_again() = 0;  // a listed program of which another process runs
+  virtual bool stopped() = 0;                  // by SIGTERM: it was asked to end
+  virtual bool locked() = 0;                   // its registration file, and the exit is not forced
+  virtual bool restarted() = 0;                // the registered action asks for a new process
+  virtual bool unknown_whether_it_runs() = 0;  // it is a listed program, not yet looked for
+  virtual bool runs_again() = 0;               // a listed program of which another process runs
   virtual void act(tov_exit_act_e act) = 0;
 
   // Told of each rule that was asked, before its act.

@@ -22,9 +22,10 @@ enum {
 
 static constexpr char function[] = "tov_proc_stat_check";
 
-// Tasks that wait for the self-check alarm are passed over: they have no process.
+// Tasks that wait for the self-check alarm, or are being restarted, are passed over: they have no
+// process.
 static void look_at(const tov_chains_guard_t &held, tov_pid_t &record) {
-  if (tov_record_is_suspended(record)) return;
+  if (tov_record_is_suspended(record) || tov_record_is_starting(record)) return;
   if (tov_check_process_alive(&record) == 0) {
     tov_record_clear_misses(held, &record);
     return;

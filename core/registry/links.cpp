@@ -36,6 +36,13 @@ void tov_list_init(tov_list_head_s *node) {
   *node = {node, node};
 }
 
+void tov_list_add(tov_list_head_s *node, tov_list_head_s *before) {
+  node->prev = before;
+  node->next = before->next;
+  before->next->prev = node;
+  before->next = node;
+}
+
 void tov_list_del(tov_list_head_s *node) {
   node->prev->next = node->next;
   node->next->prev = node->prev;

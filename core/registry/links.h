@@ -21,6 +21,9 @@ void tov_hlist_del(tov_hlist_node_s *node);
 // Points the node to itself: a list of one.
 void tov_list_init(tov_list_head_s *node);
 
+// Links a node behind another one.
+void tov_list_add(tov_list_head_s *node, tov_list_head_s *before);
+
 // Unlinks and poisons.
 void tov_list_del(tov_list_head_s *node);
 

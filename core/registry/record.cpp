@@ -5,6 +5,8 @@
 #include "core/registry/record.h"
 
 #include <assert.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/types.h>
 #include <time.h>
@@ -12,6 +14,7 @@
 #include "client/tov_pidfile.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/lowmem.h"
+#include "core/run/wake.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
@@ -29,6 +32,10 @@ bool tov_record_is_suspended(const tov_pid_t &record) {
   const bool waits = record.alarm_wait_flag != 0;
   assert(flagged == waits && "only tov_record_suspend() and tov_record_resume() write them");
   return flagged || waits;
+}
+
+bool tov_record_is_starting(const tov_pid_t &record) {
+  return record.start.wait != TOV_WAIT_NONE;
 }
 
 bool tov_record_is_restarted(const tov_pid_t &record) {
@@ -110,6 +117,96 @@ void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record) {
   record->alarm_wait_flag = 0;
   record->count = 0;
   record->tm = 0;
+}
+
+// ---- restarts under way -----------------------------------------------------------------------
+
+// Its first link leads to the earliest deadline.
+static tov_list_head_s waiting TOV_GUARDED_BY(tov_chains) = {&waiting, &waiting};
+
+static tov_pid_t *record_of(tov_list_head_s *link) {
+  return reinterpret_cast<tov_pid_t *>(reinterpret_cast<char *>(link) -
+                                       offsetof(tov_pid_t, start.link));
+}
+
+static void begin_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
+  static uint64_t last_number TOV_GUARDED_BY(tov_chains) = 0;
+  held.shows(tov_chains);
+  record->start.number = ++last_number;
+  record->stat_check_cnt = 0;  // they were counted for a process that is no more
+}
+
+void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us) {
+  held.shows(tov_chains);
+  if (tov_record_is_starting(*record)) {
+    tov_list_del(&record->start.link);
+  } else {
+    begin_wait(held, record);
+  }
+  record->start.wait = wait;
+  record->start.due_us = due_us;
+  // From the end: most waits end after those that have begun before them.
+  tov_list_head_s *earlier = waiting.prev;
+  while (earlier != &waiting && record_of(earlier)->start.due_us > due_us)
+    earlier = earlier->prev;
+  tov_list_add(&record->start.link, earlier);
+  if (earlier == &waiting) tov_wake();
+}
+
+tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record) {
+  held.shows(tov_chains);
+  return &record->start;
+}
+
+tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child) {
+  held.shows(tov_chains);
+  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
+    tov_pid_t *record = record_of(link);
+    if (child > 0 && record->start.forked == child) return record;
+  }
+  return nullptr;
+}
+
+tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number) {
+  held.shows(tov_chains);
+  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
+    if (record_of(link)->start.number == number) return record_of(link);
+  }
+  return nullptr;
+}
+
+tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && !tov_record_is_starting(record)) return &record;
+  }
+  return nullptr;
+}
+
+tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  tov_pid_t *oldest = nullptr;
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && !tov_record_is_starting(record)) oldest = &record;
+  }
+  return oldest;
+}
+
+void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
+  held.shows(tov_chains);
+  if (!tov_record_is_starting(*record)) return;
+  tov_list_del(&record->start.link);
+  record->start = {};
+}
+
+tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us) {
+  held.shows(tov_chains);
+  return tov_record_next_due_us(held) <= now_us ? record_of(waiting.next) : nullptr;
+}
+
+int64_t tov_record_next_due_us(const tov_chains_guard_t &held) {
+  held.shows(tov_chains);
+  return waiting.next == &waiting ? INT64_MAX : record_of(waiting.next)->start.due_us;
 }
 
 void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {

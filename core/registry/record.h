@@ -5,17 +5,23 @@
 //       │                   ├── no action, or no start ──► stays ended, and is swept
 //       │                   ├──forget──► gone    (stopped on purpose, a duplicate, withdrawn)
 //       │                   ├──count_start, the fifth in 120 s──suspend──► suspended
-//       │              count_start                                             │
+//       │                  wait                                                │
 //       │                   ▼                                                  │
-//       └──────renew─── starting ◄──count_start──resume──self-check alarm──────┘
+//       └──────renew─── starting ◄──────wait──resume──self-check alarm─────────┘
+//                         │  ▲
+//                         └wait: `restart_time`, a look, failed forks, a search
 //
-// A word on an arrow is the function that makes the move: tov_record_ended() and so on.
+// A word on an arrow is the function that makes the move: tov_record_ended() and so on. A start
+// that need not wait for anything goes through "starting" without a stop; one that is not made
+// leads back to "ended" (end_wait) or to "suspended".
 //
 //   state       how it shows                            what may be trusted
 //   registered  as nothing else                         pid; stat_check_cnt: missing sweeps
 //   ended       pid names no process (may be reused)    exit_signal, force_restart
 //   deferred    ended; a copy in tov_chains_delay       of the copy: pid, exit_signal,
 //               .                                       delay_tm, force_restart
+//   starting    tov_record_is_starting()                what "ended" has, and start: the deadline
+//               .                                       and what is known of the restart
 //   suspended   tov_record_is_suspended()               tm: since when
 //   any         .                                       count, first_tm, and tm but while
 //               .                                       suspended: the burst
@@ -29,6 +35,7 @@
 #ifndef TOV_CORE_REGISTRY_RECORD_H
 #define TOV_CORE_REGISTRY_RECORD_H
 
+#include <stdint.h>
 #include <time.h>
 
 #include "core/registry/tov_chain.h"
@@ -42,6 +49,10 @@ bool tov_record_is_suspended(const tov_pid_t &record);
 
 // Whether its action asks for a new process when the old one has ended.
 bool tov_record_is_restarted(const tov_pid_t &record);
+
+// Whether a restart of its task is under way and waits (TOV_WAIT_*). It has no process then, its id
+// is still the dead one's, and neither exits nor sweeps concern it.
+bool tov_record_is_starting(const tov_pid_t &record);
 
 // A burst of starts: what a record's fields hold of it.
 struct tov_burst_s {
@@ -85,6 +96,46 @@ void tov_record_clear_self_checks(const tov_chains_guard_t &held, tov_pid_t *rec
 
 // Ends the suspension; the next start begins a burst.
 void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// ---- restarts under way -----------------------------------------------------------------------
+//
+// What waits is the record, never a thread: it stands in the order of deadlines, and the event
+// handler goes on with it when its time has come (core/policy/revive). Removing a record ends its
+// wait.
+
+// The restart of the task waits for `wait` until `due_us`. Called again it waits anew; what is
+// known of the restart (tov_start_t) stays. Wakes the event handler when that is the first
+// deadline.
+//   wait    TOV_WAIT_*, not TOV_WAIT_NONE
+//   due_us  tov_clock_us()
+void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us);
+
+// What is known of the restart under way: for core/policy/revive, which alone writes there, but for
+// the wait and its deadline.
+tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// The record whose restart has made this child and does not know yet whether it is the process to
+// supervise; or null.
+tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child);
+
+// The record whose restart has this number (tov_start_t), or null: it is over, or the record is
+// gone.
+tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number);
+
+// The newest, and the oldest, record of the process `pid`, or null. A record whose restart is under
+// way is none: its id is that of a dead process, and may have been given out again.
+tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid);
+tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid);
+
+// No restart is under way any more; what was known of it is forgotten.
+void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// The record whose deadline came first, if it has come by `now_us`, or null.
+tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us);
+
+// The first deadline; INT64_MAX when no record waits. A record that was removed may leave an
+// earlier one until tov_record_due() is next asked.
+int64_t tov_record_next_due_us(const tov_chains_guard_t &held);
 
 // The task has a new process: the registration file of the old one goes (its name holds the old
 // id), the record is found under the new id, misses and force do not pass on to the successor, and

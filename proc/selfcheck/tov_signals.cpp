@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "core/policy/revive.h"
+#include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -78,7 +79,7 @@ static void end_suspension(const tov_chains_guard_t &held, tov_pid_t *record,
                            const self_check_s &check) {
   count_self_check(held, record, check);
   tov_record_resume(held, record);
-  (void)tov_revive(held, record, TOV_REVIVE_AFTER_SUSPENSION);
+  tov_revive(held, record, TOV_REVIVE_AFTER_SUSPENSION);
 }
 
 static void check_task(const tov_chains_guard_t &held, tov_pid_t *record, self_check_s *check) {
@@ -104,6 +105,7 @@ void tov_alrm_handler(int) {
     for (tov_pid_t &record : tov_chain_records(&tov_chains))
       check_task(held, &record, &check);
   }
+  tov_waits_finish();
   if (check.next == 0) return;
   // For the latest deadline: tasks whose own comes earlier are started together with the last.
   const time_t delay = std::max<time_t>(check.next - check.now, 1);

@@ -56,16 +56,16 @@ class TovSpawnFailure : public TovSpawn {};
 class TovSpawnThirdPart : public TovSpawn {};
 class TovSpawnDevice : public TovSpawn {};
 class TovShellSpawn : public TovSpawn {};
-class TovProcRestart : public TovSpawn {};
+class TovProcFork : public TovSpawn {};
 
 void refuse_forks() {
   refuse({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN);
 }
 
-// A start under the registry's lock.
-pid_t restart(tov_pid_t *record, pid_t *res) {
+// The first step of a start.
+pid_t fork_task(tov_pid_t *record) {
   const tov_chains_guard_t held(tov_chains);
-  return tov_proc_restart(held, record, res);
+  return tov_proc_fork(held, *record, 0);
 }
 
 }  // namespace
@@ -355,22 +355,22 @@ TEST_F(TovShellSpawn, DaemonOfAScriptIsFollowed) {
 
 // ---- by the record's action -----------------------------------------------------------------
 
-TEST_F(TovProcRestart, ScriptForOneActionCommandLineForAllOthers) {
+TEST_F(TovProcFork, ScriptForOneActionCommandLineForAllOthers) {
   const Program program("chosen");
   const TemporaryFile script("/etc/cmdmap/" + program.name + ".sh", script_of(program));
-  EXPECT_GT(restart(add(GONE, program.path, SHELL_RESTART), &res_), 0);
+  EXPECT_GT(fork_task(add(GONE, program.path, SHELL_RESTART)), 0);
   EXPECT_EQ(program.birth(1).argv, program.path + " /etc/cmdmap/" + program.name + ".sh start");
-  EXPECT_GT(restart(add(GONE, program.path, RESPAWN), &res_), 0);
+  EXPECT_GT(fork_task(add(GONE, program.path, RESPAWN)), 0);
   EXPECT_EQ(program.birth(2).argv, program.path);
-  EXPECT_GT(restart(add(GONE, program.path, NORMAL_EXIT), &res_), 0);
+  EXPECT_GT(fork_task(add(GONE, program.path, NORMAL_EXIT)), 0);
   EXPECT_EQ(program.birth(3).argv, program.path);
 }
 
-TEST_F(TovProcRestart, ChildThatCannotGoToTheRootNeverComesBack) {
+TEST_F(TovProcFork, ChildThatCannotGoToTheRootNeverComesBack) {
   tov_test::in_child([this] {
     refuse({SYS_chdir}, EIO);
     const pid_t self = getpid();
-    const pid_t result = restart(add(GONE, "/bin/true"), &res_);
+    const pid_t result = fork_task(add(GONE, "/bin/true"));
     if (getpid() != self) _exit(43);
     EXPECT_EQ(status_of(result), 1);
   });

@@ -5,9 +5,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stddef.h>
+#include <stdint.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -200,18 +201,18 @@ TEST_F(TovHandleExit, ScriptIsRunAndAnnouncedAsOne) {
                           StartsWith("%HA-5-HA_SCRIPT_SELF_CHECK_INFO: Self-checking ")));
 }
 
-TEST_F(TovHandleExit, RestartWaitsAsLongAsTheRecordSays) {
+TEST_F(TovHandleExit, RestartWaitsAsLongAsTheRecordSaysAndTheRegistryIsFree) {
   const Program program("waiting");
-  add(GONE, program.path)->restart_time = 3;
-  tov_test::note_sleeps(false);
-  std::vector<bool> runs;
-  tov_test::fake_sleep.meanwhile = [&] { runs.push_back(!program.births().empty()); };
-  tov_handle_netlink_exit(GONE, KILLED, 0);
-  program.birth();
-  const auto &slept_us = tov_test::fake_sleep.slept_us;
-  const auto wait = std::find(slept_us.begin(), slept_us.end(), 3'000'000);
-  ASSERT_NE(wait, slept_us.end());
-  EXPECT_FALSE(runs[static_cast<size_t>(wait - slept_us.begin())]);
+  add(GONE, program.path)->restart_time = 1;
+  const int64_t begun = tov_test::monotonic_ns();
+  auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
+  EXPECT_TRUE(
+      tov_test::wait_until([] { return record_of(tov_chains, GONE).start.wait == TOV_WAIT_TIME; },
+                           tov_test::PATIENT_MS));
+  EXPECT_TRUE(program.births().empty());
+  handled.wait();
+  EXPECT_GE(tov_test::monotonic_ns() - begun, int64_t{1'000} * 1'000'000);
+  EXPECT_NE(find(program.birth().pid), nullptr);
 }
 
 TEST_F(TovHandleExit, NewProcessIsOrdinaryForTheLowMemoryKiller) {

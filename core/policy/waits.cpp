@@ -1,0 +1,133 @@
+// One scan of /proc serves every record that looks or searches when it begins; those that come
+// later wait for the next. What a record asked is known by the number of its restart, since the
+// record may be gone, or start anew, before the answer is there.
+//
+// Tested by: tests/unit/core/policy/waits_test.cpp, tests/device/waits_test.cpp
+#include "core/policy/waits.h"
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "core/policy/exit.h"
+#include "core/policy/revive.h"
+#include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "core/run/flags.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "proc/burst.h"
+#include "proc/find.h"
+#include "util/clock.h"
+#include "util/tov_sys.h"
+
+static constexpr int64_t NEVER_US = INT64_MAX;
+
+enum {
+  PORTION = 64,     // processes between two looks at the ring, some hundred microseconds
+  NAP_US = 100000,  // at once, of whoever finishes what waits itself
+};
+
+// ---- the scan -----------------------------------------------------------------------------------
+
+static bool asks_proc(const tov_pid_t &record) {
+  return record.start.wait == TOV_WAIT_SEARCH ||
+         (record.start.wait == TOV_WAIT_LOOK && record.start.looked == TOV_LOOKED_NOT_YET);
+}
+
+// Its next deadline comes with the answer.
+void tov_waits_s::put_off(const tov_chains_guard_t &held, tov_pid_t *record) {
+  tov_record_wait(held, record, record->start.wait, NEVER_US);
+  asking_.push_back(record->start.number);
+}
+
+void tov_waits_s::begin_scan() {
+  if (asking_.empty()) return;
+  scan_.emplace();
+  answered_.clear();
+  const tov_chains_guard_t held(tov_chains);
+  for (const uint64_t number : std::exchange(asking_, {})) {
+    const tov_pid_t *record = tov_record_of_start(held, number);
+    if (record == nullptr) continue;
+    char command[TOV_PROCESS_SIZE];
+    tov_revive_scan_key(*record, command);
+    scan_->look_for(command);
+    answered_.push_back(number);
+  }
+}
+
+void tov_waits_s::end_scan(int result, step_s *step) {
+  for (size_t i = 0; i < answered_.size(); i++) {
+    const tov_chains_guard_t held(tov_chains);
+    tov_pid_t *record = tov_record_of_start(held, answered_[i]);
+    if (record == nullptr) continue;
+    const pid_t found = scan_->found(i);
+    if (record->start.wait == TOV_WAIT_LOOK) {
+      tov_revive_looked(held, record, result, found);
+    } else {
+      tov_revive_searched(held, record, found, &step->heard);
+    }
+  }
+  scan_.reset();
+}
+
+void tov_waits_s::read_portion(step_s *step) {
+  if (!scan_) begin_scan();
+  if (!scan_) return;
+  if (const std::optional<int> result = scan_->go_on(PORTION)) end_scan(*result, step);
+}
+
+// ---- steps --------------------------------------------------------------------------------------
+
+// Returns what is to be registered when the lock is gone.
+tov_registration_t tov_waits_s::handle_due(step_s *step) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_registration_t later;
+  if (tov_pid_t *record = tov_record_due(held, tov_clock_us())) {
+    step->handled = true;
+    if (asks_proc(*record)) {
+      put_off(held, record);
+    } else {
+      later = tov_exit_go_on(held, record);
+    }
+  }
+  step->next_us = scan_ || !asking_.empty() ? 0 : tov_record_next_due_us(held);
+  return later;
+}
+
+tov_waits_s::step_s tov_waits_s::go_on() {
+  step_s step;
+  read_portion(&step);
+  tov_register_found(handle_due(&step));
+  return step;
+}
+
+// ---- who makes them
+// -------------------------------------------------------------------------------
+
+static int left_to_handler = 0;  // relaxed: set before the threads that could hurry
+
+void tov_waits_leave_to_handler(bool left) {
+  tov_flag_set(left_to_handler, left ? 1 : 0);
+}
+
+static void nap_until(int64_t due_us) {
+  const int64_t left_us = due_us - tov_clock_us();
+  if (left_us > 0) tov_sys_usleep(static_cast<useconds_t>(std::min<int64_t>(left_us, NAP_US)));
+}
+
+void tov_waits_finish(void) {
+  if (tov_flag_get(left_to_handler) != 0) return;
+  tov_waits_t waits;
+  for (int64_t next_us = 0; next_us != NEVER_US && !tov_flag_get(quit);) {
+    nap_until(next_us);
+    next_us = waits.go_on().next_us;
+  }
+  tov_ask_for_noted_reload();
+}
