@@ -200,6 +200,17 @@ int tov_db_create(int vsd_id, int pid, int action, const char *cmdline) {
   return 0;
 }
 
+int tov_db_keep(const tov_pid_s *record) {
+  char path[FILE_NAME_SIZE];
+  tov_get_db_file_name(record->vsd_id, record->pid, record->process, path, sizeof path);
+  const tov_fd_t fd(tov_open_regular(path, O_WRONLY | O_CREAT | O_EXCL, MODE_EVERYBODY));
+  if (fd.n < 0) return errno == EEXIST ? 0 : -1;
+  content_s content;
+  make_content(content, record->pid, record->action, record->process);
+  write_content(fd.n, content);
+  return 0;
+}
+
 void save_vsd_flag(int vsd_id, int pid) {
   if (vsd_id == 0) return;
   char path[FILE_NAME_SIZE];

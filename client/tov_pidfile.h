@@ -45,6 +45,13 @@ void save_vsd_flag(int vsd_id, int pid);
 // Returns 0, or -1 with errno set.
 int tov_db_destroy(const tov_pid_s *record);
 
+// Writes the registration file of a record that has none, on behalf of a task that has no process
+// which could, or one that does not register by itself: without lock, and without keeping it open,
+// so that the process's own registration replaces it.
+// Returns 0, also when there is a file; -1 with errno set when it cannot be made (the directory is
+// gone with its device).
+int tov_db_keep(const tov_pid_s *record);
+
 // Whether this process wrote the registration file of that name and still holds it. False for a
 // file of anybody else's.
 bool tov_db_is_own(int vsd_id, int pid, const char *cmdline);

@@ -108,6 +108,7 @@ typedef struct tov_start_s {
   int announced;               /* 1: what is said before a restart has been said */
   int silent;                  /* 1: the marker asked for no announcement */
   int slot;                    /* of its lines in the journal, 0: none */
+  int listed;                  /* 1: the process to supervise is searched for */
   pid_t forked;                /* the child; below 1: none */
   int looked;                  /* TOV_LOOKED_*: what the look said */
   pid_t runs_as;               /* the process that it found */
@@ -148,6 +149,7 @@ typedef struct tov_pid_s {
   time_t delay_tm;                  /* when the record entered `tov_chains_delay` */
   time_t first_tm;                  /* first restart of the burst; outlasts a suspension */
   int stat_check_cnt;               /* sweeps in a row that did not find the process */
+  unsigned int claim;               /* file that its process removes first, proc/claim.h; 0: none */
   tov_start_t start;                /* the restart under way, if there is one */
 } tov_pid_t;
 

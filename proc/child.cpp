@@ -14,6 +14,7 @@
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "proc/claim.h"
 #include "proc/files.h"
 #include "util/priority.h"
 #include "vsd/entry.h"
@@ -34,6 +35,11 @@ tov_words_s::tov_words_s(const char *command) : text{}, word{} {
     if (*at == '\0') return;
     *at++ = '\0';
   }
+}
+
+static int use_claim(tov_proc_plan_t *plan) {
+  if (!tov_claim_use(plan->claim)) _exit(0);
+  return 0;
 }
 
 static int close_standard_streams(tov_proc_plan_t *) {
@@ -118,9 +124,10 @@ static int flush_low_memory_killer(tov_proc_plan_t *) {
 
 // From top to bottom; the last step does not return.
 static constexpr int (*child_steps[])(tov_proc_plan_t *) = {
-    close_standard_streams, reset_signals,           leave_session,
-    reset_priority,         attach_console,          enter_place,
-    clear_fork_record,      flush_low_memory_killer, execute,
+    use_claim,     close_standard_streams, reset_signals,
+    leave_session, reset_priority,         attach_console,
+    enter_place,   clear_fork_record,      flush_low_memory_killer,
+    execute,
 };
 
 int tov_proc_child_run(tov_proc_plan_t *plan) {

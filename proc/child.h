@@ -9,6 +9,7 @@
 
 #include "include/tov_registry.h"
 #include "log/tov_log.h"
+#include "proc/claim.h"
 #include "proc/how.h"
 #include "vsd/entry.h"
 
@@ -29,13 +30,15 @@ struct tov_proc_plan_s {
   const tov_proc_how_t *how = nullptr;
   const char *file = nullptr;  // searched along PATH
   char *const *argv = nullptr;
+  tov_claim_t claim;       // used before anything else
   bool in_device = false;  // enter `env`'s virtual device, otherwise go to "/"
   tov_proc_env_t env;
   tov_log_child_line_t exec_failed = {};
 };
 using tov_proc_plan_t = tov_proc_plan_s;
 
-// Sets the child up and executes the program. Returns only when the child could not change to "/"
+// Sets the child up and executes the program; ends it with status 0 when another daemon has claimed
+// the start. Returns only when the child could not change to "/"
 // (-1): the caller must then leave with _exit(). A failed exec ends the child with status 1.
 int tov_proc_child_run(tov_proc_plan_t *plan);
 

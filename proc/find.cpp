@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "util/entries.h"
@@ -38,10 +39,11 @@ static int look_at_all() {
   return 0;
 }
 
-void tov_scan_s::look_for(const char *command) {
+void tov_scan_s::look_for(const char *command, accepts_t accepts) {
   wanted_s &wanted = wanted_.emplace_back();
   (void)snprintf(wanted.command, sizeof wanted.command, "%s", command);
   rtrim(wanted.command);
+  wanted.accepts = std::move(accepts);
   missing_++;
 }
 
@@ -52,6 +54,7 @@ void tov_scan_s::read_command(const char *name) {
   rtrim(command);
   for (wanted_s &wanted : wanted_) {
     if (wanted.pid != 0 || strcmp(command, wanted.command) != 0) continue;
+    if (wanted.accepts && !wanted.accepts(candidate)) continue;
     wanted.pid = candidate;
     missing_--;
   }

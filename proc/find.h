@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -20,8 +21,12 @@ class tov_scan_s {
  public:
   enum { ALL = -1 };  // as a portion: the rest of the scan
 
+  // Which processes count.
+  using accepts_t = std::function<bool(pid_t)>;
+
   // Adds `command`, of which trailing blanks and tabs do not count. Before the first portion.
-  void look_for(const char *command);
+  //   accepts  asked about each process of that command line; empty: all count
+  void look_for(const char *command, accepts_t accepts = {});
 
   // Reads the command lines of at most `portion` further processes.
   // Returns nothing while there are more; then 1 when every command line has its process, 0 when
@@ -38,6 +43,7 @@ class tov_scan_s {
   struct wanted_s {
     char command[COMMAND_SIZE] = {};
     pid_t pid = 0;
+    accepts_t accepts = {};
   };
 
   void read_command(const char *name);

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -16,6 +17,7 @@
 #include "log/tov_log.h"
 #include "proc/burst.h"
 #include "proc/child.h"
+#include "proc/claim.h"
 #include "proc/files.h"
 #include "proc/find.h"
 #include "proc/how.h"
@@ -176,15 +178,21 @@ void tov_proc_fork_failed(const tov_pid_t &record, int error) {
   tell_fork_failed(tov_proc_how_of(record), error);
 }
 
-pid_t tov_proc_fork(const tov_chains_guard_t &held, const tov_pid_t &record, int vsd_no) {
-  held.shows(tov_chains);
-  start_s start(record, tov_proc_how_of(record), vsd_no);
+pid_t tov_proc_fork(const tov_chains_guard_t &held, tov_pid_t *record, int vsd_no, bool stays) {
+  start_s start(*record, tov_proc_how_of(*record), vsd_no);
+  start.plan.claim = tov_claim_take(held, *record, stays);
   const pid_t forked = fork_child(&start);
   // A second daemon with our sockets and another thread's mutex if it went on.
   if (forked == 0) _exit(1);
+  if (forked < 0) {
+    tov_claim_give_back(*record, start.plan.claim, stays);
+  } else {
+    tov_record_claim(held, record, start.plan.claim.number);
+  }
   return forked;
 }
-// ---- starts that wait -------------------------------------------------------------------------
+
+// ---- starts that block ------------------------------------------------------------------------
 
 // A listed program may have forked itself away: the process to supervise is then the one that runs
 // its command line, wherever it came from. After a failed fork the search is made all the same,

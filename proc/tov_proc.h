@@ -56,11 +56,13 @@ enum {
 // action.
 const tov_proc_how_t &tov_proc_how_of(const tov_pid_t &record);
 
-// Forks the child that will execute the record's task, and notes it in its virtual device.
+// Forks the child that will execute the record's task, and notes it in its virtual device. The
+// child claims the start (proc/claim).
 //   held    the guard of `tov_chains`
 //   vsd_no  the dead process's device, find_app()
+//   stays   the registration file stays in its place
 // Returns the child's id, or -errno of the fork. The child does not return.
-pid_t tov_proc_fork(const tov_chains_guard_t &held, const tov_pid_t &record, int vsd_no);
+pid_t tov_proc_fork(const tov_chains_guard_t &held, tov_pid_t *record, int vsd_no, bool stays);
 
 // Tells of a failed fork, of which operators' tools know both lines: the fork file, which the
 // watcher counts, and the log.

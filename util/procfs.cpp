@@ -171,23 +171,42 @@ static bool looks_alive(const char *path) {
   return state != nullptr && !is_end(*state);
 }
 
-// How many threads a process has left, from its stat file's text at the state letter; -1 when the
-// text has no such field.
-static long threads_left(const char *state) {
-  static constexpr int FIELDS_BEFORE = 17;  // from the state, the 3rd, to the 20th
+// A numeric field of a stat file, from the text at the state letter, which is field 3; -1 when the
+// text has no such field. (All that are asked for are above 0.)
+static long long stat_field(const char *state, int number) {
+  static constexpr int STATE_NUMBER = 3;
   const char *field = state;
-  for (int i = 0; i < FIELDS_BEFORE; i++) {
+  for (int i = STATE_NUMBER; i < number; i++) {
     field = strchr(field, ' ');
     if (field == nullptr) return -1;
     field++;
   }
   if (!isdigit(static_cast<unsigned char>(*field))) return -1;
   char *end = nullptr;
-  const long threads = strtol(field, &end, 10);
-  return *end == ' ' ? threads : -1;
+  const long long value = strtoll(field, &end, 10);
+  return *end == ' ' ? value : -1;
+}
+
+bool tov_process_origin(pid_t pid, tov_origin_t *origin) {
+  static constexpr int SESSION = 6;
+  static constexpr int START_TIME = 22;
+  static constexpr int64_t US_PER_S = 1000000;
+  char path[STATUS_PATH_SIZE];
+  char stat[STAT_SIZE];
+  snprintf(path, sizeof path, "/proc/%d/stat", pid);
+  if (tov_read_to_buf(path, stat, sizeof stat) < 0) return false;
+  const char *state = state_in(stat);
+  if (state == nullptr) return false;
+  const long long session = stat_field(state, SESSION);
+  const long long ticks = stat_field(state, START_TIME);
+  if (session < 0 || ticks < 0) return false;
+  origin->session = static_cast<pid_t>(session);
+  origin->born_us = ticks * (US_PER_S / sysconf(_SC_CLK_TCK));
+  return true;
 }
 
 static look_e look_at(const char *path) {
+  static constexpr int THREADS = 20;
   char stat[STAT_SIZE];
   if (tov_read_to_buf(path, stat, sizeof stat) < 0) {
     return errno == ENOENT || errno == ESRCH ? LOOK_NOBODY : LOOK_UNCLEAR;
@@ -196,7 +215,7 @@ static look_e look_at(const char *path) {
   if (state == nullptr || *state == '\0') return LOOK_UNCLEAR;
   if (!is_end(*state)) return LOOK_LIVES;
   // The kernel counts a zombie itself until it is released, and prints 0 from then on.
-  switch (threads_left(state)) {
+  switch (stat_field(state, THREADS)) {
     case 1:
       return LOOK_ENDED;
     case 0:

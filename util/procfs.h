@@ -71,6 +71,16 @@ tov_process_state_e tov_process_state(pid_t pid);
 inline constexpr int TOV_LIFE_LOOKS = 3;
 inline constexpr useconds_t TOV_LIFE_PAUSE_US = 10000;
 
+// Where a process comes from.
+struct tov_origin_s {
+  pid_t session = -1;   // id of its session; its own id: it leads it
+  int64_t born_us = 0;  // CLOCK_BOOTTIME at its start, to a clock tick (10 ms)
+};
+using tov_origin_t = tov_origin_s;
+
+// Reads it from /proc/PID/stat. Returns false when it cannot be read.
+bool tov_process_origin(pid_t pid, tov_origin_t *origin);
+
 // Tells whether a process lives: 0 when it does, -1 otherwise. Zombies are dead, and so is a
 // process whose first thread has ended while others still run.
 // Says 0 after one reading. Before it says -1 it reads three times and sleeps 10 ms after each,

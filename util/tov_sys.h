@@ -186,6 +186,16 @@ inline int tov_sys_unlink(const char *path) {
   return unlink(path);
 }
 
+// link(2).
+inline int tov_sys_link(const char *from, const char *to) {
+  return link(from, to);
+}
+
+// rename(2).
+inline int tov_sys_rename(const char *from, const char *to) {
+  return rename(from, to);
+}
+
 // rmdir(2).
 inline int tov_sys_rmdir(const char *path) {
   return rmdir(path);

@@ -24,6 +24,7 @@
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "proc/claim.h"
 #include "proc/tov_proc.h"
 #include "util/entries.h"
 #include "util/list_file.h"
@@ -118,6 +119,7 @@ void exit_case_s::drop() {
 
 void exit_case_s::note() {
   if (verdict_ == ACCEPTED) return;
+  tov_claim_drop(*record_);
   tov_del_node_chain_safe(record_, &tov_alive_chains);
   tov_record_ended(held_, record_, exit_code_, force_);
 }

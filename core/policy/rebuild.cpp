@@ -1,35 +1,64 @@
-// Device by device, file by file: a record is inserted as soon as its file is read, and one whose
-// process is dead is decided about before the next file. The lock is held for one file at a time.
+// The files first, device by device, each record inserted as soon as its file is read; then what is
+// to be done about the dead processes, since whether a living one has taken a dead one's place
+// depends on who else is registered.
 #include "core/policy/rebuild.h"
 
+#include <errno.h>
 #include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
 
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
+#include "proc/claim.h"
+#include "proc/find.h"
 #include "util/entries.h"
 #include "util/procfs.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
+#include "vsd/member.h"
 #include "vsd/path.h"
 
 enum {
   DEVICE_FIRST = 0,
   DEVICE_LAST = 15,
   PATH_SIZE = 64 + NAME_MAX,
+  PROC_PATH_SIZE = 32,
+  SCANS_MAX = 10,
+  TICK_US = 10000,  // of the kernel's start times
 };
 
+namespace {
+
+// A registered process that is dead.
+struct dead_s {
+  tov_pid_t *record;
+  int64_t written_us;  // CLOCK_BOOTTIME when its file was written
+};
+
+}  // namespace
+
+// ---- the files
+// ------------------------------------------------------------------------------------
+
 // A record from one registration file, or null.
-static tov_pid_t *read_record(int vsd_id, const char *dir, const char *entry) {
-  char path[PATH_SIZE];
-  (void)snprintf(path, sizeof path, "%s/%s", dir, entry);
+static tov_pid_t *read_record(int vsd_id, const char *path, const char *entry) {
   tov_pid_t *record = tov_chain_new_record();
   if (tov_read_pidfile(path, record) < 0) {
     TOV_DBG("tov_read_pidfile %s fail\n", entry);
@@ -42,6 +71,104 @@ static tov_pid_t *read_record(int vsd_id, const char *dir, const char *entry) {
   return record;
 }
 
+static bool is_known(const tov_chains_guard_t &held, const tov_pid_t &record) {
+  held.shows(tov_chains);
+  for (const tov_pid_t &other : tov_chain_bucket(&tov_chains, pidhash(record.pid))) {
+    if (other.pid == record.pid && other.vsd_id == record.vsd_id &&
+        strcmp(other.process, record.process) == 0)
+      return true;
+  }
+  return false;
+}
+
+// Whether the file says what is to be done. That of a start which the last daemon began does not if
+// its child has come as far as to use it, or if the registration stands in a file of its own.
+static bool counts(const char *path, const char *entry, const tov_pid_t &record) {
+  if (!tov_claim_is_name(entry)) return true;
+  if (!tov_claim_settle(path, record)) return false;
+  const tov_chains_guard_t held(tov_chains);
+  return !is_known(held, record);
+}
+
+static int64_t us_of(const timespec &time) {
+  constexpr int64_t us_per_s = 1000000, ns_per_us = 1000;
+  return time.tv_sec * us_per_s + time.tv_nsec / ns_per_us;
+}
+
+static int64_t clock_us(clockid_t clock) {
+  timespec now{};
+  (void)tov_sys_clock_gettime(clock, &now);
+  return us_of(now);
+}
+
+// A file has the wall clock's time; that clock being set in between makes a successor look older or
+// younger than it is, which nothing here can see.
+static int64_t written_us(const char *path) {
+  struct stat status {};
+  if (tov_sys_lstat(path, &status) < 0) return INT64_MAX;
+  return us_of(status.st_mtim) - (clock_us(CLOCK_REALTIME) - clock_us(CLOCK_BOOTTIME));
+}
+
+static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
+  const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
+  tov_entries_t files(dir.text);
+  for (const std::string &name : files.rest()) {
+    char path[PATH_SIZE];
+    (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
+    const int64_t written = written_us(path);
+    tov_pid_t *record = read_record(vsd_id, path, name.c_str());
+    if (record == nullptr) continue;
+    if (!counts(path, name.c_str(), *record)) {
+      free(record);
+      continue;
+    }
+    const tov_chains_guard_t held(*chains);
+    tov_chain_insert(chains, record);
+    if (!tov_process_lives(record->pid)) dead->push_back({record, written});
+  }
+}
+
+// ---- successors
+// -----------------------------------------------------------------------------------
+
+// Whether a process of a dead one's command line is what the last daemon started in its place, and
+// not a program that somebody runs by hand.
+static bool succeeds(pid_t pid, const dead_s &dead) {
+  const tov_chains_guard_t held(tov_chains);
+  struct stat status {};
+  char path[PROC_PATH_SIZE];
+  (void)snprintf(path, sizeof path, "/proc/%d", pid);
+  tov_origin_t origin;
+  return __tov_find_pid(&tov_chains, pid) == nullptr && tov_sys_lstat(path, &status) == 0 &&
+         status.st_uid == 0 && tov_process_origin(pid, &origin) && origin.session == pid &&
+         origin.born_us + TICK_US > dead.written_us && tov_vsd_or_base(pid) == dead.record->vsd_id;
+}
+
+// The successors of all dead processes, 0 where there is none. One scan of /proc that something
+// else's end has spoiled has not said that there is none.
+static std::vector<pid_t> find_successors(const std::vector<dead_s> &dead) {
+  std::vector<pid_t> found(dead.size(), 0);
+  int result = dead.empty() ? 0 : -1;
+  for (int scans = 0; result < 0 && scans < SCANS_MAX; scans++) {
+    tov_scan_t scan;
+    for (const dead_s &of : dead)
+      scan.look_for(of.record->process, [&of](pid_t pid) { return succeeds(pid, of); });
+    result = scan.go_on(tov_scan_t::ALL).value_or(-EAGAIN);
+    for (size_t i = 0; i < dead.size(); i++)
+      found[i] = scan.found(i);
+  }
+  return found;
+}
+
+static void adopt(const tov_chains_guard_t &held, tov_pid_t *record, pid_t successor) {
+  TOV_DBG("pid (%d) is not exist, %d runs in its place\n", record->pid, successor);
+  tov_record_renew(held, record, successor);
+  (void)tov_db_keep(record);
+}
+
+// ---- the dead
+// -------------------------------------------------------------------------------------
+
 // Everything found registered and dead is brought back: the action only chooses the way, and the
 // result of the start is not asked. A start that failed leaves the record with the id -1 or 0,
 // which the sweep reports.
@@ -51,21 +178,20 @@ static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
-static void rebuild_device(tov_chains_t *chains, int vsd_id) {
-  const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
-  tov_entries_t files(dir.text);
-  while (const char *name = files.next()) {
-    tov_pid_t *record = read_record(vsd_id, dir.text, name);
-    if (record == nullptr) continue;
-    const tov_chains_guard_t held(*chains);
-    tov_chain_insert(chains, record);
-    if (!tov_process_lives(record->pid)) bring_back(held, record);
-  }
-}
-
 int tov_rebuild_chains(tov_chains_t *chains) {
+  std::vector<dead_s> dead;
   for (int vsd_id = DEVICE_FIRST; vsd_id <= DEVICE_LAST; vsd_id++)
-    rebuild_device(chains, vsd_id);
+    rebuild_device(chains, vsd_id, &dead);
+  const std::vector<pid_t> successors = find_successors(dead);
+  for (size_t i = 0; i < dead.size(); i++) {
+    const tov_chains_guard_t held(*chains);
+    // Two records may have found the same process: the first has it.
+    if (successors[i] > 0 && __tov_find_pid(&tov_chains, successors[i]) == nullptr) {
+      adopt(held, dead[i].record, successors[i]);
+    } else {
+      bring_back(held, dead[i].record);
+    }
+  }
   tov_waits_finish();
   return 0;
 }

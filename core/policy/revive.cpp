@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/tov_pidfile.h"
 #include "core/policy/announce.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -106,6 +107,15 @@ bool tov_revive_is_wanted(const tov_pid_t &record) {
          (tov_record_is_starting(record) && record.start.occasion == TOV_REVIVE_AT_REBUILD);
 }
 
+// ---- its file -----------------------------------------------------------------------------------
+
+// A daemon that follows this one goes on from the files: a record has one as long as it has no
+// process that could write its own.
+static void wait_for(const tov_chains_guard_t &held, tov_pid_t *record, int what, int64_t due_us) {
+  if (!tov_record_is_starting(*record)) (void)tov_db_keep(record);
+  tov_record_wait(held, record, what, due_us);
+}
+
 // ---- steps --------------------------------------------------------------------------------------
 
 // Until then no start is tried: a fork has failed. Microseconds, 0: forks are not known to fail.
@@ -122,6 +132,7 @@ static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t resu
   const tov_restart_news_t news = news_of(*record, name);
   // Before anything is said: the child inherited the daemon's exemption from the low-memory killer.
   tov_record_renew(held, record, new_pid);
+  if (start.listed != 0) (void)tov_db_keep(record);
   say_after(held, *record, start, news);
   if (start.occasion == TOV_REVIVE_AT_REBUILD) {
     TOV_DBG("pid (%d) %s ret = %d\n", new_pid, news.by_script ? "shell restart" : "restart",
@@ -133,19 +144,23 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   const int64_t now_us = tov_clock_us();
   if (now_us < forks_fail_until_us)
-    return tov_record_wait(held, record, TOV_WAIT_FORK, forks_fail_until_us);
+    return wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
 
   tov_start_t *start = tov_record_start(held, record);
-  start->forked = tov_proc_fork(held, *record, start->vsd_no);
+  const bool listed = tov_proc_is_listed(*record);
+  start->listed = listed ? 1 : 0;
+  // The search may outlast this daemon, and its child is known by that it is younger than the file.
+  if (listed) (void)tov_db_keep(record);
+  start->forked = tov_proc_fork(held, record, start->vsd_no, listed);
   if (start->forked > 0) forks_fail_until_us = 0;
   // After a failed fork, too: another process may have started the program meanwhile.
-  if (tov_proc_is_listed(*record)) return tov_record_wait(held, record, TOV_WAIT_SEARCH, now_us);
+  if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
   if (start->forked > 0) {
     return finish(held, record, tov_proc_tell_forked(*record, start->forked), start->forked);
   }
   tov_proc_fork_failed(*record, -start->forked);
   forks_fail_until_us = now_us + TOV_FORK_PAUSE_S * US_PER_S;
-  tov_record_wait(held, record, TOV_WAIT_FORK, forks_fail_until_us);
+  wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
 }
 
 // What is said and counted is so once, however long the start then takes.
@@ -153,8 +168,10 @@ static void start_announced(const tov_chains_guard_t &held, tov_pid_t *record) {
   tov_start_t *start = tov_record_start(held, record);
   if (start->announced == 0) {
     start->announced = 1;
-    if (!say_before(held, record) || !tov_burst_allows(held, record, tov_proc_how_of(*record)))
+    if (!say_before(held, record) || !tov_burst_allows(held, record, tov_proc_how_of(*record))) {
+      (void)tov_db_keep(record);
       return tov_record_end_wait(held, record);
+    }
   }
   start_now(held, record);
 }
@@ -174,7 +191,7 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
 void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
   const int pause_us = tov_record_is_starting(*record) ? 0 : LOOK_PAUSE_US;
   begin(held, record, TOV_REVIVE_AFTER_EXIT);
-  tov_record_wait(held, record, TOV_WAIT_LOOK, tov_clock_us() + pause_us);
+  wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + pause_us);
 }
 
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
@@ -183,8 +200,7 @@ void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e 
   start->looked = TOV_LOOKED_NOT_YET;  // what was seen now need not hold after a wait
   if (std::exchange(start->waited, 1) == 0 && occasion_of(*record).waits &&
       record->restart_time > 0)
-    return tov_record_wait(held, record, TOV_WAIT_TIME,
-                           tov_clock_us() + record->restart_time * US_PER_S);
+    return wait_for(held, record, TOV_WAIT_TIME, tov_clock_us() + record->restart_time * US_PER_S);
   start_announced(held, record);
 }
 
@@ -207,7 +223,7 @@ void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int re
     start->runs_as = found;
     start->scans = 0;
   }
-  tov_record_wait(held, record, TOV_WAIT_LOOK, tov_clock_us());
+  wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
 }
 
 // What was heard of the process before its record had its id.
@@ -223,8 +239,8 @@ void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   tov_start_t *start = tov_record_start(held, record);
   if (found == 0 && start->scans < TOV_SEARCH_RETRIES) {
     start->scans++;
-    return tov_record_wait(held, record, TOV_WAIT_SEARCH,
-                           tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
+    return wait_for(held, record, TOV_WAIT_SEARCH,
+                    tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
   }
   (void)tov_proc_tell_found(*record, start->forked, found);
   tell_heard(*start, found, heard);

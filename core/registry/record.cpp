@@ -209,6 +209,11 @@ int64_t tov_record_next_due_us(const tov_chains_guard_t &held) {
   return waiting.next == &waiting ? INT64_MAX : record_of(waiting.next)->start.due_us;
 }
 
+void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number) {
+  (void)registry_of(held);
+  record->claim = number;
+}
+
 void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
   (void)tov_db_destroy(record);
   tov_chain_rekey(registry_of(held), record, new_pid);

@@ -137,6 +137,9 @@ tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us);
 // earlier one until tov_record_due() is next asked.
 int64_t tov_record_next_due_us(const tov_chains_guard_t &held);
 
+// The restart has made a child, which is to use the claim of that number (proc/claim); 0: none.
+void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number);
+
 // The task has a new process: the registration file of the old one goes (its name holds the old
 // id), the record is found under the new id, misses and force do not pass on to the successor, and
 // the low-memory killer treats it like any process (as a child of ours it was born exempt).

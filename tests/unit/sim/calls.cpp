@@ -224,6 +224,14 @@ int tov_sys_unlink(const char *path) {
   return call(tov_test::CALL_UNLINK, [&] { return kernel().unlink(path); });
 }
 
+int tov_sys_link(const char *from, const char *to) {
+  return call(tov_test::CALL_LINK, [&] { return kernel().link(from, to, true); });
+}
+
+int tov_sys_rename(const char *from, const char *to) {
+  return call(tov_test::CALL_RENAME, [&] { return kernel().link(from, to, false); });
+}
+
 int tov_sys_rmdir(const char *path) {
   return call(tov_test::CALL_RMDIR, [&] { return kernel().rmdir(path); });
 }

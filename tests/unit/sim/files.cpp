@@ -290,6 +290,19 @@ int kernel_s::unlink(const char *path) {
   return 0;
 }
 
+int kernel_s::link(const char *from, const char *to, bool stays) {
+  const found_s found = walk(from, false);
+  if (found.error != 0) return -found.error;
+  if (found.inode == nullptr) return -ENOENT;
+  const found_s place = walk(to, false);
+  if (place.error != 0) return -place.error;
+  if (place.inode != nullptr && stays) return -EEXIST;
+  if (place.inode == found.inode) return 0;  // two names of one file
+  tree_[place.path] = found.inode;
+  if (!stays) tree_.erase(found.path);
+  return 0;
+}
+
 int kernel_s::rmdir(const char *path) {
   int error = 0;
   if (!names_in(path, &error).empty()) return -ENOTEMPTY;

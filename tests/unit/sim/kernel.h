@@ -67,6 +67,8 @@ enum call_e {
   CALL_FACCESSAT,
   CALL_READLINK,
   CALL_UNLINK,
+  CALL_LINK,
+  CALL_RENAME,
   CALL_RMDIR,
   CALL_OPENDIR,
   CALL_READDIR,
@@ -249,6 +251,7 @@ class kernel_s {
   int stat_of_descriptor(int fd, struct stat *status) const;
   ssize_t readlink(const char *path, char *buf, size_t size) const;
   int unlink(const char *path);
+  int link(const char *from, const char *to, bool stays);
   int rmdir(const char *path);
   // Names below a directory; -ENOTDIR and the like in *error.
   std::vector<std::string> names_in(const char *path, int *error) const;

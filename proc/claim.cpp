@@ -1,0 +1,79 @@
+// Tested by: tests/module/proc/claim_test.cpp, tests/module/core/policy/rebuild_test.cpp
+#include "proc/claim.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "client/tov_pidfile.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "log/tov_dbg.h"
+#include "util/tov_sys.h"
+
+enum { FILE_NAME_SIZE = 256 };
+
+// What no program of a registration file is called: those names end with a process id alone.
+#define CLAIM_PREFIX ".claim."
+
+// The daemon's id is part of the name, so that the next one cannot mistake a claim for its own.
+static void name_claim(const tov_pid_t &record, tov_claim_t *claim) {
+  (void)snprintf(claim->path, sizeof claim->path, TOV_VSD_DB_DIR_FMT "/" CLAIM_PREFIX "%d.%u",
+                 record.vsd_id, tov_sys_getpid(), claim->number);
+}
+
+static void name_file(const tov_pid_t &record, char (&file)[FILE_NAME_SIZE]) {
+  tov_get_db_file_name(record.vsd_id, record.pid, record.process, file, sizeof file);
+}
+
+tov_claim_t tov_claim_take(const tov_chains_guard_t &held, const tov_pid_t &record, bool stays) {
+  static unsigned int last_number TOV_GUARDED_BY(tov_chains) = 0;
+  held.shows(tov_chains);
+  tov_claim_t claim;
+  claim.number = ++last_number;
+  name_claim(record, &claim);
+  char file[FILE_NAME_SIZE];
+  name_file(record, file);
+  const int result = stays ? tov_sys_link(file, claim.path) : tov_sys_rename(file, claim.path);
+  if (result == 0) return claim;
+  if (errno != ENOENT) TOV_DBG("%s: %s: %s\n", __func__, file, strerror(errno));
+  return {};
+}
+
+void tov_claim_give_back(const tov_pid_t &record, const tov_claim_t &claim, bool stays) {
+  if (claim.number == 0) return;
+  char file[FILE_NAME_SIZE];
+  name_file(record, file);
+  if ((stays ? tov_sys_unlink(claim.path) : tov_sys_rename(claim.path, file)) < 0)
+    TOV_DBG("%s: %s: %s\n", __func__, file, strerror(errno));
+}
+
+// What cannot be removed for another reason than that it is gone says nothing about the claim.
+bool tov_claim_use(const tov_claim_t &claim) {
+  return claim.number == 0 || tov_sys_unlink(claim.path) == 0 || errno != ENOENT;
+}
+
+void tov_claim_drop(const tov_pid_t &record) {
+  if (record.claim == 0) return;
+  tov_claim_t claim;
+  claim.number = record.claim;
+  name_claim(record, &claim);
+  (void)tov_sys_unlink(claim.path);
+}
+
+bool tov_claim_is_name(const char *name) {
+  return strncmp(name, CLAIM_PREFIX, strlen(CLAIM_PREFIX)) == 0;
+}
+
+// Not rename(2), which does nothing when both names are of one file.
+bool tov_claim_settle(const char *path, const tov_pid_t &record) {
+  char file[FILE_NAME_SIZE];
+  name_file(record, file);
+  const bool linked = tov_sys_link(path, file) == 0;
+  if (tov_sys_unlink(path) == 0) return true;
+  if (errno != ENOENT) return true;  // it stays, and so the child has not used it
+  if (linked) (void)tov_sys_unlink(file);
+  return false;
+}
