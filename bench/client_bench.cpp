@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mount.h>
@@ -221,6 +222,36 @@ static void RegistrationCall(benchmark::State &state) {
     times.take([] { reg_process_exit_action(0, TOV_RESTART); });
 }
 BENCHMARK(RegistrationCall)->UseManualTime();
+
+namespace {
+
+// Clients that are connected and ask for nothing.
+class IdleClients {
+ public:
+  explicit IdleClients(int64_t count) {
+    sockaddr_un at{};
+    const socklen_t length = tov_rpc_address(&at, TOV_SOCKET_PATH);
+    for (int64_t i = 0; i < count; i++) {
+      clients_.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+      if (connect(clients_.back().n, reinterpret_cast<sockaddr *>(&at), length) != 0) abort();
+    }
+    // Connections are accepted in their order: whoever is answered has all of them before him.
+    tov_msg_cons_t payload = {.event = 99, .pid = 0};
+    tov_rpc(TOV_MSG_CONS, nullptr, &payload, sizeof payload, true, false);
+  }
+
+ private:
+  std::vector<tov_fd_t> clients_;
+};
+
+}  // namespace
+
+// The same request while others are connected.
+static void RequestBesideIdleClients(benchmark::State &state) {
+  const IdleClients idle(state.range(0));
+  RequestRoundTrip(state);
+}
+BENCHMARK(RequestBesideIdleClients)->ArgName("idle")->Arg(0)->Arg(2000)->UseManualTime();
 
 // ---- many clients
 // -----------------------------------------------------------------------------------
