@@ -35,6 +35,7 @@
 #include "core/run/farewell.h"
 #include "core/run/flags.h"
 #include "core/run/lowmem.h"
+#include "core/run/quit.h"
 #include "core/server/server.h"
 #include "core/setup.h"
 #include "core/third_part.h"
@@ -106,7 +107,7 @@ enum next_e {
 // The daemon cannot run: its failure line gets a second to reach storage.
 static next_e give_up() {
   tov_log_flush_and_wait();
-  tov_flag_set(quit, 1);
+  tov_quit_raise();
   return SHUT_DOWN;
 }
 
@@ -156,6 +157,13 @@ static next_e note_start_time(daemon_s &) {
 
 static next_e raise_file_limit(daemon_s &) {
   tov_set_file_limit();
+  return GO_ON;
+}
+
+// Without it each thread sees `quit` when its own wait is over.
+static next_e make_quit_heard(daemon_s &) {
+  const int res = tov_quit_init();
+  if (res < 0) TOV_DBG("fail to make the event of quit: %s\n", strerror(-res));
   return GO_ON;
 }
 
@@ -238,7 +246,7 @@ static next_e start_threads(daemon_s &daemon) {
     const int error = pthread_create(thread, nullptr, row.body, nullptr);
     if (error != 0) {
       TOV_DBG(row.diagnostic, strerror(error));
-      tov_flag_set(quit, 1);
+      tov_quit_raise();
       (void)tov_log_with_type(TOV_LOG_ERROR, row.failure, strerror(error));
       return give_up();
     }
@@ -262,6 +270,7 @@ static constexpr next_e (*start_up[])(daemon_s &) = {
     be_the_only_one,
     note_start_time,
     raise_file_limit,
+    make_quit_heard,
     make_directory_trees,
     open_event_logs,
     init_registries,

@@ -19,6 +19,7 @@
 
 #include "core/events/tov_fifo.h"
 #include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
@@ -33,6 +34,7 @@ enum {
   RECEIVE_SIZE = 1024,
   SOCKET_BUFFER_BYTES = 0x400000,
   RECEIVE_TIMEOUT_S = 5,
+  RECEIVE_TIMEOUT_MS = RECEIVE_TIMEOUT_S * 1000,
   KERNEL_PORT_ID = 0,
 };
 
@@ -122,17 +124,14 @@ static bool is_fatal(int error) {
   return error == EBADF || error == ENOTSOCK || error == ENOTCONN || error == ECONNREFUSED;
 }
 
-int tov_recv_netlink_msg(int sock) {
+// Receives one datagram. Returns 0, or -errno when there was none.
+static int take_datagram(int sock, int flags) {
   alignas(nlmsghdr) char buffer[RECEIVE_SIZE];
   sockaddr_nl sender{};
   socklen_t sender_length = sizeof sender;
-  const ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, 0,
+  const ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, flags,
                                           reinterpret_cast<sockaddr *>(&sender), &sender_length);
-  if (length < 0) {
-    const tov_errno_keeper_s keep;
-    TOV_DBG("%s: netlink recvfrom fail: %s\n", __func__, strerror(errno));
-    return is_fatal(keep.saved) ? -1 : 0;
-  }
+  if (length < 0) return -errno;
   if (sender_length != sizeof sender) {
     TOV_DBG("bad address size reading netlink socket\n");
     return 0;
@@ -141,6 +140,18 @@ int tov_recv_netlink_msg(int sock) {
   if (sender.nl_pid != KERNEL_PORT_ID || sender.nl_groups != CN_IDX_PROC) return 0;
   walk_messages(buffer, static_cast<size_t>(length));
   return 0;
+}
+
+// What tov_recv_netlink_msg() makes of a result of take_datagram().
+static int judge(int res) {
+  if (res == 0) return 0;
+  TOV_DBG("%s: netlink recvfrom fail: %s\n", "tov_recv_netlink_msg", strerror(-res));
+  errno = -res;
+  return is_fatal(errno) ? -1 : 0;
+}
+
+int tov_recv_netlink_msg(int sock) {
+  return judge(take_datagram(sock, 0));
 }
 
 // ---- the thread -----------------------------------------------------------------------------
@@ -153,7 +164,7 @@ static void set_options(int sock) {
       tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) < 0) {
     TOV_DBG("socket set recvbuffer error\n");
   }
-  timeval timeout{RECEIVE_TIMEOUT_S, 0};  // bounds how late the thread notices `quit`
+  timeval timeout{RECEIVE_TIMEOUT_S, 0};  // bounds how late `quit` is noticed without its event
   if (tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0) {
     TOV_DBG("socket set recv timeout error\n");
   }
@@ -224,6 +235,18 @@ static int open_connector(tov_fd_t *sock) {
   return subscribe(sock->n, own.nl_pid) ? 0 : RESULT_SUBSCRIBE;
 }
 
+// The same as tov_recv_netlink_msg() for a thread that has to hear `quit`. Nothing is waited for
+// before the socket is empty: a storm costs one call a datagram.
+static int receive_or_hear(int sock) {
+  if (tov_quit_fd() < 0) return tov_recv_netlink_msg(sock);
+  const int res = take_datagram(sock, MSG_DONTWAIT);
+  if (res != -EAGAIN) return judge(res);
+  pollfd waited[] = {{sock, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
+  const int ready = tov_sys_poll(waited, std::size(waited), RECEIVE_TIMEOUT_MS);
+  if (ready < 0) return tov_recv_netlink_msg(sock);  // no memory: a bounded wait all the same
+  return ready == 0 ? judge(-EAGAIN) : 0;            // silence is told about
+}
+
 void *tov_process_netlink(void *) {
   if (tov_core_thread_name(thread_name) < 0) {
     TOV_DBG("%s: %s\n", thread_name, strerror(errno));
@@ -233,7 +256,7 @@ void *tov_process_netlink(void *) {
   errno = 0;
   int result = open_connector(&sock);
   while (result == 0 && !tov_flag_get(quit)) {
-    if (tov_recv_netlink_msg(sock.n) < 0) result = RESULT_RECEIVE;
+    if (receive_or_hear(sock.n) < 0) result = RESULT_RECEIVE;
   }
   const int saved_errno = errno;
   sock.reset();

@@ -25,8 +25,9 @@ void tov_dispatch_netlink_msg(const struct cn_msg *message);
 // are looked at. Returns 0, or -1 with errno set when the socket itself has failed.
 int tov_recv_netlink_msg(int sock);
 
-// Thread body. Ends with result -1 priority, -2 socket, -3 bind, -4 subscription, -5 receive, or
-// 0 when `quit` was set; then ends the daemon.
+// Thread body. Ends as soon as `quit` is raised, within 5 s when the flag alone is set. Ends with
+// result -1 priority, -2 socket, -3 bind, -4 subscription, -5 receive, or 0 when `quit` was set;
+// then ends the daemon.
 void *tov_process_netlink(void *);
 
 #endif  // TOV_CORE_EVENTS_NETLINK_H

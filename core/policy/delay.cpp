@@ -9,16 +9,16 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "proc/burst.h"
 #include "util/clock.h"
-#include "util/tov_utils.h"
 
 enum {
   LONGEST_DELAY_S = 300,
-  PAUSE_S = 1,
+  PAUSE_MS = 1000,
 };
 
 namespace {
@@ -63,7 +63,7 @@ void *tov_delay_restart(void *) {
       tov_handle_netlink_exit(due.pid, due.exit_signal, due.force_restart);
     }
     tov_ask_for_noted_reload();  // sleeps, which nobody waits for here
-    safe_sleep(PAUSE_S);
+    (void)tov_quit_wait(PAUSE_MS);
   }
   return nullptr;
 }

@@ -9,14 +9,14 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
-#include "util/tov_utils.h"
 
 enum {
-  SWEEP_PAUSE_US = 234375,  // 256 of them make a minute
+  SWEEP_MS = 60000,  // in equal parts for the buckets
   MISSES_ALLOWED = 1,
 };
 
@@ -66,12 +66,20 @@ void tov_sweep_bucket(unsigned int bucket) {
     tov_register_found(found);
 }
 
+// 234 or 235, so that the sum is exact.
+static int pause_ms_behind(unsigned int bucket) {
+  const auto due_ms = [](unsigned int buckets) {
+    return (SWEEP_MS * buckets + TOV_PID_BUCKETS - 1) / TOV_PID_BUCKETS;
+  };
+  return static_cast<int>(due_ms(bucket + 1) - due_ms(bucket));
+}
+
 void *tov_proc_stat_check(void *) {
   (void)tov_core_thread_name("tov_proc_stat_check");  // only for those who look at the process
   while (!tov_flag_get(quit)) {
     for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS && !tov_flag_get(quit); bucket++) {
       tov_sweep_bucket(bucket);
-      safe_usleep(SWEEP_PAUSE_US);
+      (void)tov_quit_wait(pause_ms_behind(bucket));
     }
   }
   return nullptr;

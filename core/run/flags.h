@@ -7,7 +7,7 @@
 #ifndef TOV_CORE_RUN_FLAGS_H
 #define TOV_CORE_RUN_FLAGS_H
 
-// 1: all thread loops are to end.
+// 1: all thread loops are to end. Raised with core/run/quit.h, so that all of them hear it.
 extern int quit;
 
 // 1 while single processes may escalate to a reload of the unit. It does not govern restarts.

@@ -6,7 +6,7 @@
 #include <errno.h>
 #include <string.h>
 
-#include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "include/tov_registry.h"
 #include "log/tov_log.h"
 #include "util/tov_sys.h"
@@ -16,7 +16,7 @@ int tov_core_thread_name(const char *name) {
 }
 
 void tov_core_thread_end(const char *name, int res, int err) {
-  tov_flag_set(quit, 1);
+  tov_quit_raise();
   (void)tov_log_with_type(TOV_LOG_ERROR,
                           "Thread \"%s\" exit, tov will be restart. res=%d, %s(%d)\r\n", name, res,
                           strerror(err), err);

@@ -13,7 +13,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iterator>
+
 #include "core/run/farewell.h"
+#include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "core/watch/watched_files.h"
 #include "include/tov_ras_comp_config.h"
@@ -85,14 +89,16 @@ struct watch_s {
 // ---- set-up ---------------------------------------------------------------------------------
 
 // The kernel marks /proc/mounts as exceptional whenever the mounts change, so there is nothing to
-// poll for while /data is missing.
-static void wait_for_data() {
+// poll for while /data is missing. Returns false when `quit` was set meanwhile.
+static bool wait_for_data() {
   const tov_fd_t mounts(open("/proc/mounts", O_RDONLY | O_CLOEXEC));
   while (tov_check_data_mount() != 1) {
-    pollfd changed{mounts.n, POLLPRI, 0};
-    if (poll(&changed, mounts.n >= 0 ? 1 : 0, MOUNT_WAIT_MS) < 0) safe_usleep(MOUNT_SETTLE_US);
+    if (tov_flag_get(quit) != 0) return false;
+    pollfd waited[] = {{mounts.n, POLLPRI, 0}, {tov_quit_fd(), POLLIN, 0}};
+    if (poll(waited, std::size(waited), MOUNT_WAIT_MS) < 0) safe_usleep(MOUNT_SETTLE_US);
   }
   safe_usleep(MOUNT_SETTLE_US);
+  return true;
 }
 
 // A link in the place of the fork-error file would be watched where it leads to, while failures are
@@ -171,11 +177,12 @@ static bool watches_what_is_there(const watch_s &watch) {
          watch.config_file == file_under(TOV_HA_CONFIG_FILE);
 }
 
-// Waits until there is something to read. Returns false when the watches have to be set up again.
+// Waits until there is something to read. Returns false when the watches have to be set up again,
+// or `quit` is set.
 static bool wait_for_events(watch_s *watch) {
-  for (;;) {
-    pollfd readable{watch->inotify.n, POLLIN, 0};
-    watch->fd_num = poll(&readable, 1, POLL_TIMEOUT_MS);
+  while (tov_flag_get(quit) == 0) {
+    pollfd waited[] = {{watch->inotify.n, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
+    watch->fd_num = poll(waited, std::size(waited), POLL_TIMEOUT_MS);
     const int error = errno;
     TOV_DBG("poll ret: %d\r\n", watch->fd_num);
     if (watch->fd_num < 0) {
@@ -190,12 +197,13 @@ static bool wait_for_events(watch_s *watch) {
       if (!watches_what_is_there(*watch)) return false;
       continue;
     }
-    if ((readable.revents & POLLIN) != 0) {
+    if ((waited[0].revents & POLLIN) != 0) {
       TOV_DBG("pollin\r\n");
       return true;
     }
-    TOV_DBG("not pollin revents\r\n");
+    if (waited[1].revents == 0) TOV_DBG("not pollin revents\r\n");
   }
+  return false;
 }
 
 // Acts on one event. Returns false when the watches have to be set up again: a watched file or its
@@ -236,14 +244,16 @@ static bool handle_events(const watch_s &watch) {
 
 void *tov_inotify_fork_error(void *) {
   (void)tov_core_thread_name(thread_name);  // only for those who look at the process
-  wait_for_data();
+  if (!wait_for_data()) return nullptr;
   (void)tov_parse_dbg_file();  // it lies below /data
   TOV_DBG("tov_check_data_mount ok.\n");
   watch_s watch;
-  for (;;) {
-    while (!try_to_watch(&watch)) {
+  // Once even if `quit` is set: failed forks that nobody has looked at are reported.
+  do {
+    while (!try_to_watch(&watch) && tov_flag_get(quit) == 0) {
     }
     while (wait_for_events(&watch) && handle_events(watch)) {
     }
-  }
+  } while (tov_flag_get(quit) == 0);
+  return nullptr;
 }

@@ -14,13 +14,14 @@
 // regular file is left standing, otherwise a link could hide every failure.
 //
 // Thread: "tov_inotify_fork", detached, at ordinary priority. It never takes a registry lock: the
-// endless retry of a failing fork holds one, and this thread is what ends it.
+// endless retry of a failing fork holds one, and this thread is what ends it. Once `quit` is set it
+// is not needed for that: whoever waits for a fork hears it, too.
 #ifndef TOV_CORE_WATCH_FORK_WATCHER_H
 #define TOV_CORE_WATCH_FORK_WATCHER_H
 
-// Thread body. Waits until /data is mounted; never returns, ends the process on a fatal error.
-// It does not ask `quit`: a thread that tries a failing fork again for ever does not either, and
-// when all others wait for that one, it is the watcher that ends the daemon.
+// Thread body; the parameter is ignored and the result is null. Waits until /data is mounted; ends
+// the process on a fatal error. Ends as soon as `quit` is raised, within a minute when the flag
+// alone is set.
 void *tov_inotify_fork_error(void *);
 
 #endif  // TOV_CORE_WATCH_FORK_WATCHER_H

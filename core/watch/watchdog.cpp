@@ -17,6 +17,7 @@
 #include "core/registry/query.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -33,7 +34,7 @@ static constexpr char thread_name[] = "tov_thread_notify_timer";
 
 enum {
   PASS_S = 60,
-  SLICE_S = 5,  // of the pause between passes, so that `quit` is seen
+  MS_PER_S = 1000,
   COMMAND_SIZE = 255,
   REASON_SIZE = 200,
   THREAD_NAME_SIZE = 32,
@@ -221,24 +222,16 @@ void tov_notifer_scan(void) {
   pass.look_again();
 }
 
-// Main waits for this thread first; a whole minute's sleep would leave the device unsupervised for
-// as long after another thread's failure.
-static void pause_between_passes() {
-  for (int slept_s = 0; slept_s < PASS_S && !tov_flag_get(quit); slept_s += SLICE_S) {
-    safe_sleep(SLICE_S);
-  }
-}
-
 void *tov_notifer_run(void *) {
   // Neither failure is a reason not to watch.
   if (tov_core_thread_name(thread_name) < 0) TOV_DBG("%s: %s\n", thread_name, strerror(errno));
   if (const int error = tov_set_priority(TOV_RT_PRIORITY); error != 0) {
     TOV_DBG("%s: set priority fail: %s\n", thread_name, strerror(error));
   }
-  while (!tov_flag_get(quit)) {
+  while (tov_flag_get(quit) == 0) {
     tov_notifer_scan();
     TOV_DBG_ALIVE("sem_cnt = %d\n", tov_get_semval());
-    pause_between_passes();
+    (void)tov_quit_wait(PASS_S * MS_PER_S);
   }
   return nullptr;
 }

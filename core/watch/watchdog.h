@@ -40,8 +40,9 @@ int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool
 // call it with none held.
 void tov_notifer_scan(void);
 
-// Thread body; the parameter is ignored and the result is null. Ends within 5 s of `quit`. Goes on
-// at ordinary priority when the real-time one is refused.
+// Thread body; the parameter is ignored and the result is null. Ends as soon as `quit` is raised,
+// within 5 s when the flag alone is set. Goes on at ordinary priority when the real-time one is
+// refused.
 void *tov_notifer_run(void *);
 
 #endif  // TOV_CORE_WATCH_WATCHDOG_H

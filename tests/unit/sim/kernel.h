@@ -260,7 +260,8 @@ class kernel_s {
   int install(open_file_s file, int lowest = 0);
   open_file_s *file_of(int fd);  // null: no such descriptor
   int poll(pollfd *waited, nfds_t count, int timeout_ms);
-  ssize_t receive(int fd, void *buf, size_t size, sockaddr *sender, socklen_t *sender_size);
+  ssize_t receive(int fd, void *buf, size_t size, int flags, sockaddr *sender,
+                  socklen_t *sender_size);
 
  private:
   struct found_s {

@@ -92,6 +92,18 @@ TEST_F(Kernel, EndlessWaitIsFound) {
   EXPECT_THROW((void)open("/tmp/fifo", O_RDONLY), tov_test::stuck_s);
 }
 
+TEST_F(Kernel, PollPassesOverDescriptorsBelowZero) {
+  pollfd waited{-1, POLLIN, 0};
+  EXPECT_EQ(span_us([&] { EXPECT_EQ(tov_sys_poll(&waited, 1, 3'000), 0); }), 3 * US_PER_S);
+}
+
+TEST_F(Kernel, ReceiverThatDoesNotWaitComesBackAtOnce) {
+  const int fd = tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  char byte = 0;
+  EXPECT_EQ(tov_sys_recvfrom(fd, &byte, 1, MSG_DONTWAIT, nullptr, nullptr), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
 // ---- failures -------------------------------------------------------------------------------
 
 TEST_F(Kernel, NthCallOfAKindFails) {

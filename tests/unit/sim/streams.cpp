@@ -89,7 +89,7 @@ int kernel_s::poll(pollfd *waited, nfds_t count, int timeout_ms) {
   const auto look = [&] {
     int ready = 0;
     for (nfds_t i = 0; i < count; i++) {
-      const bool readable = is_readable(waited[i].fd);
+      const bool readable = waited[i].fd >= 0 && is_readable(waited[i].fd);
       waited[i].revents = readable ? static_cast<short>(waited[i].events & POLLIN) : short{0};
       ready += waited[i].revents != 0;
     }
@@ -154,10 +154,11 @@ static int64_t receive_limit_us(const open_file_s &file) {
   return limit.tv_sec * US_PER_S + limit.tv_usec;
 }
 
-ssize_t kernel_s::receive(int fd, void *buf, size_t size, sockaddr *sender,
+ssize_t kernel_s::receive(int fd, void *buf, size_t size, int flags, sockaddr *sender,
                           socklen_t *sender_size) {
   const open_file_s file = *file_of(fd);
-  const wait_e woken = wait(receive_limit_us(file), [&] { return is_readable(fd); });
+  const int64_t limit_us = (flags & MSG_DONTWAIT) != 0 ? 0 : receive_limit_us(file);
+  const wait_e woken = wait(limit_us, [&] { return is_readable(fd); });
   if (woken == INTERRUPTED) return -EINTR;
   if (woken == TIMED_OUT) return -EAGAIN;
   const tov_test::datagram_s datagram = std::move(file.socket->queue.front());
@@ -169,9 +170,9 @@ ssize_t kernel_s::receive(int fd, void *buf, size_t size, sockaddr *sender,
   return static_cast<ssize_t>(count);
 }
 
-ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int, sockaddr *sender,
+ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int flags, sockaddr *sender,
                          socklen_t *sender_size) {
   return call_on_socket(tov_test::CALL_RECVFROM, fd, [&](auto &) {
-    return kernel().receive(fd, buf, size, sender, sender_size);
+    return kernel().receive(fd, buf, size, flags, sender, sender_size);
   });
 }

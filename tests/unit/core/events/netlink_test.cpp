@@ -16,6 +16,7 @@
 
 #include "core/events/tov_fifo.h"
 #include "core/run/flags.h"
+#include "core/run/quit.h"
 #include "include/tov_registry.h"
 #include "tests/support/event_ring.h"
 #include "tests/support/netlink_messages.h"
@@ -290,4 +291,81 @@ TEST_F(TovProcessNetlink, QuitIsNoticedWithinTheTimeOut) {
   EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 16 * US_PER_S);
   EXPECT_EQ(kernel().calls(tov_test::CALL_SET_SCHEDULE), 1);
   EXPECT_EQ(kernel().thread_name, "tov_process_net");
+}
+
+// The same body in a daemon that has the event of `quit`.
+namespace {
+
+class TovProcessNetlinkWithEvent : public TovProcessNetlink {
+ protected:
+  TovProcessNetlinkWithEvent() { EXPECT_EQ(tov_quit_init(), 0); }
+  ~TovProcessNetlinkWithEvent() override {
+    kernel().fail(tov_test::CALL_EVENTFD, 1, EMFILE);
+    (void)tov_quit_init();  // the next test has none
+  }
+
+  // The connector of the running body: the only other descriptor that was opened behind ours.
+  int connector_of_body() const { return tov_quit_fd() + 1; }
+  void arrive_at_body(const Bytes &datagram) {
+    arrive(datagram);
+    auto &mine = kernel().socket(sock_.n).queue;
+    kernel().socket(connector_of_body()).queue.push_back(mine.back());
+    mine.pop_back();
+  }
+};
+
+}  // namespace
+
+TEST_F(TovProcessNetlinkWithEvent, QuitIsHeardAtOnce) {
+  kernel().after(12 * US_PER_S, [] { tov_quit_raise(); });
+  // 1 s: the logs' way to storage.
+  EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 13 * US_PER_S);
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=0, ")));
+}
+
+TEST_F(TovProcessNetlinkWithEvent, FlagAloneIsNoticedWithinTheTimeOut) {
+  kernel().after(12 * US_PER_S, [] { tov_flag_set(quit, 1); });
+  EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 16 * US_PER_S);
+}
+
+TEST_F(TovProcessNetlinkWithEvent, SilenceIsToldAboutAfterTheTimeOut) {
+  kernel().after(12 * US_PER_S, [] { tov_quit_raise(); });
+  const std::string said = diagnostics([] { tov_process_netlink(nullptr); });
+  const std::string line =
+      "]tov_recv_netlink_msg: netlink recvfrom fail: Resource temporarily unavailable\n";
+  const size_t first = said.find(line);
+  ASSERT_NE(first, std::string::npos);
+  const size_t second = said.find(line, first + 1);
+  ASSERT_NE(second, std::string::npos);
+  EXPECT_EQ(said.find(line, second + 1), std::string::npos) << "one each five seconds";
+}
+
+TEST_F(TovProcessNetlinkWithEvent, StormCostsOneCallADatagram) {
+  static constexpr int DATAGRAMS = 100;
+  kernel().after(2 * US_PER_S, [this] {
+    for (int i = 0; i < DATAGRAMS; i++)
+      arrive_at_body(message(NLMSG_DONE, connector(exit_of(77, 77, 9))));
+  });
+  kernel().after(3 * US_PER_S, [] { tov_quit_raise(); });
+  tov_process_netlink(nullptr);
+  EXPECT_EQ(queued().size(), size_t{DATAGRAMS});
+  // Once when nothing had come, once behind the storm.
+  EXPECT_EQ(kernel().calls(tov_test::CALL_RECVFROM), DATAGRAMS + 2);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_POLL), 2);
+}
+
+TEST_F(TovProcessNetlinkWithEvent, SocketThatIsGoneIsFatal) {
+  kernel().after(2 * US_PER_S, [this] {
+    arrive_at_body({});
+    kernel().fail(tov_test::CALL_RECVFROM, 1, ENOTCONN);
+  });
+  EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 3 * US_PER_S);
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=-5, Transport endpoint is not connected")));
+}
+
+TEST_F(TovProcessNetlinkWithEvent, WaitThatFailsIsReplacedByABoundedOne) {
+  for (int nth = 1; nth <= 3; nth++)
+    kernel().fail(tov_test::CALL_POLL, nth, ENOMEM);
+  kernel().after(12 * US_PER_S, [] { tov_quit_raise(); });
+  EXPECT_EQ(span_us([] { tov_process_netlink(nullptr); }), 16 * US_PER_S);
 }
