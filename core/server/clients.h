@@ -1,8 +1,8 @@
 // The table of connected clients: which descriptors the registration server has accepted.
 //
-// A new client takes the lowest free slot. The used part of the table ends behind the highest
-// occupied slot, so that a walk costs what the connected clients cost and not what the table could
-// hold: the server walks it for every request.
+// A new client takes the lowest free slot and keeps it until it is removed. The server remembers
+// the slot beside the descriptor, so that no client is searched for: coming and going costs the
+// same however many are connected.
 //
 // Thread: the server's alone.
 #ifndef TOV_CORE_SERVER_CLIENTS_H
@@ -17,16 +17,18 @@ enum {
 // Frees all slots; closes nothing. Before anything else.
 void tov_clients_init(void);
 
-// The used part of the table: descriptors, and -1 for the free slots among them. Valid until the
-// next call of another function here.
+// All slots: descriptors, and -1 for the free ones.
 std::span<const int> tov_clients(void);
 
-// Stores a client. Returns false when all slots are taken. The descriptor is the table's from here
-// on, until it is removed.
-bool tov_clients_add(int sd);
+// How many slots are taken.
+int tov_clients_count(void);
 
-// Frees the lowest slot that holds `sd`, which is the caller's to close again. Returns false when
-// there is none.
-bool tov_clients_remove(int sd);
+// Stores a client. Returns its slot, or -1 when all are taken. The descriptor is the table's from
+// here on, until it is removed.
+int tov_clients_add(int sd);
+
+// Frees `slot` if it holds `sd`, which is the caller's to close again. Returns false when it does
+// not; `slot` may be any number.
+bool tov_clients_remove(int slot, int sd);
 
 #endif  // TOV_CORE_SERVER_CLIENTS_H

@@ -7,9 +7,9 @@
 #define TOV_CORE_SERVER_SERVER_H
 
 // Thread body; the parameter is ignored and the result is null. Runs at real-time priority 99 until
-// `quit` is set, which it notices within 10 s, or its machinery fails; sets `quit` itself when it
-// ends. Uses tov_chains and tov_alive_chains through the handlers; makes no request of its own.
-// One at a time in a process: the table of clients is static.
+// `quit` is raised (within 10 s when the flag alone is set) or its machinery fails; raises `quit`
+// itself when it ends. Uses tov_chains and tov_alive_chains through the handlers; makes no request
+// of its own. One at a time in a process: the table of clients is static.
 void *tov_process_domain(void *arg);
 
 #endif  // TOV_CORE_SERVER_SERVER_H

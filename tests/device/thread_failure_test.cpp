@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <ostream>
 #include <string>
 
@@ -24,8 +25,11 @@ using testing::ElementsAre;
 using testing::IsSupersetOf;
 using testing::Not;
 
-// The reader looks up from its socket every five seconds, the server from its own every ten.
 static constexpr Millis SHUTDOWN_LIMIT_MS{40'000};
+
+// From the first thread's last word to the daemon's end: its closing second, that of the others,
+// and that of the whole. The server alone sleeps for ten where it does not hear of the failure.
+static constexpr Millis HEARD_LIMIT_MS{7'000};
 
 static std::string ended(const char *thread, int res, const char *reason, int error) {
   return std::string("Thread \"") + thread +
@@ -38,6 +42,22 @@ static void expect_shut_down(Device &device) {
   ASSERT_TRUE(status) << device.dump();
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
   EXPECT_EQ(event_texts(device, ERROR_LOG).back(), "TOV exit.");
+}
+
+// The others hear of the failure of one, whatever they wait for.
+static void expect_end_soon_after(Device &device, const std::string &failure) {
+  ASSERT_TRUE(wait_until(
+      [&] {
+        const auto texts = event_texts(device, ERROR_LOG);
+        return std::ranges::find(texts, failure) != texts.end();
+      },
+      SHUTDOWN_LIMIT_MS))
+      << device.dump();
+  const int64_t failed_ns = monotonic_ns();
+  EXPECT_TRUE(device.wait_daemon(SHUTDOWN_LIMIT_MS)) << device.dump();
+  const int64_t took_ms = (monotonic_ns() - failed_ns) / 1'000'000;
+  testing::Test::RecordProperty("end_ms", std::to_string(took_ms));
+  EXPECT_LT(took_ms, HEARD_LIMIT_MS.count());
 }
 
 // A program that lived through it, and one that died while no daemon ran.
@@ -90,6 +110,19 @@ TEST(ReaderThread, WhoseAddressIsTakenBringsTheDaemonDown) {
               Contains(ended("tov_process_netlink", -3, "Address already in use", 98)));
   taken.reset();
   expect_supervised_on(device, living, died);
+}
+
+TEST(ReaderThread, WhoseFailureIsHeardByAllOthersLeavesNobodyUnwatchedForLong) {
+  Device device;
+  device.start_ready_daemon(
+      {.env = {{"LD_PRELOAD", device.binary_dir() + "/tests/programs/libfailing_reader.so"}}});
+  device.write("/tmp/reader_fails", "");
+  device.spawn({"/bin/true"});  // an event wakes it
+  expect_end_soon_after(
+      device, ended("tov_process_netlink", -5, "Transport endpoint is not connected", 107));
+  for (const char *thread : {"tov_process_domain", "tov_cnmsg_handle"})
+    EXPECT_THAT(event_texts(device, ERROR_LOG), Contains(ended(thread, 0, "Success", 0)));
+  EXPECT_EQ(event_texts(device, ERROR_LOG).back(), "TOV exit.");
 }
 
 TEST(RealTimeThreads, WithoutThePrivilegeBringTheDaemonDown) {

@@ -30,6 +30,7 @@
 #include "core/server/server.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
+#include "include/tov_wire.h"
 #include "tests/module/server_thread.h"
 #include "tests/module/world.h"
 #include "tests/support/caught_diagnostics.h"
@@ -64,7 +65,10 @@ enum Failure {
   NAME,
 };
 static std::atomic<int> failure{NONE};
-static std::atomic<int> added{0};  // descriptors in the current pass
+static std::atomic<int> added{0};    // descriptors to the current event set
+static std::atomic<int> removed{0};  // from it
+static std::atomic<int> copied{-1};  // what a forked child has of an accepted client, see there
+static std::atomic<bool> copies{false};
 static std::atomic<int> accepts{0};
 static std::atomic<int> asked_events{0};
 static std::atomic<int> asked_timeout{0};
@@ -78,10 +82,15 @@ static bool fails(int which, int error) {
 
 extern "C" int epoll_create1(int flags) noexcept {
   added = 0;
+  removed = 0;
   return fails(EPOLL_CREATE, EMFILE) ? -1 : static_cast<int>(syscall(SYS_epoll_create1, flags));
 }
 
 extern "C" int epoll_ctl(int ep, int op, int fd, epoll_event *event) noexcept {
+  if (op == EPOLL_CTL_DEL) {
+    removed++;
+    return static_cast<int>(syscall(SYS_epoll_ctl, ep, op, fd, event));
+  }
   const int which = added++ == 0 ? EPOLL_ADD_LISTENER : EPOLL_ADD_CLIENT;
   return fails(which, ENOMEM) ? -1 : static_cast<int>(syscall(SYS_epoll_ctl, ep, op, fd, event));
 }
@@ -115,7 +124,9 @@ extern "C" int epoll_wait(int ep, epoll_event *events, int count, int timeout) {
 extern "C" int accept4(int sd, sockaddr *peer, socklen_t *length, int flags) {
   accepts++;
   if (fails(ACCEPT_BROKEN, ENFILE) || fails(ACCEPT_INTERRUPTED, EINTR)) return -1;
-  return static_cast<int>(syscall(SYS_accept4, sd, peer, length, flags));
+  const int client = static_cast<int>(syscall(SYS_accept4, sd, peer, length, flags));
+  if (client >= 0 && copies.exchange(false)) copied = fcntl(client, F_DUPFD_CLOEXEC, 0);
+  return client;
 }
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
@@ -270,7 +281,7 @@ TEST_F(TovServerEnd, LinkPlantedAtTheSocketPathChangesNoOtherFilesMode) {
       unlink(TOV_SOCKET_PATH);
       planted();
     };
-    // No client can connect to it; it ends when it next looks, after the failure of its first wait.
+    // No client can connect to it; it ends before its first wait.
     failure = EPOLL_CREATE;
     ServerThread server;
     server.join();
@@ -308,6 +319,57 @@ TEST_F(TovServerEnd, PassTouchesTheRecordsOfItsClientsAlone) {
   EXPECT_EQ(records_not_cleared, 0);
 }
 
+TEST_F(TovServerEnd, RequestsTouchNoDescriptorButTheirOwn) {
+  ServerThread server;
+  ASSERT_TRUE(server.up());
+  std::vector<RawClient> idle(50);
+  for (RawClient &client : idle)
+    ASSERT_EQ(client.connect(), 0);
+  RawClient asking;
+  ASSERT_EQ(asking.connect(), 0);
+  const std::string request =
+      tov_test::packet(TOV_MSG_CONS, tov_test::bytes_of(tov_msg_cons_t{.event = 99, .pid = 0}));
+  ASSERT_TRUE(asking.send(request));
+  ASSERT_EQ(asking.answer(), RawClient::ACKNOWLEDGED);  // all of them have been accepted
+  const int before = added;
+  for (int i = 0; i < 10; i++) {
+    ASSERT_TRUE(asking.send(request));
+    ASSERT_EQ(asking.answer(), RawClient::ACKNOWLEDGED);
+  }
+  EXPECT_EQ(added, before);
+  RawClient last;
+  ASSERT_EQ(last.connect(), 0);
+  ASSERT_TRUE(last.send(request));
+  ASSERT_EQ(last.answer(), RawClient::ACKNOWLEDGED);
+  EXPECT_EQ(added, before + 1);
+}
+
+// As a child has one that was forked and has not executed its program yet: until then the kernel
+// still knows the client, whose number the next one gets.
+TEST_F(TovServerEnd, CopyOfAClosedClientRaisesNoMoreEvents) {
+  ServerThread server;
+  ASSERT_TRUE(server.up());
+  ASSERT_TRUE(wait_until([] { return removed == 1; }, 30s)) << "the probe of up()";
+  {
+    copies = true;
+    RawClient odd;
+    ASSERT_EQ(odd.connect(), 0);
+    ASSERT_TRUE(odd.send(tov_test::packet(77, 0, "")));
+    ASSERT_TRUE(wait_until([] { return removed == 2; }, 30s));
+    RawClient next;
+    ASSERT_EQ(next.connect(), 0);
+    ASSERT_TRUE(wait_until([] { return asked_events == 2; }, 30s));
+    (void)odd.send("one more");  // arrives at the copy
+    const int before = accepts;
+    ASSERT_EQ(RawClient().connect(), 0);
+    ASSERT_TRUE(wait_until([&] { return accepts == before + 1; }, 30s)) << "a pass is over";
+    EXPECT_EQ(next.answer(100ms), RawClient::SILENCE) << "it was taken for the one before it";
+  }
+  EXPECT_TRUE(server.up());
+  EXPECT_EQ(tov_flag_get(quit), 0);
+  close(copied.exchange(-1));
+}
+
 // ---- results ------------------------------------------------------------------------------------
 
 TEST_F(TovServerEnd, ListenRefusedIsMinusThree) {
@@ -317,14 +379,14 @@ TEST_F(TovServerEnd, ListenRefusedIsMinusThree) {
 }
 
 TEST_F(TovServerEnd, NoEventSetIsMinusFour) {
-  run_into(EPOLL_CREATE);
+  start_with(EPOLL_CREATE);
   expect_end(-4, EMFILE);
   EXPECT_NE(printed().find("]tov_process_domain: epoll_create err(ret:-1, err:24)!\n"),
             std::string::npos);
 }
 
 TEST_F(TovServerEnd, ListenerThatCannotBeWatchedIsMinusFive) {
-  run_into(EPOLL_ADD_LISTENER);
+  start_with(EPOLL_ADD_LISTENER);
   expect_end(-5, ENOMEM);
   EXPECT_NE(printed().find("]tov_process_domain: epoll_ctl err(ep_fd:"), std::string::npos);
   EXPECT_NE(printed().find(", ret:-1, err:12)!\n"), std::string::npos);
