@@ -35,8 +35,7 @@ static int watch_in_child() {
   });
 }
 
-// The others may wait for a thread whose fork fails for ever; only this thread makes an end.
-TEST_F(TovInotifyForkError, StaysOnWatchWhenTheDaemonIsToEnd) {
+TEST_F(TovInotifyForkError, LooksOnceEvenIfTheDaemonIsToEnd) {
   tov_flag_set(quit, 1);
   write_file(TOV_FORK_FILE, "aaaaaaa");
   const int status = watch_in_child();
