@@ -91,6 +91,7 @@ enum {
   TOV_WAIT_LOOK,   /* for the look whether a listed program runs again by itself */
   TOV_WAIT_FORK,   /* until forks succeed, for its turn */
   TOV_WAIT_SEARCH, /* for the search of the process that is to be supervised */
+  TOV_WAIT_LOCK,   /* deferred: until its registration file is unlocked */
 };
 
 /* Whether a listed program runs again by itself. */
@@ -104,7 +105,7 @@ typedef struct tov_start_s {
   int64_t due_us;              /* monotonic microseconds: when it goes on */
   int occasion;                /* who asked for it, core/policy/revive.h */
   int vsd_no;                  /* device of the dead process, asked once at its death */
-  int waited;                  /* 1: `restart_time` is over */
+  int waited;                  /* 1: `restart_time` is waited for, or over */
   int announced;               /* 1: what is said before a restart has been said */
   int silent;                  /* 1: the marker asked for no announcement */
   int slot;                    /* of its lines in the journal, 0: none */

@@ -13,6 +13,7 @@
 #include "core/run/lowmem.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/ha_notice.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
@@ -46,8 +47,12 @@ static void arm_alarm(int period_s) {
 
 // ---- the reload -------------------------------------------------------------------------------
 
-// The task for which a reload is to be asked for; empty: none. One reload is enough for all.
-static char reload_for[TOV_PROCESS_SIZE] TOV_GUARDED_BY(tov_chains);
+enum { RELOADS_MAX = 8 };
+
+// The tasks for which a reload is to be asked for. Whoever comes when there are so many is not
+// asked for: the reload is under way.
+static char reloads[RELOADS_MAX][TOV_PROCESS_SIZE] TOV_GUARDED_BY(tov_chains);
+static int reloads_num TOV_GUARDED_BY(tov_chains) = 0;
 
 // Considers a reload of the unit for a task that is suspended once more.
 static bool is_reload_called_for(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
@@ -77,18 +82,22 @@ static void ask_for_reload(const char *process) {
 
 static void note_reload(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
   held.shows(tov_chains);
-  if (is_reload_called_for(held, record, now))
-    (void)snprintf(reload_for, sizeof reload_for, "%s", record->process);
+  if (!is_reload_called_for(held, record, now) || reloads_num == RELOADS_MAX) return;
+  (void)snprintf(reloads[reloads_num++], TOV_PROCESS_SIZE, "%s", record->process);
+}
+
+// Takes the last noted task. Returns false when there is none.
+static bool take_reload(char (&process)[TOV_PROCESS_SIZE]) {
+  const tov_chains_guard_t held(tov_chains);
+  if (reloads_num == 0) return false;
+  (void)snprintf(process, sizeof process, "%s", reloads[--reloads_num]);
+  return true;
 }
 
 void tov_ask_for_noted_reload(void) {
   char process[TOV_PROCESS_SIZE];
-  {
-    const tov_chains_guard_t held(tov_chains);
-    (void)snprintf(process, sizeof process, "%s", reload_for);
-    reload_for[0] = '\0';
-  }
-  if (process[0] != '\0') ask_for_reload(process);
+  while (take_reload(process))
+    ask_for_reload(process);
 }
 
 void tov_check_restart_system(tov_pid_t *record, time_t t) {

@@ -25,7 +25,7 @@ bool tov_burst_allows(const tov_chains_guard_t &held, tov_pid_t *record, const t
 // Takes the lock of `tov_chains` while it decides. Sleeps 2 s when it asks.
 void tov_check_restart_system(tov_pid_t *record, time_t t);
 
-// Asks for the reload that a suspension has called for, if there is one. Sleeps 2 s when it asks:
+// Asks for the reloads that suspensions have called for, if there are any. Sleeps 2 s for each:
 // call it without the lock of `tov_chains`, in a thread for which nobody waits.
 void tov_ask_for_noted_reload(void);
 

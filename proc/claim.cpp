@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "client/tov_pidfile.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -31,6 +32,7 @@ static void name_file(const tov_pid_t &record, char (&file)[FILE_NAME_SIZE]) {
 tov_claim_t tov_claim_take(const tov_chains_guard_t &held, const tov_pid_t &record, bool stays) {
   static unsigned int last_number TOV_GUARDED_BY(tov_chains) = 0;
   held.shows(tov_chains);
+  if (!tov_record_owns_file(held, record)) return {};
   tov_claim_t claim;
   claim.number = ++last_number;
   name_claim(record, &claim);
@@ -67,11 +69,13 @@ bool tov_claim_is_name(const char *name) {
   return strncmp(name, CLAIM_PREFIX, strlen(CLAIM_PREFIX)) == 0;
 }
 
-// Not rename(2), which does nothing when both names are of one file.
+// Not rename(2) alone, which does nothing when both names are of one file; where no second name can
+// be had there is only one.
 bool tov_claim_settle(const char *path, const tov_pid_t &record) {
   char file[FILE_NAME_SIZE];
   name_file(record, file);
   const bool linked = tov_sys_link(path, file) == 0;
+  if (!linked && errno != EEXIST) return tov_sys_rename(path, file) == 0 || errno != ENOENT;
   if (tov_sys_unlink(path) == 0) return true;
   if (errno != ENOENT) return true;  // it stays, and so the child has not used it
   if (linked) (void)tov_sys_unlink(file);

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <optional>
@@ -41,8 +40,11 @@ static int look_at_all() {
 
 void tov_scan_s::look_for(const char *command, accepts_t accepts) {
   wanted_s &wanted = wanted_.emplace_back();
-  (void)snprintf(wanted.command, sizeof wanted.command, "%s", command);
-  rtrim(wanted.command);
+  // One that does not fit is no process's: command lines are compared whole. Empty, it is none's.
+  if (strlen(command) < sizeof wanted.command) {
+    (void)snprintf(wanted.command, sizeof wanted.command, "%s", command);
+    rtrim(wanted.command);
+  }
   wanted.accepts = std::move(accepts);
   missing_++;
 }

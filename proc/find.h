@@ -43,7 +43,7 @@ class tov_scan_s {
   struct wanted_s {
     char command[COMMAND_SIZE] = {};
     pid_t pid = 0;
-    accepts_t accepts = {};
+    accepts_t accepts;
   };
 
   void read_command(const char *name);

@@ -22,6 +22,7 @@
 #include "proc/find.h"
 #include "proc/how.h"
 #include "util/list_file.h"
+#include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/entry.h"
@@ -92,7 +93,9 @@ start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way, int device)
     plan.argv = words.word;
   }
   plan.in_device = TOV_SPAWN_VSD_MIN <= vsd_no && vsd_no <= TOV_SPAWN_VSD_MAX;
-  if (plan.in_device) tov_proc_env_prepare(&plan.env, vsd_no, dead.pid);
+  // The child removes the dead one's marker, unless the id has been given out again meanwhile.
+  const bool reused = tov_process_state(dead.pid) == TOV_PROCESS_LIVES;
+  if (plan.in_device) tov_proc_env_prepare(&plan.env, vsd_no, reused ? 0 : dead.pid);
 }
 
 // ---- the choice of the process to supervise ---------------------------------------------------
@@ -218,26 +221,33 @@ static pid_t start_once(start_s *start, bool *in_child) {
   return forked;
 }
 
-static pid_t start_again(tov_pid_t *record, pid_t *res, const tov_proc_how_t &how) {
+// Sets `in_child` in a child that could not change to "/".
+static pid_t start_again(tov_pid_t *record, pid_t *res, const tov_proc_how_t &how, bool *in_child) {
   const tov_chains_guard_t held(tov_chains);
   *res = -1;
   if (!tov_burst_allows(held, record, how)) return -1;
 
   start_s start(*record, how, find_app(record->pid));
   for (;;) {
-    bool in_child = false;
-    const pid_t started = start_once(&start, &in_child);
+    const pid_t started = start_once(&start, in_child);
     if (started > 0) *res = started;
-    if (started >= 0 || in_child) return started;
+    if (started >= 0 || *in_child) return started;
     tell_fork_failed(how, -started);
     safe_sleep(TOV_FORK_PAUSE_S);
   }
 }
 
+static pid_t start_or_suspend(tov_pid_t *record, pid_t *res, const tov_proc_how_t &how) {
+  bool in_child = false;
+  const pid_t started = start_again(record, res, how, &in_child);
+  if (!in_child) tov_ask_for_noted_reload();
+  return started;
+}
+
 pid_t tov_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  return start_again(tov_pid, res, tov_proc_by_exec);
+  return start_or_suspend(tov_pid, res, tov_proc_by_exec);
 }
 
 pid_t tov_shell_spawn(tov_pid_t *tov_pid, pid_t *res) {
-  return start_again(tov_pid, res, tov_proc_by_script);
+  return start_or_suspend(tov_pid, res, tov_proc_by_script);
 }

@@ -2,8 +2,10 @@
 //
 // One procedure serves both ways (how.h holds what differs): the burst limit, a fork that
 // is retried for ever, the child's set-up, and the search for the process that is now to be
-// supervised, because a listed third-part program may fork itself away. This header brings the
-// module's rooms with it.
+// supervised, because a listed third-part program may fork itself away. The daemon takes its steps
+// one by one, so that the record waits between them and no thread; tov_spawn() and
+// tov_shell_spawn() make the whole start before they return. This header brings the module's rooms
+// with it.
 //
 // Threads: the event handler, the start-up rebuild, the delay and sweep threads, and the
 // self-check alarm's handler, all under the lock of `tov_chains`.

@@ -8,6 +8,7 @@
 #define TOV_UTIL_PROCFS_H
 
 #include <stddef.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include "util/lines.h"

@@ -113,10 +113,20 @@ int tov_process_shell_restart(tov_msg_xtach_t *payload, char *pathname) {
   return register_process(__func__, payload, SHELL_RESTART, pathname);
 }
 
+// Whether a withdrawal of `pid` means the record: that of the process, or of the child for which
+// its restart still searches. One whose restart waits is meant by the dead one's id, as long as
+// that has not been given out again.
+static bool is_meant(const tov_pid_t &record, pid_t pid, bool has_process) {
+  if (!tov_record_is_starting(record)) return record.pid == pid;
+  if (pid > 0 && record.start.forked == pid && record.start.child_ended == 0) return true;
+  return record.pid == pid && !has_process;
+}
+
 void tov_process_dump_all_msg(pid_t pid) {
   const tov_chains_guard_t held(tov_chains);
+  const bool has_process = tov_record_newest_of(held, pid) != nullptr;
   for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
-    if (record.pid != pid) continue;
+    if (!is_meant(record, pid, has_process)) continue;
     tov_log_with_type(TOV_LOG_REG_RESTART,
                       "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
                       record.pid, record.vsd_id, record.action);

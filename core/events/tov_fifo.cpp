@@ -102,14 +102,12 @@ unsigned int __kfifo_out(kfifo *fifo, void *dst, unsigned int len) {
 int tov_cnmsg_fifo_alloc(void) {
   if (tov_wake_open() == 0 && __kfifo_alloc(&tov_cnmsg_fifo, TOV_CNMSG_FIFO_BYTES, 1) == 0)
     return 0;
-  tov_wake_close();
   TOV_DBG("%s: kfifo_alloc fail!\n", __func__);
   return -1;
 }
 
 void tov_cnmsg_fifo_free(void) {
   __kfifo_free(&tov_cnmsg_fifo);
-  tov_wake_close();
 }
 
 // A wake-up that belongs to an earlier wait (its producer was late) only costs a pass.

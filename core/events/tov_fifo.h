@@ -68,7 +68,7 @@ extern struct kfifo tov_cnmsg_fifo;
 // Returns 0; -1 with a diagnostic when memory or descriptors lack.
 int tov_cnmsg_fifo_alloc(void);
 
-// Frees both. After both threads have been joined.
+// Frees the queue. After both threads have been joined.
 void tov_cnmsg_fifo_free(void);
 
 // Waits until the queue is not empty, `timeout_ms` have passed (negative: no limit) or a pass was

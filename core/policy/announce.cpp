@@ -9,10 +9,8 @@
 
 #include <iterator>
 
-#include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
-#include "include/tov_thread_safety.h"
 #include "log/ha_notice.h"
 #include "log/plain_files.h"
 #include "log/tov_dbg.h"

@@ -60,7 +60,7 @@ void *tov_delay_restart(void *) {
     if (due.pid != 0) {
       TOV_DBG("pid:%d, exit_signal:0x%x, force_restart:%d\n", due.pid,
               static_cast<unsigned int>(due.exit_signal), due.force_restart);
-      tov_handle_netlink_exit(due.pid, due.exit_signal, due.force_restart);
+      tov_hand_back_exit(due.pid, due.exit_signal, due.force_restart);
     }
     tov_ask_for_noted_reload();  // sleeps, which nobody waits for here
     (void)tov_quit_wait(PAUSE_MS);

@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -27,7 +26,6 @@
 #include "proc/claim.h"
 #include "proc/tov_proc.h"
 #include "util/entries.h"
-#include "util/list_file.h"
 #include "util/owner.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"
@@ -55,8 +53,8 @@ class exit_case_s final : public tov_exit_case_t {
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
   bool stopped() override { return verdict_ != ACCEPTED && tov_exit_is_stop(exit_code_); }
-  // Asked until the restart is announced: an exit that is handed back is announced once more.
-  bool locked() override { return record_->start.announced == 0 && tov_defer_is_needed(*record_); }
+  // Asked until the restart begins: an exit that is handed back begins it anew.
+  bool locked() override { return record_->start.waited == 0 && tov_defer_is_needed(*record_); }
   bool restarted() override { return tov_revive_is_wanted(*record_); }
   bool unknown_whether_it_runs() override;
   bool runs_again() override { return record_->start.looked == TOV_LOOKED_RUNS; }
@@ -94,8 +92,10 @@ tov_twin_e exit_case_s::twin() {
   other_ = tov_proc_is_running(record_);
   if (other_ == nullptr) return twin_;
   if (other_ == record_) return twin_ = TOV_TWIN_IN_CHARGE;
-  // One that searches has made its new process already.
+  // One that searches has made its new process already; if that has ended, another one may run that
+  // it has left behind.
   if (other_->start.forked > 0) return twin_ = TOV_TWIN_LIVES;
+  if (tov_record_is_starting(*other_)) return twin_ = TOV_TWIN_DEAD;
   return twin_ = tov_process_lives(other_->pid) ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
 }
 
@@ -160,8 +160,11 @@ void exit_case_s::accept_stop() {
 
 // ---- programs that run again ----------------------------------------------------------------
 
+// What was found may have ended since: it is looked for once more.
 bool exit_case_s::unknown_whether_it_runs() {
-  return record_->start.looked == TOV_LOOKED_NOT_YET && tov_proc_is_listed(*record_);
+  const tov_start_t &start = record_->start;
+  if (start.looked == TOV_LOOKED_RUNS) return !tov_process_lives(start.runs_as);
+  return start.looked == TOV_LOOKED_NOT_YET && tov_proc_is_listed(*record_);
 }
 
 // A third-part program that another process has started again is registered under its new
@@ -183,41 +186,32 @@ void exit_case_s::act(tov_exit_act_e act) {
     case TOV_EXIT_LEAVE:
     case TOV_EXIT_WAIT_FOR_ALARM:
     case TOV_EXIT_ACT_NUM:
-      break;
+      return;
     case TOV_EXIT_LEAVE_DEAD:
-      tov_record_end_wait(held_, record_);
-      break;
+      return tov_record_end_wait(held_, record_);
     case TOV_EXIT_DROP:
-      drop();
-      break;
+      return drop();
     case TOV_EXIT_DROP_OTHER:
-      forget(held_, other_, verdict_);
-      break;
+      return forget(held_, other_, tov_record_is_starting(*other_) ? ACCEPTED : verdict_);
     case TOV_EXIT_NOTE:
-      note();
-      break;
+      return note();
     case TOV_EXIT_ACCEPT_STOP:
-      accept_stop();
-      break;
+      return accept_stop();
     case TOV_EXIT_DEFER:
-      tov_record_end_wait(held_, record_);
-      tov_defer(*record_);
-      break;
+      return tov_revive_defer(held_, record_);
     case TOV_EXIT_LOOK:
-      tov_revive_look(held_, record_);
-      break;
+      return tov_revive_look(held_, record_);
     case TOV_EXIT_HAND_OVER:
-      hand_over();
-      break;
+      return hand_over();
     case TOV_EXIT_RESTART:
-      tov_revive(held_, record_, TOV_REVIVE_AFTER_EXIT);
-      break;
+      return tov_revive(held_, record_, TOV_REVIVE_AFTER_EXIT);
   }
 }
 
 static tov_registration_t decide_reported_exit(int pid, int exit_code, int force) {
   const tov_chains_guard_t held(tov_chains);
   tov_pid_t *record = tov_record_oldest_of(held, pid);
+  if (record == nullptr) record = tov_record_deferred(held, pid);  // told about once more
   if (record == nullptr) return {};
   exit_case_s asked(held, record, REPORTED, exit_code, force);
   (void)tov_exit_decide(asked);
@@ -229,20 +223,31 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force) {
   tov_waits_finish();
 }
 
-// While a device goes down, or when it is gone, its exits are wanted: nothing is started there.
-static bool is_device_gone(int vsd_id) {
-  return vsd_id > 0 && (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_id).text) ||
-                        !tov_file_exists(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_id).text));
-}
-
 tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
-  if (is_device_gone(record->vsd_id)) {
+  if (tov_revive_is_in_vain(*record)) {
     tov_record_forget(held, record);
     return {};
   }
   exit_case_s asked(held, record, ACCEPTED, record->exit_signal, record->force_restart);
   (void)tov_exit_decide(asked);
   return asked.later();
+}
+
+// Returns false when the exit of `pid` is not parked any more.
+static bool decide_parked_exit(int pid, int exit_code, int force, tov_registration_t *later) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_record_deferred(held, pid);
+  if (record == nullptr) return false;
+  tov_record_ended(held, record, exit_code, force);
+  *later = tov_exit_go_on(held, record);
+  return true;
+}
+
+void tov_hand_back_exit(int pid, int exit_code, int force) {
+  tov_registration_t later;
+  if (!decide_parked_exit(pid, exit_code, force, &later))
+    return tov_handle_netlink_exit(pid, exit_code, force);
+  tov_register_found(later);
 }
 
 tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record) {

@@ -48,6 +48,11 @@ using tov_registration_t = tov_registration_s;
 //   held, record, result  as above
 [[nodiscard]] tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record);
 
+// Goes on with an exit that was parked in `tov_chains_delay`: it was accepted then, so a stranger
+// that lives under its id by now does not matter.
+//   pid, exit_code, force  as parked; without such a record it is an exit like any other
+void tov_hand_back_exit(int pid, int exit_code, int force) TOV_EXCLUDES(tov_chains);
+
 // Registers the process with our own server, which takes the lock of `tov_chains` in another
 // thread: never call it with that lock held. A failure is logged. Waits for the server's answer.
 void tov_register_found(const tov_registration_t &found) TOV_EXCLUDES(tov_chains);

@@ -14,6 +14,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -112,7 +113,11 @@ static int64_t written_us(const char *path) {
 static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
   const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
   tov_entries_t files(dir.text);
-  for (const std::string &name : files.rest()) {
+  std::vector<std::string> names = files.rest();
+  // The registrations first: a claim says nothing new where there is one.
+  std::partition(names.begin(), names.end(),
+                 [](const std::string &name) { return !tov_claim_is_name(name.c_str()); });
+  for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
     const int64_t written = written_us(path);
@@ -174,7 +179,7 @@ static void adopt(const tov_chains_guard_t &held, tov_pid_t *record, pid_t succe
 // which the sweep reports.
 static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   TOV_DBG("pid (%d) is not exist\n", record->pid);
-  if (tov_proc_restart_delay(record) != 0) return;
+  if (tov_defer_is_needed(*record)) return tov_revive_defer(held, record);
   tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
@@ -185,6 +190,7 @@ int tov_rebuild_chains(tov_chains_t *chains) {
   const std::vector<pid_t> successors = find_successors(dead);
   for (size_t i = 0; i < dead.size(); i++) {
     const tov_chains_guard_t held(*chains);
+    held.shows(tov_chains);
     // Two records may have found the same process: the first has it.
     if (successors[i] > 0 && __tov_find_pid(&tov_chains, successors[i]) == nullptr) {
       adopt(held, dead[i].record, successors[i]);

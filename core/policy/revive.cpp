@@ -1,11 +1,14 @@
-// Tested by: tests/module/core/policy/exit_test.cpp, tests/module/core/policy/rebuild_test.cpp,
+// Tested by: tests/unit/core/policy/revive_test.cpp, tests/unit/core/policy/revive_listed_test.cpp,
+// tests/module/core/policy/exit_test.cpp, tests/module/core/policy/rebuild_test.cpp,
 // tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/policy/revive.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <iterator>
 #include <utility>
@@ -13,8 +16,10 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/announce.h"
+#include "core/policy/defer.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
@@ -23,9 +28,12 @@
 #include "proc/task_name.h"
 #include "proc/tov_proc.h"
 #include "util/clock.h"
+#include "util/procfs.h"
+#include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/entry.h"
 #include "vsd/marker.h"
+#include "vsd/path.h"
 
 static constexpr int64_t US_PER_S = 1000000;
 
@@ -99,7 +107,7 @@ static void say_after(const tov_chains_guard_t &held, const tov_pid_t &record,
   news.count = record.count;
   news.new_pid = record.pid;
   row.after(news);
-  if (start.slot > 0) (void)tov_journal_after(news, start.slot);
+  if (start.slot > 0 && debug_log() == 0) (void)tov_journal_after(news, start.slot);
 }
 
 bool tov_revive_is_wanted(const tov_pid_t &record) {
@@ -152,14 +160,13 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   // The search may outlast this daemon, and its child is known by that it is younger than the file.
   if (listed) (void)tov_db_keep(record);
   start->forked = tov_proc_fork(held, record, start->vsd_no, listed);
-  if (start->forked > 0) forks_fail_until_us = 0;
+  forks_fail_until_us = start->forked > 0 ? 0 : now_us + TOV_FORK_PAUSE_S * US_PER_S;
   // After a failed fork, too: another process may have started the program meanwhile.
   if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
   if (start->forked > 0) {
     return finish(held, record, tov_proc_tell_forked(*record, start->forked), start->forked);
   }
   tov_proc_fork_failed(*record, -start->forked);
-  forks_fail_until_us = now_us + TOV_FORK_PAUSE_S * US_PER_S;
   wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
 }
 
@@ -191,7 +198,23 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
 void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
   const int pause_us = tov_record_is_starting(*record) ? 0 : LOOK_PAUSE_US;
   begin(held, record, TOV_REVIVE_AFTER_EXIT);
+  tov_record_start(held, record)->looked = TOV_LOOKED_NOT_YET;
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + pause_us);
+}
+
+void tov_revive_defer(const tov_chains_guard_t &held, tov_pid_t *record) {
+  begin(held, record, TOV_REVIVE_AFTER_EXIT);
+  tov_record_wait(held, record, TOV_WAIT_LOCK, INT64_MAX);
+  tov_defer(*record);
+}
+
+bool tov_revive_is_in_vain(const tov_pid_t &record) {
+  // Of a device that was on its way out when the process died no member file may have been left.
+  const int vsd_no = record.start.vsd_no > 0 ? record.start.vsd_no : record.vsd_id;
+  if (vsd_no <= 0) return false;
+  if (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_no).text)) return true;
+  return tov_sys_access(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text, F_OK) < 0 &&
+         errno == ENOENT;
 }
 
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
@@ -226,25 +249,44 @@ void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int re
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
 }
 
-// What was heard of the process before its record had its id.
+// What was heard of the process before its record had its id. Of another one than the child nobody
+// knew that it concerns us: the scan has found it, and it may have ended since.
 static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
-  if (pid != start.forked) return;
+  if (pid != start.forked) {
+    if (pid > 0 && !tov_process_lives(pid)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
+    return;
+  }
   if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
   if (start.child_ended != 0)
     heard->push_back({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(start.child_code)});
 }
 
+// The child failed, and nothing runs in its place: that is the exit of what was started. One that
+// ended with 0 has done its part of the start.
+static bool has_failed(const tov_start_t &start, pid_t found) {
+  return found == 0 && start.child_ended != 0 && start.child_code != 0;
+}
+
+// The search has ended.
+static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
+                     std::vector<tov_cnmsg_data_t> *heard) {
+  const tov_start_t start = record->start;
+  (void)tov_proc_tell_found(*record, start.forked, found);
+  const bool failed = has_failed(start, found);
+  tell_heard(start, failed ? start.forked : found, heard);
+  if (!failed) return finish(held, record, found, found > 0 ? found : -1);
+  tov_record_end_wait(held, record);
+  tov_record_renew(held, record, start.forked);
+}
+
 void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
                          std::vector<tov_cnmsg_data_t> *heard) {
+  if (found == 0 && tov_revive_is_in_vain(*record)) return tov_record_forget(held, record);
   tov_start_t *start = tov_record_start(held, record);
-  if (found == 0 && start->scans < TOV_SEARCH_RETRIES) {
-    start->scans++;
-    return wait_for(held, record, TOV_WAIT_SEARCH,
-                    tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
-  }
-  (void)tov_proc_tell_found(*record, start->forked, found);
-  tell_heard(*start, found, heard);
-  finish(held, record, found, found > 0 ? found : -1);
+  if (found > 0 || start->scans >= TOV_SEARCH_RETRIES) return conclude(held, record, found, heard);
+  start->scans++;
+  tov_record_wait(held, record, TOV_WAIT_SEARCH,
+                  tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
 }
 
 // ---- who speaks up during a search

@@ -13,7 +13,6 @@
 
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
 
 enum tov_revive_e {
   TOV_REVIVE_AFTER_EXIT,        // the rules said so
@@ -37,6 +36,14 @@ void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e 
 // Lets the record wait until it was looked whether its listed program runs again by itself.
 void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record);
 
+// Lets the record wait until its registration file is unlocked: the exit is parked
+// (core/policy/defer) and comes back with tov_hand_back_exit().
+void tov_revive_defer(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// Whether nothing is to be started any more for a restart that is under way: the device of the dead
+// process is being deleted, or is gone.
+bool tov_revive_is_in_vain(const tov_pid_t &record);
+
 // Whether a new process is wanted: at a rebuild for whatever was registered, afterwards if the
 // action asks for one.
 bool tov_revive_is_wanted(const tov_pid_t &record);
@@ -51,7 +58,8 @@ void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SI
 void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found);
 
 // The same for a record that searched.
-//   heard  gets what was heard of the process meanwhile, for the caller to handle after the lock
+//   record  may be freed
+//   heard   gets what was heard of the process meanwhile, for the caller to handle after the lock
 void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
                          std::vector<tov_cnmsg_data_t> *heard);
 

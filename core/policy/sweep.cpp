@@ -22,10 +22,15 @@ enum {
 
 static constexpr char function[] = "tov_proc_stat_check";
 
-// Tasks that wait for the self-check alarm, or are being restarted, are passed over: they have no
-// process.
+// Tasks that wait for the self-check alarm have no process, nor do those that are being restarted.
+// A deferred exit is none of those: who holds its file may never let it go, and operators are told.
+static bool is_passed_over(const tov_pid_t &record) {
+  if (tov_record_is_suspended(record)) return true;
+  return tov_record_is_starting(record) && record.start.wait != TOV_WAIT_LOCK;
+}
+
 static void look_at(const tov_chains_guard_t &held, tov_pid_t &record) {
-  if (tov_record_is_suspended(record) || tov_record_is_starting(record)) return;
+  if (is_passed_over(record)) return;
   if (tov_check_process_alive(&record) == 0) {
     tov_record_clear_misses(held, &record);
     return;

@@ -8,7 +8,6 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -21,7 +20,6 @@
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
 #include "proc/burst.h"
 #include "proc/find.h"
 #include "util/clock.h"
@@ -62,25 +60,27 @@ void tov_waits_s::begin_scan() {
   }
 }
 
-void tov_waits_s::end_scan(int result, step_s *step) {
+void tov_waits_s::end_scan(const tov_scan_t &scan, int result, step_s *step) {
   for (size_t i = 0; i < answered_.size(); i++) {
     const tov_chains_guard_t held(tov_chains);
     tov_pid_t *record = tov_record_of_start(held, answered_[i]);
     if (record == nullptr) continue;
-    const pid_t found = scan_->found(i);
+    const pid_t found = scan.found(i);
     if (record->start.wait == TOV_WAIT_LOOK) {
       tov_revive_looked(held, record, result, found);
     } else {
       tov_revive_searched(held, record, found, &step->heard);
     }
   }
-  scan_.reset();
 }
 
 void tov_waits_s::read_portion(step_s *step) {
   if (!scan_) begin_scan();
   if (!scan_) return;
-  if (const std::optional<int> result = scan_->go_on(PORTION)) end_scan(*result, step);
+  const std::optional<int> result = scan_->go_on(PORTION);
+  if (!result) return;
+  end_scan(*scan_, *result, step);
+  scan_.reset();
 }
 
 // ---- steps --------------------------------------------------------------------------------------
@@ -127,7 +127,11 @@ void tov_waits_finish(void) {
   tov_waits_t waits;
   for (int64_t next_us = 0; next_us != NEVER_US && !tov_flag_get(quit);) {
     nap_until(next_us);
-    next_us = waits.go_on().next_us;
+    const tov_waits_t::step_s step = waits.go_on();
+    for (const tov_cnmsg_data_t &event : step.heard)
+      if (event.what == TOV_EVENT_EXIT)
+        tov_handle_netlink_exit(event.process_pid, static_cast<int>(event.exit_code), 0);
+    next_us = step.next_us;
   }
   tov_ask_for_noted_reload();
 }

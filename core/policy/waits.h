@@ -36,7 +36,7 @@ class tov_waits_s {
  private:
   void begin_scan();
   void read_portion(step_s *step);
-  void end_scan(int result, step_s *step);
+  void end_scan(const tov_scan_t &scan, int result, step_s *step);
   tov_registration_t handle_due(step_s *step);
   void put_off(const tov_chains_guard_t &held, tov_pid_t *record);
 

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
@@ -16,10 +17,12 @@ enum { COMMAND_SIZE = 512 };
 
 // Another record of the same task, or null.
 static tov_pid_t *find_twin(const tov_pid_t &record) TOV_REQUIRES(tov_chains) {
+  // The id of one that is being restarted is a dead process's, and may have been given out again.
+  const bool has_process = !tov_record_is_starting(record);
   for (tov_pid_t &other : tov_chain_records(&tov_chains)) {
     // The numbers first: they tell nearly all records apart without touching the long text.
-    if (other.pid != record.pid && other.vsd_id == record.vsd_id &&
-        strcmp(other.process, record.process) == 0) {
+    if (&other != &record && (other.pid != record.pid || !has_process) &&
+        other.vsd_id == record.vsd_id && strcmp(other.process, record.process) == 0) {
       return &other;
     }
   }

@@ -8,7 +8,7 @@
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 
-// Another record in `tov_chains` of the same task: same `process`, same device, other process id.
+// Another record in `tov_chains` of the same task: same `process`, same device, other process.
 // Returns null when there is none. Otherwise it returns that record when `record->flags` is not 0,
 // and `record` itself when they are 0: a record that never went through a restart gives way, so
 // its caller only tests the answer for null.

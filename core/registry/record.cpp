@@ -8,20 +8,24 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/types.h>
 #include <time.h>
 
 #include "client/tov_pidfile.h"
+#include "core/registry/links.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/lowmem.h"
 #include "core/run/wake.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
+#include "log/tov_dbg.h"
 
 enum {
   BURST_SPAN_S = 120,
   BURST_LIMIT = 4,  // the start that goes beyond it is not made
+  FILE_NAME_SIZE = 256,
 };
 
 // ---- questions ------------------------------------------------------------------------------
@@ -192,10 +196,17 @@ tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid) {
   return oldest;
 }
 
+tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && record.start.wait == TOV_WAIT_LOCK) return &record;
+  }
+  return nullptr;
+}
+
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
-  if (!tov_record_is_starting(*record)) return;
-  tov_list_del(&record->start.link);
+  if (tov_record_is_starting(*record)) tov_list_del(&record->start.link);
   record->start = {};
 }
 
@@ -214,8 +225,27 @@ void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigne
   record->claim = number;
 }
 
+static void name_file(const tov_pid_t &record, char (&file)[FILE_NAME_SIZE]) {
+  tov_get_db_file_name(record.vsd_id, record.pid, record.process, file, sizeof file);
+}
+
+bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &record) {
+  char own[FILE_NAME_SIZE], other[FILE_NAME_SIZE];
+  name_file(record, own);
+  for (const tov_pid_t &with : tov_chain_bucket(registry_of(held), pidhash(record.pid))) {
+    if (&with == &record || with.pid != record.pid) continue;
+    name_file(with, other);
+    if (strcmp(own, other) == 0) return false;
+  }
+  return true;
+}
+
+static void remove_file(const tov_chains_guard_t &held, const tov_pid_t *record) {
+  if (tov_record_owns_file(held, *record)) (void)tov_db_destroy(record);
+}
+
 void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
-  (void)tov_db_destroy(record);
+  remove_file(held, record);
   tov_chain_rekey(registry_of(held), record, new_pid);
   record->force_restart = 0;
   record->stat_check_cnt = 0;
@@ -252,13 +282,21 @@ void tov_record_force(const tov_chains_guard_t &held, tov_pid_t *parked) {
 }
 
 void tov_record_forget(const tov_chains_guard_t &held, tov_pid_t *record) {
-  (void)tov_db_destroy(record);
+  remove_file(held, record);
   tov_chain_remove(registry_of(held), record);
 }
 
 void tov_record_forget_process(const tov_chains_guard_t &held, tov_pid_t *record) {
   // A record without a process shares that state with others, but no process.
   if (record->pid < 1) return tov_record_forget(held, record);
-  (void)tov_db_destroy(record);
-  __tov_del_pid(registry_of(held), record->pid);
+  held.shows(tov_chains);
+  const pid_t pid = record->pid;
+  for (tov_pid_t &other : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    // One whose restart waits shares the number with it, not the process.
+    if (&other == record || other.pid != pid || tov_record_is_starting(other)) continue;
+    TOV_DBG("%s del pid %d\n", "__tov_del_pid", pid);
+    tov_chain_remove(&tov_chains, &other);
+  }
+  TOV_DBG("%s del pid %d\n", "__tov_del_pid", pid);
+  tov_record_forget(held, record);
 }

@@ -54,6 +54,10 @@ bool tov_record_is_restarted(const tov_pid_t &record);
 // is still the dead one's, and neither exits nor sweeps concern it.
 bool tov_record_is_starting(const tov_pid_t &record);
 
+// Whether the registration file of the record's name is its own alone. A process that was given the
+// id of a dead one, and whose program has the same name, has the same name for its file.
+bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &record);
+
 // A burst of starts: what a record's fields hold of it.
 struct tov_burst_s {
   time_t tm;        // monotonic seconds of its first start
@@ -127,7 +131,10 @@ tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number);
 tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid);
 tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid);
 
-// No restart is under way any more; what was known of it is forgotten.
+// The record whose exit waits until the registration file of `pid` is unlocked, or null.
+tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid);
+
+// No restart is under way any more, whether it waited or not; what was known of it is forgotten.
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // The record whose deadline came first, if it has come by `now_us`, or null.

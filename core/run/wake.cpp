@@ -1,22 +1,24 @@
-// Tested by: tests/unit/core/events/tov_fifo_test.cpp, tests/module/core/events/tov_fifo_test.cpp
+// Tested by: tests/unit/core/run/wake_test.cpp, tests/module/core/events/tov_fifo_test.cpp
 #include "core/run/wake.h"
 
 #include <errno.h>
 #include <poll.h>
 #include <stdint.h>
-#include <sys/eventfd.h>
 
+#include <iterator>
 #include <utility>
 
+#include "core/run/quit.h"
 #include "util/owner.h"
 #include "util/tov_sys.h"
 
 enum { NO_MEMORY_PAUSE_US = 1000 };
 
-static int wake_fd = -1;    // set before the threads start, reset after they ended
+static int wake_fd = -1;    // set before the threads start
 static int pass_asked = 0;  // exchanged only
 
 int tov_wake_open(void) {
+  if (wake_fd >= 0) return 0;
   tov_fd_t fd(tov_sys_eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (fd.n < 0) return -errno;
   wake_fd = tov_fd_take(fd);
@@ -40,10 +42,11 @@ void tov_wake(void) {
 }
 
 bool tov_wake_wait(int timeout_ms) {
-  pollfd waited{wake_fd, POLLIN, 0};
+  pollfd waited[] = {{wake_fd, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
   uint64_t count = 0;
-  const int ready = tov_sys_poll(&waited, 1, timeout_ms);
-  if (ready > 0) (void)!tov_sys_read(wake_fd, &count, sizeof count);
+  const int ready = tov_sys_poll(waited, std::size(waited), timeout_ms);
+  if (ready > 0 && waited[0].revents != 0) (void)!tov_sys_read(wake_fd, &count, sizeof count);
+  if (ready > 0 && waited[1].revents != 0) return true;
   if (ready < 0 && errno != EINTR)
     tov_sys_usleep(NO_MEMORY_PAUSE_US);  // the caller's loop must not spin
   return __atomic_exchange_n(&pass_asked, 0, __ATOMIC_ACQ_REL) != 0;

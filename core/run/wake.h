@@ -5,10 +5,11 @@
 #ifndef TOV_CORE_RUN_WAKE_H
 #define TOV_CORE_RUN_WAKE_H
 
-// Makes the descriptor (close-on-exec). Before the threads. Returns 0 or -errno.
+// Makes the descriptor (close-on-exec), unless it is there. Before the threads. It stays open for
+// the process's life, since detached threads may wake to the end. Returns 0 or -errno.
 int tov_wake_open(void);
 
-// Closes it. After the threads.
+// Closes it, for tests: when no other thread is there.
 void tov_wake_close(void);
 
 // Wakes the event handler for a pass of its loop; one that is awake makes another pass. Before
@@ -19,7 +20,8 @@ void tov_wake(void);
 void tov_wake_for_ring(void);
 
 // Sleeps until somebody wakes, `timeout_ms` (negative: no limit) have passed or a signal comes.
-// Returns whether a pass was asked for, tov_wake(). The event handler alone.
+// Returns whether a pass was asked for, by tov_wake() or because `quit` was raised. The event
+// handler alone.
 bool tov_wake_wait(int timeout_ms);
 
 #endif  // TOV_CORE_RUN_WAKE_H

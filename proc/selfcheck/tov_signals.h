@@ -11,9 +11,9 @@
 // handler waits for is held by a thread that goes on running. Both are blocked again before
 // shutdown. In particular:
 //
-// - The lock of `tov_chains`: its holder may take a while (a restart delay, a fork that fails), but
-//   it never waits for main, so the handler gets its turn. Main itself never holds it while the
-//   signals are let in; that the lock is recursive is not needed here.
+// - The lock of `tov_chains`: its holder never waits for main, so the handler gets its turn. Main
+//   itself never holds it while the signals are let in; that the lock is recursive is not needed
+//   here. A restart that the handler begins and that has to wait is finished by the event handler.
 // - malloc, stdio, the event logs, the system log: main holds none of their locks, and no other
 //   thread stops while it holds one.
 // - fork: another thread may hold any of these locks at that moment, and in the child it stays held

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/events/tov_fifo.h"
+#include "core/run/wake.h"
 #include "include/tov_registry.h"
 
 namespace tov_test {
@@ -28,7 +29,10 @@ inline std::ostream &operator<<(std::ostream &out, const Event &event) {
 class EventRing {
  protected:
   EventRing() { EXPECT_EQ(tov_cnmsg_fifo_alloc(), 0); }
-  ~EventRing() { tov_cnmsg_fifo_free(); }
+  ~EventRing() {
+    tov_cnmsg_fifo_free();
+    tov_wake_close();
+  }
   EventRing(const EventRing &) = delete;
   EventRing &operator=(const EventRing &) = delete;
 

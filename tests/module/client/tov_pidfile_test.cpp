@@ -2,6 +2,7 @@
 // what may stand in the place of a file.
 #include "client/tov_pidfile.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -320,6 +321,86 @@ TEST_F(TovPidfile, DestroyReadsAFullProcessFieldToItsEnd) {
   memset(record->grp, 'G', sizeof record->grp);
   EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
   EXPECT_EQ(tov_db_destroy(record), 0);
+}
+
+// ---- on behalf of a task ----------------------------------------------------------------------
+
+TEST_F(TovPidfile, KeptFileIsWrittenWithoutLockAndDescriptor) {
+  const int before = descriptor_count();
+  tov_pid_t *record = record_of(0, 812, FOO);
+  record->action = SHELL_RESTART;
+  EXPECT_EQ(tov_db_keep(record), 0);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+  EXPECT_EQ(descriptor_count(), before);
+  EXPECT_TRUE(others_can_lock(FOO_FILE));
+  EXPECT_FALSE(tov_db_is_own(0, 812, FOO));
+}
+
+TEST_F(TovPidfile, KeptFileHasTheModeOfAnyOther) {
+  const mode_t old = umask(027);
+  EXPECT_EQ(tov_db_keep(record_of(3, 812, FOO)), 0);
+  umask(old);
+  struct stat status {};
+  ASSERT_EQ(stat("/tmp/vsd/3/tov/db/foo.812", &status), 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0750u);
+}
+
+TEST_F(TovPidfile, FileThatIsThereIsKeptAsItIs) {
+  tov_test::Child client([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0); });
+  struct stat before {
+  }, after{};
+  ASSERT_EQ(stat(FOO_FILE, &before), 0);
+  tov_pid_t *record = record_of(0, 812, "/usr/sbin/foo -other");
+  record->action = SHELL_RESTART;
+  EXPECT_EQ(tov_db_keep(record), 0);
+  ASSERT_EQ(stat(FOO_FILE, &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(after.st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+}
+
+// Closing another descriptor of it would give the lock up.
+TEST_F(TovPidfile, OwnRegistrationKeepsItsLock) {
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_keep(record_of(0, 812, FOO)), 0);
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_TRUE(tov_db_is_own(0, 812, FOO));
+}
+
+TEST_F(TovPidfile, RegistrationReplacesAKeptFile) {
+  tov_pid_t *record = record_of(0, 812, "/usr/sbin/foo -d -with -many -words");
+  record->action = SHELL_RESTART;
+  EXPECT_EQ(tov_db_keep(record), 0);
+  tov_test::Child client([] { EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0); });
+  EXPECT_EQ(content_of(FOO_FILE), "812\n2\n/usr/sbin/foo -d");
+  EXPECT_FALSE(others_can_lock(FOO_FILE));
+  EXPECT_EQ(tov_db_destroy(record), 0);
+  EXPECT_NE(access(FOO_FILE, F_OK), 0);
+}
+
+TEST_F(TovPidfile, KeptFileWithoutItsDirectoryFails) {
+  EXPECT_EQ(tov_db_keep(record_of(9, 812, FOO)), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_NE(access("/tmp/vsd/9", F_OK), 0);
+}
+
+TEST_F(TovPidfile, KeptFileWithoutDescriptorsFails) {
+  const tov_test::NoMoreDescriptors none;
+  EXPECT_EQ(tov_db_keep(record_of(0, 812, FOO)), -1);
+  EXPECT_EQ(errno, EMFILE);
+}
+
+TEST_F(TovPidfile, NothingIsKeptThroughWhatIsPlanted) {
+  std::ofstream("/tmp/victim") << "precious";
+  for (const char *command :
+       {"ln -s /tmp/victim ", "ln -s /tmp/nobody ", "mkfifo ", "mkdir ", "ln /tmp/victim "}) {
+    ASSERT_EQ(system((std::string(command) + FOO_FILE).c_str()), 0);
+    (void)tov_db_keep(record_of(0, 812, FOO));
+    ASSERT_EQ(system((std::string("rm -r ") + FOO_FILE).c_str()), 0);
+  }
+  EXPECT_EQ(content_of("/tmp/victim"), "precious");
+  EXPECT_NE(access("/tmp/nobody", F_OK), 0);
 }
 
 // ---- fork and threads ----------------------------------------------------------------------

@@ -65,7 +65,7 @@ void refuse_forks() {
 // The first step of a start.
 pid_t fork_task(tov_pid_t *record) {
   const tov_chains_guard_t held(tov_chains);
-  return tov_proc_fork(held, *record, 0);
+  return tov_proc_fork(held, record, 0, false);
 }
 
 }  // namespace

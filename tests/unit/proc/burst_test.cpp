@@ -24,9 +24,13 @@
 #include "tests/unit/simulated.h"
 #include "util/clock.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
 using tov_test::kernel;
 using tov_test::platform;
 
@@ -64,6 +68,14 @@ class TovCheckRestartSystem : public tov_test::Simulated {
     record->con_pull_flag = 1;
     record->con_tm = tov_get_time() - ago_s;
     return record;
+  }
+  // A task whose suspension calls for a reload.
+  static void suspend(const std::string &process) {
+    tov_pid_t *record = task(0);
+    (void)snprintf(record->process, sizeof record->process, "%s", process.c_str());
+    record->count = 4;
+    record->tm = tov_get_time();
+    EXPECT_FALSE(allows(record, tov_proc_by_exec));
   }
 };
 
@@ -343,4 +355,52 @@ TEST_F(TovCheckRestartSystem, IsAskedByASuspension) {
   record->tm = tov_get_time();
   EXPECT_FALSE(allows(record, tov_proc_by_exec));
   EXPECT_EQ(record->con_pull_flag, 0);
+}
+
+// ---- the reload that a suspension notes -------------------------------------------------------
+
+TEST_F(TovCheckRestartSystem, SuspensionNotesTheReloadForLater) {
+  tov_pid_t *record = task(0);
+  record->count = 4;
+  record->tm = tov_get_time();
+  EXPECT_EQ(span_us([&] { EXPECT_FALSE(allows(record, tov_proc_by_exec)); }), 0);
+  EXPECT_THAT(platform().requests, IsEmpty());
+  empty_registries();  // the task may be gone by then
+  EXPECT_EQ(span_us([] { tov_ask_for_noted_reload(); }), 2 * US_PER_S);
+  EXPECT_THAT(platform().requests,
+              ElementsAre("3 0 tov: tov detect process /opt/foo -a can not restart, so restart "
+                          "system.\n"));
+}
+
+TEST_F(TovCheckRestartSystem, EachNotedReloadIsAskedForOnce) {
+  for (const char *process : {"/opt/a", "/opt/b"})
+    suspend(process);
+  tov_ask_for_noted_reload();
+  EXPECT_THAT(platform().requests, UnorderedElementsAre(HasSubstr("process /opt/a can"),
+                                                        HasSubstr("process /opt/b can")));
+  EXPECT_EQ(span_us([] { tov_ask_for_noted_reload(); }), 0);
+  EXPECT_THAT(platform().requests, SizeIs(2));
+}
+
+TEST_F(TovCheckRestartSystem, NinthTaskIsNotAskedFor) {
+  for (int i = 1; i <= 9; i++)
+    suspend("/opt/program" + std::to_string(i));
+  tov_ask_for_noted_reload();
+  EXPECT_THAT(platform().requests, SizeIs(8));
+  EXPECT_THAT(platform().requests, Not(Contains(HasSubstr("/opt/program9"))));
+  platform().requests.clear();
+  suspend("/opt/program9");  // there is room again
+  tov_ask_for_noted_reload();
+  EXPECT_THAT(platform().requests, ElementsAre(HasSubstr("/opt/program9")));
+}
+
+TEST_F(TovCheckRestartSystem, SuspensionThatCallsForNoneNotesNone) {
+  kernel().write_file(TOV_NO_REBOOT_FILE, "");
+  tov_pid_t *record = task(0);
+  record->count = 4;
+  record->tm = tov_get_time();
+  EXPECT_FALSE(allows(record, tov_proc_by_exec));
+  kernel().remove(TOV_NO_REBOOT_FILE);
+  EXPECT_EQ(span_us([] { tov_ask_for_noted_reload(); }), 0);
+  EXPECT_THAT(platform().requests, IsEmpty());
 }

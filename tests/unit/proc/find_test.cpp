@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 #include "tests/unit/sim/kernel.h"
@@ -22,6 +24,12 @@ class TovProcToPid : public tov_test::Simulated {
   static int search(std::string key, pid_t *pid, int retries = 0) {
     return tov_proc_to_pid(key.data(), pid, retries);
   }
+};
+
+class TovScan : public tov_test::Simulated {
+ protected:
+  static constexpr int ALL = tov_scan_t::ALL;
+  static int reads() { return kernel().calls(tov_test::CALL_READLINK); }
 };
 
 }  // namespace
@@ -90,4 +98,150 @@ TEST_F(TovProcToPid, ScanThatCannotBeMadeIsANegativeErrorNumber) {
   EXPECT_EQ(search("/opt/foo", &found), -EMFILE);
   EXPECT_EQ(found, 77);
   EXPECT_EQ(kernel().descriptors(), before);
+}
+
+// ---- several command lines in one scan --------------------------------------------------------
+
+TEST_F(TovScan, EachCommandLineFindsItsProcess) {
+  const pid_t first = kernel().start({"/opt/foo"});
+  const pid_t second = kernel().start({"/opt/bar", "-d"});
+  tov_scan_t scan;
+  scan.look_for("/opt/bar -d \t");
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 1);
+  EXPECT_EQ(scan.found(0), second);
+  EXPECT_EQ(scan.found(1), first);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR), 2);
+}
+
+TEST_F(TovScan, OneWithoutAProcessLeavesTheOthersTheirs) {
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  tov_scan_t scan;
+  scan.look_for("/opt/none");
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 0);
+  EXPECT_EQ(scan.found(0), 0);
+  EXPECT_EQ(scan.found(1), wanted);
+}
+
+TEST_F(TovScan, EqualCommandLinesFindTheSameProcess) {
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  (void)kernel().start({"/opt/foo"});
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 1);
+  EXPECT_EQ(scan.found(0), wanted);  // the first of two
+  EXPECT_EQ(scan.found(1), wanted);
+}
+
+TEST_F(TovScan, FirstProcessOfACommandLineStaysItsOwn) {
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  (void)kernel().start({"/opt/foo"});
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  scan.look_for("/opt/none");
+  EXPECT_EQ(scan.go_on(ALL), 0);
+  EXPECT_EQ(scan.found(0), wanted);
+}
+
+TEST_F(TovScan, PortionReadsSoManyProcesses) {
+  for (int i = 0; i < 10; i++)
+    (void)kernel().start({"/opt/crowd"});
+  const pid_t wanted = kernel().start({"/opt/foo"});  // the twelfth: one was there before
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  for (int portion = 0; portion < 2; portion++) {
+    const int before = reads();
+    EXPECT_EQ(scan.go_on(5), std::nullopt);
+    EXPECT_EQ(reads() - before, 5);
+    EXPECT_EQ(scan.found(0), 0);
+  }
+  EXPECT_EQ(scan.go_on(5), 1);
+  EXPECT_EQ(scan.found(0), wanted);
+}
+
+TEST_F(TovScan, EndsWithTheLastCommandLineThatHasItsProcess) {
+  (void)kernel().start({"/opt/foo"});
+  for (int i = 0; i < 10; i++)
+    (void)kernel().start({"/opt/crowd"});
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 1);
+  EXPECT_EQ(reads(), 2);
+}
+
+TEST_F(TovScan, ThatIsOverAnswersTheSameAgain) {
+  const size_t open_before = kernel().descriptors();
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 0);
+  EXPECT_EQ(kernel().descriptors(), open_before);
+  (void)kernel().start({"/opt/foo"});
+  const int before = kernel().calls();
+  EXPECT_EQ(scan.go_on(ALL), 0);
+  EXPECT_EQ(scan.found(0), 0);
+  EXPECT_EQ(kernel().calls(), before);
+}
+
+TEST_F(TovScan, ThatIsSpoiledHasFoundNothing) {
+  const pid_t goner = kernel().start({"/opt/goner"});
+  (void)kernel().start({"/opt/foo"});
+  kernel().before(tov_test::CALL_FSTATAT, 1, [=] { kernel().end(goner); });
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(1), -ENOENT);
+  EXPECT_EQ(scan.found(0), 0);
+  EXPECT_EQ(scan.go_on(1), -ENOENT);
+}
+
+TEST_F(TovScan, ProcessThatEndsBetweenTwoPortionsIsPassedOver) {
+  const pid_t goner = kernel().start({"/opt/foo"});
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(1), std::nullopt);
+  kernel().end(goner);
+  EXPECT_EQ(scan.go_on(ALL), 1);
+  EXPECT_EQ(scan.found(0), wanted);
+}
+
+TEST_F(TovScan, ScanThatIsGivenUpLeavesNoDescriptor) {
+  (void)kernel().start({"/opt/crowd"});
+  const size_t before = kernel().descriptors();
+  {
+    tov_scan_t scan;
+    scan.look_for("/opt/foo");
+    EXPECT_EQ(scan.go_on(1), std::nullopt);
+    EXPECT_EQ(kernel().descriptors(), before + 1);
+  }
+  EXPECT_EQ(kernel().descriptors(), before);
+}
+
+TEST_F(TovScan, SecondRoundThatCannotBeMadeIsANegativeErrorNumber) {
+  const size_t before = kernel().descriptors();
+  kernel().fail(tov_test::CALL_OPENDIR, 2, EMFILE);
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), -EMFILE);
+  EXPECT_EQ(kernel().descriptors(), before);
+}
+
+TEST_F(TovScan, EveryCallMayFailAndLeavesNoDescriptor) {
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  const size_t open_before = kernel().descriptors();
+  const auto scan_once = [&] {
+    tov_scan_t scan;
+    scan.look_for("/opt/foo");
+    const int result = scan.go_on(ALL).value_or(-EAGAIN);
+    EXPECT_EQ(scan.found(0), result > 0 ? wanted : 0);
+  };
+  const int calls_before = kernel().calls();
+  scan_once();
+  const int calls = kernel().calls() - calls_before;
+  for (int nth = 1; nth <= calls; nth++) {
+    kernel().fail_any(nth, EIO);
+    scan_once();
+    EXPECT_EQ(kernel().descriptors(), open_before) << nth;
+  }
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "include/tov_registry.h"
+#include "include/tov_xtach.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 
@@ -90,5 +91,10 @@ bool qxconf_is_dorvik_product(void) {
 }
 
 int fs_set_vsd_envs(int) {
+  return 0;
+}
+
+extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
+  platform().registered.push_back(std::to_string(pid) + " " + type);
   return 0;
 }

@@ -1,4 +1,5 @@
-// The platform of a pure test: it does nothing and notes what it is asked for.
+// The platform of a pure test, and the server of the daemon: they do nothing and note what they are
+// asked for.
 #ifndef TOV_TEST_UNIT_SIM_PLATFORM_H
 #define TOV_TEST_UNIT_SIM_PLATFORM_H
 
@@ -13,6 +14,7 @@ struct platform_s {
   std::vector<std::string> notices;                   // "%HA-5-HA_RESTART: TEXT"
   std::vector<std::string> events[TOV_LOG_TYPE_NUM];  // of the event logs, without their stamps
   std::vector<std::string> requests;                  // "ACTION PID MODULE: REASON"
+  std::vector<std::string> registered;                // "PID TYPE", with our own server
   int flushes = 0;                                    // of event logs to storage
   bool is_dorvik = false;                             // the product line
 };

@@ -1,8 +1,9 @@
-// The functions of the seam over the simulated kernel: directories, counters, sockets.
+// The functions of the seam over the simulated kernel: directories, streams, counters, sockets.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 
@@ -67,6 +68,32 @@ int tov_sys_closedir(DIR *dir) {
   const int fd = directory_of(dir)->fd;
   delete directory_of(dir);
   return kernel().close(fd);
+}
+
+// ---- streams --------------------------------------------------------------------------------
+
+// What the stream's cookie points to.
+struct stream_s {
+  int fd;
+};
+
+static ssize_t read_stream(void *cookie, char *buf, size_t size) {
+  return tov_sys_read(static_cast<stream_s *>(cookie)->fd, buf, size);
+}
+
+// Here, unlike in write(2), 0 is the failure.
+static ssize_t write_stream(void *cookie, const char *buf, size_t size) {
+  return std::max<ssize_t>(tov_sys_write(static_cast<stream_s *>(cookie)->fd, buf, size), 0);
+}
+
+static int close_stream(void *cookie) {
+  const std::unique_ptr<stream_s> stream(static_cast<stream_s *>(cookie));
+  return tov_sys_close(stream->fd);
+}
+
+FILE *tov_simulated_fdopen(int fd, const char *how) {
+  const cookie_io_functions_t calls = {read_stream, write_stream, nullptr, close_stream};
+  return fopencookie(new stream_s{fd}, how, calls);
 }
 
 // ---- counters -------------------------------------------------------------------------------

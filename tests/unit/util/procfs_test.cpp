@@ -89,6 +89,24 @@ class TovProcessState : public Asked {
   }
 };
 
+class TovProcessOrigin : public tov_test::Simulated {
+ protected:
+  static constexpr pid_t WRITTEN = 4711;
+  // "SESSION BORN_US", or "no" and whether the answer was left as it was.
+  static std::string origin_of(pid_t pid) {
+    tov_origin_t origin;
+    origin.session = -7;
+    origin.born_us = -8;
+    if (!tov_process_origin(pid, &origin))
+      return origin.session == -7 && origin.born_us == -8 ? "no" : "no, but written";
+    return std::to_string(origin.session) + " " + std::to_string(origin.born_us);
+  }
+  static std::string origin_in(const std::string &text) {
+    kernel().write_file("/proc/" + std::to_string(WRITTEN) + "/stat", text);
+    return origin_of(WRITTEN);
+  }
+};
+
 class TovProcessLives : public Asked {
  protected:
   static answer_s ask(pid_t pid) { return answer_of(tov_process_lives, pid); }
@@ -441,4 +459,59 @@ TEST_F(TovProcessLives, LookThatFailedIsNoDeath) {
   kernel().fail(tov_test::CALL_OPEN, 2, EMFILE);
   kernel().fail(tov_test::CALL_OPEN, 3, EMFILE);
   EXPECT_EQ(ask(pid), (answer_s{true, 2 * LOOK_MS, 4}));
+}
+
+// ---- origin ---------------------------------------------------------------------------------
+
+TEST_F(TovProcessOrigin, SessionAndTimeOfTheStart) {
+  EXPECT_EQ(origin_in("4711 (x) S 1 12 4711 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 123456 9 10\n"),
+            "4711 1234560000");
+  EXPECT_EQ(origin_in("4711 (x) S 1 12 13 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 1 9 10\n"),
+            "13 10000");
+}
+
+TEST_F(TovProcessOrigin, NextUserOfAnIdIsYounger) {
+  const pid_t first = kernel().start({"/bin/x"});
+  tov_origin_t before, after;
+  ASSERT_TRUE(tov_process_origin(first, &before));
+  kernel().end(first);
+  kernel().pass(20 * US_PER_MS);
+  kernel().set_next_pid(first);
+  ASSERT_EQ(kernel().start({"/bin/x"}), first);
+  ASSERT_TRUE(tov_process_origin(first, &after));
+  EXPECT_EQ(after.born_us, before.born_us + 20 * US_PER_MS);
+}
+
+TEST_F(TovProcessOrigin, NameWithParenthesesDoesNotMislead) {
+  const std::string rest = " S 1 12 4711 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 5 9 10\n";
+  for (const char *name : {"a) Z (b", ") S 9 9 9 9", "))", "a b c", "((", "", "a\nb) X 1 ("})
+    EXPECT_EQ(origin_in("4711 (" + std::string(name) + ")" + rest), "4711 50000") << name;
+}
+
+TEST_F(TovProcessOrigin, LongUptimesFit) {
+  // A hundred years.
+  EXPECT_EQ(origin_in("4711 (x) S 1 2 3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 315360000000 1 2\n"),
+            "3 3153600000000000");
+}
+
+TEST_F(TovProcessOrigin, WhatCannotBeReadIsNoAnswer) {
+  EXPECT_EQ(origin_of(4711), "no");
+  EXPECT_EQ(origin_of(0), "no");
+  EXPECT_EQ(origin_of(-1), "no");
+  const pid_t pid = kernel().start({"/bin/x"});
+  kernel().fail(tov_test::CALL_OPEN, 1, EMFILE);
+  EXPECT_EQ(origin_of(pid), "no");
+  kernel().fail(tov_test::CALL_READ, 1, ESRCH);
+  EXPECT_EQ(origin_of(pid), "no");
+  EXPECT_NE(origin_of(pid), "no");
+}
+
+TEST_F(TovProcessOrigin, TextThatIsNotUnderstoodIsNoAnswer) {
+  const std::string begin = "4711 (x) S 1 2 3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0";
+  ASSERT_EQ(origin_in(begin + " 7 1 2\n"), "3 70000");
+  for (const char *rest : {"", " ", "\n", " x 1\n", " -7 1\n", " 7x 1\n", " 7", " 7\n", "  7 1"})
+    EXPECT_EQ(origin_in(begin + rest), "no") << rest;
+  for (const char *text : {"", "4711", "4711 (x", "4711 (x)", "4711 (x) S", "4711 (x) S 1 2",
+                           "4711 (x) S 1 2 -3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7 1\n"})
+    EXPECT_EQ(origin_in(text), "no") << text;
 }

@@ -1,23 +1,46 @@
 // The registry after a restart of the daemon.
 #include "core/policy/rebuild.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "client/tov_pidfile.h"
+#include "core/policy/waits.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+#include "proc/claim.h"
 #include "tests/module/program.h"
+#include "tests/module/refused_calls.h"
 #include "tests/module/world.h"
 #include "tests/support/birth.h"
 #include "tests/support/child.h"
+#include "tests/support/children.h"
 #include "tests/support/files.h"
+#include "tests/support/in_child.h"
+#include "tests/support/processes.h"
+#include "util/procfs.h"
 
 namespace fs = std::filesystem;
 
@@ -26,11 +49,22 @@ using testing::IsEmpty;
 using tov_test::Birth;
 using tov_test::exists;
 using tov_test::GONE;
+using tov_test::names_in;
 using tov_test::Program;
 using tov_test::TemporaryFile;
 using tov_test::write_file;
 
+static std::function<void()> before_link;
+
+// Takes the place of link(2) in this program: what happens right before it.
+extern "C" int link(const char *from, const char *to) noexcept {
+  if (before_link) std::exchange(before_link, nullptr)();
+  return static_cast<int>(syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
 namespace {
+
+constexpr char DIRECTORY[] = "/tmp/vsd/0/tov/db";
 
 class TovRebuildChains : public tov_test::World {
  protected:
@@ -73,6 +107,21 @@ TEST_F(TovRebuildChains, LivingProcessStaysUnderItsId) {
   EXPECT_TRUE(exists(file));
   EXPECT_EQ(fs::last_write_time(file), written);
   EXPECT_EQ(program.births().size(), 1u);
+}
+
+// The watcher and the server do not stand yet: a start-up that waited for forks would never end.
+TEST_F(TovRebuildChains, ForksThatFailDoNotHoldUpTheStart) {
+  leave(GONE, RESPAWN, "/opt/first");
+  leave(GONE + 1, RESPAWN, "/opt/second");
+  tov_test::in_child([] {
+    tov_test::refuse({SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}, EAGAIN);
+    tov_waits_leave_to_handler(true);
+    rebuild();
+    EXPECT_EQ(record_of(tov_chains, GONE).start.wait, TOV_WAIT_FORK);
+    EXPECT_EQ(record_of(tov_chains, GONE + 1).start.wait, TOV_WAIT_FORK);
+    EXPECT_EQ(tov_test::read_file(TOV_FORK_FILE), "a");
+  });
+  EXPECT_TRUE(exists(std::string(DIRECTORY) + "/first." + std::to_string(GONE)));
 }
 
 TEST_F(TovRebuildChains, DeadProcessIsStartedAgain) {
@@ -197,4 +246,369 @@ TEST_F(TovRebuildChains, StartThatLedNowhereKeepsTheRecordWithoutAProcess) {
   ASSERT_NE(find(-1), nullptr);
   EXPECT_EQ(find(-1)->process, command);
   EXPECT_FALSE(exists(file));
+}
+
+// ---- starts that the last daemon began ------------------------------------------------------
+
+namespace {
+
+class TovRebuildClaims : public TovRebuildChains {
+ protected:
+  void TearDown() override {
+    before_link = nullptr;
+    TovRebuildChains::TearDown();
+  }
+
+  // What a daemon that is gone called its first claim.
+  static constexpr char CLAIM[] = "/tmp/vsd/0/tov/db/.claim.4999999.1";
+
+  // A start whose child has not used its claim yet.
+  static tov_claim_t leave_claim(pid_t pid, const std::string &command) {
+    fs::rename(leave(pid, RESPAWN, command), CLAIM);
+    tov_claim_t claim;
+    claim.number = 1;
+    (void)snprintf(claim.path, sizeof claim.path, "%s", CLAIM);
+    return claim;
+  }
+};
+
+}  // namespace
+
+TEST_F(TovRebuildClaims, ClaimAloneIsStartedOnce) {
+  const Program program("claimed");
+  const tov_claim_t claim = leave_claim(GONE, program.path + " -a");
+  rebuild();
+  const Birth birth = program.birth();
+  EXPECT_EQ(birth.argv, program.path + " -a");
+  EXPECT_EQ(count(), 1);
+  EXPECT_NE(find(birth.pid), nullptr);
+  EXPECT_FALSE(tov_claim_use(claim));
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+}
+
+// Whichever of the two the directory shows first.
+TEST_F(TovRebuildClaims, ClaimAndFileOfOneProcessAreOneRecordStartedOnce) {
+  for (const bool claim_is_older : {false, true}) {
+    const Program program("both" + std::to_string(claim_is_older));
+    const std::string file = leave(GONE, RESPAWN, program.path);
+    fs::create_hard_link(file, CLAIM);
+    if (claim_is_older) {
+      fs::remove(file);
+      fs::create_hard_link(CLAIM, file);
+    }
+    rebuild();
+    EXPECT_EQ(count(), 1) << claim_is_older;
+    EXPECT_NE(find(program.birth().pid), nullptr);
+    EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+    EXPECT_EQ(program.births().size(), 1u);
+    empty_registries();
+  }
+}
+
+TEST_F(TovRebuildClaims, ClaimUsedBetweenListingAndSettlingStartsNothing) {
+  const Program program("used");
+  const tov_claim_t claim = leave_claim(GONE, program.path);
+  bool used = false;
+  before_link = [&] { used = tov_claim_use(claim); };
+  rebuild();
+  EXPECT_TRUE(used);
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(program.births(), IsEmpty());
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+}
+
+TEST_F(TovRebuildClaims, ClaimOfALivingProcessIsItsRegistrationAgain) {
+  const Program program("lives");
+  const pid_t pid = tov_test::start(program.path);
+  leave_claim(pid, program.path);
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + std::to_string(pid)));
+}
+
+TEST_F(TovRebuildClaims, UnreadableClaimIsLeft) {
+  write_file(CLAIM, "no numbers here");
+  const std::string said = diagnostics([] { rebuild(); });
+  EXPECT_EQ(count(), 0);
+  EXPECT_TRUE(exists(CLAIM));
+  EXPECT_THAT(said, HasSubstr("]tov_read_pidfile .claim.4999999.1 fail\n"));
+}
+
+// A child of a daemon that was killed, and the next daemon: exactly one of them starts the task.
+TEST_F(TovRebuildClaims, ChildAndRebuildAtTheSameTimeMakeOneCopy) {
+  static constexpr int ROUNDS = 200;
+  enum { TOGETHER, CHILD_FIRST, REBUILD_FIRST, ORDERS };
+  const Program program("race");
+  auto *go = static_cast<std::atomic<bool> *>(mmap(nullptr, sizeof(std::atomic<bool>),
+                                                   PROT_READ | PROT_WRITE,
+                                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  size_t started_here = 0, started_there = 0;
+  for (int round = 0; round < ROUNDS; round++) {
+    // A few of the rounds have a certain end, so that neither is never seen.
+    const int order = round < 10 ? CHILD_FIRST : round < 20 ? REBUILD_FIRST : TOGETHER;
+    const tov_claim_t claim =
+        leave_claim(GONE + round, program.path + " exit=0 round=" + std::to_string(round));
+    *go = order == CHILD_FIRST;
+    const pid_t child = tov_test::fork_child();
+    if (child == 0) {
+      while (!*go) {
+      }
+      const int64_t end = tov_test::monotonic_ns() + round % 50 * int64_t{4000};
+      while (order == TOGETHER && tov_test::monotonic_ns() < end) {
+      }
+      _exit(tov_claim_use(claim) ? 42 : 0);
+    }
+    int status = order == CHILD_FIRST ? tov_test::bury_child(child) : 0;
+    if (order == TOGETHER) *go = true;
+    rebuild();
+    *go = true;
+    if (order != CHILD_FIRST) status = tov_test::bury_child(child);
+    ASSERT_TRUE(WIFEXITED(status));
+    const bool there = WEXITSTATUS(status) == 42;
+    ASSERT_EQ(there + count(), 1) << round << " " << there;
+    started_there += there;
+    started_here += !there;
+    if (!there) program.birth(started_here);
+    ASSERT_THAT(names_in(DIRECTORY), IsEmpty()) << round;
+    empty_registries();
+  }
+  munmap(go, sizeof *go);
+  EXPECT_EQ(program.births().size(), started_here);
+  EXPECT_GE(started_here, 10u);
+  EXPECT_GE(started_there, 10u);
+  RecordProperty("started_by_the_child", static_cast<int>(started_there));
+}
+
+// ---- successors -----------------------------------------------------------------------------
+
+namespace {
+
+// How a process was started that runs a dead one's command line.
+struct way_s {
+  bool leads = true;  // a session of its own
+  uid_t uid = 0;
+  std::vector<gid_t> groups = {};
+};
+
+class TovRebuildSuccessor : public TovRebuildChains {
+ protected:
+  // Returns when its command line shows.
+  static pid_t run(const std::string &command, const way_s &way = {}) {
+    const pid_t child = tov_test::fork_child();
+    if (child == 0) {
+      const std::string path = command.substr(0, command.find(' '));
+      const std::string word = command.substr(command.find(' ') + 1);
+      if (way.leads) setsid();
+      if (setgroups(way.groups.size(), way.groups.data()) < 0) _exit(1);
+      if (way.uid != 0 && setresuid(way.uid, way.uid, way.uid) < 0) _exit(2);
+      execl(path.c_str(), path.c_str(), word.c_str(), nullptr);
+      _exit(3);
+    }
+    if (!tov_test::wait_until([&] { return tov_test::cmdline_of(child) == command; },
+                              tov_test::PATIENT_MS))
+      throw std::runtime_error(command + " does not run");
+    return child;
+  }
+
+  // Sets the time of a file so many milliseconds off the present.
+  static void date(const std::string &file, int ms) {
+    fs::last_write_time(file, fs::file_time_type::clock::now() + std::chrono::milliseconds(ms));
+  }
+
+  // The time of its start, as the kernel shows it, in milliseconds off the present.
+  static int start_ms(pid_t pid) {
+    tov_origin_t origin;
+    EXPECT_TRUE(tov_process_origin(pid, &origin));
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<int>((origin.born_us - now.tv_sec * int64_t{1000000} - now.tv_nsec / 1000) /
+                            1000);
+  }
+
+  // One dead process, and one that was started in some other way than by the daemon.
+  static void expect_refused(const Program &program, pid_t stranger) {
+    rebuild();
+    EXPECT_TRUE(tov_test::wait_until(
+        [&] {
+          for (const Birth &birth : program.births())
+            if (birth.pid != stranger && find(birth.pid) != nullptr) return true;
+          return false;
+        },
+        tov_test::PATIENT_MS))
+        << "nothing was brought back";
+    EXPECT_EQ(find(GONE), nullptr);
+    EXPECT_TRUE(tov_test::process_lives(stranger));
+  }
+};
+
+}  // namespace
+
+TEST_F(TovRebuildSuccessor, IsAdoptedWithAFileOfItsOwn) {
+  const Program program("heir");
+  const std::string command = program.path + " -a";
+  const std::string file = leave(GONE, SHELL_RESTART, command);
+  const pid_t pid = run(command);
+  program.birth();
+  const std::string said = diagnostics([] { rebuild(); });
+  ASSERT_NE(find(pid), nullptr);
+  EXPECT_EQ(find(pid)->action, SHELL_RESTART);
+  EXPECT_EQ(find(pid)->process, command);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(program.births().size(), 1u);
+  const std::string id = std::to_string(pid);
+  EXPECT_THAT(said, HasSubstr("]pid (5000000) is not exist, " + id + " runs in its place\n"));
+  EXPECT_FALSE(exists(file));
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + id));
+  EXPECT_EQ(tov_test::read_file(file_of(*find(pid))), id + "\n3\n" + command);
+  EXPECT_FALSE(tov_db_is_own(0, pid, command.c_str()));
+}
+
+TEST_F(TovRebuildSuccessor, IsSupervisedAfterTheNextRebuild) {
+  const Program program("grandson");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a");
+  program.birth();
+  rebuild();
+  empty_registries();
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(program.births().size(), 1u);
+}
+
+TEST_F(TovRebuildSuccessor, IsAdoptedInItsDevice) {
+  const Program program("tenant");
+  const std::string file = leave(GONE, RESPAWN, program.path + " -a", 4);
+  const pid_t pid = run(program.path + " -a", {.groups = {3400}});
+  program.birth();
+  rebuild();
+  ASSERT_NE(find(pid), nullptr);
+  EXPECT_EQ(find(pid)->vsd_id, 4);
+  EXPECT_EQ(count(), 1);
+  EXPECT_FALSE(exists(file));
+  EXPECT_TRUE(exists(file_of(*find(pid))));
+  EXPECT_EQ(program.births().size(), 1u);
+}
+
+TEST_F(TovRebuildSuccessor, OfAClaimThatWasNotUsedIsAdopted) {
+  const Program program("settled");
+  const std::string file = leave(GONE, RESPAWN, program.path + " -a");
+  fs::rename(file, std::string(DIRECTORY) + "/.claim.4999999.1");
+  const pid_t pid = run(program.path + " -a");
+  program.birth();
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + std::to_string(pid)));
+}
+
+// The kernel cuts the time of a start to 10 ms, so one right behind the writing looks older.
+TEST_F(TovRebuildSuccessor, StartedInTheTickOfTheWritingIsAdopted) {
+  const Program program("tick");
+  const pid_t pid = run(program.path + " -a");
+  program.birth();
+  date(leave(GONE, RESPAWN, program.path + " -a"), start_ms(pid) + 5);
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildSuccessor, StartedInATickBeforeTheWritingIsRefused) {
+  const Program program("before");
+  const pid_t pid = run(program.path + " -a");
+  date(leave(GONE, RESPAWN, program.path + " -a"), start_ms(pid) + 25);
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+}
+
+TEST_F(TovRebuildSuccessor, MemberOfAnothersSessionIsRefused) {
+  const Program program("member");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a", {.leads = false});
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildSuccessor, ProcessOfAnotherUserIsRefused) {
+  const Program program("user");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a", {.uid = 1234});
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildSuccessor, RegisteredProcessIsRefused) {
+  const Program program("registered");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a");
+  const std::string file = leave(pid, RESPAWN, program.path + " -a");
+  expect_refused(program, pid);
+  EXPECT_NE(find(pid), nullptr);  // under its own record
+  EXPECT_TRUE(exists(file));
+  EXPECT_EQ(count(), 2);
+}
+
+TEST_F(TovRebuildSuccessor, ProcessThatIsOlderThanTheFileIsRefused) {
+  const Program program("elder");
+  const pid_t pid = run(program.path + " -a");
+  date(leave(GONE, RESPAWN, program.path + " -a"), 1000);
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildSuccessor, ProcessOfAnotherDeviceIsRefused) {
+  const Program program("neighbour");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a", {.groups = {3400}});
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildSuccessor, ProcessWithOtherArgumentsIsRefused) {
+  const Program program("cousin");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -ab");
+  expect_refused(program, pid);
+  EXPECT_EQ(find(pid), nullptr);
+}
+
+TEST_F(TovRebuildSuccessor, OneThatIsRefusedDoesNotHideTheNext) {
+  const Program program("queue");
+  leave(GONE, RESPAWN, program.path + " -a");
+  const pid_t stranger = run(program.path + " -a", {.leads = false});
+  const pid_t registered = run(program.path + " -a");
+  leave(registered, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a");
+  const pid_t other = run(program.path + " -a", {.uid = 1234});
+  program.birth(3);
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_NE(find(registered), nullptr);
+  EXPECT_EQ(count(), 2);
+  EXPECT_TRUE(tov_test::process_lives(stranger));
+  EXPECT_TRUE(tov_test::process_lives(other));
+}
+
+TEST_F(TovRebuildSuccessor, OfTwoDeadIsAdoptedOnceAndTheOtherIsBroughtBack) {
+  const Program program("twins");
+  leave(GONE, RESPAWN, program.path + " -a");
+  leave(GONE + 1, RESPAWN, program.path + " -a");
+  const pid_t pid = run(program.path + " -a");
+  program.birth();
+  rebuild();
+  program.birth(2);
+  EXPECT_EQ(count(), 2);
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(find(GONE + 1), nullptr);
+  size_t supervised = 0;
+  for (const Birth &birth : program.births())
+    supervised += find(birth.pid) != nullptr;
+  EXPECT_EQ(supervised, 2u);
+  EXPECT_EQ(program.births().size(), 2u);
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + std::to_string(pid)));
 }

@@ -1,7 +1,6 @@
 // Each thread of the daemon hears at once that it is to end, whatever it waits for.
 #include "core/run/quit.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -15,7 +14,6 @@
 #include "core/events/netlink.h"
 #include "core/policy/delay.h"
 #include "core/policy/sweep.h"
-#include "core/run/flags.h"
 #include "core/server/server.h"
 #include "core/watch/fork_watcher.h"
 #include "core/watch/watchdog.h"

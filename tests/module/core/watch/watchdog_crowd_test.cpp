@@ -14,6 +14,7 @@
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
 #include "tests/module/world.h"
+#include "tests/support/child.h"
 #include "tests/support/processes.h"
 #include "util/procfs.h"
 

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "core/run/wake.h"
 #include "include/tov_registry.h"
 #include "tests/support/event_ring.h"
 #include "tests/unit/sim/kernel.h"
@@ -235,15 +236,20 @@ TEST_F(TovCnmsgFifo, WaitThatThePollRefusesDoesNotSpin) {
 
 // ---- making and freeing the queue ----------------------------------------------------------
 
-TEST_F(TovCnmsgFifoAlloc, ItsDescriptorIsCloseOnExecAndGoesWithTheQueue) {
+TEST_F(TovCnmsgFifoAlloc, ItsDescriptorIsCloseOnExecAndStays) {
   const size_t before = kernel().descriptors();
   const size_t inherited = kernel().inherited_descriptors();
   ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
   EXPECT_EQ(kernel().descriptors(), before + 1);
   EXPECT_EQ(kernel().inherited_descriptors(), inherited);
   tov_cnmsg_fifo_free();
-  EXPECT_EQ(kernel().descriptors(), before);
+  EXPECT_EQ(kernel().descriptors(), before + 1);
   EXPECT_EQ(tov_cnmsg_fifo.data, nullptr);
+  ASSERT_EQ(tov_cnmsg_fifo_alloc(), 0);
+  EXPECT_EQ(kernel().descriptors(), before + 1);
+  tov_cnmsg_fifo_free();
+  tov_wake_close();
+  EXPECT_EQ(kernel().descriptors(), before);
 }
 
 TEST_F(TovCnmsgFifoAlloc, FailsWithADiagnosticWithoutDescriptors) {

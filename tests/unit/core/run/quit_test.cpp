@@ -2,10 +2,8 @@
 #include "core/run/quit.h"
 
 #include <errno.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
-#include <sys/eventfd.h>
 
 #include "core/run/flags.h"
 #include "tests/unit/sim/kernel.h"

@@ -74,6 +74,11 @@ const dirent *tov_sys_readdir(DIR *dir);
 int tov_sys_dirfd(DIR *dir);
 int tov_sys_closedir(DIR *dir);
 
+// A stream over a descriptor of the simulated kernel, which the C library does not know. It is no
+// call of the seam: whoever opens streams asks fdopen(3) for them.
+FILE *tov_simulated_fdopen(int fd, const char *how);
+#define fdopen tov_simulated_fdopen
+
 // ---- sockets and counters -------------------------------------------------------------------
 
 int tov_sys_eventfd(unsigned int count, int flags);

@@ -1,0 +1,533 @@
+// Listed programs: the look whether one runs again, and the search for the process that a restart
+// has made.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "client/requests/tov_msg.h"
+#include "core/policy/revive.h"
+#include "core/policy/waits.h"
+#include "core/registry/record.h"
+#include "core/registry/tov_chain.h"
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "include/tov_wire.h"
+#include "tests/unit/sim/kernel.h"
+#include "tests/unit/sim/platform.h"
+#include "tests/unit/waiting.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using tov_test::kernel;
+using tov_test::LISTED;
+using tov_test::LOOK_PAUSE_US;
+using tov_test::platform;
+using tov_test::US_PER_MS;
+using tov_test::US_PER_S;
+
+namespace {
+
+class TovListed : public tov_test::Waiting {
+ protected:
+  static constexpr tov_cnmsg_data_t exec(pid_t pid) { return {TOV_EVENT_EXEC, pid, 0}; }
+  static constexpr tov_cnmsg_data_t exit(pid_t pid, uint32_t code) {
+    return {TOV_EVENT_EXIT, pid, code};
+  }
+
+  // What the steps handed back, "exec 1001", "exit 1001 11".
+  std::vector<std::string> heard() const {
+    std::vector<std::string> texts;
+    for (const tov_cnmsg_data_t &event : heard_)
+      texts.push_back(event.what == TOV_EVENT_EXEC ? "exec " + std::to_string(event.process_pid)
+                                                   : "exit " + std::to_string(event.process_pid) +
+                                                         " " + std::to_string(event.exit_code));
+    return texts;
+  }
+
+  // A program that died, was not found running, and is started: it is searched for.
+  tov_pid_t *searching() {
+    tov_pid_t *record = listed();
+    die(record);
+    run_first_look();
+    EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+    EXPECT_EQ(forks(), 1u);
+    return record;
+  }
+  // A program that died and is looked for by a scan that has begun.
+  tov_pid_t *scanned() {
+    crowd();
+    tov_pid_t *record = listed();
+    die(record);
+    kernel().pass(LOOK_PAUSE_US);
+    (void)go_on();  // it asks
+    (void)go_on();  // the first portion
+    EXPECT_TRUE(waits_for(record, TOV_WAIT_LOOK));
+    EXPECT_EQ(record->start.looked, TOV_LOOKED_NOT_YET);
+    return record;
+  }
+  static pid_t child() { return kernel().forks.at(forks() - 1); }
+
+  static void registers(pid_t pid, int vsd_id = 0) {
+    tov_msg_xtach_t payload{};
+    payload.pid = pid;
+    payload.vsd_id = vsd_id;
+    (void)snprintf(payload.pathname, sizeof payload.pathname, "%s", LISTED);
+    EXPECT_EQ(tov_process_restart(&payload), 0);
+  }
+};
+
+using TovLook = TovListed;
+using TovSearch = TovListed;
+
+}  // namespace
+
+// ---- the look -------------------------------------------------------------------------------
+
+// What the dead program has left behind ends, too, and is not to be taken for its successor.
+TEST_F(TovLook, FirstLookWaitsForWhatIsLeftBehind) {
+  const tov_pid_t *record = listed();
+  const pid_t left_behind = kernel().start({LISTED});
+  die(record);
+  const int before = kernel().calls(tov_test::CALL_OPENDIR);
+  run(LOOK_PAUSE_US - 1);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR), before);
+  kernel().end(left_behind);
+  const pid_t stays = kernel().start({LISTED});
+  run(1);
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(stays) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, ProgramThatRunsAgainIsHandedOver) {
+  tov_pid_t *record = listed();
+  const pid_t again = kernel().start({LISTED});
+  die(record);
+  EXPECT_THAT(platform().registered, IsEmpty());  // not under the lock
+  run_first_look();
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(platform().notices, IsEmpty());
+}
+
+TEST_F(TovLook, ProgramOfAScriptIsHandedOverAsSuch) {
+  tov_pid_t *record = listed(0, SHELL_RESTART);
+  const pid_t again = kernel().start({LISTED});
+  die(record);
+  run_first_look();
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_SHELL_RESTART"));
+}
+
+TEST_F(TovLook, ProgramThatDoesNotRunIsStarted) {
+  const tov_pid_t *record = listed();
+  die(record);
+  run_first_look();
+  EXPECT_EQ(forks(), 1u);
+  EXPECT_THAT(platform().registered, IsEmpty());
+}
+
+TEST_F(TovLook, WholeCommandLineIsLookedFor) {
+  kernel().write_file(TOV_THIRD_PART_LIST, "/opt/daemon -d TOV_RESTART\n");
+  (void)kernel().start({"/opt/daemon"});
+  const pid_t again = kernel().start({"/opt/daemon", "-d"});
+  die(task("/opt/daemon -d"));
+  run_first_look();
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, LookThatIsSpoiledIsMadeAgain) {
+  tov_pid_t *record = listed();
+  die(record);
+  const pid_t again = kernel().start({LISTED});
+  spoil_scans(9);
+  run_first_look();
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, TenthSpoiledLookIsTheLast) {
+  const tov_pid_t *record = listed();
+  die(record);
+  (void)kernel().start({LISTED});
+  spoil_scans(10);
+  kernel().pass(LOOK_PAUSE_US);
+  const int before = kernel().calls(tov_test::CALL_FSTATAT);
+  for (int steps = 0; forks() == 0 && steps < 100; steps++)
+    (void)go_on();
+  EXPECT_EQ(forks(), 1u);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_FSTATAT), before + 10);
+}
+
+TEST_F(TovLook, ProgramIsLookedForAgainAfterItsRestartTime) {
+  tov_pid_t *record = listed(3);
+  die(record);
+  run_first_look();
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_TIME));
+  run(3 * US_PER_S - 1);
+  const pid_t again = kernel().start({LISTED});
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_TIME));
+  run(1);  // without the pause of the first look
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, ProgramIsLookedForAgainAfterThePauseOfForks) {
+  fail_forks(1);
+  die(task("/opt/a"));
+  tov_pid_t *record = listed();
+  die(record);
+  run_first_look();
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_FORK));
+  const pid_t again = kernel().start({LISTED});
+  run(5 * US_PER_S - LOOK_PAUSE_US);
+  EXPECT_EQ(forks(), 1u);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, OneScanServesAllThatAsk) {
+  kernel().write_file(TOV_THIRD_PART_LIST, "/opt/x TOV_RESTART\n/opt/y TOV_RESTART\n");
+  const pid_t y = kernel().start({"/opt/y"});
+  const pid_t x = kernel().start({"/opt/x"});
+  die(task("/opt/x"));
+  die(task("/opt/y"));
+  kernel().pass(LOOK_PAUSE_US);
+  (void)go_on();
+  (void)go_on();
+  const int before = kernel().calls(tov_test::CALL_OPENDIR);
+  run();
+  EXPECT_LE(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 * 2);
+  EXPECT_THAT(platform().registered,
+              ElementsAre(std::to_string(x) + " TOV_RESTART", std::to_string(y) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, RecordThatComesDuringAScanWaitsForTheNext) {
+  kernel().write_file(TOV_THIRD_PART_LIST, "/opt/x TOV_RESTART\n/opt/daemon TOV_RESTART\n");
+  crowd();
+  die(task("/opt/x"));
+  kernel().pass(1);
+  tov_pid_t *late = task(LISTED);
+  die(late);
+  kernel().pass(LOOK_PAUSE_US - 1);
+  (void)go_on();  // the first asks
+  kernel().pass(1);
+  (void)go_on();  // the first portion, and the late one asks
+  EXPECT_EQ(next_due_us(), INT64_MAX);
+  EXPECT_EQ(forks(), 0u);
+  const pid_t again = kernel().start({LISTED});  // behind the scan that is under way
+  run();
+  EXPECT_EQ(forks(), 1u);  // of the first
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovLook, ScanIsMadeInPortions) {
+  crowd();
+  die(listed());
+  kernel().pass(LOOK_PAUSE_US);
+  (void)go_on();  // it asks
+  const int before = kernel().calls(tov_test::CALL_READLINK);
+  EXPECT_LE(go_on().next_us, kernel().now_us());  // the rest is to follow at once
+  EXPECT_EQ(kernel().calls(tov_test::CALL_READLINK) - before, 64);
+  EXPECT_EQ(forks(), 0u);
+  (void)go_on();
+  EXPECT_EQ(forks(), 1u);
+}
+
+TEST_F(TovLook, OtherRestartsGoOnDuringAScan) {
+  (void)scanned();
+  tov_pid_t *other = task("/opt/a");
+  die(other);
+  EXPECT_EQ(forks(), 1u);
+  EXPECT_EQ(other->pid, child());
+}
+
+// ---- answers that come too late -------------------------------------------------------------
+
+TEST_F(TovLook, AnswerForARecordThatIsGoneIsDropped) {
+  tov_pid_t *record = scanned();
+  forget(record);
+  run(US_PER_S);
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_THAT(platform().registered, IsEmpty());
+}
+
+TEST_F(TovLook, AnswerForAWithdrawnRecordIsDropped) {
+  const tov_pid_t *record = scanned();
+  tov_process_dump_all_msg(record->pid);
+  EXPECT_EQ(count(), 0);
+  run(US_PER_S);
+  EXPECT_EQ(forks(), 0u);
+}
+
+TEST_F(TovLook, AnswerForAnEarlierRestartIsNotTaken) {
+  tov_pid_t *record = scanned();
+  const uint64_t first = record->start.number;
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_end_wait(held, record);
+    tov_revive_look(held, record);
+  }
+  EXPECT_GT(record->start.number, first);
+  const pid_t again = kernel().start({LISTED});  // behind the scan that is under way
+  run_first_look();
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+}
+
+TEST_F(TovSearch, AnswerForASearchThatHasEndedIsNotTaken) {
+  children_execute("/opt/launcher");
+  crowd();
+  const tov_pid_t *record = listed();
+  die(record);
+  kernel().pass(LOOK_PAUSE_US);
+  for (int steps = 0; forks() == 0 && steps < 100; steps++)
+    (void)go_on();
+  (void)go_on();  // it asks
+  (void)go_on();  // the first portion
+  ASSERT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  const pid_t daemon = kernel().start({LISTED});
+  registers(daemon);
+  ASSERT_FALSE(tov_record_is_starting(*record));
+  run(10 * US_PER_S);
+  EXPECT_EQ(record->pid, daemon);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(platform().events[TOV_LOG_ERROR], IsEmpty());
+}
+
+// ---- the search -----------------------------------------------------------------------------
+
+TEST_F(TovSearch, OwnChildIsFound) {
+  children_execute(LISTED);
+  const tov_pid_t *record = listed();
+  die(record);
+  run_first_look();
+  ASSERT_EQ(forks(), 1u);
+  EXPECT_EQ(record->pid, child());
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT],
+              ElementsAre("tov_spawn--> third part Normal[/opt/daemon] new pid: " +
+                          std::to_string(child())));
+}
+
+TEST_F(TovSearch, ProcessThatForkedItselfAwayIsFound) {
+  const tov_pid_t *record = searching();
+  kernel().pass(50 * US_PER_MS);
+  const pid_t daemon = kernel().start({LISTED});
+  run(50 * US_PER_MS);
+  EXPECT_EQ(record->pid, daemon);
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT],
+              ElementsAre("tov_spawn--> third part Daemon[/opt/daemon] new pid: " +
+                          std::to_string(daemon)));
+}
+
+TEST_F(TovSearch, EndsAfterElevenScansInFiveAndAHalfSeconds) {
+  const tov_pid_t *record = listed();
+  const pid_t dead = record->pid;
+  die(record);
+  const int before = kernel().calls(tov_test::CALL_OPENDIR);
+  run_first_look();
+  const int64_t begun_us = kernel().now_us();
+  run(5'500 * US_PER_MS - 1);
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  run(1);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_EQ(kernel().now_us() - begun_us, 5'500 * US_PER_MS);
+  // Two rounds each: the look whether it runs again, and the search.
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 + 2 * 11);
+  EXPECT_EQ(record->pid, dead);
+  EXPECT_THAT(platform().events[TOV_LOG_ERROR],
+              ElementsAre("tov_spawn--> third part[/opt/daemon] Not Found new pid!"));
+  EXPECT_EQ(forks(), 1u);
+}
+
+TEST_F(TovSearch, PausesGrowByATenthOfASecond) {
+  const tov_pid_t *record = searching();
+  for (int pause = 1; pause <= 10; pause++) {
+    EXPECT_EQ(next_due_us(), kernel().now_us() + pause * 100 * US_PER_MS) << pause;
+    run(pause * 100 * US_PER_MS);
+  }
+  EXPECT_FALSE(tov_record_is_starting(*record));
+}
+
+TEST_F(TovSearch, IsMadeAfterAFailedForkToo) {
+  const tov_pid_t *record = listed();
+  fail_forks(1);
+  die(record);
+  run_first_look();
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  const pid_t daemon = kernel().start({LISTED});
+  run(100 * US_PER_MS);
+  EXPECT_EQ(record->pid, daemon);
+}
+
+TEST_F(TovSearch, RecordThatSearchesCountsAsRunning) {
+  const tov_pid_t *record = searching();
+  tov_pid_t *twin = task(LISTED);
+  twin->flags = TOV_FLAG_STARTED;
+  die(twin);
+  EXPECT_EQ(count(), 1);
+  EXPECT_TRUE(is_registered(record));
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+}
+
+TEST_F(TovSearch, RemovedRecordIsSearchedForNoMore) {
+  tov_pid_t *record = searching();
+  forget(record);
+  (void)kernel().start({LISTED});
+  run(10 * US_PER_S);
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(next_due_us(), INT64_MAX);
+}
+
+// ---- what is heard of the child -------------------------------------------------------------
+
+TEST_F(TovSearch, WhatIsHeardOfTheChildIsToldInItsOrderAfterwards) {
+  const tov_pid_t *record = searching();
+  const pid_t forked = child();
+  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
+  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  EXPECT_THAT(heard(), IsEmpty());
+  kernel().process(forked).exe = LISTED;
+  kernel().process(forked).words = {LISTED};
+  run(100 * US_PER_MS);
+  EXPECT_EQ(record->pid, forked);
+  EXPECT_THAT(heard(), ElementsAre("exec " + std::to_string(forked),
+                                   "exit " + std::to_string(forked) + " 11"));
+}
+
+TEST_F(TovSearch, OnlyWhatWasHeardIsTold) {
+  children_execute("/opt/launcher");
+  (void)searching();
+  const pid_t forked = child();
+  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
+  kernel().process(forked).exe = LISTED;
+  run(100 * US_PER_MS);
+  EXPECT_THAT(heard(), ElementsAre("exec " + std::to_string(forked)));
+}
+
+TEST_F(TovSearch, NothingIsToldOfAChildThatIsNotSupervised) {
+  const tov_pid_t *record = searching();
+  EXPECT_TRUE(tov_revive_keeps(exec(child())));
+  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  const pid_t daemon = kernel().start({LISTED});
+  run(100 * US_PER_MS);
+  EXPECT_EQ(record->pid, daemon);
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+// Nobody runs in its place: its failure is the exit of what was started.
+TEST_F(TovSearch, ChildThatFailedStandsForTheProgramThatIsNotFound) {
+  const tov_pid_t *record = searching();
+  const pid_t forked = child();
+  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
+  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  kernel().end(forked);
+  kernel().reap(forked);
+  run(5'500 * US_PER_MS - 1);
+  EXPECT_THAT(heard(), IsEmpty());
+  run(1);
+  EXPECT_EQ(record->pid, forked);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_THAT(heard(), ElementsAre("exec " + std::to_string(forked),
+                                   "exit " + std::to_string(forked) + " 11"));
+  EXPECT_THAT(platform().events[TOV_LOG_ERROR],
+              ElementsAre("tov_spawn--> third part[/opt/daemon] Not Found new pid!"));
+}
+
+TEST_F(TovSearch, ChildThatHasDoneItsPartDoesNot) {
+  const tov_pid_t *record = searching();
+  const pid_t dead = record->pid;
+  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  kernel().end(child());
+  kernel().reap(child());
+  run(5'500 * US_PER_MS);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_EQ(record->pid, dead);
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+// Nobody knew that its events concern us.
+TEST_F(TovSearch, EndOfAFoundProcessThatIsNotTheChildIsTold) {
+  const tov_pid_t *record = searching();
+  crowd();
+  const pid_t daemon = kernel().start({LISTED});
+  kernel().pass(100 * US_PER_MS);
+  (void)go_on();  // it asks
+  (void)go_on();  // the first portion
+  ASSERT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  kernel().before(tov_test::CALL_CLOSEDIR, 1, [daemon] { kernel().end(daemon); });
+  run();
+  EXPECT_EQ(record->pid, daemon);
+  EXPECT_THAT(heard(), ElementsAre("exit " + std::to_string(daemon) + " 0"));
+}
+
+TEST_F(TovSearch, EventsOfStrangersAreNotKept) {
+  EXPECT_FALSE(tov_revive_keeps(exec(4711)));
+  (void)searching();
+  const pid_t forked = child();
+  EXPECT_FALSE(tov_revive_keeps(exec(forked + 1)));
+  EXPECT_FALSE(tov_revive_keeps({0x1, forked, 0}));
+  EXPECT_TRUE(tov_revive_keeps(exit(forked, 0)));
+  EXPECT_FALSE(tov_revive_keeps(exec(forked)));  // of another process that was given the id
+  EXPECT_FALSE(tov_revive_keeps(exit(forked, 9)));
+  run(6 * US_PER_S);
+  EXPECT_FALSE(tov_revive_keeps(exec(forked)));
+}
+
+// ---- registrations during a search ----------------------------------------------------------
+
+TEST_F(TovSearch, RegistrationOfTheChildEndsIt) {
+  children_execute("/opt/launcher");
+  const tov_pid_t *record = searching();
+  registers(child());
+  EXPECT_EQ(record->pid, child());
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(platform().notices, Contains(HasSubstr("Self-checking OK: 1 times")));
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT], ElementsAre(HasSubstr("third part Normal")));
+}
+
+TEST_F(TovSearch, RegistrationOfTheSearchedProgramEndsIt) {
+  const tov_pid_t *record = searching();
+  const pid_t daemon = kernel().start({LISTED});
+  registers(daemon);
+  EXPECT_EQ(record->pid, daemon);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(next_due_us(), INT64_MAX);
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT], ElementsAre(HasSubstr("third part Daemon")));
+}
+
+TEST_F(TovSearch, RegistrationOfAnotherDeviceOrProgramDoesNot) {
+  const tov_pid_t *record = searching();
+  registers(kernel().start({LISTED}), 1);
+  registers(kernel().start({LISTED, "-d"}));
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  EXPECT_EQ(count(), 3);
+}
+
+TEST_F(TovSearch, RegistrationUnderTheIdOfAChildThatEndedDoesNot) {
+  const tov_pid_t *record = searching();
+  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  kernel().process(child()).exe = "/opt/stranger";
+  registers(child());
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  EXPECT_EQ(count(), 2);
+}
+
+TEST_F(TovSearch, RegistrationDuringALookIsFoundByTheRules) {
+  const tov_pid_t *record = scanned();
+  const pid_t daemon = kernel().start({LISTED});
+  registers(daemon);
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_LOOK));
+  run();
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_EQ(count(), 1);
+  EXPECT_NE(find(daemon), nullptr);
+}
