@@ -1,16 +1,12 @@
 // Restarts that wait because the dead process's registration file is still locked.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdint.h>
-#include <stdio.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <stdexcept>
 #include <string>
 
+#include "tests/device/lock_holder.h"
 #include "tests/device/story.h"
 #include "tests/support/birth.h"
 #include "tests/support/device.h"
@@ -20,47 +16,6 @@
 using namespace tov_test;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-// A process of its own that holds the lock of a file: the test must be free to open and close the
-// file, which would drop a lock of its own.
-class LockHolder {
- public:
-  LockHolder(const Device &device, const std::string &file) {
-    const std::string path = device.path(file);
-    int ready[2];
-    if (pipe2(ready, O_CLOEXEC) < 0) throw std::runtime_error("no pipe");
-    holder_ = fork();
-    if (holder_ == 0) hold(path.c_str(), ready[1]);
-    close(ready[1]);
-    char held = 0;
-    const bool done = read(ready[0], &held, 1) == 1;
-    close(ready[0]);
-    if (!done) throw std::runtime_error(file + " cannot be locked");
-  }
-  LockHolder(const LockHolder &) = delete;
-  LockHolder &operator=(const LockHolder &) = delete;
-  ~LockHolder() { end(); }
-
-  void end() {
-    if (holder_ <= 0) return;
-    kill(holder_, SIGKILL);
-    waitpid(holder_, nullptr, 0);
-    holder_ = -1;
-  }
-
- private:
-  [[noreturn]] static void hold(const char *path, int ready) {
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    if (fd < 0 || fcntl(fd, F_SETLK, &whole) < 0 || write(ready, "", 1) != 1) _exit(1);
-    for (;;)
-      pause();
-  }
-
-  pid_t holder_ = -1;
-};
 
 TEST(Deferral, LastsAsLongAsTheFileIsLocked) {
   Device device;

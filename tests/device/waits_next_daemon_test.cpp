@@ -1,0 +1,119 @@
+// A daemon is killed while records wait that only it knows: suspended ones, and listed programs
+// whose process is searched for. The next daemon finds what they wait for in their files, and in
+// the end there is exactly one copy of each.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stddef.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/device/searched.h"
+#include "tests/device/story.h"
+#include "tests/device/waits.h"
+#include "tests/support/device.h"
+#include "tests/support/event_log.h"
+#include "tests/support/processes.h"
+
+using namespace tov_test;
+
+namespace {
+
+// The living processes of a task's program.
+std::vector<pid_t> copies(const Device &device, const Task &task) {
+  std::vector<pid_t> pids;
+  for (const auto &process : device.processes())
+    if (process.command == task.command) pids.push_back(process.pid);
+  return pids;
+}
+
+// One copy runs, and it is supervised: killed, it comes back, once.
+void expect_one_copy(Device &device, Task &task, Task &bystander) {
+  EXPECT_EQ(copies(device, task).size(), 1U);
+  kill_and_return(device, task);
+  pass_events(device, bystander);
+  EXPECT_EQ(copies(device, task).size(), 1U);
+  EXPECT_EQ(device.births(task.name).size(), task.births);
+}
+
+}  // namespace
+
+TEST(NextDaemon, StartsASearchedProgramThatDidNotCome) {
+  Device device;
+  Task bystander = start_task(device, "bystander_search");
+  SearchedProgram searched(device, "next_search");
+  device.start_ready_daemon();
+  searched.start();
+  searched.kill_into_search();
+  device.kill_daemon();
+  searched.restore();
+  searched.let_script_fail();
+  ASSERT_TRUE(wait_until([&] { return !device.lives(searched.script); }, STORY_LIMIT_MS));
+  device.start_ready_daemon();
+  next_birth(device, searched.task);
+  expect_one_copy(device, searched.task, bystander);
+}
+
+TEST(NextDaemon, TakesInASearchedProgramThatCameMeanwhile) {
+  Device device;
+  Task bystander = start_task(device, "bystander_came");
+  SearchedProgram searched(device, "next_came");
+  device.start_ready_daemon();
+  searched.start();
+  searched.kill_into_search();
+  device.kill_daemon();
+  searched.restore();
+  searched.let_script_become_it();
+  next_birth(device, searched.task);
+  device.start_ready_daemon();
+  pass_events(device, bystander);
+  expect_one_copy(device, searched.task, bystander);
+}
+
+TEST(NextDaemon, KnowsAListedProgramThatWasBroughtBack) {
+  Device device;
+  Task bystander = start_task(device, "bystander_listed");
+  Task task = install_task(device, "next_listed", {});
+  device.write("/etc/tov/proc/" + task.name, task.command + " TOV_RESTART");
+  device.start_ready_daemon();
+  device.spawn({task.program});
+  next_birth(device, task);
+  need_event(device, REGISTER_LOG, entered(task));
+  kill_and_return(device, task);
+  device.kill_daemon();
+  device.kill(task.pid, SIGKILL);
+  ASSERT_TRUE(wait_until([&] { return !device.lives(task.pid); }, STORY_LIMIT_MS));
+  device.start_ready_daemon();
+  next_birth(device, task);
+  expect_one_copy(device, task, bystander);
+}
+
+TEST(NextDaemon, StartsASuspendedProgram) {
+  Device device;
+  Task bystander = start_task(device, "bystander_suspended");
+  Task task = start_task(device, "next_suspended");
+  device.start_ready_daemon();
+  kill_until_suspended(device, task, suspended(task, 5));
+  const size_t births = device.births(task.name).size();
+  device.kill_daemon();
+  device.start_ready_daemon();
+  next_birth(device, task);
+  EXPECT_EQ(device.births(task.name).size(), births + 1);
+  expect_one_copy(device, task, bystander);
+}
+
+// No file of the old process was left: the child removes it before it executes.
+TEST(NextDaemon, StartsNoSecondCopyOfAProgramThatWasJustBroughtBack) {
+  Device device;
+  Task bystander = start_task(device, "bystander_just");
+  Task task = start_task(device, "next_just", {.words = {"lock=2"}, .registered = false});
+  const pid_t daemon = device.start_ready_daemon();
+  device.kill(task.pid, SIGKILL);
+  next_birth(device, task);
+  device.kill(daemon, SIGKILL);  // wherever it is with its bookkeeping
+  ASSERT_TRUE(device.wait(daemon, STORY_LIMIT_MS));
+  device.start_ready_daemon();
+  pass_events(device, bystander);
+  EXPECT_EQ(device.births(task.name).size(), 2U);
+  expect_one_copy(device, task, bystander);
+}
