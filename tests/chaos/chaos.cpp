@@ -14,15 +14,18 @@
 //                    sweeps fit in
 //   --rate N         deeds a second (20)
 //   --rounds N       proofs at the end: everybody is killed and must come back (3)
+//   --delays N       longest restart delay that a program asks for, by the daemon's clock (8)
 //   --limit N        seconds that everything may take to settle (300; more on slow builds)
 //   --break WHAT     break one behaviour of the daemon, to see that the judge says so
 //                    (support/programs/broken_daemon.c)
 //
 // Random deeds (deeds.cpp) are done to programs, files and the daemon; now and then the daemon is
-// killed and started again (upheaval.cpp). A model (fleet.h) keeps what "should" means, by the
-// rules: signal 15 and a cancelled registration are deliberate, a registration whose file is gone
-// dies with the daemon, a failing program is suspended and comes back. Then everything settles and
-// is judged (judge.cpp). The model counts tasks, not their copies: of copies that end in the same
+// killed and started again (upheaval.cpp), or its forks fail for a while. A model (fleet.h) keeps
+// what "should" means, by the rules: signal 15 and a cancelled registration are deliberate, a
+// registration whose file is gone dies with the daemon, a failing program is suspended and comes
+// back. Then everything settles and is judged (judge.cpp). All the while no program may run twice,
+// return before the delay that it asked for or long after it, or return when it was withdrawn
+// meanwhile (returns.cpp). The model counts tasks, not their copies: of copies that end in the same
 // moment the daemon brings one back.
 //
 // A failure prints what it knows of each wrong program (report.cpp) and writes everything else to
@@ -44,6 +47,7 @@
 #include "tests/chaos/judge.h"
 #include "tests/chaos/muster.h"
 #include "tests/chaos/report.h"
+#include "tests/chaos/returns.h"
 #include "tests/chaos/run.h"
 #include "tests/chaos/upheaval.h"
 
@@ -66,6 +70,7 @@ static bool read_options(int argc, char **argv, Options *options) {
                                         {"rate", required_argument, nullptr, 'r'},
                                         {"rounds", required_argument, nullptr, 'n'},
                                         {"limit", required_argument, nullptr, 'l'},
+                                        {"delays", required_argument, nullptr, 'y'},
                                         {"break", required_argument, nullptr, 'b'},
                                         {nullptr, 0, nullptr, 0}};
   int option;
@@ -98,6 +103,9 @@ static bool read_options(int argc, char **argv, Options *options) {
       case 'l':
         options->limit_s = number;
         break;
+      case 'y':
+        options->delay_s = number;
+        break;
       case 'b':
         options->broken = optarg;
         break;
@@ -126,6 +134,7 @@ static std::string disturb(Run &run) {
     carry_on(run);
     if (run.blind) daemon_dies = std::min(daemon_dies, now_ns() + BLIND_LIFE_S * SECOND_NS);
     if (now_ns() >= daemon_dies) {
+      if (std::string wrong = find_wrong_returns(run); !wrong.empty()) return wrong;
       kill_daemon(run);
       start_daemon(run);
       daemon_dies = now_ns() + run.options.daemon_life_s * SECOND_NS;
@@ -133,7 +142,8 @@ static std::string disturb(Run &run) {
       do_deed(run);
     }
     if (now_ns() >= look) {
-      if (std::string wrong = find_overdue(run); !wrong.empty()) return wrong;
+      if (std::string wrong = find_overdue(run) + find_wrong_returns(run); !wrong.empty())
+        return wrong;
       look += SECOND_NS;
     }
     if (now_ns() >= progress) {
@@ -176,7 +186,8 @@ int main(int argc, char **argv) {
   if (!read_options(argc, argv, &options)) {
     fprintf(stderr,
             "usage: %s [--seed N] [--seconds N] [--programs N] [--daemon-life SECONDS]\n"
-            "       [--speed N] [--rate N] [--rounds N] [--limit SECONDS] [--break WHAT]\n",
+            "       [--speed N] [--rate N] [--rounds N] [--limit SECONDS] [--delays N]\n"
+            "       [--break WHAT]\n",
             argv[0]);
     return EXIT_UNABLE;
   }

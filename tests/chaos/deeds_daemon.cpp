@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "tests/chaos/deeds.h"
 #include "tests/chaos/deeds_list.h"
 #include "tests/chaos/fleet.h"
 #include "tests/chaos/run.h"
@@ -80,6 +81,27 @@ bool turn_switch(Run &run) {
 }
 
 // ---- deeds to the daemon ------------------------------------------------------------------------
+
+// Shorter than the seven failures that end the daemon take: a try comes every five seconds.
+bool fail_forks(Run &run) {
+  static constexpr char FORK_FILE[] = "/tmp/tov/forkfile";
+  static constexpr int LEAST_S = 2, MOST_S = 12;
+  // Until a fork has succeeded the failures of two phases would add up.
+  if (run.forks_end_ns != 0 || !run.device.read(FORK_FILE).empty()) return false;
+  if (!run.device.limit_processes(run.device.daemon_pid(), 1)) return false;
+  run.forks_end_ns = now_ns() + run.real_ns(run.chance.between(LEAST_S, MOST_S));
+  run.disturb(run.forks_end_ns);
+  return true;
+}
+
+void let_fork(Run &run) {
+  static constexpr int NO_LIMIT = -1;
+  static constexpr int NEXT_TRY_S = 6;
+  if (run.forks_end_ns == 0) return;
+  run.forks_end_ns = 0;
+  (void)run.device.limit_processes(run.device.daemon_pid(), NO_LIMIT);
+  run.disturb(now_ns() + run.real_ns(NEXT_TRY_S));
+}
 
 bool signal_daemon(Run &run) {
   run.device.kill(run.device.daemon_pid(), run.chance.pick(daemon_signals));

@@ -13,6 +13,7 @@ bool kill_somebody_early(Run &run);
 bool stop_somebody(Run &run);
 bool cancel_somebody(Run &run);
 bool replace_somebody(Run &run);
+bool withdraw_dead(Run &run);
 bool loop_somebody(Run &run);
 bool pause_somebody(Run &run);
 bool start_somebody(Run &run);
@@ -27,6 +28,7 @@ bool remove_daemon_place(Run &run);
 bool empty_member_place(Run &run);
 bool remove_client_socket(Run &run);
 bool turn_switch(Run &run);
+bool fail_forks(Run &run);
 bool signal_daemon(Run &run);
 bool pause_daemon(Run &run);
 

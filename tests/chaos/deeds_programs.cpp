@@ -4,20 +4,24 @@
 #include <stdint.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/chaos/deeds.h"
 #include "tests/chaos/deeds_list.h"
 #include "tests/chaos/fleet.h"
 #include "tests/chaos/kinds.h"
+#include "tests/chaos/requests.h"
 #include "tests/chaos/run.h"
 #include "tests/support/processes.h"
 
 namespace tov_chaos {
 
 static constexpr size_t LOOPS_MAX = 6;
+static constexpr Millis DEAD_LIMIT_MS{1'000};
 
 static constexpr int signals[] = {SIGKILL, SIGKILL, SIGKILL, SIGSEGV, SIGABRT, SIGHUP,
                                   SIGINT,  SIGQUIT, SIGUSR1, SIGUSR2, SIGBUS,  SIGFPE,
@@ -43,11 +47,22 @@ static Program *pick_steady(
 
 // ---- deeds to programs --------------------------------------------------------------------------
 
+// Only what happens to it now decides when it comes back.
+static bool is_plain(const Program &program) {
+  return program.supervised && program.kind->comes_back && program.should_run &&
+         !program.uncertain && !program.tainted && !program.looping && !program.may_double &&
+         program.doubled == 0 && program.wake_ns == 0;
+}
+
 void end_instance(Run &run, Program &program, pid_t pid, int signal) {
+  const int64_t before_ns = now_ns();
   run.device.kill(pid, signal);
   run.fleet.note(program, "signal " + std::to_string(signal) + " to " + std::to_string(pid));
   program.condemned = pid;
   program.changed_ns = now_ns();
+  program.death = {};
+  if (signal != SIGTERM && is_plain(program)) program.death = {pid, before_ns, program.delayed, 0};
+  if (program.kind->found_late) program.tainted = true;
   if (signal == SIGTERM) program.supervised = false;
   // A program whose end is expected stays registered: a fresh daemon would start it.
   if (!program.supervised || !program.kind->comes_back) program.should_run = false;
@@ -59,8 +74,12 @@ static bool is_proven(Run &run, Program &program) {
   return program.proven;
 }
 
+bool may_be_killed(const Program &program) {
+  return !program.tainted || !program.kind->found_late;
+}
+
 bool kill_somebody(Run &run) {
-  Program *program = pick_steady(run);
+  Program *program = pick_steady(run, may_be_killed);
   if (program == nullptr) return false;
   // What becomes of the others depends on what the daemon knows of them.
   if ((program->fresh || !program->supervised) && !is_proven(run, *program)) return false;
@@ -74,7 +93,8 @@ bool kill_somebody_early(Run &run) {
   Program *program = pick(run, [&](const Program &one) {
     const bool known = one.supervised && !one.fresh && one.should_run && !one.uncertain;
     return known && one.kind->comes_back && one.doubled == 0 && one.wake_ns == 0 &&
-           !one.cancelling && one.pid != 0 && one.condemned != one.pid && !run.fleet.steady(one);
+           !one.cancelling && one.pid != 0 && one.condemned != one.pid && may_be_killed(one) &&
+           !run.fleet.steady(one);
   });
   if (program == nullptr || !run.device.lives(program->pid)) return false;
   program->tainted = true;
@@ -100,6 +120,40 @@ bool cancel_somebody(Run &run) {
   program->cancelling = true;
   run.fleet.note(*program, "is to cancel");
   return true;
+}
+
+// The program ends, and its registration is withdrawn while the daemon waits with its restart. That
+// must be in time, or else nobody knows until the next daemon what has become of it.
+bool withdraw_dead(Run &run) {
+  Program *program =
+      pick_steady(run, [](const Program &one) { return asked_by_itself(one) && one.delayed; });
+  if (program == nullptr || !is_proven(run, *program)) return false;
+  const int64_t back_ns = now_ns() + run.real_ns(program->delay_s);
+  const pid_t dead = program->pid;
+  end_instance(run, *program, dead, SIGKILL);
+  program->death = {};
+  const bool lasts = tov_test::wait_until([&] { return !run.device.lives(dead); }, DEAD_LIMIT_MS);
+  std::this_thread::sleep_for(std::chrono::nanoseconds(run.real_ns(program->delay_s) / 4));
+  const bool in_time = lasts && withdraw(run.device, dead) && now_ns() < back_ns;
+  run.fleet.note(*program, in_time ? "is withdrawn" : "is withdrawn too late");
+  if (in_time) {
+    program->should_run = program->supervised = false;
+    program->withdrawn = true;
+  } else {
+    program->uncertain = true;
+  }
+  return in_time;
+}
+
+bool renew_delays(Run &run) {
+  bool left = false;
+  for (Program &program : run.fleet.programs) {
+    if (!program.kind->delays || program.delayed || program.tainted || !program.supervised)
+      continue;
+    left |= program.should_run;
+    if (run.fleet.steady(program)) run.fleet.register_anew(program);
+  }
+  return left;
 }
 
 // The process lives on under its id and is another program: two sweeps later the program must be

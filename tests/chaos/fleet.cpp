@@ -41,7 +41,7 @@ static int64_t ns(Millis length) {
 
 // ---- installation ---------------------------------------------------------------------------
 
-static Program make_program(const Kind &kind, int number) {
+static Program make_program(const Kind &kind, int number, int delay_s) {
   char digits[8];
   snprintf(digits, sizeof digits, "%03d", number);
   Program program;
@@ -52,18 +52,22 @@ static Program make_program(const Kind &kind, int number) {
   program.command = program.path;
   for (const std::string &word : kind.words)
     program.command += " " + word + (word.ends_with("/") ? program.name : "");
+  if (kind.delays) {
+    program.delay_s = 1 + number % delay_s;
+    program.command += " delay=" + std::to_string(program.delay_s);
+  }
   program.start_command = kind.starter.empty() ? program.command : program.path;
   for (const std::string &word : kind.starter)
     program.start_command += " " + word;
   return program;
 }
 
-Fleet::Fleet(Device &device, size_t size) : device_(device) {
+Fleet::Fleet(Device &device, size_t size, int delay_s) : device_(device) {
   int number = 0;
   for (size_t round = 0; programs.size() < size; round++)
     for (const Kind &kind : all_kinds())
       if (static_cast<int>(round) < kind.share && programs.size() < size)
-        programs.push_back(make_program(kind, number++));
+        programs.push_back(make_program(kind, number++, delay_s));
 }
 
 static void link_program(Device &device, const Program &first, const Program &program) {
@@ -103,23 +107,47 @@ void Fleet::start(Program &program) {
   program.fresh = true;
   program.condemned = 0;
   program.proven = false;
+  program.withdrawn = false;
   program.changed_ns = now_ns();
   note(program, "started as " + std::to_string(child));
 }
 
-void Fleet::take_report(Program &program, const std::string &what, pid_t pid) {
+void Fleet::take_birth(Program &program, pid_t pid, int64_t born_ns) {
+  static constexpr size_t BIRTHS = 8;
+  program.births++;
+  program.births_ns.push_back(born_ns);
+  if (program.births_ns.size() > BIRTHS) program.births_ns.pop_front();
+  program.born.insert(pid);
+  program.registered.erase(pid);
+  program.pid = pid;
+  Death &death = program.death;
+  if (death.pid != 0 && death.returned_ns == 0 && born_ns > death.killed_ns)
+    death.returned_ns = born_ns;
+}
+
+// `rest` begins with the process id.
+void Fleet::take_report(Program &program, const std::string &what, const std::string &rest) {
+  std::istringstream text(rest);
+  pid_t pid = 0;
+  text >> pid;
   note(program, what + " " + std::to_string(pid));
   program.changed_ns = now_ns();
   program.proven = false;
   if (what == "birth") {
-    program.births++;
-    program.born.insert(pid);
-    program.registered.erase(pid);
-    program.pid = pid;
+    int64_t born_ns = 0;
+    text >> born_ns;
+    take_birth(program, pid, born_ns);
   }
   if (what == "registered") {
     program.registered.insert(pid);
     if (program.kind->by == By::LIBRARY) program.supervised = true;
+    // A process that the daemon started is registered already, with or without its delay.
+    if (program.fresh) program.delayed = program.kind->delays;
+  }
+  if (what == "anew") {
+    program.cancelling = false;
+    program.supervised = true;
+    program.delayed = true;
   }
   if (what == "cancelled") {
     program.cancelling = false;
@@ -135,7 +163,7 @@ void Fleet::read_reports(Program &program) {
     const std::string line = text.substr(program.reports_read, end - program.reports_read);
     program.reports_read = end + 1;
     const size_t blank = line.find(' ');
-    take_report(program, line.substr(0, blank), std::stoi(line.substr(blank + 1)));
+    take_report(program, line.substr(0, blank), line.substr(blank + 1));
   }
 }
 
@@ -204,6 +232,12 @@ void Fleet::loop(Program &program, bool on) {
     device_.write("/data/loop." + program.name, "");
   else
     device_.remove("/data/loop." + program.name);
+}
+
+void Fleet::register_anew(Program &program) {
+  device_.write("/data/anew." + program.name, "");
+  program.cancelling = true;
+  note(program, "is to register anew");
 }
 
 void Fleet::pause(Program &program, Millis length) {

@@ -43,12 +43,22 @@ class Chance {
   std::mt19937_64 engine_;
 };
 
+// An end that we brought about. What comes of it is judged in returns.cpp.
+struct Death {
+  pid_t pid = 0;  // 0: none, or judged
+  int64_t killed_ns = 0;
+  bool delayed = false;     // the daemon knew of the program's restart delay
+  int64_t returned_ns = 0;  // birth of its successor; 0: none yet
+};
+
 struct Program {
   const Kind *kind = nullptr;
   std::string name;
   std::string path;
   std::string command;
   std::string start_command;  // what is executed to start it; it then executes `command`
+
+  int delay_s = 0;  // it asks to be restarted so late, by the daemon's clock
 
   // The model: what must be true once everything has settled.
   bool should_run = false;
@@ -69,11 +79,17 @@ struct Program {
   // An instance ended before its requests were carried out: until the next daemon there may be a
   // second record, of a dead process, which makes of a deliberate stop a lost exit.
   bool tainted = false;
+  // The daemon knows of the delay; its successor does not, which finds no delay in files.
+  bool delayed = false;
+  bool withdrawn = false;  // when it was dead already: nothing may start it
+  Death death;
 
   std::set<pid_t> born;
   std::set<pid_t> registered;
   size_t reports_read = 0;
   size_t births = 0;
+  std::deque<int64_t> births_ns;    // the latest ones
+  std::vector<pid_t> copies;        // of it, when it was looked at the last time
   std::deque<std::string> history;  // for the report of a failure
 };
 
@@ -92,7 +108,8 @@ struct Stranger {
 
 class Fleet {
  public:
-  Fleet(Device &device, size_t size);
+  // `delay_s` is the longest restart delay of a program.
+  Fleet(Device &device, size_t size, int delay_s);
 
   // Puts programs, scripts and lists into the device. Before the first daemon.
   void install();
@@ -117,6 +134,8 @@ class Fleet {
   bool lives(const Stranger &stranger) const;
   // Lets a program fail again and again, or no longer.
   void loop(Program &program, bool on);
+  // Has a program withdraw its registration and register again, with its delay.
+  void register_anew(Program &program);
   void pause(Program &program, Millis length);
   // Wakes those whose time has come, or all.
   void wake(bool all);
@@ -128,7 +147,8 @@ class Fleet {
 
  private:
   void read_reports(Program &program);
-  void take_report(Program &program, const std::string &what, pid_t pid);
+  void take_report(Program &program, const std::string &what, const std::string &rest);
+  static void take_birth(Program &program, pid_t pid, int64_t born_ns);
 
   Device &device_;
   std::vector<pid_t> children_;  // not yet buried

@@ -19,6 +19,7 @@
 #include "tests/chaos/health.h"
 #include "tests/chaos/muster.h"
 #include "tests/chaos/report.h"
+#include "tests/chaos/returns.h"
 #include "tests/chaos/run.h"
 #include "tests/chaos/upheaval.h"
 #include "tests/support/processes.h"
@@ -31,6 +32,7 @@ static constexpr int OVERDUE_S = 300;
 
 static constexpr Millis LOOK_MS{100};
 static constexpr Millis SHORT_HOLD_MS{1'000};
+static constexpr Millis DELAYS_LIMIT_MS{2'000};
 static constexpr Millis ZOMBIE_LIMIT_MS{5'000};
 static constexpr Millis END_LIMIT_MS{60'000};
 static constexpr char FORK_FILE[] = "/tmp/tov/forkfile";
@@ -103,6 +105,7 @@ static std::string settle(Run &run, Millis hold) {
     run.fleet.read_reports();
     if (const auto status = run.device.wait_daemon(Millis(0)))
       return "the daemon ended by itself, status " + std::to_string(*status) + "\n";
+    if (std::string wrong = find_wrong_returns(run); !wrong.empty()) return wrong;
     std::string wrong = wrong_programs(run);
     if (!wrong.empty())
       right_since = 0;
@@ -131,9 +134,11 @@ static std::string wrong_daemon(const Run &run, const Usage &before) {
 
 static void end_all(Run &run, int signal) {
   const auto processes = run.fleet.processes();
-  for (Program &program : run.fleet.programs)
+  for (Program &program : run.fleet.programs) {
+    if (signal == SIGKILL && !may_be_killed(program)) continue;
     for (const pid_t pid : Fleet::instances(program, processes))
       end_instance(run, program, pid, signal);
+  }
 }
 
 // Of the stopped nothing must be left that a later daemon would find.
@@ -176,6 +181,12 @@ std::string judge(Run &run) {
   std::string wrong = settle(run, SHORT_HOLD_MS);
   if (!wrong.empty()) return wrong;
   muster_anew(run);
+  (void)tov_test::wait_until(
+      [&] {
+        run.fleet.read_reports();
+        return !renew_delays(run);
+      },
+      DELAYS_LIMIT_MS);
   say(run, "mustered anew");
   wrong = settle(run, SHORT_HOLD_MS);
   Usage before;
@@ -195,7 +206,7 @@ std::string judge(Run &run) {
   end_all(run, SIGTERM);
   say(run, "all stopped");
   wrong = settle(run, long_hold);
-  wrong += wrong_files(run) + end_daemon(run);
+  wrong += wrong_files(run) + find_repeated_announcements(run) + end_daemon(run);
   return wrong + run.device.sanitizer_reports();
 }
 

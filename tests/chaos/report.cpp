@@ -3,6 +3,7 @@
 #include "tests/chaos/report.h"
 
 #include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -41,6 +42,14 @@ static void print_usage(const Run &run) {
   printf("  the most of all : %s (%zu daemons)\n", most.text().c_str(), run.lives.size());
 }
 
+static void print_returns(std::vector<int64_t> late_ns) {
+  if (late_ns.empty()) return;
+  std::sort(late_ns.begin(), late_ns.end());
+  const auto ms = [](int64_t ns) { return static_cast<double>(ns) / 1e6; };
+  printf("  back after delays : median %.0f ms, at the latest %.0f ms (%zu)\n",
+         ms(late_ns[late_ns.size() / 2]), ms(late_ns.back()), late_ns.size());
+}
+
 void print_summary(const Run &run) {
   size_t births = 0;
   for (const Program &program : run.fleet.programs)
@@ -50,6 +59,7 @@ void print_summary(const Run &run) {
   printf("  restarts announced: %zu\n",
          device.count_notices("_CHECK_INFO") + device.count_notices("RE_INIT_INFO"));
   printf("  suspensions       : %zu\n", device.count_notices("had checked more than 5 times"));
+  print_returns(run.late_ns);
   print_usage(run);
   for (const auto &[what, count] : run.counts)
     printf("  %6d %s\n", count, what.c_str());

@@ -33,17 +33,21 @@ static tov_fd_t connect_to(const std::string &path) {
   return fd;
 }
 
-// "Watch this thread no longer", of an id that no thread has.
-static std::string harmless_request() {
+static std::string request_about(int event, pid_t pid) {
   tov_msg_head_t head{};
   tov_msg_cons_t body{};
   head.type = TOV_MSG_CONS;
   head.len = sizeof body;
-  body.event = TOV_UNREG_THREAD_NOTIFY;
-  body.pid = -1;
+  body.event = event;
+  body.pid = pid;
   std::string request(reinterpret_cast<const char *>(&head), sizeof head);
   request.append(reinterpret_cast<const char *>(&body), sizeof body);
   return request;
+}
+
+// "Watch this thread no longer", of an id that no thread has.
+static std::string harmless_request() {
+  return request_about(TOV_UNREG_THREAD_NOTIFY, -1);
 }
 
 static bool is_answered(int fd, const std::string &request) {
@@ -52,6 +56,12 @@ static bool is_answered(int fd, const std::string &request) {
   char answer[sizeof(tov_msg_head_t)];
   return poll(&answered, 1, ANSWER_LIMIT_MS * tov_test::patience()) > 0 &&
          recv(fd, answer, sizeof answer, 0) > 0;
+}
+
+bool withdraw(const tov_test::Device &device, pid_t pid) {
+  const tov_fd_t fd = connect_to(device.path(SOCKET));
+  return fd.n >= 0 && is_answered(fd.n, request_about(TOV_CONS_DUMP_ALL, pid)) &&
+         requests_are_done(device);
 }
 
 bool requests_are_done(const tov_test::Device &device) {

@@ -7,6 +7,8 @@
 #ifndef TOV_CHAOS_REQUESTS_H
 #define TOV_CHAOS_REQUESTS_H
 
+#include <sys/types.h>
+
 #include "tests/support/device.h"
 
 namespace tov_chaos {
@@ -14,6 +16,9 @@ namespace tov_chaos {
 // True when every request that was sent before this call has been carried out. False when the
 // daemon could not be asked.
 bool requests_are_done(const tov_test::Device &device);
+
+// Withdraws the registration of a process that is dead. True when that has been carried out.
+bool withdraw(const tov_test::Device &device, pid_t pid);
 
 }  // namespace tov_chaos
 

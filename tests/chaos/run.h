@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@ struct Options {
   int deeds_per_s = 20;
   int rounds = 3;           // of the judge's proofs
   int limit_s = 300;        // for everything to settle
+  int delay_s = 8;          // the longest restart delay, by the daemon's clock
   std::string broken = {};  // behaviour of the daemon to break, see programs/broken_daemon.c
 };
 
@@ -36,7 +38,7 @@ struct Life {
 
 struct Run {
   explicit Run(const Options &chosen)
-      : options(chosen), chance(chosen.seed), fleet(device, chosen.programs) {}
+      : options(chosen), chance(chosen.seed), fleet(device, chosen.programs, chosen.delay_s) {}
 
   Options options;
   Chance chance;
@@ -44,11 +46,23 @@ struct Run {
   Fleet fleet;
   // The daemon lost a place that it needs: it may be late until its successor comes.
   bool blind = false;
+  // While forks of the daemon fail: when that ends. 0: they do not.
+  int64_t forks_end_ns = 0;
+  // Until then nobody has to be back in time: something happened to the daemon or to its files.
+  int64_t disturbed_ns = 0;
+  // How much later than their delays programs came back, while nothing happened to the daemon.
+  std::vector<int64_t> late_ns = {};
+  int64_t copies_ns = 0;              // when second copies were looked for
   std::map<std::string, int> counts;  // deeds done, and what else is worth telling
   std::vector<Life> lives;
 
   int64_t begin_ns = now_ns();
 
+  void disturb(int64_t until_ns) { disturbed_ns = std::max(disturbed_ns, until_ns); }
+  // So many seconds of the daemon's clock in ours.
+  int64_t real_ns(int daemon_seconds) const {
+    return int64_t{daemon_seconds} * 1'000'000'000 / options.speed;
+  }
   // Since the run began.
   int seconds() const { return static_cast<int>((now_ns() - begin_ns) / 1'000'000'000); }
 

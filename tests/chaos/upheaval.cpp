@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/chaos/deeds.h"
 #include "tests/chaos/fleet.h"
 #include "tests/chaos/health.h"
 #include "tests/chaos/kinds.h"
@@ -22,6 +23,7 @@
 
 namespace tov_chaos {
 
+static constexpr int STARTED_S = 10;  // by the daemon's clock
 static constexpr Millis QUIET_LIMIT_MS{60'000};
 static constexpr Millis COPIES_LIMIT_MS{10'000};
 static constexpr Millis LAST_WORDS_MS{100};
@@ -90,6 +92,10 @@ static void take_stock(Run &run) {
     program.fresh = false;
     program.tainted = false;
     program.doubled = 0;
+    program.delayed = false;
+    program.withdrawn = false;
+    program.death = {};
+    program.copies.clear();
     run.fleet.note(program, "stock: " + std::to_string(stock.living.size()) + " living, " +
                                 std::to_string(stock.dead_files) + " dead files" +
                                 (stock.living_has_file ? ", living registered" : "") +
@@ -101,6 +107,7 @@ void kill_daemon(Run &run) {
   run.blind = false;
   if (const auto status = run.device.wait_daemon(Millis(0)))
     throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));
+  let_fork(run);
   run.lives.back().end = usage_of(run.device.daemon_pid());
   run.device.kill_daemon();
   run.counts["daemon killed"]++;
@@ -143,6 +150,7 @@ void start_daemon(Run &run) {
   for (Program &program : run.fleet.programs)
     if (program.may_double) end_second_copies(run, program);
   run.lives.push_back({run.device.daemon_pid(), usage_of(run.device.daemon_pid()), {}});
+  run.disturb(now_ns() + run.real_ns(STARTED_S));
 }
 
 }  // namespace tov_chaos

@@ -9,6 +9,9 @@
  *   stop         an end by signal 15 arrives as an end by signal 9
  *   files        after an end by signal 15 registration files are no longer removed
  *   last         the process ends at its fifteenth fork
+ *   early        restart delays that programs ask for are forgotten
+ *   late         those delays are ten minutes longer
+ *   withdraw     registrations cannot be withdrawn
  * Programs that the daemon starts are left alone: they are linked statically.
  */
 #include <dlfcn.h>
@@ -18,15 +21,18 @@
 #include <linux/connector.h>
 #include <linux/netlink.h>
 #include <signal.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "include/tov_wire.h"
+
 #define SEEN __attribute__((visibility("default")))
 
-enum { KEPT_BYTES = 64 * 1024, FORKS_MAX = 15 };
+enum { KEPT_BYTES = 64 * 1024, FORKS_MAX = 15, LATE_S = 600 };
 
 static const char *broken = "";
 static volatile int somebody_stopped; /* and the daemon is to leave files from now on */
@@ -34,6 +40,7 @@ static pid_t (*next_fork)(void);
 static pid_t (*next_waitpid)(pid_t, int *, int);
 static int (*next_execvpe)(const char *, char *const[], char *const[]);
 static int (*next_unlink)(const char *);
+static ssize_t (*next_recv)(int, void *, size_t, int);
 static ssize_t (*next_recvfrom)(int, void *, size_t, int, struct sockaddr *, socklen_t *);
 
 static int breaks(const char *what) {
@@ -54,6 +61,7 @@ __attribute__((constructor)) static void prepare(void) {
   look_up("waitpid", &next_waitpid);
   look_up("execvpe", &next_execvpe);
   look_up("unlink", &next_unlink);
+  look_up("recv", &next_recv);
   look_up("recvfrom", &next_recvfrom);
 }
 
@@ -98,6 +106,31 @@ static void look_at_event(char *datagram, size_t length) {
   if (!breaks("stop")) return;
   event.event_data.exit.exit_code = SIGKILL;
   memcpy(datagram + begin, &event, sizeof event);
+}
+
+/* One request of a client a packet. */
+static void look_at_request(char *packet, size_t length) {
+  tov_msg_head_t head;
+  const size_t begin = offsetof(tov_msg_head_t, data);
+  if (length < begin) return;
+  memcpy(&head, packet, sizeof head);
+  if (head.type == TOV_MSG_CONS && breaks("withdraw")) {
+    const int harmless = TOV_UNREG_THREAD_NOTIFY;
+    memcpy(packet + begin + offsetof(tov_msg_cons_t, event), &harmless, sizeof harmless);
+  }
+  if (head.type != TOV_RESTART && head.type != TOV_SHELL_RESTART) return;
+  tov_msg_xtach_t wish;
+  if (length < begin + sizeof wish) return;
+  memcpy(&wish, packet + begin, sizeof wish);
+  if (breaks("early")) wish.restart_time = 0;
+  if (breaks("late") && wish.restart_time > 0) wish.restart_time += LATE_S;
+  memcpy(packet + begin, &wish, sizeof wish);
+}
+
+SEEN ssize_t recv(int fd, void *buffer, size_t size, int flags) {
+  const ssize_t got = next_recv(fd, buffer, size, flags);
+  if (got > 0 && (flags & MSG_PEEK) == 0) look_at_request(buffer, (size_t)got);
+  return got;
 }
 
 SEEN ssize_t recvfrom(int fd, void *restrict buffer, size_t size, int flags, __SOCKADDR_ARG from,

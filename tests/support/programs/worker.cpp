@@ -3,9 +3,11 @@
 //
 // Tests copy or link it under names of their own (NAME: the file name of its executable). It
 // appends to /data/worker.NAME
-//   birth PID      as soon as its registration file is written, before it waits for the daemon
+//   birth PID NS   as soon as its registration file is written, before it waits for the daemon; NS
+//                  is the time, CLOCK_MONOTONIC
 //   registered PID when the registration call has come back (nothing is registered: at once)
 //   cancelled PID  when a told cancellation has come back
+//   anew PID       when it was told to register anew and has done so
 //   grown PID      when it has all the memory it was told to take
 // and then works until it is killed or told otherwise.
 //
@@ -15,6 +17,7 @@
 //   path=TEXT      register: run the start script that TEXT chooses
 //   file=ACTION    write and lock the registration file with that action, without a request
 //   vsd=N          the device number for that file
+//   delay=S        ask for a restart after S seconds of the daemon's clock; with exec or script
 //   watch          have the first thread watched, and give signs of life
 //   daemonise      fork into the background first; so does every worker whose name holds
 //                  "background", for tests of programs without words
@@ -25,6 +28,7 @@
 //   sponsor=FD     be that helper, for the parent; FD is closed when the parent is registered
 // While /data/loop.NAME exists the worker fails soon after its start, again and again; when
 // /data/cancel.NAME exists it removes that file and withdraws its registration; when
+// /data/anew.NAME exists it removes that file, withdraws its registration and registers again; when
 // /data/grow.NAME exists it removes that file and takes as many megabytes as it said; when
 // /data/become.NAME exists it removes that file and executes itself with the word "idle".
 //
@@ -33,6 +37,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -56,6 +61,7 @@ struct Orders {
   std::string path;
   int file_action = 0;
   int vsd = 0;
+  int delay_s = 0;
   bool watch = false;
   bool daemonise = false;
   std::string launch;
@@ -70,9 +76,9 @@ static Orders orders;
 static std::string words;  // the command line, as the daemon reads it
 static std::string name;
 
-static void report(const char *what) {
+static void report(const char *what, const std::string &more = {}) {
   const std::string path = "/data/worker." + name;
-  const std::string line = std::string(what) + " " + std::to_string(getpid()) + "\n";
+  const std::string line = std::string(what) + " " + std::to_string(getpid()) + more + "\n";
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
   if (fd < 0) return;
   (void)!write(fd, line.data(), line.size());
@@ -101,6 +107,7 @@ static void parse_word(const std::string &word) {
   }
   if (key == "file") orders.file_action = atoi(value.c_str());
   if (key == "vsd") orders.vsd = atoi(value.c_str());
+  if (key == "delay") orders.delay_s = atoi(value.c_str());
   if (key == "watch") orders.watch = true;
   if (key == "daemonise") orders.daemonise = true;
   if (key == "launch") orders.launch = value;
@@ -168,15 +175,28 @@ static void start_sponsor() {
   _exit(EXIT_SUCCESS);
 }
 
-static void register_self() {
-  if (orders.file_action > 0) write_file();
-  report("birth");
-  if (orders.sponsored) start_sponsor();
+static void report_birth() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  report("birth", " " + std::to_string(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec));
+}
+
+// The daemon takes the delay from the first registration and passes a second one over; only the
+// second one leaves a registration file, for the next daemon.
+static void ask_for_restarts() {
+  if (orders.delay_s > 0) (void)tov_time_set(0, orders.type, orders.delay_s);
   if (orders.by_path) {
     (void)reg_process_exit_action_shell(0, orders.type, orders.path.c_str());
   } else if (orders.type != TOV_NORMAL_EXIT) {
     (void)reg_process_exit_action(0, orders.type);
   }
+}
+
+static void register_self() {
+  if (orders.file_action > 0) write_file();
+  report_birth();
+  if (orders.sponsored) start_sponsor();
+  ask_for_restarts();
   if (orders.watch) {
     (void)tov_client_reg_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
   }
@@ -237,6 +257,12 @@ int main(int argc, char **argv) {
       unlink(("/data/cancel." + name).c_str());
       (void)tov_cancel_proc(0);
       report("cancelled");
+    }
+    if (is_told("anew")) {
+      unlink(("/data/anew." + name).c_str());
+      (void)tov_cancel_proc(0);
+      ask_for_restarts();
+      report("anew");
     }
     if (is_told("become")) {
       unlink(("/data/become." + name).c_str());
