@@ -190,8 +190,7 @@ static void FloorFreshConnection(benchmark::State &state) {
 }
 BENCHMARK(FloorFreshConnection)->UseManualTime();
 
-// ---- requests
-// -------------------------------------------------------------------------------------
+// ---- requests -----------------------------------------------------------------------------------
 
 // A request that changes nothing: transport and server alone.
 static void RequestRoundTrip(benchmark::State &state) {
@@ -253,8 +252,7 @@ static void RequestBesideIdleClients(benchmark::State &state) {
 }
 BENCHMARK(RequestBesideIdleClients)->ArgName("idle")->Arg(0)->Arg(2000)->UseManualTime();
 
-// ---- many clients
-// -----------------------------------------------------------------------------------
+// ---- many clients -------------------------------------------------------------------------------
 
 static int registered() {
   const tov_chains_guard_t hold(tov_chains);

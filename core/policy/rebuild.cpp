@@ -55,8 +55,7 @@ struct dead_s {
 
 }  // namespace
 
-// ---- the files
-// ------------------------------------------------------------------------------------
+// ---- the files ----------------------------------------------------------------------------------
 
 // A record from one registration file, or null.
 static tov_pid_t *read_record(int vsd_id, const char *path, const char *entry) {
@@ -133,8 +132,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
   }
 }
 
-// ---- successors
-// -----------------------------------------------------------------------------------
+// ---- successors ---------------------------------------------------------------------------------
 
 // Whether a process of a dead one's command line is what the last daemon started in its place, and
 // not a program that somebody runs by hand.
@@ -171,8 +169,7 @@ static void adopt(const tov_chains_guard_t &held, tov_pid_t *record, pid_t succe
   (void)tov_db_keep(record);
 }
 
-// ---- the dead
-// -------------------------------------------------------------------------------------
+// ---- the dead -----------------------------------------------------------------------------------
 
 // Everything found registered and dead is brought back: the action only chooses the way, and the
 // result of the start is not asked. A start that failed leaves the record with the id -1 or 0,

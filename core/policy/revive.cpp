@@ -227,8 +227,7 @@ void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e 
   start_announced(held, record);
 }
 
-// ---- what /proc said
-// ------------------------------------------------------------------------------
+// ---- what /proc said ----------------------------------------------------------------------------
 
 void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]) {
   if (record.start.wait == TOV_WAIT_SEARCH) return tov_proc_search_key(record, command);
@@ -289,8 +288,7 @@ void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_
                   tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
 }
 
-// ---- who speaks up during a search
-// ----------------------------------------------------------------
+// ---- who speaks up during a search --------------------------------------------------------------
 
 bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
   if (event.what != TOV_EVENT_EXEC && event.what != TOV_EVENT_EXIT) return false;

@@ -108,8 +108,7 @@ tov_waits_s::step_s tov_waits_s::go_on() {
   return step;
 }
 
-// ---- who makes them
-// -------------------------------------------------------------------------------
+// ---- who makes them -----------------------------------------------------------------------------
 
 static int left_to_handler = 0;  // relaxed: set before the threads that could hurry
 

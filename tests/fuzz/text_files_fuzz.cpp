@@ -175,8 +175,7 @@ void try_smaps(const input_s &input) {
     require(sums[i] == (i == vsd ? sum : 0));
 }
 
-// ---- clients' lists
-// -------------------------------------------------------------------------------
+// ---- clients' lists -----------------------------------------------------------------------------
 
 void try_lookups(const input_s &input) {
   static constexpr size_t WORD_LENGTH = 15;  // of a key and of a value

@@ -153,8 +153,7 @@ TEST_F(TovRpcConnect, DaemonThatIsToEndGivesUpAtOnce) {
   EXPECT_THAT(fake_sleep.slept_us, IsEmpty());
 }
 
-// ---- the wait for an acknowledgement
-// --------------------------------------------------------------
+// ---- the wait for an acknowledgement ------------------------------------------------------------
 
 class TovRpcAck : public TovRpcConnect {
  protected:
@@ -235,8 +234,7 @@ TEST_F(TovRpcAck, SignalEndsTheWait) {
   sigaction(SIGUSR1, &before, nullptr);
 }
 
-// ---- reuse
-// ----------------------------------------------------------------------------------------
+// ---- reuse --------------------------------------------------------------------------------------
 
 TEST_F(TovRpcAck, HealthyConnectionIsNotReused) {
   EXPECT_EQ(tov_check_socket(sds_[0]), -1);  // ready for writing

@@ -60,8 +60,7 @@ class TovXtach : public tov_test::Requester {
   char cmdline_[256] = "";
 };
 
-// ---- reg_process_exit_action
-// ----------------------------------------------------------------------
+// ---- reg_process_exit_action --------------------------------------------------------------------
 
 TEST_F(TovXtach, RegistrationWritesAndLocksItsFileAndSendsThePayload) {
   FakeDaemon daemon;
@@ -161,8 +160,7 @@ TEST_F(TovXtach, ThreadsRegisterSideBySide) {
   EXPECT_EQ(tov_test::read_file(own_file()), expected_file(RESPAWN));
 }
 
-// ---- reg_process_exit_action_shell
-// ----------------------------------------------------------------
+// ---- reg_process_exit_action_shell --------------------------------------------------------------
 
 TEST_F(TovXtach, ScriptRegistrationCarriesThePathAndTheLabel) {
   FakeDaemon daemon;
@@ -214,8 +212,7 @@ TEST_F(TovXtach, NegativePidHasNoLabel) {
   }
 }
 
-// ---- reg_third_part_process_exit_action
-// -----------------------------------------------------------
+// ---- reg_third_part_process_exit_action ---------------------------------------------------------
 
 TEST_F(TovXtach, TypeGivenAsTextIsComparedByItsBeginning) {
   FakeDaemon daemon;
@@ -237,8 +234,7 @@ TEST_F(TovXtach, OtherTextsAreRefusedWithoutARequest) {
   EXPECT_TRUE(daemon.requests(1, 200ms).empty());
 }
 
-// ---- tov_time_set
-// -----------------------------------------------------------------------------------
+// ---- tov_time_set -------------------------------------------------------------------------------
 
 TEST_F(TovXtach, RestartTimeTravelsWithoutFileAndCommandLine) {
   FakeDaemon daemon;
@@ -268,8 +264,7 @@ TEST_F(TovXtach, RestartTimeAndRegistrationInSuccessionBothArrive) {
   EXPECT_TRUE(requests[0].answered) << "or the daemon would not have carried it out";
 }
 
-// ---- the debug file
-// -----------------------------------------------------------------------------------
+// ---- the debug file -----------------------------------------------------------------------------
 
 TEST_F(TovXtach, RegistrationsFollowTheDebugFileAndTheRestartTimeDoesNot) {
   std::filesystem::create_directories("/data/cfg/qx_utils");
@@ -290,8 +285,7 @@ TEST_F(TovXtach, RegistrationsFollowTheDebugFileAndTheRestartTimeDoesNot) {
   });
 }
 
-// ---- forks
-// ----------------------------------------------------------------------------------------------
+// ---- forks --------------------------------------------------------------------------------------
 
 TEST_F(TovXtach, ChildOfAForkRegistersItself) {
   FakeDaemon daemon;

@@ -64,8 +64,7 @@ class TovXtachThread : public tov_test::Requester {
   static int reset() { return tov_client_reset_thread_notify(getpid(), gettid(), PERIOD, COUNT); }
 };
 
-// ---- registering
-// ----------------------------------------------------------------------------------
+// ---- registering --------------------------------------------------------------------------------
 
 TEST_F(TovXtachThread, PeriodOnlyChoosesByBeingOddOrEven) {
   FakeDaemon daemon;
@@ -171,8 +170,7 @@ TEST_F(TovXtachThread, PlainRegistrationLeavesSignalsAlone) {
   }
 }
 
-// ---- staying alive
-// ----------------------------------------------------------------------------------
+// ---- staying alive ------------------------------------------------------------------------------
 
 TEST_F(TovXtachThread, SignOfLifeAdvancesTheByteAndSendsNothing) {
   FakeDaemon daemon;
@@ -265,8 +263,7 @@ TEST_F(TovXtachThread, SignOfLifeDoesNotReadTheDebugFile) {
   EXPECT_EQ(g_tov_dbg_level[TOV_MODULE_PUB], TOV_DBG_VERBOSE);
 }
 
-// ---- leaving
-// ------------------------------------------------------------------------------------------
+// ---- leaving ------------------------------------------------------------------------------------
 
 TEST_F(TovXtachThread, UnregisteringNamesTheThread) {
   FakeDaemon daemon;

@@ -46,8 +46,7 @@ using tov_test::RawClient;
 using tov_test::ServerThread;
 using tov_test::wait_until;
 
-// ---- system calls that fail to order
-// --------------------------------------------------------------
+// ---- system calls that fail to order ------------------------------------------------------------
 
 // Which call is to fail next, once. The server under test calls the functions below.
 enum Failure {

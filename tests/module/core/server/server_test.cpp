@@ -285,8 +285,7 @@ TEST_F(TovServer, RefusedPacketIsNotAskedAboutAgain) {
             std::string::npos);
 }
 
-// ---- unlucky and hostile clients
-// ------------------------------------------------------------------
+// ---- unlucky and hostile clients ----------------------------------------------------------------
 
 TEST_F(TovServer, ClientThatSaysNothingIsDroppedWhenItGoes) {
   for (int i = 0; i < 3000; i++) {
