@@ -4,15 +4,18 @@
 #include "core/policy/rebuild.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <linux/stat.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -95,18 +98,22 @@ static int64_t us_of(const timespec &time) {
   return time.tv_sec * us_per_s + time.tv_nsec / ns_per_us;
 }
 
-static int64_t clock_us(clockid_t clock) {
+// Process start times are the kernel's, so the clocks and the file's time are asked of the kernel
+// itself: a library that scales the daemon's time does not scale theirs.
+static int64_t kernel_clock_us(clockid_t clock) {
   timespec now{};
-  (void)tov_sys_clock_gettime(clock, &now);
+  (void)syscall(SYS_clock_gettime, clock, &now);
   return us_of(now);
 }
 
 // A file has the wall clock's time; that clock being set in between makes a successor look older or
 // younger than it is, which nothing here can see.
 static int64_t written_us(const char *path) {
-  struct stat status {};
-  if (tov_sys_lstat(path, &status) < 0) return INT64_MAX;
-  return us_of(status.st_mtim) - (clock_us(CLOCK_REALTIME) - clock_us(CLOCK_BOOTTIME));
+  struct statx status {};
+  if (syscall(SYS_statx, AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_MTIME, &status) < 0)
+    return INT64_MAX;
+  const timespec written{status.stx_mtime.tv_sec, status.stx_mtime.tv_nsec};
+  return us_of(written) - (kernel_clock_us(CLOCK_REALTIME) - kernel_clock_us(CLOCK_BOOTTIME));
 }
 
 static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
@@ -171,9 +178,9 @@ static void adopt(const tov_chains_guard_t &held, tov_pid_t *record, pid_t succe
 
 // ---- the dead -----------------------------------------------------------------------------------
 
-// Everything found registered and dead is brought back: the action only chooses the way, and the
-// result of the start is not asked. A start that failed leaves the record with the id -1 or 0,
-// which the sweep reports.
+// Everything found registered and dead is brought back: the action only chooses the way. Where no
+// process comes of it the record keeps the dead one's id and file: the sweep reports it, and a next
+// daemon tries again.
 static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   TOV_DBG("pid (%d) is not exist\n", record->pid);
   if (tov_defer_is_needed(*record)) return tov_revive_defer(held, record);

@@ -13,7 +13,8 @@
 // Start-up only, before any other thread runs. Costs one directory scan a device and, for each
 // dead process, a spawn. A start that has to wait, because forks fail or a listed program is
 // searched for, goes on in the event handler, where the rules are asked: of two dead processes of
-// one task one is then brought back, where forks that succeed bring back both.
+// one task one is then brought back, where forks that succeed bring back both. Where no process
+// comes of a start the record keeps its dead process and file.
 int tov_rebuild_chains(tov_chains_t *chains);
 
 #endif  // TOV_CORE_POLICY_REBUILD_H

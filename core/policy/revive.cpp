@@ -45,10 +45,9 @@ enum {
 namespace {
 
 struct occasion_s {
-  tov_revive_e key;      // equals the row's index
-  bool waits;            // for the record's `restart_time` first
-  bool obeys_markers;    // /etc/dev_mon asks for one silent restart, /etc/debug_log for the journal
-  bool any_result_goes;  // the record leaves its dead process even when nothing was started
+  tov_revive_e key;    // equals the row's index
+  bool waits;          // for the record's `restart_time` first
+  bool obeys_markers;  // /etc/dev_mon asks for one silent restart, /etc/debug_log for the journal
   void (*before)(const tov_restart_news_t &);  // null: nothing is announced
   void (*after)(const tov_restart_news_t &);
 };
@@ -56,9 +55,9 @@ struct occasion_s {
 }  // namespace
 
 static constexpr occasion_s occasions[] = {
-    {TOV_REVIVE_AFTER_EXIT, true, true, false, tov_announce_before, tov_announce_after},
-    {TOV_REVIVE_AFTER_SUSPENSION, false, false, false, nullptr, tov_announce_self_check_ok},
-    {TOV_REVIVE_AT_REBUILD, false, false, true, nullptr, nullptr},
+    {TOV_REVIVE_AFTER_EXIT, true, true, tov_announce_before, tov_announce_after},
+    {TOV_REVIVE_AFTER_SUSPENSION, false, false, nullptr, tov_announce_self_check_ok},
+    {TOV_REVIVE_AT_REBUILD, false, false, nullptr, nullptr},
 };
 static_assert([] {  // rows in the enumeration's order, none missing, none extra
   for (int i = 0; i < TOV_REVIVE_NUM; i++)
@@ -130,22 +129,23 @@ static void wait_for(const tov_chains_guard_t &held, tov_pid_t *record, int what
 static int64_t forks_fail_until_us TOV_GUARDED_BY(tov_chains) = 0;
 
 // The restart is over.
-//   result   the process to supervise, below 1: none
-//   new_pid  what the record gets as its id
-static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result, pid_t new_pid) {
+//   result  the process to supervise; below 1, none: the record keeps the dead one's id and file
+static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result) {
   const tov_start_t start = record->start;
   tov_record_end_wait(held, record);
-  if (result < 1 && !occasions[start.occasion].any_result_goes) return;
+  const bool rebuilt = start.occasion == TOV_REVIVE_AT_REBUILD;
   const tov_task_name_s name(*record);
   const tov_restart_news_t news = news_of(*record, name);
-  // Before anything is said: the child inherited the daemon's exemption from the low-memory killer.
-  tov_record_renew(held, record, new_pid);
-  if (start.listed != 0) (void)tov_db_keep(record);
-  say_after(held, *record, start, news);
-  if (start.occasion == TOV_REVIVE_AT_REBUILD) {
-    TOV_DBG("pid (%d) %s ret = %d\n", new_pid, news.by_script ? "shell restart" : "restart",
-            result);
+  if (result > 0) {
+    // Before anything is said: the child inherited the daemon's exemption from the low-memory
+    // killer.
+    tov_record_renew(held, record, result);
+    if (start.listed != 0) (void)tov_db_keep(record);
+    say_after(held, *record, start, news);
   }
+  if (rebuilt)
+    TOV_DBG("pid (%d) %s ret = %d\n", record->pid, news.by_script ? "shell restart" : "restart",
+            result);
 }
 
 static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
@@ -164,7 +164,7 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   // After a failed fork, too: another process may have started the program meanwhile.
   if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
   if (start->forked > 0) {
-    return finish(held, record, tov_proc_tell_forked(*record, start->forked), start->forked);
+    return finish(held, record, tov_proc_tell_forked(*record, start->forked));
   }
   tov_proc_fork_failed(*record, -start->forked);
   wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
@@ -273,7 +273,7 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t fo
   (void)tov_proc_tell_found(*record, start.forked, found);
   const bool failed = has_failed(start, found);
   tell_heard(start, failed ? start.forked : found, heard);
-  if (!failed) return finish(held, record, found, found > 0 ? found : -1);
+  if (!failed) return finish(held, record, found);
   tov_record_end_wait(held, record);
   tov_record_renew(held, record, start.forked);
 }
@@ -330,5 +330,5 @@ void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
   tov_pid_t *record = searching_for(held, pid, vsd_id, process);
   if (record == nullptr) return;
   (void)tov_proc_tell_found(*record, record->start.forked, pid);
-  finish(held, record, pid, pid);
+  finish(held, record, pid);
 }

@@ -29,7 +29,7 @@ enum tov_revive_e {
 //   record    its process is gone; file and id are still the dead one's
 //   occasion  counts at the beginning only
 // A start that the burst limit forbids suspends the record. One that fails leaves it with the dead
-// process's id and file - at a rebuild without either, since no later step would read that file.
+// process's id and file, from which a next daemon goes on.
 // One that cannot be journalled, which operators asked for, is not made.
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion);
 

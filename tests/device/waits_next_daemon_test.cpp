@@ -54,7 +54,7 @@ TEST(NextDaemon, StartsASearchedProgramThatDidNotCome) {
   expect_one_copy(device, searched.task, bystander);
 }
 
-TEST(NextDaemon, TakesInASearchedProgramThatCameMeanwhile) {
+static void take_in(const DaemonOptions &next) {
   Device device;
   Task bystander = start_task(device, "bystander_came");
   SearchedProgram searched(device, "next_came");
@@ -65,9 +65,18 @@ TEST(NextDaemon, TakesInASearchedProgramThatCameMeanwhile) {
   searched.restore();
   searched.let_script_become_it();
   next_birth(device, searched.task);
-  device.start_ready_daemon();
+  device.start_ready_daemon(next);
   pass_events(device, bystander);
   expect_one_copy(device, searched.task, bystander);
+}
+
+TEST(NextDaemon, TakesInASearchedProgramThatCameMeanwhile) {
+  take_in({});
+}
+
+// Ages are the kernel's, whatever the daemon's own clock says.
+TEST(NextDaemon, TakesItInOnAClockOfItsOwn) {
+  take_in({.faketime = "+1000 x20"});
 }
 
 TEST(NextDaemon, KnowsAListedProgramThatWasBroughtBack) {

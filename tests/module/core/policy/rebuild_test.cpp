@@ -234,18 +234,19 @@ TEST_F(TovRebuildChains, NewProcessIsOrdinaryForTheLowMemoryKiller) {
   EXPECT_EQ(tov_test::read_file("/proc/" + std::to_string(pid) + "/oom_score_adj"), "0\n");
 }
 
-// The result of the start is not asked: the record is kept, and the sweep will report it. The
-// program is none at all, because one that is being executed shows its executable alone for a
-// moment, and the search would find that.
-TEST_F(TovRebuildChains, StartThatLedNowhereKeepsTheRecordWithoutAProcess) {
+// The record is kept, and the sweep will report it; so is its file, from which a next daemon would
+// try again. The program is none at all, because one that is being executed shows its executable
+// alone for a moment, and the search would find that.
+TEST_F(TovRebuildChains, StartThatLedNowhereKeepsTheRecordAndItsFile) {
   const std::string command = "/opt/nowhere exit=0";
   const std::string file = leave(GONE, RESPAWN, command);
   write_file(TOV_THIRD_PART_LIST, command + " TOV_RESTART\n");
   rebuild();
-  EXPECT_EQ(find(GONE), nullptr);
-  ASSERT_NE(find(-1), nullptr);
-  EXPECT_EQ(find(-1)->process, command);
-  EXPECT_FALSE(exists(file));
+  ASSERT_NE(find(GONE), nullptr);
+  EXPECT_EQ(find(GONE)->process, command);
+  EXPECT_EQ(find(GONE)->start.wait, TOV_WAIT_NONE);
+  EXPECT_TRUE(exists(file));
+  EXPECT_THAT(names_in(DIRECTORY), testing::SizeIs(1));
 }
 
 // ---- starts that the last daemon began ------------------------------------------------------

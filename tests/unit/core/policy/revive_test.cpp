@@ -67,14 +67,16 @@ TEST_F(TovRevive, RebuildIsStillWantedAfterAFailedFork) {
   EXPECT_EQ(record->pid, kernel().forks[0]);
 }
 
-TEST_F(TovRevive, RebuildThatFindsNoProcessLeavesTheDeadOne) {
+TEST_F(TovRevive, RebuildThatFindsNoProcessLeavesTheRecordAsItWas) {
   tov_pid_t *record = listed();
-  const std::string file = "/tmp/vsd/0/tov/db/daemon." + std::to_string(record->pid);
+  const pid_t dead = record->pid;
+  const std::string file = "/tmp/vsd/0/tov/db/daemon." + std::to_string(dead);
   kernel().write_file(file, "");
   revive(record, TOV_REVIVE_AT_REBUILD);
   run(5'500 * US_PER_MS);
-  EXPECT_EQ(record->pid, -1);
-  EXPECT_FALSE(kernel().exists(file));
+  EXPECT_EQ(record->pid, dead);
+  EXPECT_EQ(count(), 1);
+  EXPECT_TRUE(kernel().exists(file));
 }
 
 TEST_F(TovRevive, SuspendedTaskIsStartedWithoutItsRestartTimeAndAnnouncedAfterwards) {
