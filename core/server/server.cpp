@@ -9,7 +9,9 @@
 // asked for one request a pass, so a client that sends without pause cannot keep the others out.
 //
 // A peer that hangs up raises an input event too (its socket reads as ended), which makes an event
-// without input a failure of our own machinery.
+// without input a failure of our own machinery. The kernel marks a hang-up in two steps, though,
+// and one that is looked at in between shows its error alone: so a client is looked at a second
+// time.
 //
 // Thread: "tov_process_domain" alone owns everything here. It must never make a request to itself.
 //
@@ -17,6 +19,7 @@
 #include "core/server/server.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -39,6 +42,7 @@
 #include "log/tov_dbg.h"
 #include "util/owner.h"
 #include "util/priority.h"
+#include "util/tov_sys.h"
 
 enum {
   TOV_EVENT_NUM = TOV_CLIENT_NUM + 1,  // the listening socket has one too
@@ -137,9 +141,14 @@ static tov_server_result_e accept_client(const server_s &server) {
 
 // ---- one pass ---------------------------------------------------------------------------------
 
+static bool has_input_now(source_s source) {
+  pollfd again{source.fd, POLLIN, 0};
+  return source.slot != NO_SLOT && tov_sys_poll(&again, 1, 0) > 0 && (again.revents & POLLIN) != 0;
+}
+
 static bool has_input(const epoll_event &event) {
+  if ((event.events & EPOLLIN) != 0 || has_input_now(source_of(event))) return true;
   errno = 0;  // what the event log names is to be this event's
-  if ((event.events & EPOLLIN) != 0) return true;
   TOV_DBG("%s: event err: %s\n", TOV_SERVER_THREAD, strerror(errno));
   return false;
 }

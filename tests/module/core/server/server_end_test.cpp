@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -120,6 +121,16 @@ extern "C" int epoll_wait(int ep, epoll_event *events, int count, int timeout) {
   return static_cast<int>(ready);
 }
 
+// Whether a second look at a client shows no input, either.
+static std::atomic<bool> no_input_at_all{false};
+
+extern "C" int poll(pollfd *waited, nfds_t count, int timeout) {
+  if (no_input_at_all && count == 1 && timeout == 0) return waited->revents = POLLERR, 1;
+  const timespec wait{timeout / 1000, timeout % 1000 * 1'000'000L};
+  return static_cast<int>(
+      syscall(SYS_ppoll, waited, count, timeout < 0 ? nullptr : &wait, nullptr, 0));
+}
+
 extern "C" int accept4(int sd, sockaddr *peer, socklen_t *length, int flags) {
   accepts++;
   if (fails(ACCEPT_BROKEN, ENFILE) || fails(ACCEPT_INTERRUPTED, EINTR)) return -1;
@@ -171,6 +182,7 @@ class TovServerEnd : public tov_test::World {
   }
   void TearDown() override {
     failure = NONE;
+    no_input_at_all = false;
     (void)printed();
     World::TearDown();
   }
@@ -182,6 +194,11 @@ class TovServerEnd : public tov_test::World {
   static std::string line(int res, int err) {
     return "Thread \"tov_process_domain\" exit, tov will be restart. res=" + std::to_string(res) +
            ", " + strerror(err) + "(" + std::to_string(err) + ")";
+  }
+  // One that is acknowledged and concerns no record.
+  static std::string request_for_nobody() {
+    return tov_test::packet(TOV_MSG_CONS,
+                            tov_test::bytes_of(tov_msg_cons_t{.event = 99, .pid = 0}));
   }
   // The server has ended by itself with this result.
   void expect_end(int res, int err) {
@@ -326,8 +343,7 @@ TEST_F(TovServerEnd, RequestsTouchNoDescriptorButTheirOwn) {
     ASSERT_EQ(client.connect(), 0);
   RawClient asking;
   ASSERT_EQ(asking.connect(), 0);
-  const std::string request =
-      tov_test::packet(TOV_MSG_CONS, tov_test::bytes_of(tov_msg_cons_t{.event = 99, .pid = 0}));
+  const std::string request = request_for_nobody();
   ASSERT_TRUE(asking.send(request));
   ASSERT_EQ(asking.answer(), RawClient::ACKNOWLEDGED);  // all of them have been accepted
   const int before = added;
@@ -402,6 +418,45 @@ TEST_F(TovServerEnd, EventWithoutInputIsMinusSeven) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_NE(lines[0].find("res=-7, "), std::string::npos);
   EXPECT_NE(printed().find("]tov_process_domain: event err: "), std::string::npos);
+}
+
+// In the instant of a hang-up the kernel shows the error before the input.
+TEST_F(TovServerEnd, HangUpSeenHalfwayCostsItsClientAlone) {
+  ServerThread server;
+  ASSERT_TRUE(server.up());
+  RawClient staying;
+  ASSERT_EQ(staying.connect(), 0);
+  ASSERT_TRUE(staying.send(request_for_nobody()));
+  ASSERT_EQ(staying.answer(), RawClient::ACKNOWLEDGED);
+  const int before = removed;
+  {
+    RawClient leaving;
+    ASSERT_EQ(leaving.connect(), 0);
+    ASSERT_TRUE(leaving.send(request_for_nobody()));
+    ASSERT_EQ(leaving.answer(), RawClient::ACKNOWLEDGED);
+    failure = EVENT_WITHOUT_INPUT;
+  }
+  EXPECT_TRUE(wait_until([&] { return removed > before; }, 30s)) << "it was dropped";
+  EXPECT_EQ(failure, NONE);
+  ASSERT_TRUE(staying.send(request_for_nobody()));
+  EXPECT_EQ(staying.answer(), RawClient::ACKNOWLEDGED);
+  EXPECT_EQ(tov_flag_get(quit), 0);
+}
+
+TEST_F(TovServerEnd, ClientsEventThatStaysWithoutInputIsMinusSeven) {
+  {
+    ServerThread server;
+    ASSERT_TRUE(server.up());
+    RawClient client;
+    ASSERT_EQ(client.connect(), 0);
+    ASSERT_TRUE(client.send(request_for_nobody()));
+    ASSERT_EQ(client.answer(), RawClient::ACKNOWLEDGED);
+    no_input_at_all = true;
+    failure = EVENT_WITHOUT_INPUT;
+    ASSERT_TRUE(client.send(request_for_nobody()));
+    server.join();
+  }
+  expect_end(-7, 0);
 }
 
 TEST_F(TovServerEnd, BrokenAcceptIsMinusEight) {
