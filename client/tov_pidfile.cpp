@@ -200,15 +200,93 @@ int tov_db_create(int vsd_id, int pid, int action, const char *cmdline) {
   return 0;
 }
 
-int tov_db_keep(const tov_pid_s *record) {
-  char path[FILE_NAME_SIZE];
-  tov_get_db_file_name(record->vsd_id, record->pid, record->process, path, sizeof path);
+// Removes a file that came to nothing. Keeps errno. Returns -1.
+static int give_up(const char *path) {
+  const tov_errno_keeper_s keep;
+  (void)tov_sys_unlink(path);
+  return -1;
+}
+
+// Writes the file of the record's task for the process `pid` where there is none. Returns 0, or -1
+// with errno set: there is none then either.
+static int write_new(const tov_pid_s *record, pid_t pid, const char *path) {
   const tov_fd_t fd(tov_open_regular(path, O_WRONLY | O_CREAT | O_EXCL, MODE_EVERYBODY));
-  if (fd.n < 0) return errno == EEXIST ? 0 : -1;
+  if (fd.n < 0) return -1;
   content_s content;
-  make_content(content, record->pid, record->action, record->process);
+  make_content(content, pid, record->action, record->process);
+  errno = ENOSPC;  // of a write that ends early
+  const ssize_t written = safe_write(fd.n, content.text, content.length);
+  return written == static_cast<ssize_t>(content.length) ? 0 : give_up(path);
+}
+
+// Under a name that only this daemon has, `path`.
+static int write_interim(const tov_pid_s *record, pid_t pid, const char *prefix,
+                         char (&path)[FILE_NAME_SIZE]) {
+  (void)snprintf(path, sizeof path, TOV_VSD_DB_DIR_FMT "/%s%d", record->vsd_id, prefix,
+                 tov_sys_getpid());
+  (void)tov_sys_unlink(path);
+  return write_new(record, pid, path);
+}
+
+// Where there is no room for a second file: in the place of the first one.
+static int overwrite(const tov_pid_s *record, pid_t pid, const char *path) {
+  const tov_fd_t fd(tov_open_regular(path, O_WRONLY));
+  if (fd.n < 0) return -1;
+  content_s content;
+  make_content(content, pid, record->action, record->process);
   write_content(fd.n, content);
   return 0;
+}
+
+// Gives a file a name that no other has. (Kernels before 3.15 and some file systems cannot do it at
+// once; tov_db_settle() and the daemon's rebuild read two names of one file as one.)
+static int rename_new(const char *from, const char *to) {
+  if (tov_sys_rename_new(from, to) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return -1;
+  return tov_sys_link(from, to) == 0 ? tov_sys_unlink(from) : -1;
+}
+
+int tov_db_keep(const tov_pid_s *record) {
+  char path[FILE_NAME_SIZE], interim[FILE_NAME_SIZE];
+  tov_get_db_file_name(record->vsd_id, record->pid, record->process, path, sizeof path);
+  struct stat status {};
+  if (tov_sys_lstat(path, &status) == 0) return 0;
+  // Somebody else may have taken the other name.
+  if (write_interim(record, record->pid, TOV_DB_KEPT_PREFIX, interim) < 0)
+    return write_new(record, record->pid, path);
+  if (rename_new(interim, path) == 0) return 0;
+  return give_up(interim), errno == EEXIST ? 0 : -1;
+}
+
+int tov_db_hand_over(const tov_pid_s *record, pid_t to) {
+  char old[FILE_NAME_SIZE], path[FILE_NAME_SIZE], interim[FILE_NAME_SIZE];
+  tov_get_db_file_name(record->vsd_id, record->pid, record->process, old, sizeof old);
+  tov_get_db_file_name(record->vsd_id, to, record->process, path, sizeof path);
+
+  const tov_lock_guard_t guard(kept_lock);
+  drop_kept(find_kept(old));
+  // First the content, then the name: what a killed daemon leaves in between tells of the living
+  // process, and tov_db_settle() mends its name.
+  if (write_interim(record, to, TOV_DB_NEW_PREFIX, interim) == 0) {
+    if (tov_sys_rename(interim, old) < 0) return give_up(interim);
+  } else if (overwrite(record, to, old) < 0) {
+    return -1;
+  }
+  if (strcmp(old, path) == 0 || rename_new(old, path) == 0) return 0;
+  return errno == EEXIST ? (give_up(old), 0) : -1;
+}
+
+// The name of a registration without its process id, up to its dot.
+static std::string_view without_id(std::string_view path) {
+  return path.substr(0, path.rfind('.') + 1);
+}
+
+bool tov_db_settle(const tov_pid_s *record, const char *path) {
+  char own[FILE_NAME_SIZE];
+  tov_get_db_file_name(record->vsd_id, record->pid, record->process, own, sizeof own);
+  if (strcmp(path, own) == 0 || without_id(path) != without_id(own)) return true;
+  if (rename_new(path, own) == 0 || errno != EEXIST) return true;
+  return give_up(path), false;
 }
 
 void save_vsd_flag(int vsd_id, int pid) {

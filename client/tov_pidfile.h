@@ -16,8 +16,17 @@
 #ifndef TOV_PIDFILE_H
 #define TOV_PIDFILE_H
 
+#include <sys/types.h>
+
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+
+// Files of the daemon among the registrations, which are none themselves: a registration on its way
+// to its name, or a start (proc/claim). Names of registrations end with a process id alone.
+#define TOV_DB_INTERIM_PREFIX ".claim."
+// One that becomes the registration of what it names, and one whose registration is there already.
+#define TOV_DB_KEPT_PREFIX TOV_DB_INTERIM_PREFIX "kept."
+#define TOV_DB_NEW_PREFIX TOV_DB_INTERIM_PREFIX "new."
 
 // Builds the name of a registration file in `out` of `size` bytes, cut to fit. The program is the
 // command line up to its first blank, and of that what follows the last '/'. (For a program below
@@ -48,9 +57,23 @@ int tov_db_destroy(const tov_pid_s *record);
 // Writes the registration file of a record that has none, on behalf of a task that has no process
 // which could, or one that does not register by itself: without lock, and without keeping it open,
 // so that the process's own registration replaces it.
+// The file is whole from the instant in which it has its name. Under the registry's lock.
 // Returns 0, also when there is a file; -1 with errno set when it cannot be made (the directory is
-// gone with its device).
+// gone with its device, the file system is full).
 int tov_db_keep(const tov_pid_s *record);
+
+// Lets the registration file of a record stand for the process `to` of its task, under that one's
+// name, unless `to` has a file already: the old one goes then. At no time has the task no file, or
+// two of which the next daemon would take the older one for a dead process of its own.
+// Under the registry's lock, before the record's id changes.
+// Returns 0; -1 with errno set when it cannot be written: the old file is as it was, or has the new
+// content under its old name.
+int tov_db_hand_over(const tov_pid_s *record, pid_t to);
+
+// Gives the file at `path`, from which `record` was read, the name of its registration, if the
+// daemon that wrote it was killed in tov_db_hand_over(). Others are left alone.
+// Returns false when there is a registration of that name: the file is removed.
+bool tov_db_settle(const tov_pid_s *record, const char *path);
 
 // Whether this process wrote the registration file of that name and still holds it. False for a
 // file of anybody else's.

@@ -110,6 +110,7 @@ typedef struct tov_start_s {
   int silent;                  /* 1: the marker asked for no announcement */
   int slot;                    /* of its lines in the journal, 0: none */
   int listed;                  /* 1: the process to supervise is searched for */
+  int followed;                /* 1: the child is the last daemon's */
   pid_t forked;                /* the child; below 1: none */
   int looked;                  /* TOV_LOOKED_*: what the look said */
   pid_t runs_as;               /* the process that it found */

@@ -59,15 +59,9 @@ struct raw_text_s {
 
   void add(const char *text) { length = tov_append(bytes, length, sizeof bytes, text); }
 
-  void add_number(int number) {  // a line number: not negative
-    char digits[16];
-    char *first = digits + sizeof digits - 1;
-    *first = '\0';
-    do {
-      *--first = static_cast<char>('0' + number % 10);
-      number /= 10;
-    } while (number > 0);
-    add(first);
+  void add_number(int number) {
+    char room[TOV_DIGITS_SIZE];
+    add(tov_digits(number, room));
   }
 };
 

@@ -196,6 +196,11 @@ inline int tov_sys_rename(const char *from, const char *to) {
   return rename(from, to);
 }
 
+// renameat2(2), which refuses to replace a file (EEXIST).
+inline int tov_sys_rename_new(const char *from, const char *to) {
+  return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+}
+
 // rmdir(2).
 inline int tov_sys_rmdir(const char *path) {
   return rmdir(path);

@@ -110,6 +110,16 @@ int already_running(const char *path) {
   return tov_fd_take(fd);
 }
 
+const char *tov_digits(int number, char (&room)[TOV_DIGITS_SIZE]) {
+  char *first = room + sizeof room - 1;
+  *first = '\0';
+  do {
+    *--first = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number > 0);
+  return first;
+}
+
 bool tov_parse_int(const char *text, int *out) {
   char *end = nullptr;
   const tov_errno_keeper_s keep;

@@ -82,6 +82,10 @@ inline size_t tov_append(char *to, size_t length, size_t limit, const char *text
   return length;
 }
 
+// The decimal digits of a number that is not negative, in `room`. Async-signal-safe.
+enum { TOV_DIGITS_SIZE = 16 };
+const char *tov_digits(int number, char (&room)[TOV_DIGITS_SIZE]);
+
 // Strips trailing blanks and tabs, and only those, in place.
 void rtrim(char *str);
 

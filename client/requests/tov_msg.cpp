@@ -130,7 +130,7 @@ void tov_process_dump_all_msg(pid_t pid) {
     tov_log_with_type(TOV_LOG_REG_RESTART,
                       "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
                       record.pid, record.vsd_id, record.action);
-    tov_record_forget(held, &record);  // the client has usually removed the file already
+    tov_revive_give_up(held, &record);  // the client has usually removed the file already
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <utility>
 
+#include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
@@ -119,7 +120,7 @@ void exit_case_s::drop() {
 
 void exit_case_s::note() {
   if (verdict_ == ACCEPTED) return;
-  tov_claim_drop(*record_);
+  tov_claim_drop(*record_, record_->start.forked);
   tov_del_node_chain_safe(record_, &tov_alive_chains);
   tov_record_ended(held_, record_, exit_code_, force_);
 }
@@ -174,6 +175,8 @@ void exit_case_s::hand_over() {
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
           by_script ? "SHELL_RESTART" : "RESPAWN", record_->start.runs_as);
   const pid_t found = record_->start.runs_as;
+  // The task is not without a file until it is registered.
+  if (tov_record_owns_file(held_, *record_)) (void)tov_db_hand_over(record_, found);
   // Found under the record's own id, it cannot be registered while another record has that id.
   forget(held_, record_, found == record_->pid ? REPORTED : verdict_);
   later_ = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
@@ -224,10 +227,7 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force) {
 }
 
 tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
-  if (tov_revive_is_in_vain(*record)) {
-    tov_record_forget(held, record);
-    return {};
-  }
+  if (tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record), tov_registration_t{};
   exit_case_s asked(held, record, ACCEPTED, record->exit_signal, record->force_restart);
   (void)tov_exit_decide(asked);
   return asked.later();

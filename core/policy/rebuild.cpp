@@ -54,6 +54,8 @@ namespace {
 struct dead_s {
   tov_pid_t *record;
   int64_t written_us;  // CLOCK_BOOTTIME when its file was written
+  pid_t child = 0;     // for which the last daemon searched; 0: it did not
+  bool child_ended = false;
 };
 
 }  // namespace
@@ -87,7 +89,7 @@ static bool is_known(const tov_chains_guard_t &held, const tov_pid_t &record) {
 // Whether the file says what is to be done. That of a start which the last daemon began does not if
 // its child has come as far as to use it, or if the registration stands in a file of its own.
 static bool counts(const char *path, const char *entry, const tov_pid_t &record) {
-  if (!tov_claim_is_name(entry)) return true;
+  if (!tov_claim_is_name(entry)) return tov_db_settle(&record, path);
   if (!tov_claim_settle(path, record)) return false;
   const tov_chains_guard_t held(tov_chains);
   return !is_known(held, record);
@@ -106,29 +108,46 @@ static int64_t kernel_clock_us(clockid_t clock) {
   return us_of(now);
 }
 
-// A file has the wall clock's time; that clock being set in between makes a successor look older or
-// younger than it is, which nothing here can see.
-static int64_t written_us(const char *path) {
+// When the file was written (STATX_MTIME) or renamed (STATX_CTIME). A file has the wall clock's
+// time; that clock being set in between makes a successor look older or younger than it is, which
+// nothing here can see.
+static int64_t file_time_us(const char *path, unsigned int which) {
   struct statx status {};
-  if (syscall(SYS_statx, AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_MTIME, &status) < 0)
-    return INT64_MAX;
-  const timespec written{status.stx_mtime.tv_sec, status.stx_mtime.tv_nsec};
-  return us_of(written) - (kernel_clock_us(CLOCK_REALTIME) - kernel_clock_us(CLOCK_BOOTTIME));
+  if (syscall(SYS_statx, AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, which, &status) < 0) return INT64_MAX;
+  const auto &time = which == STATX_MTIME ? status.stx_mtime : status.stx_ctime;
+  return us_of({time.tv_sec, time.tv_nsec}) -
+         (kernel_clock_us(CLOCK_REALTIME) - kernel_clock_us(CLOCK_BOOTTIME));
+}
+
+static std::vector<std::string> names_in(const char *dir) {
+  return tov_entries_t(dir).rest();
+}
+
+// Removes a file that was to replace another one, which is there still.
+static bool drops_new(const tov_vsd_path_t &dir, const std::string &name) {
+  if (!name.starts_with(TOV_DB_NEW_PREFIX)) return false;
+  (void)tov_sys_unlink((dir.text + ("/" + name)).c_str());
+  return true;
 }
 
 static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
   const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
-  tov_entries_t files(dir.text);
-  std::vector<std::string> names = files.rest();
+  std::vector<std::string> names = names_in(dir.text);
+  std::erase_if(names, [&](const std::string &name) {
+    return tov_claim_is_used(name.c_str()) || drops_new(dir, name);
+  });
   // The registrations first: a claim says nothing new where there is one.
   std::partition(names.begin(), names.end(),
                  [](const std::string &name) { return !tov_claim_is_name(name.c_str()); });
   for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
-    const int64_t written = written_us(path);
+    const int64_t written = file_time_us(path, STATX_MTIME);
     tov_pid_t *record = read_record(vsd_id, path, name.c_str());
-    if (record == nullptr) continue;
+    if (record == nullptr) {
+      if (name.starts_with(TOV_DB_KEPT_PREFIX)) (void)tov_sys_unlink(path);
+      continue;
+    }
     if (!counts(path, name.c_str(), *record)) {
       free(record);
       continue;
@@ -136,6 +155,45 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
     const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);
     if (!tov_process_lives(record->pid)) dead->push_back({record, written});
+  }
+}
+
+// ---- children of the last daemon ----------------------------------------------------------------
+
+// Not one that was given the child's id since.
+static bool is_child(pid_t pid, const char *path) {
+  tov_origin_t origin;
+  return tov_process_lives(pid) && tov_process_origin(pid, &origin) &&
+         origin.born_us - TICK_US <= file_time_us(path, STATX_CTIME);
+}
+
+// Whose task the child has executed, or is about to, or null: it was withdrawn.
+static dead_s *dead_of_child(int vsd_id, const char *path, std::vector<dead_s> *dead) {
+  tov_pid_t told{};
+  if (tov_read_pidfile(path, &told) < 0) return nullptr;
+  rtrim(told.pathname);
+  for (dead_s &of : *dead)
+    if (of.record->vsd_id == vsd_id && of.record->pid == told.pid &&
+        strcmp(of.record->process, told.pathname) == 0)
+      return &of;
+  return nullptr;
+}
+
+// Read when no claim is left that a child could use.
+static void read_children(int vsd_id, std::vector<dead_s> *dead) {
+  const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
+  for (const std::string &name : names_in(dir.text)) {
+    if (!tov_claim_is_used(name.c_str())) continue;
+    char path[PATH_SIZE];
+    (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
+    const pid_t child = tov_claim_child_of(name.c_str());
+    dead_s *of = child > 0 ? dead_of_child(vsd_id, path, dead) : nullptr;
+    if (of != nullptr && of->child == 0) {
+      of->child = child;
+      of->child_ended = !is_child(child, path);
+    } else {
+      (void)tov_sys_unlink(path);
+    }
   }
 }
 
@@ -172,8 +230,7 @@ static std::vector<pid_t> find_successors(const std::vector<dead_s> &dead) {
 
 static void adopt(const tov_chains_guard_t &held, tov_pid_t *record, pid_t successor) {
   TOV_DBG("pid (%d) is not exist, %d runs in its place\n", record->pid, successor);
-  tov_record_renew(held, record, successor);
-  (void)tov_db_keep(record);
+  tov_record_pass_on(held, record, successor);
 }
 
 // ---- the dead -----------------------------------------------------------------------------------
@@ -187,20 +244,34 @@ static void bring_back(const tov_chains_guard_t &held, tov_pid_t *record) {
   tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
+static bool is_registered(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  return __tov_find_pid(&tov_chains, pid) != nullptr;
+}
+
+// Two of the dead may have found the same successor: the first has it.
+static void answer(const tov_chains_guard_t &held, const dead_s &dead, pid_t successor) {
+  const bool adopts = successor > 0 && !is_registered(held, successor);
+  const bool follows = !adopts && dead.child > 0 && !is_registered(held, dead.child);
+  if (follows) return tov_revive_follow(held, dead.record, dead.child, dead.child_ended);
+  if (adopts) {
+    adopt(held, dead.record, successor);
+  } else {
+    bring_back(held, dead.record);
+  }
+  if (dead.child > 0) tov_claim_end_child(dead.record->vsd_id, dead.child);
+}
+
 int tov_rebuild_chains(tov_chains_t *chains) {
   std::vector<dead_s> dead;
-  for (int vsd_id = DEVICE_FIRST; vsd_id <= DEVICE_LAST; vsd_id++)
+  for (int vsd_id = DEVICE_FIRST; vsd_id <= DEVICE_LAST; vsd_id++) {
     rebuild_device(chains, vsd_id, &dead);
+    read_children(vsd_id, &dead);
+  }
   const std::vector<pid_t> successors = find_successors(dead);
   for (size_t i = 0; i < dead.size(); i++) {
     const tov_chains_guard_t held(*chains);
-    held.shows(tov_chains);
-    // Two records may have found the same process: the first has it.
-    if (successors[i] > 0 && __tov_find_pid(&tov_chains, successors[i]) == nullptr) {
-      adopt(held, dead[i].record, successors[i]);
-    } else {
-      bring_back(held, dead[i].record);
-    }
+    answer(held, dead[i], successors[i]);
   }
   tov_waits_finish();
   return 0;

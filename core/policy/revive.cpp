@@ -25,6 +25,7 @@
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "proc/burst.h"
+#include "proc/claim.h"
 #include "proc/task_name.h"
 #include "proc/tov_proc.h"
 #include "util/clock.h"
@@ -139,8 +140,11 @@ static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t resu
   if (result > 0) {
     // Before anything is said: the child inherited the daemon's exemption from the low-memory
     // killer.
-    tov_record_renew(held, record, result);
-    if (start.listed != 0) (void)tov_db_keep(record);
+    if (start.listed != 0) {
+      tov_record_pass_on(held, record, result);
+    } else {
+      tov_record_renew(held, record, result);
+    }
     say_after(held, *record, start, news);
   }
   if (rebuilt)
@@ -193,6 +197,18 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
   start->vsd_no = find_app(record->pid);
 }
 
+void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child,
+                       bool has_ended) {
+  begin(held, record, TOV_REVIVE_AT_REBUILD);
+  tov_start_t *start = tov_record_start(held, record);
+  start->announced = 1;
+  start->listed = 1;
+  start->followed = 1;
+  start->forked = child;
+  start->child_ended = has_ended ? 1 : 0;
+  wait_for(held, record, TOV_WAIT_SEARCH, tov_clock_us());
+}
+
 // A listed program may go to the background by ending: what it left behind ends, too, before the
 // one that stays is there, and is not to be taken for it.
 void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
@@ -215,6 +231,11 @@ bool tov_revive_is_in_vain(const tov_pid_t &record) {
   if (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_no).text)) return true;
   return tov_sys_access(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text, F_OK) < 0 &&
          errno == ENOENT;
+}
+
+void tov_revive_give_up(const tov_chains_guard_t &held, tov_pid_t *record) {
+  tov_claim_drop(*record, record->start.forked);
+  tov_record_forget(held, record);
 }
 
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
@@ -266,21 +287,32 @@ static bool has_failed(const tov_start_t &start, pid_t found) {
   return found == 0 && start.child_ended != 0 && start.child_code != 0;
 }
 
-// The search has ended.
+// The last daemon's child may have ended before this one listened.
+static bool came_to_nothing(const tov_start_t &start, pid_t found) {
+  return found == 0 && start.followed != 0 &&
+         (start.child_ended != 0 || !tov_process_lives(start.forked));
+}
+
+// The search has ended. What the child used stays until the record has its process.
 static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
                      std::vector<tov_cnmsg_data_t> *heard) {
   const tov_start_t start = record->start;
-  (void)tov_proc_tell_found(*record, start.forked, found);
   const bool failed = has_failed(start, found);
+  (void)tov_proc_tell_found(*record, start.forked, found);
   tell_heard(start, failed ? start.forked : found, heard);
-  if (!failed) return finish(held, record, found);
-  tov_record_end_wait(held, record);
-  tov_record_renew(held, record, start.forked);
+  if (failed) {
+    tov_record_end_wait(held, record);
+    tov_record_pass_on(held, record, start.forked);
+  } else {
+    finish(held, record, found);
+  }
+  tov_claim_drop(*record, start.forked);
+  if (!failed && came_to_nothing(start, found)) tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
 void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
                          std::vector<tov_cnmsg_data_t> *heard) {
-  if (found == 0 && tov_revive_is_in_vain(*record)) return tov_record_forget(held, record);
+  if (found == 0 && tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
   tov_start_t *start = tov_record_start(held, record);
   if (found > 0 || start->scans >= TOV_SEARCH_RETRIES) return conclude(held, record, found, heard);
   start->scans++;
@@ -329,6 +361,8 @@ void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
                           const char *process) {
   tov_pid_t *record = searching_for(held, pid, vsd_id, process);
   if (record == nullptr) return;
-  (void)tov_proc_tell_found(*record, record->start.forked, pid);
+  const pid_t forked = record->start.forked;
+  (void)tov_proc_tell_found(*record, forked, pid);
   finish(held, record, pid);
+  tov_claim_drop(*record, forked);
 }

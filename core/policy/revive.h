@@ -33,6 +33,16 @@ enum tov_revive_e {
 // One that cannot be journalled, which operators asked for, is not made.
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion);
 
+// Goes on with the restart of a daemon that is gone, in its search for the program that its child
+// was to execute: as long as that daemon would have searched. Then, if the child is gone, the
+// restart begins anew.
+//   has_ended  the child is gone already, or its id has been given out again
+void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child,
+                       bool has_ended);
+
+// Gives the restart up, and the record: a child that has not used its claim yet leaves.
+void tov_revive_give_up(const tov_chains_guard_t &held, tov_pid_t *record);
+
 // Lets the record wait until it was looked whether its listed program runs again by itself.
 void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record);
 

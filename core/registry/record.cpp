@@ -244,12 +244,25 @@ static void remove_file(const tov_chains_guard_t &held, const tov_pid_t *record)
   if (tov_record_owns_file(held, *record)) (void)tov_db_destroy(record);
 }
 
-void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
-  remove_file(held, record);
+static void give_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
   tov_chain_rekey(registry_of(held), record, new_pid);
   record->force_restart = 0;
   record->stat_check_cnt = 0;
   tov_reset_lmk(new_pid);
+}
+
+void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
+  remove_file(held, record);
+  give_process(held, record, new_pid);
+}
+
+// What cannot be handed over tells of a process that is gone, or of nothing.
+void tov_record_pass_on(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
+  const bool handed_over =
+      tov_record_owns_file(held, *record) && tov_db_hand_over(record, new_pid) == 0;
+  if (!handed_over) remove_file(held, record);
+  give_process(held, record, new_pid);
+  if (!handed_over) (void)tov_db_keep(record);
 }
 
 void tov_record_missed(const tov_chains_guard_t &held, tov_pid_t *record) {

@@ -153,6 +153,10 @@ void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigne
 //   new_pid  below 1 where a start that failed is not asked for its result: no process
 void tov_record_renew(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid);
 
+// The same for a process that may never register by itself: the registration file is handed over to
+// it.
+void tov_record_pass_on(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid);
+
 // A sweep did not find the process as it was registered; or it did, or the misses have led to a
 // verdict, and counting begins anew.
 void tov_record_missed(const tov_chains_guard_t &held, tov_pid_t *record);

@@ -147,7 +147,10 @@ void Fleet::take_report(Program &program, const std::string &what, const std::st
   if (what == "anew") {
     program.cancelling = false;
     program.supervised = true;
-    program.delayed = true;
+    // Its file may have been written for the last daemon. The next one registered it from that,
+    // without the delay, and what is registered already is not changed.
+    program.delayed = !program.spans;
+    program.spans = false;
   }
   if (what == "cancelled") {
     program.cancelling = false;

@@ -81,6 +81,7 @@ struct Program {
   bool tainted = false;
   // The daemon knows of the delay; its successor does not, which finds no delay in files.
   bool delayed = false;
+  bool spans = false;      // it was registering anew when the daemon was killed
   bool withdrawn = false;  // when it was dead already: nothing may start it
   Death death;
 

@@ -93,6 +93,7 @@ static void take_stock(Run &run) {
     program.tainted = false;
     program.doubled = 0;
     program.delayed = false;
+    program.spans = program.cancelling;
     program.withdrawn = false;
     program.death = {};
     program.copies.clear();

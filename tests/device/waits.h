@@ -119,6 +119,18 @@ inline bool was_registered(const Device &device, pid_t pid) {
 
 // ---- tasks ------------------------------------------------------------------------------------
 
+// A listed program that has no arguments, under a daemon that knows its list and has registered it.
+inline Task start_listed(Device &device, const std::string &name,
+                         const DaemonOptions &options = {}) {
+  Task task = install_task(device, name, {});
+  device.write("/etc/tov/proc/" + task.name, task.command + " TOV_RESTART");
+  device.start_ready_daemon(options);
+  device.spawn({task.program});
+  next_birth(device, task);
+  need_event(device, REGISTER_LOG, entered(task));
+  return task;
+}
+
 // A task that is started again only so many seconds after its end. The daemon runs already.
 inline Task start_delayed(Device &device, const std::string &prefix, int restart_time_s,
                           TaskOptions options = {}) {

@@ -60,17 +60,23 @@ void expect_ends_soon(Device &device, Millis limit = END_LIMIT_MS) {
   EXPECT_LE(milliseconds_since(begin_ns), limit.count() * patience());
 }
 
-}  // namespace
-
-TEST(EndOfTheDaemon, DoesNotWaitForARestartsTime) {
-  Device device;
+// A task whose process was killed and that is not started again within the story.
+Task kill_waiting_for_ever(Device &device, const std::string &name) {
   device.start_ready_daemon({.env = with_diagnostics(device)});
-  Task task = start_client(device, "ends_time", {"wait=" + std::to_string(FOR_EVER_S), "exec"});
+  Task task = start_client(device, name, {"wait=" + std::to_string(FOR_EVER_S), "exec"});
   need_report(device, task, "did exec 0");
   need_locked_file(device, task);
   const pid_t dead = task.pid;
   device.kill(dead, SIGKILL);
   need_answered(device, task, dead);
+  return task;
+}
+
+}  // namespace
+
+TEST(EndOfTheDaemon, DoesNotWaitForARestartsTime) {
+  Device device;
+  Task task = kill_waiting_for_ever(device, "ends_time");
   expect_ends_soon(device);
   EXPECT_EQ(client_lives(device, task).size(), 1U);
 
@@ -129,13 +135,7 @@ TEST(EndOfTheDaemon, DoesNotWaitForASearch) {
 
 TEST(SuddenEndOfTheDaemon, OfARecordThatWaitsForItsTimeLeavesItsFile) {
   Device device;
-  device.start_ready_daemon({.env = with_diagnostics(device)});
-  Task task = start_client(device, "killed_time", {"wait=" + std::to_string(FOR_EVER_S), "exec"});
-  need_report(device, task, "did exec 0");
-  need_locked_file(device, task);
-  const pid_t dead = task.pid;
-  device.kill(dead, SIGKILL);
-  need_answered(device, task, dead);
+  Task task = kill_waiting_for_ever(device, "killed_time");
   device.kill_daemon();
   device.start_ready_daemon();
   next_life(device, task);

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stddef.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,13 @@ void expect_one_copy(Device &device, Task &task, Task &bystander) {
   pass_events(device, bystander);
   EXPECT_EQ(copies(device, task).size(), 1U);
   EXPECT_EQ(device.births(task.name).size(), task.births);
+}
+
+// Of a listed program: it has used its right to start it.
+bool a_child_is_on_its_way(Device &device) {
+  const auto names = device.list("/tmp/vsd/0/tov/db");
+  return std::any_of(names.begin(), names.end(),
+                     [](const std::string &name) { return name.starts_with(".claim.child."); });
 }
 
 }  // namespace
@@ -82,12 +90,7 @@ TEST(NextDaemon, TakesItInOnAClockOfItsOwn) {
 TEST(NextDaemon, KnowsAListedProgramThatWasBroughtBack) {
   Device device;
   Task bystander = start_task(device, "bystander_listed");
-  Task task = install_task(device, "next_listed", {});
-  device.write("/etc/tov/proc/" + task.name, task.command + " TOV_RESTART");
-  device.start_ready_daemon();
-  device.spawn({task.program});
-  next_birth(device, task);
-  need_event(device, REGISTER_LOG, entered(task));
+  Task task = start_listed(device, "next_listed");
   kill_and_return(device, task);
   device.kill_daemon();
   device.kill(task.pid, SIGKILL);
@@ -95,6 +98,23 @@ TEST(NextDaemon, KnowsAListedProgramThatWasBroughtBack) {
   device.start_ready_daemon();
   next_birth(device, task);
   expect_one_copy(device, task, bystander);
+}
+
+// Until it executes the program a child has the daemon's command line.
+TEST(NextDaemon, WaitsForAChildThatHasNotExecutedItsProgramYet) {
+  Device device;
+  Task bystander = start_task(device, "bystander_child");
+  const std::string library = device.binary_dir() + "/tests/programs/libbroken_daemon.so";
+  Task task =
+      start_listed(device, "next_child", {.env = {{"BREAK", "slow"}, {"LD_PRELOAD", library}}});
+  device.kill(task.pid, SIGKILL);
+  ASSERT_TRUE(wait_until([&] { return a_child_is_on_its_way(device); }, STORY_LIMIT_MS));
+  device.kill_daemon();
+  device.start_ready_daemon();
+  EXPECT_TRUE(a_child_is_on_its_way(device));
+  next_birth(device, task);
+  expect_one_copy(device, task, bystander);
+  EXPECT_FALSE(a_child_is_on_its_way(device));
 }
 
 TEST(NextDaemon, StartsASuspendedProgram) {

@@ -154,12 +154,7 @@ static void start_dying_crowd(Device &device) {
 TEST(OthersGoOn, WhileItIsLookedWhetherAListedProgramRunsAgain) {
   Device device;
   Task other = start_task(device, "other_look");
-  Task task = install_task(device, "waits_look", {});
-  device.write("/etc/tov/proc/" + task.name, task.command + " TOV_RESTART");
-  device.start_ready_daemon();
-  device.spawn({task.program});
-  next_birth(device, task);
-  need_event(device, REGISTER_LOG, entered(task));
+  Task task = start_listed(device, "waits_look");
   for (const Millis delay : {Millis(0), Millis(150), Millis(300)}) {
     start_dying_crowd(device);
     const int64_t begin_ns = monotonic_ns();

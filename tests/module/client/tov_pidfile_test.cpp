@@ -4,15 +4,18 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -23,7 +26,11 @@
 #include "tests/module/refused_calls.h"
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/in_child.h"
+
+using testing::ElementsAre;
+using tov_test::names_in;
 
 namespace {
 
@@ -401,6 +408,152 @@ TEST_F(TovPidfile, NothingIsKeptThroughWhatIsPlanted) {
   }
   EXPECT_EQ(content_of("/tmp/victim"), "precious");
   EXPECT_NE(access("/tmp/nobody", F_OK), 0);
+}
+
+namespace {
+
+constexpr char DIRECTORY[] = "/tmp/vsd/0/tov/db";
+
+// A file system of its own for the registrations, with room for so many pages.
+class SmallDirectory {
+ public:
+  explicit SmallDirectory(int pages) {
+    const std::string size = "size=" + std::to_string(pages * 4) + "k";
+    EXPECT_EQ(mount("none", DIRECTORY, "tmpfs", 0, size.c_str()), 0);
+  }
+  SmallDirectory(const SmallDirectory &) = delete;
+  SmallDirectory &operator=(const SmallDirectory &) = delete;
+  ~SmallDirectory() { EXPECT_EQ(umount(DIRECTORY), 0); }
+};
+
+void fill(int pages) {
+  std::ofstream(std::string(DIRECTORY) + "/filler")
+      << std::string(static_cast<size_t>(pages) * 4096, 'x');
+}
+
+}  // namespace
+
+TEST_F(TovPidfile, NothingIsKeptOnAFullFileSystem) {
+  const SmallDirectory small(1);
+  fill(1);
+  EXPECT_EQ(tov_db_keep(record_of(0, 812, FOO)), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("filler"));
+}
+
+// ---- handed over ------------------------------------------------------------------------------
+
+TEST_F(TovPidfile, HandedOverFileHasTheNewNameAndId) {
+  tov_pid_t *record = record_of(0, 812, FOO);
+  record->action = SHELL_RESTART;
+  ASSERT_EQ(tov_db_keep(record), 0);
+  EXPECT_EQ(tov_db_hand_over(record, 90), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/foo.90"), "90\n3\n/usr/sbin/foo -d");
+  EXPECT_TRUE(others_can_lock("/tmp/vsd/0/tov/db/foo.90"));
+}
+
+TEST_F(TovPidfile, FileIsHandedOverWhereThereWasNone) {
+  EXPECT_EQ(tov_db_hand_over(record_of(0, 812, FOO), 90), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+}
+
+TEST_F(TovPidfile, RegistrationOfTheNewProcessStaysAndTheOldFileGoes) {
+  tov_pid_t *record = record_of(0, 812, FOO);
+  ASSERT_EQ(tov_db_keep(record), 0);
+  tov_test::Child client([] { EXPECT_EQ(tov_db_create(0, 90, RESPAWN, "/sbin/foo -own"), 0); });
+  EXPECT_EQ(tov_db_hand_over(record, 90), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/foo.90"), "90\n2\n/sbin/foo -own");
+  EXPECT_FALSE(others_can_lock("/tmp/vsd/0/tov/db/foo.90"));
+}
+
+TEST_F(TovPidfile, OwnRegistrationIsNotHeldAfterItWasHandedOver) {
+  const int before = descriptor_count();
+  EXPECT_EQ(tov_db_create(0, 812, RESPAWN, FOO), 0);
+  EXPECT_EQ(tov_db_hand_over(record_of(0, 812, FOO), 90), 0);
+  EXPECT_EQ(descriptor_count(), before);
+  EXPECT_FALSE(tov_db_is_own(0, 812, FOO));
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+}
+
+// A second file has no room there.
+TEST_F(TovPidfile, OnAFullFileSystemTheFileIsHandedOverInItsPlace) {
+  const SmallDirectory small(2);
+  ASSERT_EQ(tov_db_keep(record_of(0, 812, FOO)), 0);
+  fill(1);
+  EXPECT_EQ(tov_db_hand_over(record_of(0, 812, FOO), 90), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("filler", "foo.90"));
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/foo.90"), "90\n0\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, WhereThereIsNoneAndNoRoomNothingIsHandedOver) {
+  const SmallDirectory small(1);
+  fill(1);
+  EXPECT_EQ(tov_db_hand_over(record_of(0, 812, FOO), 90), -1);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("filler"));
+}
+
+// A directory with something in it, under the name that a file has until it is whole.
+TEST_F(TovPidfile, NamesThatAreTakenAreDoneWithout) {
+  for (const char *kind : {".claim.kept.", ".claim.new."})
+    ASSERT_TRUE(std::filesystem::create_directories(DIRECTORY + (std::string("/") + kind) +
+                                                    std::to_string(getpid()) + "/x"));
+  tov_pid_t *record = record_of(0, 812, FOO);
+  EXPECT_EQ(tov_db_keep(record), 0);
+  EXPECT_EQ(content_of(FOO_FILE), "812\n0\n/usr/sbin/foo -d");
+  EXPECT_EQ(tov_db_hand_over(record, 90), 0);
+  EXPECT_NE(access(FOO_FILE, F_OK), 0);
+  EXPECT_EQ(content_of("/tmp/vsd/0/tov/db/foo.90"), "90\n0\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, HandedOverToTheSameIdTheFileStays) {
+  tov_pid_t *record = record_of(0, 812, FOO);
+  ASSERT_EQ(tov_db_keep(record), 0);
+  record->action = SHELL_RESTART;
+  EXPECT_EQ(tov_db_hand_over(record, 812), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.812"));
+  EXPECT_EQ(content_of(FOO_FILE), "812\n3\n/usr/sbin/foo -d");
+}
+
+TEST_F(TovPidfile, NothingIsHandedOverThroughWhatIsPlanted) {
+  std::ofstream("/tmp/victim") << "precious";
+  const std::string interim = DIRECTORY + ("/.claim.new." + std::to_string(getpid()));
+  for (const std::string &place : {interim, std::string(FOO_FILE)}) {
+    for (const char *command :
+         {"ln -s /tmp/victim ", "ln -s /tmp/nobody ", "mkfifo ", "mkdir ", "ln /tmp/victim "}) {
+      ASSERT_EQ(system((command + place).c_str()), 0);
+      (void)tov_db_hand_over(record_of(0, 812, FOO), 90);
+      ASSERT_EQ(system((std::string("rm -rf ") + DIRECTORY + "/* " + interim).c_str()), 0);
+    }
+  }
+  EXPECT_EQ(content_of("/tmp/victim"), "precious");
+  EXPECT_NE(access("/tmp/nobody", F_OK), 0);
+}
+
+TEST_F(TovPidfile, FileUnderTheNameOfTheOldProcessIsSettled) {
+  std::ofstream(FOO_FILE) << "90\n2\n/usr/sbin/foo -d";
+  EXPECT_TRUE(tov_db_settle(record_of(0, 90, FOO), FOO_FILE));
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+  EXPECT_TRUE(tov_db_settle(record_of(0, 90, FOO), "/tmp/vsd/0/tov/db/foo.90"));
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+}
+
+TEST_F(TovPidfile, SettledBesideARegistrationItGoes) {
+  std::ofstream(FOO_FILE) << "90\n2\n/usr/sbin/foo -d";
+  tov_test::Child client([] { EXPECT_EQ(tov_db_create(0, 90, RESPAWN, FOO), 0); });
+  EXPECT_FALSE(tov_db_settle(record_of(0, 90, FOO), FOO_FILE));
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo.90"));
+  EXPECT_FALSE(others_can_lock("/tmp/vsd/0/tov/db/foo.90"));
+}
+
+TEST_F(TovPidfile, FilesOfOtherNamesAreNotSettled) {
+  for (const char *name : {"bar.812", "foo", "812"}) {
+    const std::string path = DIRECTORY + std::string("/") + name;
+    std::ofstream(path.c_str()) << "90\n2\n/usr/sbin/foo -d";
+    EXPECT_TRUE(tov_db_settle(record_of(0, 90, FOO), path.c_str())) << name;
+  }
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("812", "bar.812", "foo"));
 }
 
 // ---- fork and threads ----------------------------------------------------------------------

@@ -31,6 +31,7 @@
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "util/clock.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -228,6 +229,28 @@ TEST_F(TovClaim, NamesOfProgramsAreNoClaims) {
   for (const char *name : {"foo.812", "claim.812", ".claim", ".claims.1.1", "foo.claim.1", ""})
     EXPECT_FALSE(tov_claim_is_name(name)) << name;
   EXPECT_TRUE(tov_claim_is_name(".claim.812.1"));
+  EXPECT_TRUE(tov_claim_is_name(".claim.kept.812"));
+  for (const char *name : {".claim.child.812", ".claim.new.812", ".claim."})
+    EXPECT_FALSE(tov_claim_is_name(name)) << name;
+}
+
+TEST_F(TovClaim, ChildIsKnownByTheNameThatItGave) {
+  EXPECT_EQ(tov_claim_child_of(".claim.child.812"), 812);
+  for (const char *name : {".claim.812.1", ".claim.kept.812", "foo.812", ""}) {
+    EXPECT_FALSE(tov_claim_is_used(name)) << name;
+    EXPECT_EQ(tov_claim_child_of(name), 0) << name;
+  }
+  for (const char *name : {".claim.child.", ".claim.child.x", ".claim.child.0"}) {
+    EXPECT_TRUE(tov_claim_is_used(name)) << name;
+    EXPECT_EQ(tov_claim_child_of(name), 0) << name;
+  }
+}
+
+// A child of a daemon that had our id may still be on its way to its claim.
+TEST_F(TovClaim, NumbersDoNotBeginAtOneInEveryDaemon) {
+  const tov_claim_t claim = take(*registered());
+  const auto age_us = static_cast<unsigned int>(tov_clock_us()) - claim.number;
+  EXPECT_LT(age_us, 600'000'000u);
 }
 
 // ---- the child ------------------------------------------------------------------------------
@@ -239,11 +262,35 @@ TEST_F(TovClaimUse, ChildThatUsesItGoesOn) {
   EXPECT_EQ(status_of_use(claim), 0) << "a second time";
 }
 
-TEST_F(TovClaimUse, FileThatStaysKeepsItsName) {
-  const tov_claim_t claim = take(*registered(), STAYS);
-  EXPECT_EQ(status_of_use(claim), 42);
-  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo." + std::to_string(GONE)));
+TEST_F(TovClaimUse, OfAFileThatStaysGivesTheClaimTheNameOfTheChild) {
+  const tov_pid_t *record = registered(FOO);
+  const struct stat before = status_of(file_of(*record));
+  const tov_claim_t claim = take(*record, STAYS);
+  const pid_t child = tov_test::fork_child();
+  if (child == 0) _exit(tov_claim_use(claim) ? 42 : 0);
+  EXPECT_EQ(WEXITSTATUS(tov_test::bury_child(child)), 42);
+  const std::string name = ".claim.child." + std::to_string(child);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre(name, "foo." + std::to_string(GONE)));
+  EXPECT_EQ(status_of(DIRECTORY + ("/" + name)).st_ino, before.st_ino);
   EXPECT_EQ(status_of_use(claim), 0) << "a second time";
+  tov_claim_drop(*record, child + 1);
+  tov_claim_drop(*record, 0);
+  EXPECT_THAT(names_in(DIRECTORY), testing::Contains(name));
+  tov_claim_drop(*record, child);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo." + std::to_string(GONE)));
+}
+
+TEST_F(TovClaimUse, NameThatSomebodyElseHasTakenCostsTheNameAlone) {
+  const tov_claim_t claim = take(*registered(), STAYS);
+  const int status = tov_test::status_in_child([&] {
+    const std::string taken = DIRECTORY + ("/.claim.child." + std::to_string(getpid()));
+    if (mkdir(taken.c_str(), 0700) < 0) return 1;
+    const bool used = tov_claim_use(claim);
+    rmdir(taken.c_str());
+    return used ? 42 : 0;
+  });
+  EXPECT_EQ(WEXITSTATUS(status), 42);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo." + std::to_string(GONE)));
 }
 
 TEST_F(TovClaimUse, WhatCannotBeRemovedIsNotLost) {
@@ -289,7 +336,8 @@ TEST_F(TovClaimUse, ForkForAFileThatStaysLeavesTheFile) {
   const pid_t child = fork_task(record, STAYS);
   EXPECT_NE(record->claim, 0u);
   EXPECT_EQ(program.birth().pid, child);
-  EXPECT_THAT(names_in(DIRECTORY), ElementsAre(program.name + "." + std::to_string(GONE)));
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre(".claim.child." + std::to_string(child),
+                                               program.name + "." + std::to_string(GONE)));
 }
 
 TEST_F(TovClaimUse, ForkWithoutAFileStartsAllTheSame) {
@@ -329,22 +377,31 @@ TEST_F(TovClaim, WhatADeadChildHasLeftIsDropped) {
     }
     tov_test::end_child(child);  // before its first act
     EXPECT_THAT(names_in(DIRECTORY), testing::Contains(StartsWith(".claim.")));
-    tov_claim_drop(*record);
+    tov_claim_drop(*record, 0);
     EXPECT_THAT(names_in(DIRECTORY), testing::Not(testing::Contains(StartsWith(".claim."))));
     EXPECT_EQ(exists(file_of(*record)), stays);
   }
+}
+
+TEST_F(TovClaim, DroppedWhileTheChildIsOnItsWayItIsLost) {
+  tov_pid_t *record = registered();
+  const tov_claim_t claim = take(*record, STAYS);
+  note(record, claim);
+  tov_claim_drop(*record, 0);
+  EXPECT_EQ(status_of_use(claim), 0);
+  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo." + std::to_string(GONE)));
 }
 
 TEST_F(TovClaim, OnlyTheRecordsOwnIsDropped) {
   tov_pid_t *without = add(GONE + 1, "/opt/bar");
   tov_pid_t *record = registered();
   const tov_claim_t claim = take(*record);
-  tov_claim_drop(*without);
+  tov_claim_drop(*without, 0);
   EXPECT_TRUE(exists(claim.path));
   note(record, claim);
   ASSERT_EQ(status_of_use(claim), 42);
   write_file_of(*record);  // somebody's new registration
-  tov_claim_drop(*record);
+  tov_claim_drop(*record, 0);
   EXPECT_TRUE(exists(file_of(*record)));
 }
 
@@ -398,7 +455,8 @@ TEST_F(TovClaimSettle, FileThatStayedIsNotTheChildsToTake) {
   const tov_claim_t claim = take(*record, STAYS);
   ASSERT_EQ(status_of_use(claim), 42);
   EXPECT_FALSE(tov_claim_settle(claim.path, *record));
-  EXPECT_THAT(names_in(DIRECTORY), ElementsAre("foo." + std::to_string(GONE)));
+  EXPECT_THAT(names_in(DIRECTORY),
+              ElementsAre(StartsWith(".claim.child."), "foo." + std::to_string(GONE)));
 }
 
 TEST_F(TovClaimSettle, WhatCannotBeRemovedIsNotUsed) {
@@ -443,6 +501,8 @@ TEST_F(TovClaimSettle, OneOfTwoAtTheSameTimeHasIt) {
       ASSERT_FALSE(exists(claim.path));
       ASSERT_EQ(exists(file_of(*record)), settled || stays) << round;
       tov_test::clear_path(file_of(*record));
+      tov_claim_end_child(0, child);
+      ASSERT_THAT(names_in(DIRECTORY), IsEmpty()) << round;
       empty_registries();
     }
   }

@@ -232,6 +232,13 @@ int tov_sys_rename(const char *from, const char *to) {
   return call(tov_test::CALL_RENAME, [&] { return kernel().link(from, to, false); });
 }
 
+int tov_sys_rename_new(const char *from, const char *to) {
+  return call(tov_test::CALL_RENAME, [&] {
+    const int linked = kernel().link(from, to, true);
+    return linked < 0 ? linked : kernel().unlink(from);
+  });
+}
+
 int tov_sys_rmdir(const char *path) {
   return call(tov_test::CALL_RMDIR, [&] { return kernel().rmdir(path); });
 }

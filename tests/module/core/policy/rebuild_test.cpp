@@ -21,6 +21,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -44,6 +45,7 @@
 
 namespace fs = std::filesystem;
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::Birth;
@@ -378,6 +380,160 @@ TEST_F(TovRebuildClaims, ChildAndRebuildAtTheSameTimeMakeOneCopy) {
   EXPECT_GE(started_here, 10u);
   EXPECT_GE(started_there, 10u);
   RecordProperty("started_by_the_child", static_cast<int>(started_there));
+}
+
+// ---- files that the last daemon was about to write ------------------------------------------
+
+TEST_F(TovRebuildClaims, KeptFileThatHasNoNameYetIsARegistration) {
+  const Program program("kept");
+  fs::rename(leave(GONE, RESPAWN, program.path), std::string(DIRECTORY) + "/.claim.kept.4999999");
+  rebuild();
+  EXPECT_NE(find(program.birth().pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+}
+
+TEST_F(TovRebuildClaims, KeptFileThatIsNotWrittenYetGoes) {
+  write_file(std::string(DIRECTORY) + "/.claim.kept.4999999", "");
+  rebuild();
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+}
+
+TEST_F(TovRebuildClaims, NewFileBesideTheOldOneSaysNothing) {
+  const Program program("renewed");
+  const pid_t pid = tov_test::start(program.path);
+  fs::rename(leave(pid, RESPAWN, program.path), std::string(DIRECTORY) + "/.claim.new.4999999");
+  rebuild();
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+}
+
+TEST_F(TovRebuildClaims, NewFileUnderTheOldNameIsTheLivingProcesses) {
+  const Program program("successor");
+  const pid_t pid = tov_test::start(program.path);
+  const std::string old = std::string(DIRECTORY) + "/" + program.name + "." + std::to_string(GONE);
+  fs::rename(leave(pid, RESPAWN, program.path), old);
+  rebuild();
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + std::to_string(pid)));
+}
+
+// ---- children on their way ------------------------------------------------------------------
+
+namespace {
+
+// A listed program whose child has used its claim and not executed it yet.
+class TovRebuildChildren : public TovRebuildChains {
+ protected:
+  static std::string marker_of(pid_t child) {
+    return std::string(DIRECTORY) + "/.claim.child." + std::to_string(child);
+  }
+
+  // Does in a child of ours what that child does after the claim's use.
+  //   id  of the child; 0: any
+  static pid_t begin(const std::string &command, const std::function<void()> &before_exec,
+                     pid_t id = 0) {
+    const pid_t child = id != 0 ? tov_test::fork_child_as(id) : tov_test::fork_child();
+    if (child != 0) return child;
+    before_exec();
+    setsid();
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(3);
+  }
+};
+
+}  // namespace
+
+TEST_F(TovRebuildChildren, OneThatIsOnItsWayIsWaitedFor) {
+  const Program program("onitsway");
+  const std::string file = leave(GONE, RESPAWN, program.path);
+  const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  const pid_t child = begin("exec " + program.path, [] { std::this_thread::sleep_for(400ms); });
+  fs::create_hard_link(file, marker_of(child));
+  rebuild();
+  EXPECT_NE(find(child), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(program.births().size(), 1u);
+  EXPECT_THAT(names_in(DIRECTORY),
+              testing::ElementsAre(program.name + "." + std::to_string(child)));
+}
+
+TEST_F(TovRebuildChildren, OfOneThatHasEndedTheTaskIsStartedAgain) {
+  const Program program("ended");
+  const std::string file = leave(GONE, RESPAWN, program.path);
+  const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  const pid_t child = begin(program.path, [] { _exit(0); });
+  tov_test::bury_child(child);
+  fs::create_hard_link(file, marker_of(child));
+  rebuild();
+  const Birth birth = program.birth();
+  EXPECT_NE(find(birth.pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(names_in(DIRECTORY),
+              testing::ElementsAre(program.name + "." + std::to_string(birth.pid)));
+}
+
+// As a start script does: it ends, and what it has started leads no session.
+TEST_F(TovRebuildChildren, WhatOneThatHasEndedLeavesBehindIsFound) {
+  const Program program("left");
+  const std::string file = leave(GONE, RESPAWN, program.path);
+  const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  const pid_t child = begin("sh -c 'sleep 0.4; exec " + program.path + "' & exit 0", [] {});
+  fs::create_hard_link(file, marker_of(child));
+  EXPECT_EQ(tov_test::bury_child(child), 0);
+  rebuild();
+  const Birth birth = program.birth();
+  EXPECT_NE(find(birth.pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(program.births().size(), 1u);
+  EXPECT_THAT(names_in(DIRECTORY),
+              testing::ElementsAre(program.name + "." + std::to_string(birth.pid)));
+}
+
+TEST_F(TovRebuildChildren, OneThatIsRegisteredIsNotWaitedFor) {
+  const Program program("known");
+  const std::string file = leave(GONE, RESPAWN, program.path);
+  const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  const pid_t child = begin("exec sleep 100", [] {});
+  fs::create_hard_link(file, marker_of(child));
+  leave(child, RESPAWN, "/opt/other");
+  rebuild();
+  EXPECT_NE(find(program.birth().pid), nullptr);
+  EXPECT_STREQ(find(child)->process, "/opt/other");
+  EXPECT_EQ(count(), 2);
+  EXPECT_FALSE(exists(marker_of(child)));
+}
+
+TEST_F(TovRebuildChildren, StrangerThatWasGivenTheIdIsNotWaitedFor) {
+  const Program program("stranger");
+  const pid_t id = begin("", [] { _exit(0); });
+  tov_test::bury_child(id);
+  const std::string file = leave(GONE, RESPAWN, program.path);
+  const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+  fs::create_hard_link(file, marker_of(id));
+  std::this_thread::sleep_for(50ms);
+  const pid_t stranger = begin(
+      "exec sleep 100", [] {}, id);
+  ASSERT_EQ(stranger, id);
+  rebuild();
+  const Birth birth = program.birth();
+  EXPECT_NE(find(birth.pid), nullptr);
+  EXPECT_EQ(find(id), nullptr);
+  EXPECT_TRUE(tov_test::process_lives(id));
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(TovRebuildChildren, OneWhoseTaskWasWithdrawnIsForgotten) {
+  const Program program("withdrawn");
+  const pid_t child = begin("exec sleep 100", [] {});
+  fs::rename(leave(GONE, RESPAWN, program.path), marker_of(child));
+  rebuild();
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(program.births(), IsEmpty());
+  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+  EXPECT_TRUE(tov_test::process_lives(child));
 }
 
 // ---- successors -----------------------------------------------------------------------------

@@ -21,6 +21,7 @@
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/waiting.h"
+#include "util/tov_sys.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -72,6 +73,10 @@ class TovListed : public tov_test::Waiting {
     EXPECT_TRUE(waits_for(record, TOV_WAIT_LOOK));
     EXPECT_EQ(record->start.looked, TOV_LOOKED_NOT_YET);
     return record;
+  }
+  static std::string claim_of(const tov_pid_t &record) {
+    return "/tmp/vsd/0/tov/db/.claim." + std::to_string(tov_sys_getpid()) + "." +
+           std::to_string(record.claim);
   }
   static pid_t child() { return kernel().forks.at(forks() - 1); }
 
@@ -386,6 +391,40 @@ TEST_F(TovSearch, RemovedRecordIsSearchedForNoMore) {
   EXPECT_EQ(next_due_us(), INT64_MAX);
 }
 
+// ---- its claim ------------------------------------------------------------------------------
+
+TEST_F(TovSearch, ChildThatComesLateFindsNoClaimWhereTheProgramWasFound) {
+  const tov_pid_t *record = searching();
+  const std::string claim = claim_of(*record);
+  ASSERT_TRUE(kernel().exists(claim));
+  (void)kernel().start({LISTED});
+  run(1 * US_PER_S);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_FALSE(kernel().exists(claim));
+  EXPECT_TRUE(kernel().exists(file_of(record)));
+}
+
+TEST_F(TovSearch, ChildThatComesLateFindsNoClaimAfterAWithdrawal) {
+  const tov_pid_t *record = searching();
+  const std::string claim = claim_of(*record), file = file_of(record);
+  ASSERT_TRUE(kernel().exists(claim));
+  tov_process_dump_all_msg(record->pid);
+  EXPECT_EQ(count(), 0);
+  EXPECT_FALSE(kernel().exists(claim));
+  EXPECT_FALSE(kernel().exists(file));
+}
+
+TEST_F(TovSearch, NameThatTheChildGaveItsClaimGoesWithTheSearch) {
+  const tov_pid_t *record = searching();
+  const std::string used = "/tmp/vsd/0/tov/db/.claim.child." + std::to_string(child());
+  kernel().rename(claim_of(*record), used);
+  run(5'500 * US_PER_MS - 1);
+  EXPECT_TRUE(kernel().exists(used));
+  run(1);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_FALSE(kernel().exists(used));
+}
+
 // ---- what is heard of the child -------------------------------------------------------------
 
 TEST_F(TovSearch, WhatIsHeardOfTheChildIsToldInItsOrderAfterwards) {
@@ -434,6 +473,7 @@ TEST_F(TovSearch, ChildThatFailedStandsForTheProgramThatIsNotFound) {
   EXPECT_THAT(heard(), IsEmpty());
   run(1);
   EXPECT_EQ(record->pid, forked);
+  EXPECT_TRUE(kernel().exists(file_of(record))) << "a next daemon has nothing to go on from";
   EXPECT_FALSE(tov_record_is_starting(*record));
   EXPECT_THAT(heard(), ElementsAre("exec " + std::to_string(forked),
                                    "exit " + std::to_string(forked) + " 11"));

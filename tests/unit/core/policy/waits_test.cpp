@@ -151,25 +151,20 @@ TEST_F(TovWaits, RemovalOfTheFirstLeavesTheOthersTheirDeadlines) {
 
 // ---- the rules at the deadline --------------------------------------------------------------
 
+// Whether or not it went through a start before.
 TEST_F(TovWaits, TaskThatIsRegisteredAnewMeanwhileIsNotStarted) {
-  tov_pid_t *record = task("/opt/a", 3);
-  die(record);
-  tov_pid_t *anew = add(kernel().start({"/opt/a"}), "/opt/a");
-  run(3 * US_PER_S);
-  EXPECT_EQ(forks(), 0u);
-  EXPECT_TRUE(is_registered(anew));
-  EXPECT_EQ(count(), 1);
-}
-
-TEST_F(TovWaits, TaskThatWentThroughAStartGivesWayToALivingProcess) {
-  tov_pid_t *record = task("/opt/a", 3);
-  record->flags = TOV_FLAG_STARTED;
-  die(record);
-  tov_pid_t *anew = add(kernel().start({"/opt/a"}), "/opt/a");
-  run(3 * US_PER_S);
-  EXPECT_EQ(forks(), 0u);
-  EXPECT_TRUE(is_registered(anew));
-  EXPECT_EQ(count(), 1);
+  int device = 0;
+  for (const int flags : {0, static_cast<int>(TOV_FLAG_STARTED)}) {
+    const std::string command = "/opt/a" + std::to_string(device++);
+    tov_pid_t *record = task(command, 3);
+    record->flags = flags;
+    die(record);
+    tov_pid_t *anew = add(kernel().start({command}), command);
+    run(3 * US_PER_S);
+    EXPECT_EQ(forks(), 0u) << flags;
+    EXPECT_TRUE(is_registered(anew)) << flags;
+    EXPECT_EQ(count(), device) << flags;
+  }
 }
 
 TEST_F(TovWaits, OtherRegistrationOfADeadProcessGoesAndTheTaskIsStarted) {

@@ -67,6 +67,7 @@ ssize_t tov_sys_readlink(const char *path, char *buf, size_t size);
 int tov_sys_unlink(const char *path);
 int tov_sys_link(const char *from, const char *to);
 int tov_sys_rename(const char *from, const char *to);
+int tov_sys_rename_new(const char *from, const char *to);
 int tov_sys_rmdir(const char *path);
 
 DIR *tov_sys_opendir(const char *path);
