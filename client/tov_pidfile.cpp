@@ -190,7 +190,7 @@ int tov_db_create(int vsd_id, int pid, int action, const char *cmdline) {
     if (lock_file(kept) < 0) TOV_DBG("%s: file %s fd < 0: %s\n", __func__, path, strerror(errno));
     return 0;
   }
-  tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT | O_TRUNC, MODE_EVERYBODY));
+  tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT, MODE_EVERYBODY));
   if (fd.n < 0) {
     TOV_DBG("%s: fd < 0: %s\n", __func__, strerror(errno));
     return -1;
@@ -253,7 +253,7 @@ int tov_db_keep(const tov_pid_s *record) {
   if (tov_sys_lstat(path, &status) == 0) return 0;
   // Somebody else may have taken the other name.
   if (write_interim(record, record->pid, TOV_DB_KEPT_PREFIX, interim) < 0)
-    return write_new(record, record->pid, path);
+    return errno == EEXIST ? write_new(record, record->pid, path) : -1;
   if (rename_new(interim, path) == 0) return 0;
   return give_up(interim), errno == EEXIST ? 0 : -1;
 }

@@ -57,7 +57,8 @@ int tov_db_destroy(const tov_pid_s *record);
 // Writes the registration file of a record that has none, on behalf of a task that has no process
 // which could, or one that does not register by itself: without lock, and without keeping it open,
 // so that the process's own registration replaces it.
-// The file is whole from the instant in which it has its name. Under the registry's lock.
+// The file is whole from the instant in which it has its name, unless somebody has taken the name
+// under which it is written first. Under the registry's lock.
 // Returns 0, also when there is a file; -1 with errno set when it cannot be made (the directory is
 // gone with its device, the file system is full).
 int tov_db_keep(const tov_pid_s *record);
@@ -66,6 +67,8 @@ int tov_db_keep(const tov_pid_s *record);
 // name, unless `to` has a file already: the old one goes then. At no time has the task no file, or
 // two of which the next daemon would take the older one for a dead process of its own.
 // Under the registry's lock, before the record's id changes.
+// Where a second file has no room the old one is overwritten; a daemon that is killed in just that
+// write may leave a command line with an odd end.
 // Returns 0; -1 with errno set when it cannot be written: the old file is as it was, or has the new
 // content under its old name.
 int tov_db_hand_over(const tov_pid_s *record, pid_t to);

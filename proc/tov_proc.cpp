@@ -117,9 +117,9 @@ static void name_program(const tov_pid_t &record, const tov_proc_how_t &how,
   (void)snprintf(name, sizeof name, "%s", how.by_script ? record.process : first);
 }
 
-// Of a listed program; returns `found`.
-static pid_t tell_found(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked,
-                        pid_t found) {
+// Of a listed program.
+static void tell_found(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked,
+                       pid_t found) {
   char name[TOV_PROCESS_SIZE];
   name_program(record, how, name);
   if (found == 0) {
@@ -131,24 +131,22 @@ static pid_t tell_found(const tov_pid_t &record, const tov_proc_how_t &how, pid_
     TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> third part Daemon[%s] new pid: %d\n", how.function,
                     name, found);
   }
-  return found;
 }
 
-// Of any other; returns `forked`.
-static pid_t tell_forked(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked) {
+// Of any other.
+static void tell_forked(const tov_pid_t &record, const tov_proc_how_t &how, pid_t forked) {
   char name[TOV_PROCESS_SIZE];
   name_program(record, how, name);
   TOV_DBG_AND_LOG(TOV_LOG_RUN_EVENT, "%s--> tov_pid->process = %s, new pid: %d\n", how.function,
                   name, forked);
-  return forked;
 }
 
-pid_t tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found) {
-  return tell_found(record, tov_proc_how_of(record), forked, found);
+void tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found) {
+  tell_found(record, tov_proc_how_of(record), forked, found);
 }
 
-pid_t tov_proc_tell_forked(const tov_pid_t &record, pid_t forked) {
-  return tell_forked(record, tov_proc_how_of(record), forked);
+void tov_proc_tell_forked(const tov_pid_t &record, pid_t forked) {
+  tell_forked(record, tov_proc_how_of(record), forked);
 }
 
 void tov_proc_search_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]) {
@@ -177,7 +175,7 @@ static void tell_fork_failed(const tov_proc_how_t &how, int error) {
 }
 
 void tov_proc_fork_failed(const tov_pid_t &record, int error) {
-  (void)tov_proc_tell_forked(record, -1);
+  tov_proc_tell_forked(record, -1);
   tell_fork_failed(tov_proc_how_of(record), error);
 }
 
@@ -215,9 +213,12 @@ static pid_t start_once(start_s *start, bool *in_child) {
   const pid_t forked = fork_child(start);
   *in_child = forked == 0;
   if (*in_child) return -1;
-  if (tov_proc_is_listed(start->record))
-    return tell_found(start->record, start->how, forked, search(start->record, start->how));
-  (void)tell_forked(start->record, start->how, forked < 0 ? -1 : forked);
+  if (tov_proc_is_listed(start->record)) {
+    const pid_t found = search(start->record, start->how);
+    tell_found(start->record, start->how, forked, found);
+    return found;
+  }
+  tell_forked(start->record, start->how, forked < 0 ? -1 : forked);
   return forked;
 }
 

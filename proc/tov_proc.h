@@ -78,9 +78,9 @@ bool tov_proc_is_listed(const tov_pid_t &record);
 // otherwise.
 void tov_proc_search_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]);
 
-// Tell which process has been started, and return it: that of a listed task, which was found (0:
-// none) after the fork of `forked` (below 1: it failed), or the child itself of any other.
-pid_t tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found);
-pid_t tov_proc_tell_forked(const tov_pid_t &record, pid_t forked);
+// Tell which process has been started: that of a listed task, which was found (0: none) after the
+// fork of `forked` (below 1: it failed), or the child itself of any other.
+void tov_proc_tell_found(const tov_pid_t &record, pid_t forked, pid_t found);
+void tov_proc_tell_forked(const tov_pid_t &record, pid_t forked);
 
 #endif  // TOV_PROC_H

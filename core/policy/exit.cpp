@@ -10,7 +10,6 @@
 
 #include <utility>
 
-#include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
@@ -175,8 +174,6 @@ void exit_case_s::hand_over() {
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
           by_script ? "SHELL_RESTART" : "RESPAWN", record_->start.runs_as);
   const pid_t found = record_->start.runs_as;
-  // The task is not without a file until it is registered.
-  if (tov_record_owns_file(held_, *record_)) (void)tov_db_hand_over(record_, found);
   // Found under the record's own id, it cannot be registered while another record has that id.
   forget(held_, record_, found == record_->pid ? REPORTED : verdict_);
   later_ = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};

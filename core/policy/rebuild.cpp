@@ -76,11 +76,12 @@ static tov_pid_t *read_record(int vsd_id, const char *path, const char *entry) {
   return record;
 }
 
-static bool is_known(const tov_chains_guard_t &held, const tov_pid_t &record) {
+// Whether a process is registered for a task, of which device and command line count.
+static bool is_of_task(const tov_chains_guard_t &held, pid_t pid, const tov_pid_t &task) {
   held.shows(tov_chains);
-  for (const tov_pid_t &other : tov_chain_bucket(&tov_chains, pidhash(record.pid))) {
-    if (other.pid == record.pid && other.vsd_id == record.vsd_id &&
-        strcmp(other.process, record.process) == 0)
+  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && record.vsd_id == task.vsd_id &&
+        strcmp(record.process, task.process) == 0)
       return true;
   }
   return false;
@@ -92,7 +93,7 @@ static bool counts(const char *path, const char *entry, const tov_pid_t &record)
   if (!tov_claim_is_name(entry)) return tov_db_settle(&record, path);
   if (!tov_claim_settle(path, record)) return false;
   const tov_chains_guard_t held(tov_chains);
-  return !is_known(held, record);
+  return !is_of_task(held, record.pid, record);
 }
 
 static int64_t us_of(const timespec &time) {
@@ -179,6 +180,14 @@ static dead_s *dead_of_child(int vsd_id, const char *path, std::vector<dead_s> *
   return nullptr;
 }
 
+// Whether the child has registered itself, as what it executed: its own record says what follows.
+static bool has_registered(pid_t child, tov_pid_t *dead) {
+  const tov_chains_guard_t held(tov_chains);
+  if (child == dead->pid || !is_of_task(held, child, *dead)) return false;
+  tov_record_forget(held, dead);
+  return true;
+}
+
 // Read when no claim is left that a child could use.
 static void read_children(int vsd_id, std::vector<dead_s> *dead) {
   const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
@@ -188,12 +197,14 @@ static void read_children(int vsd_id, std::vector<dead_s> *dead) {
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
     const pid_t child = tov_claim_child_of(name.c_str());
     dead_s *of = child > 0 ? dead_of_child(vsd_id, path, dead) : nullptr;
-    if (of != nullptr && of->child == 0) {
+    const bool supersedes = of != nullptr && has_registered(child, of->record);
+    if (of != nullptr && !supersedes && of->child == 0) {
       of->child = child;
       of->child_ended = !is_child(child, path);
     } else {
       (void)tov_sys_unlink(path);
     }
+    if (supersedes) dead->erase(dead->begin() + (of - dead->data()));
   }
 }
 
@@ -254,12 +265,10 @@ static void answer(const tov_chains_guard_t &held, const dead_s &dead, pid_t suc
   const bool adopts = successor > 0 && !is_registered(held, successor);
   const bool follows = !adopts && dead.child > 0 && !is_registered(held, dead.child);
   if (follows) return tov_revive_follow(held, dead.record, dead.child, dead.child_ended);
-  if (adopts) {
-    adopt(held, dead.record, successor);
-  } else {
-    bring_back(held, dead.record);
-  }
+  // A process that is adopted has its file by then; one that is started may have the child's name.
+  if (adopts) adopt(held, dead.record, successor);
   if (dead.child > 0) tov_claim_end_child(dead.record->vsd_id, dead.child);
+  if (!adopts) bring_back(held, dead.record);
 }
 
 int tov_rebuild_chains(tov_chains_t *chains) {

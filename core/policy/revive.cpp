@@ -168,7 +168,8 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   // After a failed fork, too: another process may have started the program meanwhile.
   if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
   if (start->forked > 0) {
-    return finish(held, record, tov_proc_tell_forked(*record, start->forked));
+    tov_proc_tell_forked(*record, start->forked);
+    return finish(held, record, start->forked);
   }
   tov_proc_fork_failed(*record, -start->forked);
   wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
@@ -298,7 +299,7 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t fo
                      std::vector<tov_cnmsg_data_t> *heard) {
   const tov_start_t start = record->start;
   const bool failed = has_failed(start, found);
-  (void)tov_proc_tell_found(*record, start.forked, found);
+  tov_proc_tell_found(*record, start.forked, found);
   tell_heard(start, failed ? start.forked : found, heard);
   if (failed) {
     tov_record_end_wait(held, record);
@@ -362,7 +363,7 @@ void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
   tov_pid_t *record = searching_for(held, pid, vsd_id, process);
   if (record == nullptr) return;
   const pid_t forked = record->start.forked;
-  (void)tov_proc_tell_found(*record, forked, pid);
+  tov_proc_tell_found(*record, forked, pid);
   finish(held, record, pid);
   tov_claim_drop(*record, forked);
 }

@@ -110,8 +110,8 @@ TEST(NextDaemon, WaitsForAChildThatHasNotExecutedItsProgramYet) {
   device.kill(task.pid, SIGKILL);
   ASSERT_TRUE(wait_until([&] { return a_child_is_on_its_way(device); }, STORY_LIMIT_MS));
   device.kill_daemon();
-  device.start_ready_daemon();
   EXPECT_TRUE(a_child_is_on_its_way(device));
+  device.start_ready_daemon();
   next_birth(device, task);
   expect_one_copy(device, task, bystander);
   EXPECT_FALSE(a_child_is_on_its_way(device));

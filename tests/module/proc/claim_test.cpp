@@ -248,9 +248,11 @@ TEST_F(TovClaim, ChildIsKnownByTheNameThatItGave) {
 
 // A child of a daemon that had our id may still be on its way to its claim.
 TEST_F(TovClaim, NumbersDoNotBeginAtOneInEveryDaemon) {
+  constexpr unsigned int SPAN_US = 600'000'000;  // of this program's life
   const tov_claim_t claim = take(*registered());
-  const auto age_us = static_cast<unsigned int>(tov_clock_us()) - claim.number;
-  EXPECT_LT(age_us, 600'000'000u);
+  const auto now_us = static_cast<unsigned int>(tov_clock_us());
+  if (now_us < 2 * SPAN_US) GTEST_SKIP() << "the clock is near the numbers of all daemons";
+  EXPECT_LT(now_us - claim.number, SPAN_US);
 }
 
 // ---- the child ------------------------------------------------------------------------------

@@ -403,10 +403,12 @@ TEST_F(TovRebuildClaims, KeptFileThatIsNotWrittenYetGoes) {
 TEST_F(TovRebuildClaims, NewFileBesideTheOldOneSaysNothing) {
   const Program program("renewed");
   const pid_t pid = tov_test::start(program.path);
-  fs::rename(leave(pid, RESPAWN, program.path), std::string(DIRECTORY) + "/.claim.new.4999999");
+  fs::rename(leave(GONE, RESPAWN, program.path), std::string(DIRECTORY) + "/.claim.new.4999999");
+  leave(pid, RESPAWN, program.path);
   rebuild();
-  EXPECT_EQ(count(), 0);
-  EXPECT_THAT(names_in(DIRECTORY), IsEmpty());
+  EXPECT_NE(find(pid), nullptr);
+  EXPECT_EQ(count(), 1);
+  EXPECT_THAT(names_in(DIRECTORY), testing::ElementsAre(program.name + "." + std::to_string(pid)));
 }
 
 TEST_F(TovRebuildClaims, NewFileUnderTheOldNameIsTheLivingProcesses) {
@@ -453,6 +455,7 @@ TEST_F(TovRebuildChildren, OneThatIsOnItsWayIsWaitedFor) {
   const pid_t child = begin("exec " + program.path, [] { std::this_thread::sleep_for(400ms); });
   fs::create_hard_link(file, marker_of(child));
   rebuild();
+  EXPECT_EQ(program.birth().pid, child);
   EXPECT_NE(find(child), nullptr);
   EXPECT_EQ(count(), 1);
   EXPECT_EQ(program.births().size(), 1u);
@@ -504,6 +507,29 @@ TEST_F(TovRebuildChildren, OneThatIsRegisteredIsNotWaitedFor) {
   EXPECT_STREQ(find(child)->process, "/opt/other");
   EXPECT_EQ(count(), 2);
   EXPECT_FALSE(exists(marker_of(child)));
+}
+
+// Nobody served its request: the last daemon was gone.
+TEST_F(TovRebuildChildren, OfOneThatHasRegisteredItselfNothingElseIsStarted) {
+  for (const bool lives : {true, false}) {
+    const Program program(lives ? "itself" : "itselfgone");
+    const std::string file = leave(GONE, RESPAWN, program.path);
+    const TemporaryFile list(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
+    const pid_t child = begin("exec " + program.path, [] {});
+    program.birth();
+    if (!lives) tov_test::end_child(child);
+    fs::create_hard_link(file, marker_of(child));
+    leave(child, RESPAWN, program.path);
+    rebuild();
+    const Birth birth = program.birth(lives ? 1 : 2);
+    EXPECT_NE(find(birth.pid), nullptr) << lives;
+    EXPECT_EQ(count(), 1) << lives;
+    EXPECT_EQ(program.births().size(), lives ? 1u : 2u);
+    EXPECT_THAT(names_in(DIRECTORY),
+                testing::ElementsAre(program.name + "." + std::to_string(birth.pid)));
+    empty_registries();
+    fs::remove(DIRECTORY + ("/" + program.name + "." + std::to_string(birth.pid)));
+  }
 }
 
 TEST_F(TovRebuildChildren, StrangerThatWasGivenTheIdIsNotWaitedFor) {
