@@ -13,7 +13,6 @@
 #include "tests/device/story.h"
 #include "tests/device/waits.h"
 #include "tests/support/device.h"
-#include "tests/support/event_log.h"
 #include "tests/support/processes.h"
 
 using namespace tov_test;
