@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 
+#include <iostream>
 #include <optional>
 #include <string>
 
@@ -57,7 +58,9 @@ void expect_ends_soon(Device &device, Millis limit = END_LIMIT_MS) {
   const auto status = device.wait_daemon(limit);
   ASSERT_TRUE(status) << "it waits, too\n" << device.dump();
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
-  EXPECT_LE(milliseconds_since(begin_ns), limit.count() * patience());
+  const int64_t took_ms = milliseconds_since(begin_ns);
+  std::cout << "ended after " << took_ms << " ms\n";
+  EXPECT_LE(took_ms, limit.count() * patience());
 }
 
 // A task whose process was killed and that is not started again within the story.
