@@ -32,6 +32,7 @@
 #include "tests/support/birth.h"
 #include "tests/support/device.h"
 #include "tests/support/processes.h"
+#include "util/identity.h"
 #include "util/priority.h"
 #include "util/tov_utils.h"
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "util/priority.h"
+#include "util/identity.h"
 #include "util/tov_utils.h"
 
 static constexpr int DEAD_ITERATIONS = 50;

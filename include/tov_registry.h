@@ -78,15 +78,25 @@ enum {
   TOV_PID_BUCKETS = 256
 };
 
+/* Which process an id stands for, and what it executes; util/identity.h. Zeroed: not known. */
+typedef struct tov_identity_s {
+  uint64_t started; /* clock ticks since boot; 0: not known; TOV_NEVER_STARTED: no process has it */
+  uint64_t stack;   /* where the stack of its program begins; 0: not known */
+  uint64_t exe_dev; /* of its executable; with inode 0 not known */
+  uint64_t exe_ino;
+} tov_identity_t;
+#define TOV_NEVER_STARTED UINT64_MAX
+
 /* Bits of the field `flags`. */
 enum {
   TOV_FLAG_STARTED = 1,   /* went through a start procedure: the other of two duplicates is kept */
   TOV_FLAG_SELF_CHECK = 2 /* suspended; waits for the self-check alarm */
 };
 
-/* What a restart that is under way waits for. */
+/* What a record waits for; but for the first two a restart is under way. */
 enum {
-  TOV_WAIT_NONE,   /* nothing: no restart is under way */
+  TOV_WAIT_NONE,   /* nothing */
+  TOV_WAIT_END,    /* until it is certain that its process has ended, or lives */
   TOV_WAIT_TIME,   /* until `restart_time` is over */
   TOV_WAIT_LOOK,   /* for the look whether a listed program runs again by itself */
   TOV_WAIT_FORK,   /* until forks succeed, for its turn */
@@ -97,10 +107,11 @@ enum {
 /* Whether a listed program runs again by itself. */
 enum { TOV_LOOKED_NOT_YET, TOV_LOOKED_RUNS, TOV_LOOKED_RUNS_NOT };
 
-/* A restart under way, core/registry/record.h. Zeroed, there is none. */
+/* What a record waits for, and a restart under way, core/registry/record.h. Zeroed, there is none.
+ */
 typedef struct tov_start_s {
-  struct tov_list_head_s link; /* in the order of deadlines; zeroed while there is none */
-  uint64_t number;             /* of this restart among all since the daemon's start */
+  struct tov_list_head_s link; /* in the order of deadlines; zeroed while it does not wait */
+  uint64_t number;             /* of this wait among all since the daemon's start */
   int wait;                    /* TOV_WAIT_* */
   int64_t due_us;              /* monotonic microseconds: when it goes on */
   int occasion;                /* who asked for it, core/policy/revive.h */
@@ -113,11 +124,15 @@ typedef struct tov_start_s {
   int followed;                /* 1: the child is the last daemon's */
   pid_t forked;                /* the child; below 1: none */
   int looked;                  /* TOV_LOOKED_*: what the look said */
-  pid_t runs_as;               /* the process that it found */
+  pid_t runs_as;               /* the process that it found, */
+  uint64_t runs_started;       /* and its start, tov_identity_t */
   int scans;                   /* of /proc, made so far */
   int child_executed;          /* 1: the child's execution was heard meanwhile */
   int child_ended;             /* 1: the child's exit was heard meanwhile, */
   int child_code;              /* with this wait status */
+  int end_code;                /* TOV_WAIT_END: the wait status that was reported, */
+  int end_force;               /* with this haste, core/policy/exit.h */
+  int end_asked;               /* how often the kernel was asked whether it is true */
 } tov_start_t;
 
 /* One supervised process or one watched thread. All fields are guarded by the lock of the registry
@@ -153,6 +168,11 @@ typedef struct tov_pid_s {
   int stat_check_cnt;               /* sweeps in a row that did not find the process */
   unsigned int claim;               /* file that its process removes first, proc/claim.h; 0: none */
   tov_start_t start;                /* the restart under way, if there is one */
+  uint64_t serial;                  /* of this record among all since the daemon's start */
+  tov_identity_t identity;          /* of the process `pid`; in `tov_alive_chains` of the thread */
+  uint64_t owner_started;           /* in `tov_alive_chains` the start of `ppid`; 0: not known */
+  int seen;                         /* 1: its process was once seen as what is registered */
+  int ended;                        /* 1: the end of its process was accepted */
 } tov_pid_t;
 
 /* A registry: records hashed by process id. When two registries are held, `tov_chains` is taken

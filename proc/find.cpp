@@ -49,10 +49,16 @@ void tov_scan_s::look_for(const char *command, accepts_t accepts) {
   missing_++;
 }
 
+bool tov_scan_is_blind(int result) {
+  return result < 0 && result != -ENOENT && result != -ESRCH;
+}
+
 void tov_scan_s::read_command(const char *name) {
   const pid_t candidate = tov_atoi(name);
   char command[COMMAND_SIZE];
-  if (pid_to_cmdline(candidate, command, sizeof command) == nullptr) return;
+  const int result = tov_read_cmdline(candidate, command, sizeof command);
+  if (tov_scan_is_blind(result)) unread_ = result;
+  if (result < 0) return;
   rtrim(command);
   for (wanted_s &wanted : wanted_) {
     if (wanted.pid != 0 || strcmp(command, wanted.command) != 0) continue;
@@ -76,7 +82,7 @@ std::optional<int> tov_scan_s::go_on(int portion) {
   for (int read = 0; read != portion && !result_; read++) {
     const char *name = processes_->next();
     if (name == nullptr) {
-      result_ = 0;
+      result_ = unread_;
     } else if (names_a_process(name)) {
       read_command(name);
       if (missing_ == 0) result_ = 1;

@@ -30,8 +30,8 @@ class tov_scan_s {
 
   // Reads the command lines of at most `portion` further processes.
   // Returns nothing while there are more; then 1 when every command line has its process, 0 when
-  // one has none, negative errno when the scan could not be finished. A scan that is over answers
-  // the same again.
+  // one has none, negative errno when the scan could not be finished, or when one has none and the
+  // command line of some process could not be read. A scan that is over answers the same again.
   std::optional<int> go_on(int portion);
 
   // The first process of the command line that was added as number `index`, from 0 on; 0: none was
@@ -51,9 +51,13 @@ class tov_scan_s {
   std::vector<wanted_s> wanted_;
   size_t missing_ = 0;                      // command lines without a process
   std::optional<tov_entries_t> processes_;  // from the second round on
+  int unread_ = 0;                          // negative errno of a command line, 0: none
   std::optional<int> result_;
 };
 using tov_scan_t = tov_scan_s;
+
+// Whether the answer of a scan leaves it open what runs: it was no process's end that spoiled it.
+bool tov_scan_is_blind(int result);
 
 // Finds a process whose command line equals `proc`, whose trailing blanks and tabs are stripped in
 // place first. Scans /proc once, and again after 100, 200, ... ms for up to `retry_times` retries:

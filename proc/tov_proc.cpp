@@ -21,6 +21,7 @@
 #include "proc/files.h"
 #include "proc/find.h"
 #include "proc/how.h"
+#include "util/identity.h"
 #include "util/list_file.h"
 #include "util/procfs.h"
 #include "util/tov_sys.h"
@@ -94,7 +95,8 @@ start_s::start_s(const tov_pid_t &dead, const tov_proc_how_t &way, int device)
   }
   plan.in_device = TOV_SPAWN_VSD_MIN <= vsd_no && vsd_no <= TOV_SPAWN_VSD_MAX;
   // The child removes the dead one's marker, unless the id has been given out again meanwhile.
-  const bool reused = tov_process_state(dead.pid) == TOV_PROCESS_LIVES;
+  const tov_life_e life = tov_identity_life(dead.pid, dead.identity);
+  const bool reused = life == TOV_LIFE_LIVES || life == TOV_LIFE_REUSED;
   if (plan.in_device) tov_proc_env_prepare(&plan.env, vsd_no, reused ? 0 : dead.pid);
 }
 

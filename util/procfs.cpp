@@ -34,6 +34,7 @@ namespace {
 // Hands out the bytes of a file one by one.
 struct byte_reader_s {
   int fd;
+  int error = 0;  // of the read that ended it
   size_t at = 0;
   size_t filled = 0;
   unsigned char chunk[CMDLINE_CHUNK];
@@ -44,6 +45,7 @@ struct byte_reader_s {
   int next() {
     if (at == filled) {
       const ssize_t n = TEMP_FAILURE_RETRY(tov_sys_read(fd, chunk, sizeof chunk));
+      if (n < 0) error = errno;
       if (n <= 0) return -1;
       filled = static_cast<size_t>(n);
       at = 0;
@@ -77,23 +79,40 @@ static void append_arguments(byte_reader_s &reader, char *buf, int n, int len) {
   buf[p] = '\0';
 }
 
-char *pid_to_cmdline(pid_t pid, char *buf, int len) {
-  if (pid < 1 || len < 2) return nullptr;
-
+// The path of the executable. Returns its length, or -errno, and leaves buf as it was.
+static int read_executable(pid_t pid, char *buf, int len) {
+  if (pid < 1) return -ENOENT;
+  if (len < 2) return -EINVAL;
   char path[EXE_PATH_SIZE];
   snprintf(path, sizeof path, "/proc/%d/exe", pid);
   const ssize_t target = tov_sys_readlink(path, buf, static_cast<size_t>(len) - 1);
-  if (target < 0) return nullptr;
-  const int n = static_cast<int>(target);
-  buf[n] = '\0';
-  if (n + 3 > len) return buf;
+  if (target < 0) return -errno;
+  buf[target] = '\0';
+  return static_cast<int>(target);
+}
 
+// Appends the arguments behind the path of n bytes. Returns 0 or -errno.
+static int read_arguments(pid_t pid, char *buf, int n, int len) {
+  if (n + 3 > len) return 0;
+  char path[EXE_PATH_SIZE];
   snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
   const tov_fd_t fd(tov_sys_open(path, O_RDONLY | O_CLOEXEC));
-  if (fd.n < 0) return buf;
+  if (fd.n < 0) return -errno;
   byte_reader_s reader(fd.n);
   if (skip_first_argument(reader)) append_arguments(reader, buf, n, len);
+  return -reader.error;
+}
+
+char *pid_to_cmdline(pid_t pid, char *buf, int len) {
+  const int n = read_executable(pid, buf, len);
+  if (n < 0) return nullptr;
+  (void)read_arguments(pid, buf, n, len);
   return buf;
+}
+
+int tov_read_cmdline(pid_t pid, char *buf, int len) {
+  const int n = read_executable(pid, buf, len);
+  return n < 0 ? n : read_arguments(pid, buf, n, len);
 }
 
 // ---- status file ----------------------------------------------------------------------------
@@ -138,125 +157,64 @@ int tov_get_pid_name(pid_t pid, char *pid_name, int len) {
   return 0;
 }
 
-// ---- liveness -------------------------------------------------------------------------------
-
-namespace {
-
-// What one reading of a stat file says.
-enum look_e {
-  LOOK_LIVES,
-  LOOK_ENDED,    // a zombie or dead, and its process has no other thread
-  LOOK_NOBODY,   // no task has the id any more, or the one that was read has been released
-  LOOK_UNCLEAR,  // nothing that would prove either
-};
-
-}  // namespace
+// ---- stat file ------------------------------------------------------------------------------
 
 // The state letter in the text of a stat file, or null.
 static const char *state_in(const char *stat) {
   // The name stands in parentheses and may hold some itself, hence the last one.
   const char *name_end = strrchr(stat, ')');
-  return name_end != nullptr && name_end[1] == ' ' ? name_end + 2 : nullptr;
+  return name_end != nullptr && name_end[1] == ' ' && name_end[2] != '\0' ? name_end + 2 : nullptr;
 }
 
-// Whether a state letter says that the task has ended; the end of the text does so, too.
-static bool is_end(char state) {
-  return strchr("ZXx", state) != nullptr;
-}
-
-// One look at the state letter: true when it says neither zombie nor dead.
-static bool looks_alive(const char *path) {
-  char stat[STAT_SIZE];
-  if (tov_read_to_buf(path, stat, sizeof stat) < 0) return false;
-  const char *state = state_in(stat);
-  return state != nullptr && !is_end(*state);
-}
-
-// A numeric field of a stat file, from the text at the state letter, which is field 3; -1 when the
-// text has no such field. (All that are asked for are above 0.)
-static long long stat_field(const char *state, int number) {
+// A numeric field of a stat file, from the text at the state letter, which is field 3; 0 when the
+// text has no such field.
+static uint64_t stat_field(const char *state, int number) {
   static constexpr int STATE_NUMBER = 3;
   const char *field = state;
   for (int i = STATE_NUMBER; i < number; i++) {
     field = strchr(field, ' ');
-    if (field == nullptr) return -1;
+    if (field == nullptr) return 0;
     field++;
   }
-  if (!isdigit(static_cast<unsigned char>(*field))) return -1;
+  if (!isdigit(static_cast<unsigned char>(*field))) return 0;
   char *end = nullptr;
-  const long long value = strtoll(field, &end, 10);
-  return *end == ' ' ? value : -1;
+  const uint64_t value = strtoull(field, &end, 10);
+  return *end == ' ' ? value : 0;
 }
 
-bool tov_process_origin(pid_t pid, tov_origin_t *origin) {
-  static constexpr int SESSION = 6;
-  static constexpr int START_TIME = 22;
+int tov_read_stat(pid_t task, tov_stat_t *stat) {
+  enum { SESSION = 6, THREADS = 20, START_TIME = 22, START_STACK = 28 };
+  if (task < 1) return -ENOENT;
+  char path[STATUS_PATH_SIZE];
+  char text[STAT_SIZE];
+  snprintf(path, sizeof path, "/proc/%d/stat", task);
+  if (tov_read_to_buf(path, text, sizeof text) < 0) return -errno;
+  const char *state = state_in(text);
+  if (state == nullptr) return -EIO;
+  stat->state = *state;
+  stat->session = static_cast<pid_t>(stat_field(state, SESSION));
+  stat->threads = static_cast<int>(stat_field(state, THREADS));
+  stat->started = stat_field(state, START_TIME);
+  stat->stack = stat_field(state, START_STACK);
+  return 0;
+}
+
+bool tov_stat_is_end(char state) {
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
+int64_t tov_ticks_us(uint64_t ticks) {
   static constexpr int64_t US_PER_S = 1000000;
-  char path[STATUS_PATH_SIZE];
-  char stat[STAT_SIZE];
-  snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  if (tov_read_to_buf(path, stat, sizeof stat) < 0) return false;
-  const char *state = state_in(stat);
-  if (state == nullptr) return false;
-  const long long session = stat_field(state, SESSION);
-  const long long ticks = stat_field(state, START_TIME);
-  if (session < 0 || ticks < 0) return false;
-  origin->session = static_cast<pid_t>(session);
-  origin->born_us = ticks * (US_PER_S / sysconf(_SC_CLK_TCK));
-  return true;
+  return static_cast<int64_t>(ticks) * (US_PER_S / sysconf(_SC_CLK_TCK));
 }
 
-static look_e look_at(const char *path) {
-  static constexpr int THREADS = 20;
-  char stat[STAT_SIZE];
-  if (tov_read_to_buf(path, stat, sizeof stat) < 0) {
-    return errno == ENOENT || errno == ESRCH ? LOOK_NOBODY : LOOK_UNCLEAR;
-  }
-  const char *state = state_in(stat);
-  if (state == nullptr || *state == '\0') return LOOK_UNCLEAR;
-  if (!is_end(*state)) return LOOK_LIVES;
-  // The kernel counts a zombie itself until it is released, and prints 0 from then on.
-  switch (stat_field(state, THREADS)) {
-    case 1:
-      return LOOK_ENDED;
-    case 0:
-      return LOOK_NOBODY;
-    default:
-      return LOOK_UNCLEAR;
-  }
-}
-
-tov_process_state_e tov_process_state(pid_t pid) {
-  if (pid < 1) return TOV_PROCESS_DEAD;
-  char path[STATUS_PATH_SIZE];
-  snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  look_e look = look_at(path);
-  // A thread that executes a program takes over the id of its process's first thread, which is
-  // released. Whoever reads at that moment may have found the old one; the next look finds the new.
-  if (look == LOOK_NOBODY) look = look_at(path);
-  switch (look) {
-    case LOOK_LIVES:
-      return TOV_PROCESS_LIVES;
-    case LOOK_ENDED:
-    case LOOK_NOBODY:
-      return TOV_PROCESS_DEAD;
-    case LOOK_UNCLEAR:
-      break;
-  }
-  return TOV_PROCESS_UNCERTAIN;
-}
+// ---- liveness -------------------------------------------------------------------------------
 
 int process_life(pid_t pid) {
-  char path[STATUS_PATH_SIZE];
-  snprintf(path, sizeof path, "/proc/%d/stat", pid);
   for (int attempt = 0; attempt < TOV_LIFE_LOOKS; attempt++) {
-    if (pid > 0 && looks_alive(path)) return 0;
+    tov_stat_t stat;
+    if (tov_read_stat(pid, &stat) == 0 && !tov_stat_is_end(stat.state)) return 0;
     tov_sys_usleep(TOV_LIFE_PAUSE_US);
   }
   return -1;
-}
-
-bool tov_process_lives(pid_t pid) {
-  const tov_process_state_e state = tov_process_state(pid);
-  return state == TOV_PROCESS_UNCERTAIN ? process_life(pid) == 0 : state == TOV_PROCESS_LIVES;
 }

@@ -51,45 +51,46 @@ char *pid_to_cmdline(pid_t pid, char *buf, int len);
 // owns the thread, not the parent process. -1 when it cannot be read.
 pid_t tov_get_ppid_form_pid(pid_t pid);
 
+// The same text, for who must know what is missing in it. Returns 0, or -errno: of the link to the
+// executable (ENOENT: there is none; buf untouched), or of the arguments (the path alone is there).
+int tov_read_cmdline(pid_t pid, char *buf, int len);
+
 // Copies the name of a task ("Name:" of /proc/TASK/status) into `pid_name` of `len` bytes, cut to
 // len - 1 characters. Returns 0, or -1 (no buffer, no such task, empty name; buffer untouched).
 int tov_get_pid_name(pid_t pid, char *pid_name, int len);
 
-// ---- liveness -------------------------------------------------------------------------------
+// ---- stat file ------------------------------------------------------------------------------
 
-enum tov_process_state_e {
-  TOV_PROCESS_LIVES,
-  TOV_PROCESS_DEAD,       // for certain; so is what an id below 1 names
-  TOV_PROCESS_UNCERTAIN,  // it could not be found out, or other threads of an ended one still run
+// What /proc/TASK/stat says. A field that is not there, or hidden, is 0.
+struct tov_stat_s {
+  char state = '\0';
+  pid_t session = 0;     // id of its session; its own id: it leads it
+  int threads = 0;       // of its process that were not released, itself included
+  uint64_t started = 0;  // in clock ticks (10 ms) since boot
+  uint64_t stack = 0;    // where the stack of its program begins
 };
+using tov_stat_t = tov_stat_s;
 
-// Tells at once whether a process, or a single thread, lives. Certainly dead is who has no entry in
-// /proc, and who is a zombie or dead without another thread. Every failure but the missing entry
-// (no descriptor, no memory, a text that cannot be understood) leaves the question open.
-tov_process_state_e tov_process_state(pid_t pid);
+// Returns 0, or -errno: -ENOENT or -ESRCH, no task has the id; -EIO, there was no sense in the
+// text.
+int tov_read_stat(pid_t task, tov_stat_t *stat);
+
+// Whether a state letter says that the task has ended.
+bool tov_stat_is_end(char state);
+
+// Microseconds of CLOCK_BOOTTIME at that many clock ticks since boot.
+int64_t tov_ticks_us(uint64_t ticks);
+
+// ---- liveness -------------------------------------------------------------------------------
 
 // How often, and after which pauses, an answer is asked for before it counts as a death.
 inline constexpr int TOV_LIFE_LOOKS = 3;
 inline constexpr useconds_t TOV_LIFE_PAUSE_US = 10000;
-
-// Where a process comes from.
-struct tov_origin_s {
-  pid_t session = -1;   // id of its session; its own id: it leads it
-  int64_t born_us = 0;  // CLOCK_BOOTTIME at its start, to a clock tick (10 ms)
-};
-using tov_origin_t = tov_origin_s;
-
-// Reads it from /proc/PID/stat. Returns false when it cannot be read.
-bool tov_process_origin(pid_t pid, tov_origin_t *origin);
 
 // Tells whether a process lives: 0 when it does, -1 otherwise. Zombies are dead, and so is a
 // process whose first thread has ended while others still run.
 // Says 0 after one reading. Before it says -1 it reads three times and sleeps 10 ms after each,
 // about 30 ms in all, because the answer -1 may start a second copy of the program.
 int process_life(pid_t pid);
-
-// The same answer, without the pauses for who is certainly dead: what is uncertain is asked of
-// process_life().
-bool tov_process_lives(pid_t pid);
 
 #endif  // TOV_UTIL_PROCFS_H

@@ -89,7 +89,8 @@ inline pid_t tov_sys_fork() {
   return fork();
 }
 
-// kill(2). The caller has made sure that the id is above 1 and still the process it means.
+// kill(2). The caller has made sure that the id is above 1 and still the process it means; the
+// signal 0 is none and asks whether there is one.
 inline int tov_sys_kill(pid_t pid, int sig) {
   return kill(pid, sig);
 }

@@ -21,20 +21,25 @@ static int first_group(const char *groups) {
   return behind[0] == '\0' ? 0 : tov_atoi(behind + 1);
 }
 
-int get_vsdid(pid_t pid) {
+int tov_vsd_of(pid_t pid, int *vsd_id) {
   tov_status_file_t status(pid);
-  if (!status) {
-    const int cause = errno;
-    TOV_DBG("%s: fopen fail: %s\n", __func__, strerror(cause));
-    return -cause;
-  }
+  if (!status) return -errno;
   int group = 0;
   // The last such line counts: a program's name stands further up and may hold the word, too.
   for (const char *line = status.next(); line != nullptr; line = status.next()) {
     const char *groups = strstr(line, GROUPS);
     if (groups != nullptr) group = first_group(groups);
   }
-  return (group - TOV_VSD_GID_BASE) / TOV_VSD_GID_STEP;
+  *vsd_id = (group - TOV_VSD_GID_BASE) / TOV_VSD_GID_STEP;
+  return 0;
+}
+
+int get_vsdid(pid_t pid) {
+  int vsd_id = 0;
+  const int result = tov_vsd_of(pid, &vsd_id);
+  if (result == 0) return vsd_id;
+  TOV_DBG("%s: fopen fail: %s\n", __func__, strerror(-result));
+  return result;
 }
 
 int tov_vsd_or_base(pid_t pid) {

@@ -15,6 +15,9 @@
 // Returns that number; a negative errno, with a diagnostic, when the status file cannot be opened.
 int get_vsdid(pid_t pid);
 
+// The same, for who must know whether it could be read: 0, or -errno.
+int tov_vsd_of(pid_t pid, int *vsd_id);
+
 // The device under which a process is registered: that of get_vsdid(), or 0, the base system, when
 // that is below 0 or cannot be told.
 int tov_vsd_or_base(pid_t pid);

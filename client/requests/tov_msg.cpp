@@ -12,9 +12,12 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include <vector>
+
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
 #include "core/policy/revive.h"
+#include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -22,6 +25,7 @@
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "util/identity.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"
 
@@ -34,10 +38,13 @@ static void copy_field(char (&to)[SIZE], const char *from) {
 }
 
 // Reads the command line of the process or thread that a request is about into a new record's
-// `process`. Returns 0, or -1: it has gone, which is told under the handler's name.
+// `process`, and whose it is. Returns 0, or -1: it has gone, which is told under the handler's
+// name.
 static int read_process(const char *handler, const tov_msg_xtach_t *payload,
-                        char (&process)[TOV_PROCESS_SIZE]) {
-  if (pid_to_cmdline(payload->pid, process, sizeof process) != nullptr) {
+                        char (&process)[TOV_PROCESS_SIZE], tov_identity_t *identity) {
+  (void)tov_identity_take(payload->pid, identity);
+  const char *text = pid_to_cmdline(payload->pid, process, sizeof process);
+  if (text != nullptr && !tov_life_is_over(tov_identity_life(payload->pid, *identity))) {
     rtrim(process);
     return 0;
   }
@@ -49,12 +56,19 @@ static int read_process(const char *handler, const tov_msg_xtach_t *payload,
 
 // ---- exit actions -----------------------------------------------------------------------------
 
+// A record of a process that had the id before is another's.
+static bool is_registered(const tov_chains_guard_t &held, pid_t pid,
+                          const tov_identity_t &identity) {
+  const tov_pid_t *record = tov_record_newest_of(held, pid);
+  return record != nullptr && !tov_identity_differs(record->pid, record->identity, pid, identity);
+}
+
 // Returns false when the process is registered already.
 static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
-                           const char *process) {
+                           const char *process, const tov_identity_t &identity) {
   const tov_chains_guard_t hold(tov_chains);
   tov_revive_registers(hold, payload->pid, payload->vsd_id, process);
-  if (tov_record_newest_of(hold, payload->pid) != nullptr) return false;
+  if (is_registered(hold, payload->pid, identity)) return false;
   tov_pid_t *record = tov_chain_new_record();
   record->pid = payload->pid;
   record->vsd_id = payload->vsd_id;
@@ -63,6 +77,7 @@ static bool insert_process(const tov_msg_xtach_t *payload, int action, const cha
   copy_field(record->process, process);
   if (script != nullptr) copy_field(record->pathname, script);
   tov_chain_insert(&tov_chains, record);
+  tov_record_identify(hold, record, identity, true);
   return true;
 }
 
@@ -95,8 +110,9 @@ static void drop_vain_file(const tov_msg_xtach_t *payload) {
 static int register_process(const char *handler, const tov_msg_xtach_t *payload, int action,
                             const char *script) {
   char process[TOV_PROCESS_SIZE];
-  const int gone = read_process(handler, payload, process);
-  const bool inserted = gone == 0 && insert_process(payload, action, script, process);
+  tov_identity_t identity{};
+  const int gone = read_process(handler, payload, process, &identity);
+  const bool inserted = gone == 0 && insert_process(payload, action, script, process, identity);
   drop_vain_file(payload);
   if (!inserted) return gone;
   tov_log_with_type(TOV_LOG_REG_RESTART, "register - process:%.*s pid:%d, vsd_id:%d, action:%d\r\n",
@@ -114,23 +130,34 @@ int tov_process_shell_restart(tov_msg_xtach_t *payload, char *pathname) {
 }
 
 // Whether a withdrawal of `pid` means the record: that of the process, or of the child for which
-// its restart still searches. One whose restart waits is meant by the dead one's id, as long as
-// that has not been given out again.
-static bool is_meant(const tov_pid_t &record, pid_t pid, bool has_process) {
-  if (!tov_record_is_starting(record)) return record.pid == pid;
-  if (pid > 0 && record.start.forked == pid && record.start.child_ended == 0) return true;
-  return record.pid == pid && !has_process;
+// its restart still searches. A task whose process has ended is meant by the dead one's id, as long
+// as that has not been given out again.
+//   newest  record of a process with that id, or null
+static bool is_meant(const tov_pid_t &record, pid_t pid, const tov_pid_t *newest) {
+  const bool has_child = pid > 0 && record.start.forked == pid && record.start.child_ended == 0;
+  if (has_child && tov_record_is_starting(record)) return true;
+  if (record.pid != pid) return false;
+  if (tov_record_has_process(record)) return tov_record_shares_process(record, *newest);
+  return newest == nullptr && tov_record_life(record) != TOV_LIFE_REUSED;
+}
+
+static std::vector<tov_pid_t *> meant_by(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  std::vector<tov_pid_t *> meant;
+  const tov_pid_t *newest = tov_record_newest_of(held, pid);
+  for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
+    if (is_meant(record, pid, newest)) meant.push_back(&record);
+  }
+  return meant;
 }
 
 void tov_process_dump_all_msg(pid_t pid) {
   const tov_chains_guard_t held(tov_chains);
-  const bool has_process = tov_record_newest_of(held, pid) != nullptr;
-  for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
-    if (!is_meant(record, pid, has_process)) continue;
+  for (tov_pid_t *record : meant_by(held, pid)) {
     tov_log_with_type(TOV_LOG_REG_RESTART,
-                      "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record.process,
-                      record.pid, record.vsd_id, record.action);
-    tov_revive_give_up(held, &record);  // the client has usually removed the file already
+                      "unregister - process:%s pid:%d, vsd_id:%d, action:%d\r\n", record->process,
+                      record->pid, record->vsd_id, record->action);
+    tov_revive_give_up(held, record);  // the client has usually removed the file already
   }
 }
 
@@ -177,7 +204,8 @@ static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
 
 int tov_notifier_start(tov_msg_xtach_t *payload) {
   char process[TOV_PROCESS_SIZE];
-  if (read_process(__func__, payload, process) != 0) return -1;
+  tov_identity_t identity{};
+  if (read_process(__func__, payload, process, &identity) != 0) return -1;
   pid_t ppid = 0;
   watch_thread(payload, false, process, &ppid);
   tov_log_with_type(TOV_LOG_REG_ALIVE, "Thread %s/%d (pid %d) reg TOV thread-alive service.\n",
@@ -187,7 +215,8 @@ int tov_notifier_start(tov_msg_xtach_t *payload) {
 
 int tov_notifier_reset(tov_msg_xtach_t *payload) {
   char process[TOV_PROCESS_SIZE];
-  if (read_process(__func__, payload, process) != 0) return -1;
+  tov_identity_t identity{};
+  if (read_process(__func__, payload, process, &identity) != 0) return -1;
   pid_t ppid = 0;
   watch_thread(payload, true, process, &ppid);
   return 0;

@@ -71,6 +71,7 @@ void tov_cn_msg_exec(int pid, int) {
     return;
   }
   program.vsd_id = tov_vsd_or_base(pid);
+  (void)tov_identity_take(pid, &program.identity);
   {
     const tov_chains_guard_t guard(tov_chains);
     if (tov_proc_is_running(&program) != nullptr) {

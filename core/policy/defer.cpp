@@ -18,30 +18,48 @@
 
 enum { FILE_NAME_SIZE = 256 };
 
-int tov_proc_is_exit(const tov_pid_t *record) {
+namespace {
+
+enum lock_e { FREE, HELD, UNKNOWN };
+
+}  // namespace
+
+// Whether an error leaves it open what is in a file's place.
+static bool is_ignorance(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
+}
+
+static lock_e ask_lock(const tov_pid_t *record) {
+  static constexpr char function[] = "tov_proc_is_exit";  // as its messages name it
   char file[FILE_NAME_SIZE];
   tov_get_db_file_name(record->vsd_id, record->pid, record->process, file, sizeof file);
   const tov_fd_t fd(tov_open_regular(file, O_RDWR));
   if (fd.n < 0) {
-    TOV_DBG("%s: %s fd < 0: %s\n", __func__, file, strerror(errno));
-    return 1;
+    const int error = errno;
+    TOV_DBG("%s: %s fd < 0: %s\n", function, file, strerror(error));
+    return is_ignorance(error) ? UNKNOWN : FREE;
   }
   // Record locks never conflict with the caller's own: a file that the daemon wrote and locked on
   // behalf of a third-part program is always free here, and such a program is never deferred.
   if (lock_file(fd.n) == 0) {
     TOV_DBG("Succeed to lock file %s.\n", file);
-    return 1;
+    return FREE;
   }
   if (errno == EACCES || errno == EAGAIN) {
     TOV_DBG("be lock file %s, %s.\n", file, strerror(errno));
-    return 0;
+    return HELD;
   }
   TOV_DBG("Failed to lock file %s, %s.\n", file, strerror(errno));
-  return 1;
+  return UNKNOWN;
 }
 
+int tov_proc_is_exit(const tov_pid_t *record) {
+  return ask_lock(record) == HELD ? 0 : 1;
+}
+
+// While it cannot be known it is asked again, like a lock that is held.
 bool tov_defer_has_reason(const tov_pid_t &record) {
-  return tov_proc_is_exit(&record) != 1;
+  return ask_lock(&record) != FREE;
 }
 
 bool tov_defer_is_needed(const tov_pid_t &record) {
@@ -51,9 +69,17 @@ bool tov_defer_is_needed(const tov_pid_t &record) {
   return tov_defer_has_reason(record);
 }
 
+// The exits of two processes that had the same id are two.
+static bool is_parked(const tov_pid_t &record) TOV_REQUIRES(tov_chains_delay) {
+  for (const tov_pid_t &parked : tov_chain_bucket(&tov_chains_delay, pidhash(record.pid))) {
+    if (parked.pid == record.pid && parked.start.number == record.start.number) return true;
+  }
+  return false;
+}
+
 void tov_defer(const tov_pid_t &record) {
   const tov_chains_guard_t held(tov_chains_delay);
-  if (__tov_find_pid(&tov_chains_delay, record.pid) != nullptr) {
+  if (is_parked(record)) {
     TOV_DBG("%s pid %d exist in tov_chains_delay\n", "tov_proc_restart_delay", record.pid);
     return;
   }

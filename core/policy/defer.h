@@ -8,7 +8,8 @@
 
 #include "include/tov_registry.h"
 
-// Whether there is a reason to wait with what follows an exit: its registration file is locked.
+// Whether there is a reason to wait with what follows an exit: its registration file is locked, or
+// it cannot be known whether it is.
 // Every reason stands here: who parks an exit and who hands it back ask the same question.
 //   record  a registered one, or the copy that is parked: tov_record_defer() says which fields it
 //           has
@@ -17,7 +18,7 @@ bool tov_defer_has_reason(const tov_pid_t &record);
 // Whether the exit of `record` has to wait: its registration file is locked and it is not forced.
 bool tov_defer_is_needed(const tov_pid_t &record);
 
-// Parks the exit of `record` in `tov_chains_delay`; nothing when its process is parked there.
+// Parks the exit of `record` in `tov_chains_delay`; nothing when it is parked there.
 // Caller holds the lock of `tov_chains`, takes that of `tov_chains_delay`.
 void tov_defer(const tov_pid_t &record);
 

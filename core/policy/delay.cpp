@@ -2,8 +2,6 @@
 // because the decision about it is made without this registry's lock.
 #include "core/policy/delay.h"
 
-#include <sys/types.h>
-
 #include "core/policy/defer.h"
 #include "core/policy/exit.h"
 #include "core/registry/record.h"
@@ -21,16 +19,6 @@ enum {
   PAUSE_MS = 1000,
 };
 
-namespace {
-
-struct delayed_exit_s {
-  pid_t pid = 0;  // 0: none
-  int exit_signal = 0;
-  int force_restart = 0;
-};
-
-}  // namespace
-
 static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
   if (tov_get_time() - record.delay_tm > LONGEST_DELAY_S) {
     TOV_DBG("%s/%d more than 300s delay restart.\n", record.process, record.pid);
@@ -39,13 +27,13 @@ static bool is_due(const tov_chains_guard_t &held, tov_pid_t &record) {
   return record.force_restart == 1 || !tov_defer_has_reason(record);
 }
 
-// Takes the first exit whose wait is over out of the registry.
-static delayed_exit_s take_due() {
-  delayed_exit_s due;
+// Takes the first exit whose wait is over out of the registry; the id 0 is none.
+static tov_parked_exit_t take_due() {
+  tov_parked_exit_t due;
   const tov_chains_guard_t held(tov_chains_delay);
   for (tov_pid_t &record : tov_chain_records(&tov_chains_delay)) {
     if (!is_due(held, record)) continue;
-    due = {record.pid, record.exit_signal, record.force_restart};
+    due = {record.start.number, record.pid, record.exit_signal, record.force_restart};
     tov_chain_remove(&tov_chains_delay, &record);
     break;
   }
@@ -55,12 +43,12 @@ static delayed_exit_s take_due() {
 void *tov_delay_restart(void *) {
   (void)tov_core_thread_name("tov_delay_restart");  // only for those who look at the process
   while (!tov_flag_get(quit)) {
-    const delayed_exit_s due = take_due();
+    const tov_parked_exit_t due = take_due();
     // Without the delay lock: the decision takes that of `tov_chains`, which comes first.
     if (due.pid != 0) {
       TOV_DBG("pid:%d, exit_signal:0x%x, force_restart:%d\n", due.pid,
-              static_cast<unsigned int>(due.exit_signal), due.force_restart);
-      tov_hand_back_exit(due.pid, due.exit_signal, due.force_restart);
+              static_cast<unsigned int>(due.exit_code), due.force);
+      tov_hand_back_exit(due);
     }
     tov_ask_for_noted_reload();  // sleeps, which nobody waits for here
     (void)tov_quit_wait(PAUSE_MS);

@@ -4,10 +4,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <optional>
 #include <utility>
 
 #include "core/policy/defer.h"
@@ -25,9 +27,10 @@
 #include "log/tov_log.h"
 #include "proc/claim.h"
 #include "proc/tov_proc.h"
+#include "util/clock.h"
 #include "util/entries.h"
+#include "util/identity.h"
 #include "util/owner.h"
-#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/entry.h"
 #include "vsd/path.h"
@@ -49,7 +52,8 @@ class exit_case_s final : public tov_exit_case_t {
               int force)
       : held_(held), record_(record), verdict_(verdict), exit_code_(exit_code), force_(force) {}
 
-  bool lives() override { return verdict_ == REPORTED && tov_process_lives(record_->pid); }
+  bool lives() override { return life() == TOV_LIFE_LIVES; }
+  bool uncertain() override { return life() == TOV_LIFE_THREADS || life() == TOV_LIFE_UNKNOWN; }
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
   bool stopped() override { return verdict_ != ACCEPTED && tov_exit_is_stop(exit_code_); }
@@ -64,6 +68,8 @@ class exit_case_s final : public tov_exit_case_t {
   tov_registration_t later() const { return later_; }
 
  private:
+  tov_life_e life();
+  void ask_again();
   void drop();
   void note();
   void accept_stop();
@@ -74,6 +80,7 @@ class exit_case_s final : public tov_exit_case_t {
   verdict_e verdict_;
   int exit_code_;
   int force_;
+  std::optional<tov_life_e> life_;
   bool twin_asked_ = false;
   tov_twin_e twin_ = TOV_TWIN_NONE;
   tov_pid_t *other_ = nullptr;  // the twin's record
@@ -82,7 +89,26 @@ class exit_case_s final : public tov_exit_case_t {
 
 }  // namespace
 
+static constexpr int64_t ASK_AGAIN_US = 1000000;  // what cannot be known about another process
+
 static constexpr char function[] = "tov_handle_netlink_exit";  // as its messages name it
+
+// ---- whether it has ended -------------------------------------------------------------------
+
+// A verdict stands; a report is asked of the kernel, since a stranger may have the id, and since a
+// process lives as long as one of its threads does.
+tov_life_e exit_case_s::life() {
+  if (!life_) life_ = verdict_ == REPORTED ? tov_record_life(*record_) : TOV_LIFE_ENDED;
+  return *life_;
+}
+
+// Of a restart that goes on the same question is asked again; a sweep asks anew by itself.
+void exit_case_s::ask_again() {
+  if (verdict_ == ACCEPTED)
+    return tov_record_wait(held_, record_, record_->start.wait, tov_clock_us() + ASK_AGAIN_US);
+  if (verdict_ == REPORTED && !tov_record_is_starting(*record_))
+    tov_record_wait_end(held_, record_, exit_code_, force_);
+}
 
 // ---- duplicates -----------------------------------------------------------------------------
 
@@ -96,7 +122,9 @@ tov_twin_e exit_case_s::twin() {
   // it has left behind.
   if (other_->start.forked > 0) return twin_ = TOV_TWIN_LIVES;
   if (tov_record_is_starting(*other_)) return twin_ = TOV_TWIN_DEAD;
-  return twin_ = tov_process_lives(other_->pid) ? TOV_TWIN_LIVES : TOV_TWIN_DEAD;
+  const tov_life_e life = tov_record_life(*other_);
+  if (tov_life_is_over(life)) return twin_ = TOV_TWIN_DEAD;
+  return twin_ = life == TOV_LIFE_UNKNOWN ? TOV_TWIN_UNKNOWN : TOV_TWIN_LIVES;
 }
 
 // An exit that was reported concerns every record of its process, a verdict its own record.
@@ -120,14 +148,16 @@ void exit_case_s::drop() {
 void exit_case_s::note() {
   if (verdict_ == ACCEPTED) return;
   tov_claim_drop(*record_, record_->start.forked);
-  tov_del_node_chain_safe(record_, &tov_alive_chains);
+  if (tov_record_is_ending(*record_)) tov_record_end_wait(held_, record_);
+  tov_del_threads_of(*record_);
   tov_record_ended(held_, record_, exit_code_, force_);
 }
 
 // ---- deliberate stops -----------------------------------------------------------------------
 
 // Removes the files of `pid` from the member directory of a device. Directories - "db" always
-// stands there - are passed over; any other entry that cannot be opened stops the removal.
+// stands there - are passed over, and what goes meanwhile; any other entry that cannot be opened
+// stops the removal.
 static bool remove_member_files(int vsd_no, pid_t pid) {
   tov_entries_t files(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text);
   if (!files) {
@@ -138,7 +168,7 @@ static bool remove_member_files(int vsd_no, pid_t pid) {
     const tov_fd_t fd(
         openat(files.fd(), name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.n < 0) {
-      if (errno == EISDIR) continue;
+      if (errno == EISDIR || errno == ENOENT) continue;
       return false;
     }
     if (tov_atoi(name) == pid) (void)unlinkat(files.fd(), name, 0);
@@ -153,7 +183,8 @@ void exit_case_s::accept_stop() {
   (void)tov_log_with_type(TOV_LOG_RUN_EVENT,
                           "Task:%s,pid:%d,vsd_no:%d,killed by signal 15 from others.\n",
                           record_->process, record_->pid, vsd_no);
-  if (vsd_no > 0 && !remove_member_files(vsd_no, record_->pid)) return;
+  // Where another process has the id by now, the file is that one's.
+  if (vsd_no > 0 && life() != TOV_LIFE_REUSED && !remove_member_files(vsd_no, record_->pid)) return;
   TOV_DBG("%s: hlist_del\n", function);
   tov_record_forget(held_, record_);
 }
@@ -163,7 +194,8 @@ void exit_case_s::accept_stop() {
 // What was found may have ended since: it is looked for once more.
 bool exit_case_s::unknown_whether_it_runs() {
   const tov_start_t &start = record_->start;
-  if (start.looked == TOV_LOOKED_RUNS) return !tov_process_lives(start.runs_as);
+  if (start.looked == TOV_LOOKED_RUNS)
+    return tov_life_is_over(tov_identity_life(start.runs_as, {start.runs_started, 0, 0, 0}));
   return start.looked == TOV_LOOKED_NOT_YET && tov_proc_is_listed(*record_);
 }
 
@@ -174,8 +206,7 @@ void exit_case_s::hand_over() {
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
           by_script ? "SHELL_RESTART" : "RESPAWN", record_->start.runs_as);
   const pid_t found = record_->start.runs_as;
-  // Found under the record's own id, it cannot be registered while another record has that id.
-  forget(held_, record_, found == record_->pid ? REPORTED : verdict_);
+  forget(held_, record_, verdict_);
   later_ = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
 }
 
@@ -184,6 +215,10 @@ void exit_case_s::hand_over() {
 void exit_case_s::act(tov_exit_act_e act) {
   switch (act) {
     case TOV_EXIT_LEAVE:
+      if (tov_record_is_ending(*record_)) tov_record_end_wait(held_, record_);
+      return;
+    case TOV_EXIT_ASK_AGAIN:
+      return ask_again();
     case TOV_EXIT_WAIT_FOR_ALARM:
     case TOV_EXIT_ACT_NUM:
       return;
@@ -192,7 +227,7 @@ void exit_case_s::act(tov_exit_act_e act) {
     case TOV_EXIT_DROP:
       return drop();
     case TOV_EXIT_DROP_OTHER:
-      return forget(held_, other_, tov_record_is_starting(*other_) ? ACCEPTED : verdict_);
+      return forget(held_, other_, verdict_);
     case TOV_EXIT_NOTE:
       return note();
     case TOV_EXIT_ACCEPT_STOP:
@@ -210,7 +245,7 @@ void exit_case_s::act(tov_exit_act_e act) {
 
 static tov_registration_t decide_reported_exit(int pid, int exit_code, int force) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_record_oldest_of(held, pid);
+  tov_pid_t *record = tov_record_of_exit(held, pid);
   if (record == nullptr) record = tov_record_deferred(held, pid);  // told about once more
   if (record == nullptr) return {};
   exit_case_s asked(held, record, REPORTED, exit_code, force);
@@ -223,28 +258,33 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force) {
   tov_waits_finish();
 }
 
+// The end of a process that was reported, and was not certain.
+static tov_registration_t decide_kept_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
+  exit_case_s asked(held, record, REPORTED, record->start.end_code, record->start.end_force);
+  (void)tov_exit_decide(asked);
+  return asked.later();
+}
+
 tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
+  if (tov_record_is_ending(*record)) return decide_kept_exit(held, record);
   if (tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record), tov_registration_t{};
   exit_case_s asked(held, record, ACCEPTED, record->exit_signal, record->force_restart);
   (void)tov_exit_decide(asked);
   return asked.later();
 }
 
-// Returns false when the exit of `pid` is not parked any more.
-static bool decide_parked_exit(int pid, int exit_code, int force, tov_registration_t *later) {
+static tov_registration_t decide_parked_exit(const tov_parked_exit_t &parked) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_record_deferred(held, pid);
-  if (record == nullptr) return false;
-  tov_record_ended(held, record, exit_code, force);
-  *later = tov_exit_go_on(held, record);
-  return true;
+  tov_pid_t *record = tov_record_of_start(held, parked.number);
+  if (record == nullptr || record->start.wait != TOV_WAIT_LOCK) return {};
+  tov_record_ended(held, record, parked.exit_code, parked.force);
+  return tov_exit_go_on(held, record);
 }
 
-void tov_hand_back_exit(int pid, int exit_code, int force) {
-  tov_registration_t later;
-  if (!decide_parked_exit(pid, exit_code, force, &later))
-    return tov_handle_netlink_exit(pid, exit_code, force);
-  tov_register_found(later);
+void tov_hand_back_exit(const tov_parked_exit_t &parked) {
+  if (parked.number == 0)
+    return tov_handle_netlink_exit(parked.pid, parked.exit_code, parked.force);
+  tov_register_found(decide_parked_exit(parked));
 }
 
 tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record) {

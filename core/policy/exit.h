@@ -10,6 +10,7 @@
 #ifndef TOV_CORE_POLICY_EXIT_H
 #define TOV_CORE_POLICY_EXIT_H
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include "core/registry/tov_chain.h"
@@ -20,8 +21,9 @@
 //   exit_code  wait status
 //   force      1: do not wait any longer for the lock on its registration file
 // Takes the lock of `tov_chains` (recursive). A process that is not registered, or that lives,
-// is left alone. Returns when the exit is decided; a restart that waits goes on in the event
-// handler (without one: is made before the return, tov_waits_finish()).
+// is left alone; where it is not certain that it has ended, the record keeps the report and the
+// kernel is asked again. Returns when the exit is decided; a restart that waits goes on in the
+// event handler (without one: is made before the return, tov_waits_finish()).
 void tov_handle_netlink_exit(int pid, int exit_code, int force);
 
 // A running process of a third-part program that is to be registered in place of a dead one; the
@@ -42,16 +44,26 @@ using tov_registration_t = tov_registration_s;
 [[nodiscard]] tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held,
                                                       tov_pid_t *record);
 
-// Goes on with a restart that has waited: the rules are asked again from the duplicate test on,
+// Goes on with a record that has waited: asks again whether its process has ended, or goes on with
+// its restart: the rules are asked again from the duplicate test on,
 // since the program may have been registered anew meanwhile; what was counted, noted and announced
 // is not so once more. A record whose device is being deleted, or is gone, is removed.
 //   held, record, result  as above
 [[nodiscard]] tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// Goes on with an exit that was parked in `tov_chains_delay`: it was accepted then, so a stranger
-// that lives under its id by now does not matter.
-//   pid, exit_code, force  as parked; without such a record it is an exit like any other
-void tov_hand_back_exit(int pid, int exit_code, int force) TOV_EXCLUDES(tov_chains);
+// An exit that was parked in `tov_chains_delay`.
+struct tov_parked_exit_s {
+  uint64_t number = 0;  // of the restart that waits for it, tov_start_t; 0: none does
+  pid_t pid = 0;
+  int exit_code = 0;
+  int force = 0;
+};
+using tov_parked_exit_t = tov_parked_exit_s;
+
+// Goes on with it: it was accepted then, so a stranger that lives under its id by now does not
+// matter. Where no restart waits for it, it is an exit like any other; where that restart is over,
+// or its record gone, there is nothing to do.
+void tov_hand_back_exit(const tov_parked_exit_t &parked) TOV_EXCLUDES(tov_chains);
 
 // Registers the process with our own server, which takes the lock of `tov_chains` in another
 // thread: never call it with that lock held. A failure is logged. Waits for the server's answer.

@@ -17,6 +17,7 @@ class forecast_s final : public tov_exit_case_t {
       : record_(record), situation_(situation), ending_(ending), foreseen_(foreseen) {}
 
   bool lives() override { return !ending_.lost && situation_.lives; }
+  bool uncertain() override { return !ending_.lost && situation_.uncertain; }
   tov_twin_e twin() override { return situation_.twin; }
   bool suspended() override { return tov_record_is_suspended(record_); }
   bool stopped() override { return tov_exit_is_stop(ending_.exit_code); }

@@ -18,6 +18,7 @@
 // What the process, the registry and the files are like when the exit is handled.
 struct tov_situation_s {
   bool lives = false;               // the process that is to have ended
+  bool uncertain = false;           // whether it has: its threads are left, or it cannot be known
   tov_twin_e twin = TOV_TWIN_NONE;  // another process registered for the same task
   bool locked = false;              // its registration file, by another process than the daemon
   bool runs_again = false;          // a listed program of which another process runs

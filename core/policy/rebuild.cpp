@@ -33,6 +33,7 @@
 #include "proc/claim.h"
 #include "proc/find.h"
 #include "util/entries.h"
+#include "util/identity.h"
 #include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
@@ -163,9 +164,9 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
 
 // Not one that was given the child's id since.
 static bool is_child(pid_t pid, const char *path) {
-  tov_origin_t origin;
-  return tov_process_lives(pid) && tov_process_origin(pid, &origin) &&
-         origin.born_us - TICK_US <= file_time_us(path, STATX_CTIME);
+  tov_stat_t stat;
+  return tov_process_lives(pid) && tov_read_stat(pid, &stat) == 0 &&
+         tov_ticks_us(stat.started) - TICK_US <= file_time_us(path, STATX_CTIME);
 }
 
 // Whose task the child has executed, or is about to, or null: it was withdrawn.
@@ -217,10 +218,11 @@ static bool succeeds(pid_t pid, const dead_s &dead) {
   struct stat status {};
   char path[PROC_PATH_SIZE];
   (void)snprintf(path, sizeof path, "/proc/%d", pid);
-  tov_origin_t origin;
+  tov_stat_t stat;
   return __tov_find_pid(&tov_chains, pid) == nullptr && tov_sys_lstat(path, &status) == 0 &&
-         status.st_uid == 0 && tov_process_origin(pid, &origin) && origin.session == pid &&
-         origin.born_us + TICK_US > dead.written_us && tov_vsd_or_base(pid) == dead.record->vsd_id;
+         status.st_uid == 0 && tov_read_stat(pid, &stat) == 0 && stat.session == pid &&
+         tov_ticks_us(stat.started) + TICK_US > dead.written_us &&
+         tov_vsd_or_base(pid) == dead.record->vsd_id;
 }
 
 // The successors of all dead processes, 0 where there is none. One scan of /proc that something

@@ -26,9 +26,11 @@
 #include "log/tov_dbg.h"
 #include "proc/burst.h"
 #include "proc/claim.h"
+#include "proc/find.h"
 #include "proc/task_name.h"
 #include "proc/tov_proc.h"
 #include "util/clock.h"
+#include "util/identity.h"
 #include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
@@ -39,8 +41,9 @@
 static constexpr int64_t US_PER_S = 1000000;
 
 enum {
-  LOOK_PAUSE_US = 30000,  // after the end of a listed program
-  LOOKS_MAX = 10,         // for it, of which each could not be finished
+  LOOK_PAUSE_US = 30000,     // after the end of a listed program
+  LOOKS_MAX = 10,            // for it, of which each could not be finished
+  BLIND_PAUSE_US = 1000000,  // before the next scan, where nothing could be read
 };
 
 namespace {
@@ -257,14 +260,24 @@ void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SI
   rtrim(command);
 }
 
+static uint64_t started_of(pid_t pid) {
+  tov_identity_t identity{};
+  (void)tov_identity_take(pid, &identity);
+  return identity.started;
+}
+
 // A scan that something else's end spoiled has not said that the program does not run, and a second
-// copy of it would be started; but on a machine where something always ends it says no more.
+// copy of it would be started; but on a machine where something always ends it says no more. One
+// that could not read says nothing, however often.
 void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found) {
   tov_start_t *start = tov_record_start(held, record);
+  if (found == 0 && tov_scan_is_blind(result))
+    return wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + BLIND_PAUSE_US);
   start->scans++;
   if (found > 0 || result >= 0 || start->scans >= LOOKS_MAX) {
     start->looked = found > 0 ? TOV_LOOKED_RUNS : TOV_LOOKED_RUNS_NOT;
     start->runs_as = found;
+    start->runs_started = started_of(found);
     start->scans = 0;
   }
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
@@ -311,9 +324,11 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t fo
   if (!failed && came_to_nothing(start, found)) tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found,
                          std::vector<tov_cnmsg_data_t> *heard) {
   if (found == 0 && tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
+  if (found == 0 && tov_scan_is_blind(result))
+    return tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + BLIND_PAUSE_US);
   tov_start_t *start = tov_record_start(held, record);
   if (found > 0 || start->scans >= TOV_SEARCH_RETRIES) return conclude(held, record, found, heard);
   start->scans++;

@@ -70,7 +70,7 @@ void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int re
 // The same for a record that searched.
 //   record  may be freed
 //   heard   gets what was heard of the process meanwhile, for the caller to handle after the lock
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found,
                          std::vector<tov_cnmsg_data_t> *heard);
 
 // Keeps an event of a child for which its restart still searches, until the search has ended.

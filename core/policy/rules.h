@@ -12,6 +12,7 @@
 // What is to be done.
 enum tov_exit_act_e {
   TOV_EXIT_LEAVE,           // the process lives: nothing
+  TOV_EXIT_ASK_AGAIN,       // it cannot be decided yet: what was reported is kept, and asked again
   TOV_EXIT_DROP,            // another registration of the task is in charge: this one goes
   TOV_EXIT_DROP_OTHER,      // the other registration's process is dead as well: that one goes
   TOV_EXIT_WAIT_FOR_ALARM,  // suspended: nothing, the self-check alarm will start it
@@ -31,6 +32,7 @@ enum tov_twin_e {
   TOV_TWIN_IN_CHARGE,  // yes, and this record never went through a start: it gives way unasked
   TOV_TWIN_LIVES,      // yes, and that process lives
   TOV_TWIN_DEAD,       // yes, but that process is dead
+  TOV_TWIN_UNKNOWN,    // yes, and it cannot be known whether that process lives
 };
 
 class tov_exit_case_s;
@@ -46,7 +48,8 @@ using tov_exit_rule_t = tov_exit_rule_s;
 // The questions, in the order in which the rules ask them; twin() is asked by more than one.
 class tov_exit_case_s {
  public:
-  virtual bool lives() = 0;  // the process that was reported as ended
+  virtual bool lives() = 0;      // the process that was reported as ended
+  virtual bool uncertain() = 0;  // its end: threads of it are left, or it cannot be known
   virtual tov_twin_e twin() = 0;
   virtual bool suspended() = 0;
   virtual bool stopped() = 0;                  // by SIGTERM: it was asked to end
@@ -74,7 +77,7 @@ inline bool tov_exit_is_stop(int exit_code) {
 }
 
 enum {
-  TOV_EXIT_RULES_NUM = TOV_EXIT_ACT_NUM + 1  // every act has a rule, TOV_EXIT_DROP has two
+  TOV_EXIT_RULES_NUM = TOV_EXIT_ACT_NUM + 2  // every act has a rule, two acts have two
 };
 
 // The table; the last rule always applies.

@@ -1,6 +1,12 @@
-// A bucket is compared with /proc first and decided about second, both under the lock. What the
-// decisions want registered is registered after the lock is released.
+// A bucket is compared with /proc first, process by process without the lock, and decided about
+// second, under it. What the decisions want registered is registered after the lock is released.
+//
+// Tested by: tests/unit/core/policy/sweep_test.cpp, tests/module/core/policy/sweep_test.cpp,
+// tests/device/sweep_test.cpp
 #include "core/policy/sweep.h"
+
+#include <stdint.h>
+#include <sys/types.h>
 
 #include <vector>
 
@@ -14,6 +20,7 @@
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
+#include "util/identity.h"
 
 enum {
   SWEEP_MS = 60000,  // in equal parts for the buckets
@@ -29,15 +36,62 @@ static bool is_passed_over(const tov_pid_t &record) {
   return tov_record_is_starting(record) && record.start.wait != TOV_WAIT_LOCK;
 }
 
-static void look_at(const tov_chains_guard_t &held, tov_pid_t &record) {
-  if (is_passed_over(record)) return;
-  if (tov_check_process_alive(&record) == 0) {
-    tov_record_clear_misses(held, &record);
-    return;
+namespace {
+
+// A record whose process is asked for, as it was when the lock was held.
+struct asked_s {
+  pid_t pid;
+  uint64_t serial;
+  tov_identity_t identity;
+};
+
+}  // namespace
+
+static std::vector<asked_s> whom_to_ask(unsigned int bucket) {
+  std::vector<asked_s> asked;
+  const tov_chains_guard_t held(tov_chains);
+  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, bucket)) {
+    if (!is_passed_over(record)) asked.push_back({record.pid, record.serial, record.identity});
   }
+  return asked;
+}
+
+static void miss(const tov_chains_guard_t &held, tov_pid_t *record, tov_found_e found) {
   (void)tov_log_with_type(TOV_LOG_RESTART, "%s: tov_pid(%s, %d, %d) is not running.\n", function,
-                          record.process, record.vsd_id, record.pid);
-  tov_record_missed(held, &record);
+                          record->process, record->vsd_id, record->pid);
+  // One that lives is told about, and no more.
+  if (found == TOV_FOUND_UNLIKE) return tov_record_clear_misses(held, record);
+  tov_record_missed(held, record);
+}
+
+static void apply(const tov_chains_guard_t &held, tov_pid_t *record, const tov_reading_t &reading) {
+  const tov_found_e found = tov_compare_process(*record, reading);
+  switch (found) {
+    case TOV_FOUND_AS_REGISTERED:
+      tov_record_identify(held, record, reading.now, true);
+      return tov_record_clear_misses(held, record);
+    case TOV_FOUND_ALIVE:
+      return tov_record_clear_misses(held, record);
+    case TOV_FOUND_UNKNOWN:
+      return;
+    case TOV_FOUND_UNLIKE:
+    case TOV_FOUND_OTHER:
+    case TOV_FOUND_GONE:
+      return miss(held, record, found);
+  }
+}
+
+// The process is read without the lock, since its command line may keep the reader waiting. What
+// was read counts only if the record still stands for the process that was asked for.
+static void look_at(const asked_s &asked, int *unknown) {
+  tov_reading_t reading;
+  tov_read_process(asked.pid, asked.identity, &reading);
+  if (reading.life == TOV_LIFE_UNKNOWN) ++*unknown;
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_record_of_serial(held, asked.pid, asked.serial);
+  const bool is_same = record != nullptr && !is_passed_over(*record) &&
+                       record->identity.started == asked.identity.started;
+  if (is_same) apply(held, record, reading);
 }
 
 // A record of the bucket that was missed once too often, or null.
@@ -48,12 +102,10 @@ static tov_pid_t *find_lost(unsigned int bucket) TOV_REQUIRES(tov_chains) {
   return nullptr;
 }
 
-// The bucket's share under the lock. Returns the processes to register when it is gone.
+// Returns the processes to register when the lock is gone.
 static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
   std::vector<tov_registration_t> found;
   const tov_chains_guard_t held(tov_chains);
-  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, bucket))
-    look_at(held, record);
   // A walk of its own for each: the decision about one record may remove others.
   while (tov_pid_t *lost = find_lost(bucket)) {
     tov_record_clear_misses(held, lost);
@@ -66,9 +118,13 @@ static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
   return found;
 }
 
-void tov_sweep_bucket(unsigned int bucket) {
+int tov_sweep_bucket(unsigned int bucket) {
+  int unknown = 0;
+  for (const asked_s &asked : whom_to_ask(bucket))
+    look_at(asked, &unknown);
   for (const tov_registration_t &found : decide_about(bucket))
     tov_register_found(found);
+  return unknown;
 }
 
 // 234 or 235, so that the sum is exact.
@@ -79,13 +135,22 @@ static int pause_ms_behind(unsigned int bucket) {
   return static_cast<int>(due_ms(bucket + 1) - due_ms(bucket));
 }
 
+static void tell_unknown(int count) {
+  if (count == 0) return;
+  (void)tov_log_with_type(TOV_LOG_ERROR,
+                          "%s: %d processes could not be looked at, nothing is concluded.\n",
+                          function, count);
+}
+
 void *tov_proc_stat_check(void *) {
   (void)tov_core_thread_name("tov_proc_stat_check");  // only for those who look at the process
   while (!tov_flag_get(quit)) {
+    int unknown = 0;
     for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS && !tov_flag_get(quit); bucket++) {
-      tov_sweep_bucket(bucket);
+      unknown += tov_sweep_bucket(bucket);
       (void)tov_quit_wait(pause_ms_behind(bucket));
     }
+    tell_unknown(unknown);
   }
   return nullptr;
 }

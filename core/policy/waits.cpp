@@ -69,7 +69,7 @@ void tov_waits_s::end_scan(const tov_scan_t &scan, int result, step_s *step) {
     if (record->start.wait == TOV_WAIT_LOOK) {
       tov_revive_looked(held, record, result, found);
     } else {
-      tov_revive_searched(held, record, found, &step->heard);
+      tov_revive_searched(held, record, result, found, &step->heard);
     }
   }
 }
@@ -121,10 +121,16 @@ static void nap_until(int64_t due_us) {
   if (left_us > 0) tov_sys_usleep(static_cast<useconds_t>(std::min<int64_t>(left_us, NAP_US)));
 }
 
+static bool any_starts() {
+  const tov_chains_guard_t held(tov_chains);
+  return tov_record_any_starts(held);
+}
+
+// What waits for a process's end is no restart, and that end need not come.
 void tov_waits_finish(void) {
   if (tov_flag_get(left_to_handler) != 0) return;
   tov_waits_t waits;
-  for (int64_t next_us = 0; next_us != NEVER_US && !tov_flag_get(quit);) {
+  for (int64_t next_us = 0; (next_us == 0 || any_starts()) && !tov_flag_get(quit);) {
     nap_until(next_us);
     const tov_waits_t::step_s step = waits.go_on();
     for (const tov_cnmsg_data_t &event : step.heard)

@@ -12,6 +12,8 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include "client/tov_pidfile.h"
 #include "core/registry/links.h"
 #include "core/registry/tov_chain.h"
@@ -21,12 +23,17 @@
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
+#include "util/clock.h"
+#include "util/identity.h"
 
 enum {
   BURST_SPAN_S = 120,
-  BURST_LIMIT = 4,  // the start that goes beyond it is not made
+  BURST_LIMIT = 4,     // the start that goes beyond it is not made
+  END_DOUBLINGS = 10,  // of the pause between two questions, until it is about a second
   FILE_NAME_SIZE = 256,
 };
+
+static constexpr int64_t END_PAUSE_US = 1000;
 
 // ---- questions ------------------------------------------------------------------------------
 
@@ -38,8 +45,22 @@ bool tov_record_is_suspended(const tov_pid_t &record) {
   return flagged || waits;
 }
 
+bool tov_record_is_ending(const tov_pid_t &record) {
+  return record.start.wait == TOV_WAIT_END;
+}
+
 bool tov_record_is_starting(const tov_pid_t &record) {
-  return record.start.wait != TOV_WAIT_NONE;
+  return record.start.wait != TOV_WAIT_NONE && !tov_record_is_ending(record);
+}
+
+bool tov_record_has_process(const tov_pid_t &record) {
+  return record.pid > 0 && record.ended == 0 && !tov_record_is_starting(record) &&
+         !tov_record_is_suspended(record);
+}
+
+bool tov_record_shares_process(const tov_pid_t &one, const tov_pid_t &other) {
+  return tov_record_has_process(one) && tov_record_has_process(other) &&
+         !tov_identity_differs(one.pid, one.identity, other.pid, other.identity);
 }
 
 bool tov_record_is_restarted(const tov_pid_t &record) {
@@ -77,6 +98,14 @@ void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exi
   (void)registry_of(held);
   record->exit_signal = exit_code;
   record->force_restart = force;
+  record->ended = 1;
+}
+
+void tov_record_identify(const tov_chains_guard_t &held, tov_pid_t *record,
+                         const tov_identity_t &identity, bool seen) {
+  (void)registry_of(held);
+  record->identity = identity;
+  record->seen = seen ? 1 : 0;
 }
 
 void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
@@ -133,19 +162,14 @@ static tov_pid_t *record_of(tov_list_head_s *link) {
                                        offsetof(tov_pid_t, start.link));
 }
 
-static void begin_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
+static void wait_until(const tov_chains_guard_t &held, tov_pid_t *record, int wait,
+                       int64_t due_us) {
   static uint64_t last_number TOV_GUARDED_BY(tov_chains) = 0;
   held.shows(tov_chains);
-  record->start.number = ++last_number;
-  record->stat_check_cnt = 0;  // they were counted for a process that is no more
-}
-
-void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us) {
-  held.shows(tov_chains);
-  if (tov_record_is_starting(*record)) {
-    tov_list_del(&record->start.link);
+  if (record->start.wait == TOV_WAIT_NONE) {
+    record->start.number = ++last_number;
   } else {
-    begin_wait(held, record);
+    tov_list_del(&record->start.link);
   }
   record->start.wait = wait;
   record->start.due_us = due_us;
@@ -155,6 +179,22 @@ void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait
     earlier = earlier->prev;
   tov_list_add(&record->start.link, earlier);
   if (earlier == &waiting) tov_wake();
+}
+
+void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us) {
+  // They were counted for a process that is no more.
+  if (!tov_record_is_starting(*record)) record->stat_check_cnt = 0;
+  wait_until(held, record, wait, due_us);
+}
+
+void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code,
+                         int force) {
+  tov_start_t *start = tov_record_start(held, record);
+  start->end_code = exit_code;
+  start->end_force = force;
+  // The threads of a process that is killed end one after another, in less than that.
+  const int64_t pause_us = END_PAUSE_US << std::min<int>(start->end_asked++, END_DOUBLINGS);
+  wait_until(held, record, TOV_WAIT_END, tov_clock_us() + pause_us);
 }
 
 tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record) {
@@ -179,21 +219,43 @@ tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number) 
   return nullptr;
 }
 
-tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid) {
+tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial) {
   held.shows(tov_chains);
   for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid == pid && !tov_record_is_starting(record)) return &record;
+    if (record.serial == serial && record.pid == pid) return &record;
   }
   return nullptr;
 }
 
-tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid) {
+tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid) {
   held.shows(tov_chains);
-  tov_pid_t *oldest = nullptr;
   for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid == pid && !tov_record_is_starting(record)) oldest = &record;
+    if (record.pid == pid && tov_record_has_process(record)) return &record;
+  }
+  return nullptr;
+}
+
+static const tov_pid_t *oldest_of(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  const tov_pid_t *oldest = nullptr;
+  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && tov_record_has_process(record)) oldest = &record;
   }
   return oldest;
+}
+
+tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  // Each record is newer than those behind it.
+  tov_pid_t *living = nullptr, *over = nullptr;
+  const bool is_one = tov_record_newest_of(held, pid) == oldest_of(held, pid);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid != pid || !tov_record_has_process(record)) continue;
+    const bool has_ended =
+        !is_one && tov_life_is_over(tov_identity_life(record.pid, record.identity));
+    (has_ended ? over : living) = &record;
+  }
+  return over != nullptr ? over : living;
 }
 
 tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
@@ -206,7 +268,7 @@ tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
 
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
-  if (tov_record_is_starting(*record)) tov_list_del(&record->start.link);
+  if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   record->start = {};
 }
 
@@ -218,6 +280,14 @@ tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us) {
 int64_t tov_record_next_due_us(const tov_chains_guard_t &held) {
   held.shows(tov_chains);
   return waiting.next == &waiting ? INT64_MAX : record_of(waiting.next)->start.due_us;
+}
+
+bool tov_record_any_starts(const tov_chains_guard_t &held) {
+  held.shows(tov_chains);
+  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
+    if (tov_record_is_starting(*record_of(link))) return true;
+  }
+  return false;
 }
 
 void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number) {
@@ -244,10 +314,17 @@ static void remove_file(const tov_chains_guard_t &held, const tov_pid_t *record)
   if (tov_record_owns_file(held, *record)) (void)tov_db_destroy(record);
 }
 
+// Of a process that has just been started no more counts than its start: it is a shell, or a copy
+// of the daemon, until it executes what is registered.
 static void give_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_t new_pid) {
   tov_chain_rekey(registry_of(held), record, new_pid);
   record->force_restart = 0;
   record->stat_check_cnt = 0;
+  tov_identity_t identity{};
+  (void)tov_identity_take(new_pid, &identity);
+  record->identity = {identity.started, 0, 0, 0};
+  record->seen = 0;
+  record->ended = 0;
   tov_reset_lmk(new_pid);
 }
 
@@ -278,6 +355,8 @@ void tov_record_clear_misses(const tov_chains_guard_t &held, tov_pid_t *record) 
 void tov_record_defer(const tov_chains_guard_t &held, const tov_pid_t &record, time_t now) {
   tov_pid_t *copy = tov_chain_new_record();  // everything else of it is zero
   copy->pid = record.pid;
+  copy->identity = record.identity;
+  copy->start.number = record.start.number;
   copy->vsd_id = record.vsd_id;
   copy->alarm_wait_flag = record.alarm_wait_flag;
   copy->restart_time = record.restart_time;
@@ -305,8 +384,7 @@ void tov_record_forget_process(const tov_chains_guard_t &held, tov_pid_t *record
   held.shows(tov_chains);
   const pid_t pid = record->pid;
   for (tov_pid_t &other : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    // One whose restart waits shares the number with it, not the process.
-    if (&other == record || other.pid != pid || tov_record_is_starting(other)) continue;
+    if (&other == record || !tov_record_shares_process(other, *record)) continue;
     TOV_DBG("%s del pid %d\n", "__tov_del_pid", pid);
     tov_chain_remove(&tov_chains, &other);
   }

@@ -1,5 +1,8 @@
 // The life of a supervised process's record, and the only writer of it.
 //
+//     ending
+//      ▲  │ wait_end, end_wait
+//      │  ▼
 //   registered ──ended──► ended ──defer──► deferred ──lock gone, or 300 s──► ended
 //       ▲                   │
 //       │                   ├── no action, or no start ──► stays ended, and is swept
@@ -16,10 +19,14 @@
 // leads back to "ended" (end_wait) or to "suspended".
 //
 //   state       how it shows                            what may be trusted
-//   registered  as nothing else                         pid; stat_check_cnt: missing sweeps
-//   ended       pid names no process (may be reused)    exit_signal, force_restart
-//   deferred    ended; a copy in tov_chains_delay       of the copy: pid, exit_signal,
-//               .                                       delay_tm, force_restart
+//   registered  as nothing else                         pid, identity; stat_check_cnt: missing
+//               .                                       sweeps; seen: as what is registered
+//   ending      start.wait is TOV_WAIT_END              as registered: it has its process until
+//               .                                       it is certain that it has ended; start:
+//               .                                       the exit that was reported
+//   ended       ended; pid may be another process's     exit_signal, force_restart
+//   deferred    ended; a copy in tov_chains_delay       of the copy: pid, identity, exit_signal,
+//               .                                       delay_tm, force_restart, start.number
 //   starting    tov_record_is_starting()                what "ended" has, and start: the deadline
 //               .                                       and what is known of the restart
 //   suspended   tov_record_is_suspended()               tm: since when
@@ -54,6 +61,17 @@ bool tov_record_is_restarted(const tov_pid_t &record);
 // is still the dead one's, and neither exits nor sweeps concern it.
 bool tov_record_is_starting(const tov_pid_t &record);
 
+// Whether its process was reported as ended, and it is not certain yet that this is true.
+bool tov_record_is_ending(const tov_pid_t &record);
+
+// Whether it stands for a process that may live. If not, its id is a dead process's, and may have
+// been given out again: no exit event concerns it, and another record may have the id.
+bool tov_record_has_process(const tov_pid_t &record);
+
+// Whether two records stand for one process, as far as is known: the same id, both with a process,
+// and not started at two moments.
+bool tov_record_shares_process(const tov_pid_t &one, const tov_pid_t &other);
+
 // Whether the registration file of the record's name is its own alone. A process that was given the
 // id of a dead one, and whose program has the same name, has the same name for its file.
 bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &record);
@@ -83,6 +101,11 @@ void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exi
 // Its process dumped core at monotonic second `now`.
 void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
 
+// What was read of the process for which the record stands, util/identity.h.
+//   seen  it was found as it is registered
+void tov_record_identify(const tov_chains_guard_t &held, tov_pid_t *record,
+                         const tov_identity_t &identity, bool seen);
+
 // Counts a start, tov_burst_after_start(), and notes that the record went through one.
 void tov_record_count_start(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
                             time_t now);
@@ -101,7 +124,7 @@ void tov_record_clear_self_checks(const tov_chains_guard_t &held, tov_pid_t *rec
 // Ends the suspension; the next start begins a burst.
 void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// ---- restarts under way -----------------------------------------------------------------------
+// ---- what waits -------------------------------------------------------------------------------
 //
 // What waits is the record, never a thread: it stands in the order of deadlines, and the event
 // handler goes on with it when its time has come (core/policy/revive). Removing a record ends its
@@ -110,9 +133,15 @@ void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
 // The restart of the task waits for `wait` until `due_us`. Called again it waits anew; what is
 // known of the restart (tov_start_t) stays. Wakes the event handler when that is the first
 // deadline.
-//   wait    TOV_WAIT_*, not TOV_WAIT_NONE
+//   wait    TOV_WAIT_*, neither TOV_WAIT_NONE nor TOV_WAIT_END
 //   due_us  tov_clock_us()
 void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us);
+
+// The end of its process was reported with this wait status, and is not certain: it is asked again
+// soon, and ever more seldom, down to once a second. A later report's status replaces the earlier
+// one's: that of a process is its last thread's.
+void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code,
+                         int force);
 
 // What is known of the restart under way: for core/policy/revive, which alone writes there, but for
 // the wait and its deadline.
@@ -126,15 +155,21 @@ tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child);
 // gone.
 tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number);
 
-// The newest, and the oldest, record of the process `pid`, or null. A record whose restart is under
-// way is none: its id is that of a dead process, and may have been given out again.
+// The record of that number (`serial`), or null: it is gone, or has another id by now.
+tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial);
+
+// The newest record that has a process of that id, or null.
 tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid);
-tov_pid_t *tov_record_oldest_of(const tov_chains_guard_t &held, pid_t pid);
+
+// The record that an exit of `pid` concerns, or null. Of several processes that had the id it is
+// the first that has ended; of several records of one process the oldest. Asks the kernel, if
+// there is more than one.
+tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid);
 
 // The record whose exit waits until the registration file of `pid` is unlocked, or null.
 tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid);
 
-// No restart is under way any more, whether it waited or not; what was known of it is forgotten.
+// It waits for nothing, and no restart is under way any more; what was known of it is forgotten.
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // The record whose deadline came first, if it has come by `now_us`, or null.
@@ -143,6 +178,9 @@ tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us);
 // The first deadline; INT64_MAX when no record waits. A record that was removed may leave an
 // earlier one until tov_record_due() is next asked.
 int64_t tov_record_next_due_us(const tov_chains_guard_t &held);
+
+// Whether a restart is under way.
+bool tov_record_any_starts(const tov_chains_guard_t &held);
 
 // The restart has made a child, which is to use the claim of that number (proc/claim); 0: none.
 void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number);

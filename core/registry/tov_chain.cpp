@@ -133,6 +133,8 @@ tov_pid_t *tov_chain_new_record(void) {
 }
 
 void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record) {
+  static uint64_t last_serial = 0;
+  record->serial = __atomic_add_fetch(&last_serial, 1, __ATOMIC_RELAXED);  // of all registries
   tov_list_init(&record->pidlist);
   tov_hlist_add_head(&record->pidlink, bucket_of(chains, record->pid));
   chains->node_num++;
@@ -189,6 +191,19 @@ void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) {
     if (child.ppid != parent) continue;
     TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", __func__, child.pid, child.ppid);
     remove_with_slot(chains, &child);
+  }
+}
+
+void tov_del_threads_of(const tov_pid_t &owner) {
+  const tov_chains_guard_t guard(tov_alive_chains);
+  const uint64_t started = owner.identity.started;
+  for (tov_pid_t &thread : tov_chain_records(&tov_alive_chains)) {
+    const bool is_others =
+        started != 0 && thread.owner_started != 0 && thread.owner_started != started;
+    if (thread.ppid != owner.pid || is_others) continue;
+    TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", "tov_del_node_chain", thread.pid,
+            thread.ppid);
+    remove_with_slot(&tov_alive_chains, &thread);
   }
 }
 

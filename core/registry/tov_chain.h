@@ -103,6 +103,10 @@ void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) TOV_REQUIRES(*c
 // The same under the registry's lock.
 void tov_del_node_chain_safe(tov_pid_t *record, tov_chains_t *chains);
 
+// Removes the watched threads of the process for which a record of `tov_chains` stands, with their
+// slots; not those of another process that has its id. Takes the lock of `tov_alive_chains`.
+void tov_del_threads_of(const tov_pid_t &owner) TOV_EXCLUDES(tov_alive_chains);
+
 // The records of some buckets, for a range-for: the buckets in order, each from its head. The
 // successor is taken before the body runs, so that the body may remove the record it was given, but
 // no other. Made under the registry's lock and used under it.

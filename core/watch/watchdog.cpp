@@ -26,6 +26,7 @@
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 #include "proc/task_name.h"
+#include "util/identity.h"
 #include "util/priority.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"

@@ -23,6 +23,7 @@
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
+#include "util/identity.h"
 #include "util/tov_utils.h"
 
 static constexpr int64_t MS = 1000000;

@@ -13,6 +13,7 @@
 
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
+#include "util/identity.h"
 
 using tov_test::kernel;
 using tov_test::kernel_s;

@@ -600,12 +600,12 @@ class TovRebuildSuccessor : public TovRebuildChains {
 
   // The time of its start, as the kernel shows it, in milliseconds off the present.
   static int start_ms(pid_t pid) {
-    tov_origin_t origin;
-    EXPECT_TRUE(tov_process_origin(pid, &origin));
+    tov_stat_t stat;
+    EXPECT_EQ(tov_read_stat(pid, &stat), 0);
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<int>((origin.born_us - now.tv_sec * int64_t{1000000} - now.tv_nsec / 1000) /
-                            1000);
+    return static_cast<int>(
+        (tov_ticks_us(stat.started) - now.tv_sec * int64_t{1000000} - now.tv_nsec / 1000) / 1000);
   }
 
   // One dead process, and one that was started in some other way than by the daemon.

@@ -1,0 +1,108 @@
+// Tested by: tests/unit/util/identity_test.cpp, tests/module/util/identity_test.cpp
+#include "util/identity.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include "include/tov_registry.h"
+#include "util/procfs.h"
+#include "util/tov_sys.h"
+
+enum { EXE_PATH_SIZE = 32 };
+
+// One reading. A task that was released between the opening and the reading, or is about to be, is
+// nobody. Where there is no /proc, nobody would be there at all: the kernel is asked once more.
+static int read_task(pid_t task, tov_stat_t *stat) {
+  const int result = tov_read_stat(task, stat);
+  const bool released = result == 0 && tov_stat_is_end(stat->state) && stat->threads == 0;
+  if (!released && result != -ENOENT && result != -ESRCH) return result;
+  if (task < 1) return -ESRCH;
+  const bool known = tov_sys_kill(task, 0) == 0 || errno != ESRCH;
+  return known ? -EAGAIN : -ESRCH;
+}
+
+// A thread that executes a program takes over the id of its process's first thread, which is
+// released. Whoever reads at that moment may have found the old one; the next look finds the new.
+static int look_at(pid_t task, tov_stat_t *stat) {
+  const int result = read_task(task, stat);
+  return result == -ESRCH || result == -EAGAIN ? read_task(task, stat) : result;
+}
+
+static tov_life_e life_of(pid_t task, const tov_identity_t &identity, tov_life_e as_zombie) {
+  tov_stat_t stat;
+  const int result = look_at(task, &stat);
+  if (result == -ESRCH) return TOV_LIFE_ENDED;
+  if (result < 0) return TOV_LIFE_UNKNOWN;
+  if (identity.started != 0 && stat.started != 0 && stat.started != identity.started)
+    return TOV_LIFE_REUSED;
+  if (!tov_stat_is_end(stat.state)) return TOV_LIFE_LIVES;
+  // The kernel counts a zombie itself until it is released.
+  return stat.threads == 1 ? TOV_LIFE_ENDED : as_zombie;
+}
+
+tov_life_e tov_identity_life(pid_t pid, const tov_identity_t &identity) {
+  return life_of(pid, identity, TOV_LIFE_THREADS);
+}
+
+tov_life_e tov_identity_thread_life(pid_t tid, const tov_identity_t &identity) {
+  return life_of(tid, identity, TOV_LIFE_ENDED);
+}
+
+int tov_identity_take(pid_t pid, tov_identity_t *identity) {
+  tov_stat_t stat;
+  const int result = look_at(pid, &stat);
+  if (result == -ESRCH) *identity = {TOV_NEVER_STARTED, 0, 0, 0};
+  if (result < 0) return result;
+  *identity = {stat.started, stat.stack, 0, 0};
+  char path[EXE_PATH_SIZE];
+  (void)snprintf(path, sizeof path, "/proc/%d/exe", pid);
+  struct stat executable {};
+  if (tov_sys_fstatat(AT_FDCWD, path, &executable, 0) == 0) {
+    identity->exe_dev = executable.st_dev;
+    identity->exe_ino = executable.st_ino;
+  }
+  return 0;
+}
+
+bool tov_identity_equals(pid_t one, const tov_identity_t &one_is, pid_t other,
+                         const tov_identity_t &other_is) {
+  return one == other && one_is.started != 0 && one_is.started == other_is.started;
+}
+
+bool tov_identity_differs(pid_t one, const tov_identity_t &one_is, pid_t other,
+                          const tov_identity_t &other_is) {
+  if (one != other) return true;
+  return one_is.started != 0 && other_is.started != 0 && one_is.started != other_is.started;
+}
+
+bool tov_identity_executed(const tov_identity_t &then, const tov_identity_t &now) {
+  const bool moved = then.stack != 0 && now.stack != 0 && then.stack != now.stack;
+  const bool both_known = then.exe_ino != 0 && now.exe_ino != 0;
+  return moved || (both_known && (then.exe_ino != now.exe_ino || then.exe_dev != now.exe_dev));
+}
+
+// ---- of whoever has the id ------------------------------------------------------------------
+
+tov_process_state_e tov_process_state(pid_t pid) {
+  switch (tov_identity_life(pid, {})) {
+    case TOV_LIFE_LIVES:
+      return TOV_PROCESS_LIVES;
+    case TOV_LIFE_ENDED:
+    case TOV_LIFE_REUSED:
+      return TOV_PROCESS_DEAD;
+    case TOV_LIFE_THREADS:
+    case TOV_LIFE_UNKNOWN:
+      break;
+  }
+  return TOV_PROCESS_UNCERTAIN;
+}
+
+bool tov_process_lives(pid_t pid) {
+  const tov_life_e life = tov_identity_life(pid, {});
+  const bool uncertain = life == TOV_LIFE_THREADS || life == TOV_LIFE_UNKNOWN;
+  return uncertain ? process_life(pid) == 0 : life == TOV_LIFE_LIVES;
+}
