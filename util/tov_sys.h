@@ -26,6 +26,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -100,6 +101,19 @@ inline pid_t tov_sys_waitpid(pid_t pid, int *status, int options) {
   return waitpid(pid, status, options);
 }
 
+// pidfd_open(2): a descriptor of the process, close-on-exec. It can be read from when the process
+// has ended with its last thread, whether or not it was waited for. An id of another thread than
+// the first is refused (EINVAL, ENOENT); ENOSYS before Linux 5.3.
+inline int tov_sys_pidfd_open(pid_t pid) {
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+// pidfd_send_signal(2): to that very process, whoever has its id by now (ESRCH when it was waited
+// for).
+inline int tov_sys_pidfd_signal(int fd, int sig) {
+  return static_cast<int>(syscall(SYS_pidfd_send_signal, fd, sig, nullptr, 0));
+}
+
 // ---- files ----------------------------------------------------------------------------------
 
 // open(2). The caller says O_CLOEXEC.
@@ -150,6 +164,12 @@ inline int tov_sys_set_flags(int fd, int flags) {
 // fcntl(F_SETLK): a record lock of the process, refused at once (EACCES, EAGAIN).
 inline int tov_sys_lock(int fd, struct flock *lock) {
   return fcntl(fd, F_SETLK, lock);
+}
+
+// fcntl(F_GETLK): what is in the way of such a lock, with the process that holds it, or F_UNLCK.
+// The caller's own locks are in nobody's way. A descriptor for reading is enough.
+inline int tov_sys_lock_holder(int fd, struct flock *lock) {
+  return fcntl(fd, F_GETLK, lock);
 }
 
 // fstat(2).

@@ -134,8 +134,8 @@ class Waiting : public Simulated {
   // What a restart's child executes.
   static void children_execute(const std::string &program) {
     kernel().child_becomes = [program](process_s &child) {
-      child.exe = program;
-      child.words = {program};
+      child.session = child.pid;
+      kernel().exec(child.pid, {program});
     };
   }
   // More processes than one portion of a scan reads.

@@ -125,6 +125,14 @@ pid_t tov_sys_waitpid(pid_t pid, int *status, int options) {
   return call(tov_test::CALL_WAITPID, [&] { return kernel().waitpid(pid, status, options); });
 }
 
+int tov_sys_pidfd_open(pid_t pid) {
+  return call(tov_test::CALL_PIDFD_OPEN, [&] { return kernel().pidfd_open(pid); });
+}
+
+int tov_sys_pidfd_signal(int fd, int sig) {
+  return call(tov_test::CALL_PIDFD_SIGNAL, [&] { return kernel().pidfd_signal(fd, sig); });
+}
+
 // ---- files ----------------------------------------------------------------------------------
 
 int tov_sys_open(const char *path, int flags, mode_t mode) {
@@ -188,6 +196,10 @@ int tov_sys_lock(int fd, struct flock *lock) {
   return call(tov_test::CALL_LOCK, [&] { return kernel().lock_descriptor(fd, *lock); });
 }
 
+int tov_sys_lock_holder(int fd, struct flock *lock) {
+  return call(tov_test::CALL_LOCK_HOLDER, [&] { return kernel().lock_holder(fd, lock); });
+}
+
 int tov_sys_fstat(int fd, struct stat *status) {
   return call(tov_test::CALL_FSTAT, [&] { return kernel().stat_of_descriptor(fd, status); });
 }
@@ -197,8 +209,15 @@ int tov_sys_lstat(const char *path, struct stat *status) {
 }
 
 int tov_sys_fstatat(int dir, const char *name, struct stat *status, int flags) {
-  return call_on(tov_test::CALL_FSTATAT, dir, [&](const open_file_s &file) {
-    return kernel().stat_of(file.path + "/" + name, (flags & AT_SYMLINK_NOFOLLOW) == 0, status);
+  return call(tov_test::CALL_FSTATAT, [&]() -> int {
+    std::string path = name;
+    if (name[0] != '/') {
+      if (dir == AT_FDCWD) return -ENOENT;  // the directory it works in has no simulated form
+      const open_file_s *file = kernel().file_of(dir);
+      if (file == nullptr) return -EBADF;
+      path = file->path + "/" + name;
+    }
+    return kernel().stat_of(path, (flags & AT_SYMLINK_NOFOLLOW) == 0, status);
   });
 }
 

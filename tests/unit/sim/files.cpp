@@ -62,6 +62,8 @@ void kernel_s::make_device(const std::string &path) {
 }
 
 void kernel_s::rename(const std::string &from, const std::string &to) {
+  if (tree_.contains(to)) rename_running(tree_[to], to + " (deleted)");
+  rename_running(tree_.at(from), to);
   tree_[to] = tree_.at(from);
   tree_.erase(from);
 }
@@ -94,6 +96,8 @@ kernel_s::found_s kernel_s::walk(std::string rest, bool follow_last) const {
     next.append("/").append(name);
     const inode_t inode = inode_at(next);
     if (inode == nullptr) return {last ? 0 : ENOENT, next, nullptr};
+    if (const inode_t executable = executable_behind(next); executable && last && follow_last)
+      return {0, next, executable};
     if (S_ISLNK(inode->mode) && (!last || follow_last)) {
       if (++links > MAX_LINKS) return {ELOOP, "", nullptr};
       rest.insert(0, inode->text);
@@ -108,6 +112,7 @@ kernel_s::found_s kernel_s::walk(std::string rest, bool follow_last) const {
 // ---- descriptors ----------------------------------------------------------------------------
 
 int kernel_s::install(open_file_s file, int lowest) {
+  if (files_.size() >= descriptor_limit) return -EMFILE;
   int number = lowest;
   while (number < 3 && files_.contains(number))
     number++;
@@ -152,6 +157,7 @@ static pid_t owner_in_proc(const std::string &path) {
 }
 
 int kernel_s::open(const char *path, int flags, mode_t mode) {
+  if (files_.size() >= descriptor_limit) return -EMFILE;  // before the path is asked
   const found_s found = walk(path, (flags & O_NOFOLLOW) == 0);
   if (found.error != 0) return -found.error;
   inode_t inode = found.inode;
@@ -165,7 +171,7 @@ int kernel_s::open(const char *path, int flags, mode_t mode) {
   open_file_s file(inode, found.path, flags);
   if (const pid_t pid = owner_in_proc(found.path); has(pid)) {
     file.pid = pid;
-    file.started = process(pid).started;
+    file.serial = process(pid).serial;
   }
   return install(std::move(file));
 }
@@ -179,6 +185,20 @@ int kernel_s::close(int fd) {
   const inode_t inode = found->second.inode;
   files_.erase(found);
   if (inode != nullptr && inode->locked_by == SELF) inode->locked_by = 0;
+  return 0;
+}
+
+int kernel_s::lock_holder(int fd, flock *lock) {
+  const open_file_s *file = file_of(fd);
+  if (file == nullptr || file->inode == nullptr) return -EBADF;
+  if (lock->l_whence != SEEK_SET || lock->l_start != 0 || lock->l_len != 0) return -EINVAL;
+  const pid_t holder = file->inode->locked_by;
+  if (holder == 0 || holder == SELF) {  // one's own is in nobody's way
+    lock->l_type = F_UNLCK;
+  } else {
+    lock->l_type = F_WRLCK;
+    lock->l_pid = holder;
+  }
   return 0;
 }
 
@@ -213,8 +233,12 @@ ssize_t kernel_s::read(int fd, void *buf, size_t size) {
   if (file == nullptr || (file->flags & O_ACCMODE) == O_WRONLY) return -EBADF;
   if (file->inode == nullptr) return read_counter(*file, buf, size);
   if (S_ISDIR(file->inode->mode)) return -EISDIR;
-  if (file->pid != 0 && (!has(file->pid) || process(file->pid).started != file->started))
-    return -ESRCH;
+  if (file->pid != 0) {
+    if (!has(file->pid) || process(file->pid).serial != file->serial) return -ESRCH;
+    // The text is that of the moment of its first reading.
+    const inode_t now = file->offset == 0 ? proc_inode(file->path) : nullptr;
+    if (now != nullptr) file->inode = now;
+  }
   const std::string &text = file->inode->text;
   const size_t at = std::min(file->offset, text.size());
   const size_t count = std::min({size, text.size() - at, transfer_limit});
@@ -251,7 +275,7 @@ ssize_t kernel_s::write(int fd, const void *buf, size_t size) {
 
 static void describe(const inode_s &inode, struct stat *status) {
   *status = {};
-  status->st_dev = 1;
+  status->st_dev = inode.device;
   status->st_ino = inode.number;
   status->st_mode = inode.mode;
   status->st_nlink = 1;
@@ -321,7 +345,7 @@ std::vector<std::string> kernel_s::names_in(const char *path, int *error) const 
   for (const auto &[name, inode] : tree_)
     if (name.starts_with(prefix) && name.find('/', prefix.size()) == std::string::npos)
       names.push_back(name.substr(prefix.size()));
-  if (found.path != "/proc") return names;
+  if (found.path != "/proc" || !proc_is_mounted) return names;
   for (const auto &[pid, process] : processes_)
     if (process.group == pid) names.push_back(std::to_string(pid));
   return names;

@@ -1,22 +1,18 @@
-// The simulated kernel: time, failures, processes.
+// The simulated kernel: time and failures.
 #include "tests/unit/sim/kernel.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <functional>
-#include <memory>
 #include <utility>
-#include <vector>
 
 namespace tov_test {
 
 static constexpr int64_t US_PER_S = 1'000'000;
-static constexpr int64_t US_PER_TICK = 10'000;
 
 kernel_s &kernel() {
   static kernel_s the_one;
@@ -130,78 +126,6 @@ bool kernel_s::enter(call_e kind) {
   if (error == 0) return true;
   errno = error;
   return false;
-}
-
-// ---- processes ------------------------------------------------------------------------------
-
-pid_t kernel_s::start(std::vector<std::string> words) {
-  while (processes_.contains(next_pid_))
-    next_pid_++;
-  const pid_t pid = next_pid_++;
-  const std::string exe = words.empty() ? "" : words[0];
-  processes_[pid] = {pid, 1,
-                     pid, static_cast<uint64_t>(now_us_ / US_PER_TICK),
-                     'S', exe.substr(exe.rfind('/') + 1).substr(0, 15),
-                     exe, std::move(words),
-                     "",  std::make_shared<inode_s>(inode_s{S_IFREG | 0644, 0, "0\n"})};
-  return pid;
-}
-
-pid_t kernel_s::start_thread(pid_t process) {
-  const process_s owner = processes_.at(process);
-  const pid_t pid = start(owner.words);
-  processes_[pid].name = owner.name;
-  processes_[pid].group = process;
-  return pid;
-}
-
-void kernel_s::drop_locks(pid_t pid) {
-  for (const auto &[path, inode] : tree_)
-    if (inode->locked_by == pid) inode->locked_by = 0;
-}
-
-void kernel_s::end(pid_t pid) {
-  drop_locks(pid);
-  const auto found = processes_.find(pid);
-  if (found == processes_.end()) return;
-  if (found->second.parent != SELF) {
-    processes_.erase(found);
-    return;
-  }
-  found->second.state = 'Z';
-  found->second.exe.clear();
-  found->second.words.clear();
-}
-
-pid_t kernel_s::fork() {
-  const pid_t pid = start(processes_.at(SELF).words);
-  processes_[pid].parent = SELF;
-  forks.push_back(pid);
-  if (child_becomes) child_becomes(processes_[pid]);
-  return pid;
-}
-
-int kernel_s::kill(pid_t pid, int sig) {
-  if (!processes_.contains(pid)) return -ESRCH;
-  kills.push_back({pid, sig});
-  if (sig == SIGKILL) end(pid);
-  return 0;
-}
-
-pid_t kernel_s::waitpid(pid_t pid, int *status, int options) {
-  bool has_children = false;
-  for (const auto &[id, process] : processes_) {
-    if (process.parent != SELF || (pid > 0 && id != pid)) continue;
-    has_children = true;
-    if (process.state != 'Z') continue;
-    if (status != nullptr) *status = 0;
-    const pid_t reaped = id;
-    reap(reaped);
-    return reaped;
-  }
-  if (!has_children) return -ECHILD;
-  if ((options & WNOHANG) == 0) throw stuck_s("waitpid() for a child that lives");
-  return 0;
 }
 
 }  // namespace tov_test

@@ -2,9 +2,10 @@
 //
 // Time stands still until the code under test waits; a wait then moves it on at once, and what a
 // test has planned for a moment in between (a signal, the end of a process) happens on the way.
-// Processes are entries of a table, shown under /proc as the kernel shows them, and their ids may
-// be used again. Record locks belong to processes and go when any descriptor of their file is
-// closed. A call that would wait for ever throws stuck_s instead.
+// Processes are entries of a table, shown under /proc as the kernel shows them: they execute,
+// rename themselves, lose threads, the first one included, and their ids may be used again. Record
+// locks belong to processes and go when any descriptor of their file is closed. A call that would
+// wait for ever throws stuck_s instead.
 //
 // Any call can be made to fail: the n-th of its kind, or the n-th of all. A test that lets each
 // call of a procedure fail in turn asks calls() how many there are.
@@ -50,6 +51,8 @@ enum call_e {
   CALL_FORK,
   CALL_KILL,
   CALL_WAITPID,
+  CALL_PIDFD_OPEN,
+  CALL_PIDFD_SIGNAL,
   CALL_OPEN,
   CALL_READ,
   CALL_WRITE,
@@ -60,6 +63,7 @@ enum call_e {
   CALL_DUP_ABOVE,
   CALL_SET_FLAGS,
   CALL_LOCK,
+  CALL_LOCK_HOLDER,
   CALL_FSTAT,
   CALL_LSTAT,
   CALL_FSTATAT,
@@ -93,17 +97,23 @@ struct inode_s {
   ino_t number;
   std::string text;     // content, or where a link leads
   pid_t locked_by = 0;  // who has the write lock on the whole file; 0: no process
+  dev_t device = 1;
 };
 using inode_t = std::shared_ptr<inode_s>;
 
+// A process, or one of its threads but the first: that has the entry of the process.
 struct process_s {
   pid_t pid;
   pid_t parent;
   pid_t group;                     // the process that a thread belongs to, itself for a process
-  uint64_t started;                // in clock ticks since boot; tells two users of one id apart
+  pid_t session;                   // 1 for all that do not say otherwise
+  uint64_t serial;                 // tells two users of one id apart, also within one tick
+  uint64_t started;                // in clock ticks since boot
+  uint64_t stack;                  // where that of its program begins; 0: without a program
   char state;                      // as in /proc/PID/stat; 'Z': ended, not reaped
   std::string name;                // "Name:", at most 15 characters
-  std::string exe;                 // empty: a kernel thread
+  std::string exe;                 // where the link leads; empty: a kernel thread
+  inode_t exe_file;                // what it executes, whatever has become of the name
   std::vector<std::string> words;  // argv
   std::string groups;              // "Groups:", as the kernel prints it
   inode_t oom_score_adj;
@@ -133,13 +143,13 @@ struct open_file_s {
   open_file_s(inode_t of, std::string at, int opened_with)
       : inode(std::move(of)), path(std::move(at)), flags(opened_with) {}
 
-  inode_t inode;     // null: a socket or a counter
+  inode_t inode;     // null: a socket, a counter or a process
   std::string path;  // without links
   int flags = 0;     // of open(2)
   size_t offset = 0;
-  pid_t pid = 0;                     // whose /proc file it is, 0: none
-  uint64_t started = 0;              // of that process
-  std::shared_ptr<socket_s> socket;  // null: a file or a counter
+  pid_t pid = 0;                     // whose /proc file it is, or whom it stands for; 0: nobody
+  uint64_t serial = 0;               // of that process
+  std::shared_ptr<socket_s> socket;  // null: a file, a counter or a process
   uint64_t counter = 0;
 };
 
@@ -180,16 +190,40 @@ class kernel_s {
 
   // ---- processes ------------------------------------------------------------------------------
 
-  // Starts a process with its command line; words[0] is its executable.
+  // Starts a process with its command line; words[0] is its executable. Every path without a file
+  // has an executable, too, which no directory shows.
   pid_t start(std::vector<std::string> words);
   pid_t start_thread(pid_t process);
   // The id of the next one that starts, although others may have had it before.
   void set_next_pid(pid_t pid) { next_pid_ = pid; }
+  // Gives an id that is free to a process, in a later clock tick than all before or in this one.
+  enum tick_e { LATER_TICK, SAME_TICK };
+  pid_t start_as(pid_t pid, std::vector<std::string> words, tick_e tick = LATER_TICK);
   bool has(pid_t pid) const { return processes_.contains(pid); }
   process_s &process(pid_t pid) { return processes_.at(pid); }
-  // Ends a process: a child of SELF stays a zombie, any other is gone. Its locks go.
+
+  // Executes another program: same id, same start, no other thread left. The locks stay, as with
+  // descriptors that an execution keeps. A thread that executes becomes the first one, with its id.
+  void exec(pid_t task, std::vector<std::string> words);
+  // Overwrites the command line of a process.
+  void set_title(pid_t pid, const std::vector<std::string> &words);
+  // Puts another file in an executable's place, as an upgrade does, or removes it: whoever runs the
+  // old one goes on with it and shows it as "PATH (deleted)".
+  void replace_binary(const std::string &path);
+  void remove_binary(const std::string &path);
+
+  // Ends a process with all its threads: a child of SELF stays a zombie, any other is gone. Its
+  // locks go. Of a thread but the first one: ends that thread.
   void end(pid_t pid);
+  // Ends a single thread. The first one stays as a zombie while others run; the process ends with
+  // the last of them.
+  void end_thread(pid_t tid);
   void reap(pid_t pid) { processes_.erase(pid); }
+  // Whether a process has ended with all its threads.
+  bool is_over(pid_t pid, uint64_t serial) const;
+
+  // False: nothing is below /proc, as after umount(8).
+  bool proc_is_mounted = true;
 
   std::vector<pid_t> forks;                        // children, in order
   std::function<void(process_s &)> child_becomes;  // what a forked child makes of itself
@@ -218,6 +252,7 @@ class kernel_s {
   pid_t lock_holder(const std::string &path) const { return inode_at(path)->locked_by; }
 
   size_t descriptors() const { return files_.size(); }  // open ones, standard streams included
+  size_t descriptor_limit = SIZE_MAX;                   // with so many open, no more are given out
   size_t inherited_descriptors() const;                 // of them those that an exec hands on
   void close_standard_streams();                        // as a daemon's parent may have done
   mode_t umask = 022;
@@ -241,12 +276,15 @@ class kernel_s {
   pid_t fork();
   int kill(pid_t pid, int sig);
   pid_t waitpid(pid_t pid, int *status, int options);
+  int pidfd_open(pid_t pid);
+  int pidfd_signal(int fd, int sig);
 
   int open(const char *path, int flags, mode_t mode);
   ssize_t read(int fd, void *buf, size_t size);
   ssize_t write(int fd, const void *buf, size_t size);
   int close(int fd);
   int lock_descriptor(int fd, const flock &lock);
+  int lock_holder(int fd, flock *lock);
   int stat_of(const std::string &path, bool follow, struct stat *status) const;
   int stat_of_descriptor(int fd, struct stat *status) const;
   ssize_t readlink(const char *path, char *buf, size_t size) const;
@@ -256,7 +294,7 @@ class kernel_s {
   // Names below a directory; -ENOTDIR and the like in *error.
   std::vector<std::string> names_in(const char *path, int *error) const;
 
-  // Gives a descriptor of at least `lowest` to `file`.
+  // Gives a descriptor of at least `lowest` to `file`; -EMFILE.
   int install(open_file_s file, int lowest = 0);
   open_file_s *file_of(int fd);  // null: no such descriptor
   int poll(pollfd *waited, nfds_t count, int timeout_ms);
@@ -277,9 +315,14 @@ class kernel_s {
   inode_t make(const std::string &path, mode_t mode, const std::string &text = "");
   inode_t inode_at(const std::string &path) const;
   inode_t proc_inode(const std::string &path) const;
+  inode_t executable_behind(const std::string &path) const;
+  inode_t executable_at(const std::string &path);
   found_s walk(std::string rest, bool follow_last) const;
   bool is_readable(int fd);
   void drop_locks(pid_t pid);
+  void rename_running(const inode_t &executable, const std::string &name);
+  size_t threads_of(pid_t group) const;
+  void end_group(pid_t group);
   void ring(int generation);
 
   int64_t now_us_ = 1'000'000'000;
@@ -295,6 +338,8 @@ class kernel_s {
 
   std::map<pid_t, process_s> processes_;
   pid_t next_pid_ = 1000;
+  uint64_t next_serial_ = 1;
+  std::map<std::string, inode_t> executables_;  // of paths without a file
 
   std::map<std::string, inode_t> tree_;  // by path; "" is the root
   ino_t next_inode_ = 2;

@@ -4,7 +4,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -13,12 +13,42 @@
 
 namespace tov_test {
 
+// The fields of a stat file from the state on; the others have some value or none.
 static std::string stat_text(const process_s &process, size_t threads) {
-  return std::to_string(process.pid) + " (" + process.name + ") " + process.state + " " +
-         std::to_string(process.parent) +
-         " 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 " +  // threads: the 20th field
-         std::to_string(threads) + " 0 " +            // start time: the 22nd
-         std::to_string(process.started) + " 1000000 100 18446744073709551615\n";
+  enum {
+    FIRST = 3,
+    PARENT = 4,
+    GROUP = 5,
+    SESSION = 6,
+    FOREGROUND = 8,
+    FLAGS = 9,
+    PRIORITY = 18,
+    THREADS = 20,
+    STARTED = 22,
+    SIZE = 23,
+    RESIDENT = 24,
+    RESIDENT_LIMIT = 25,
+    STACK = 28,
+    LAST = 52
+  };
+  std::map<int, std::string> fields;
+  fields[FIRST] = process.state;
+  fields[PARENT] = std::to_string(process.parent);
+  fields[GROUP] = "1";
+  fields[SESSION] = std::to_string(process.session);
+  fields[FOREGROUND] = "-1";
+  fields[FLAGS] = "4194560";
+  fields[PRIORITY] = "20";
+  fields[THREADS] = std::to_string(threads);
+  fields[STARTED] = std::to_string(process.started);
+  fields[SIZE] = "1000000";
+  fields[RESIDENT] = "100";
+  fields[RESIDENT_LIMIT] = "18446744073709551615";
+  fields[STACK] = std::to_string(process.stack);
+  std::string text = std::to_string(process.pid) + " (" + process.name + ")";
+  for (int field = FIRST; field <= LAST; field++)
+    text += " " + (fields.contains(field) ? fields[field] : "0");
+  return text + "\n";
 }
 
 // In a status file, unlike in a stat file, the kernel escapes what would break the line.
@@ -46,7 +76,7 @@ static std::string cmdline_text(const process_s &process) {
 
 inode_t kernel_s::proc_inode(const std::string &path) const {
   static constexpr char PROC[] = "/proc/";
-  if (!path.starts_with(PROC)) return nullptr;
+  if (!proc_is_mounted || !path.starts_with(PROC)) return nullptr;
   char *end = nullptr;
   const long pid = strtol(path.c_str() + strlen(PROC), &end, 10);
   const auto found = processes_.find(static_cast<pid_t>(pid));
@@ -58,16 +88,20 @@ inode_t kernel_s::proc_inode(const std::string &path) const {
     return std::make_shared<inode_s>(inode_s{mode, 0, std::move(text)});
   };
   if (name.empty()) return file(S_IFDIR | 0555, "");
-  if (name == "/stat") {
-    const auto is_beside = [&](const auto &entry) { return entry.second.group == process.group; };
-    const auto threads = std::count_if(processes_.begin(), processes_.end(), is_beside);
-    return file(S_IFREG | 0444, stat_text(process, static_cast<size_t>(threads)));
-  }
+  if (name == "/stat") return file(S_IFREG | 0444, stat_text(process, threads_of(process.group)));
   if (name == "/status") return file(S_IFREG | 0444, status_text(process));
   if (name == "/cmdline") return file(S_IFREG | 0444, cmdline_text(process));
   if (name == "/exe" && !process.exe.empty()) return file(S_IFLNK | 0777, process.exe);
   if (name == "/oom_score_adj") return process.oom_score_adj;
   return nullptr;
+}
+
+// What a followed link to an executable leads to: the file itself, whatever its name leads to now.
+inode_t kernel_s::executable_behind(const std::string &path) const {
+  static constexpr char EXE[] = "/exe";
+  const inode_t link = path.ends_with(EXE) ? proc_inode(path) : nullptr;
+  if (link == nullptr || !S_ISLNK(link->mode)) return nullptr;
+  return processes_.at(atoi(path.c_str() + strlen("/proc/"))).exe_file;
 }
 
 }  // namespace tov_test

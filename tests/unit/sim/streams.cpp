@@ -23,6 +23,12 @@ using tov_test::open_file_s;
 static constexpr int64_t US_PER_S = 1'000'000;
 static constexpr int64_t US_PER_MS = 1'000;
 
+static int returned(int result) {
+  if (result >= 0) return result;
+  errno = -result;
+  return -1;
+}
+
 // ---- directories ----------------------------------------------------------------------------
 
 // What a DIR * of the simulated kernel points to: the names at the moment of the opening.
@@ -39,13 +45,13 @@ static directory_s *directory_of(DIR *dir) {
 
 DIR *tov_sys_opendir(const char *path) {
   if (!kernel().enter(tov_test::CALL_OPENDIR)) return nullptr;
-  int error = 0;
-  std::vector<std::string> names = kernel().names_in(path, &error);
-  if (error != 0) {
-    errno = -error;
+  const int fd = kernel().open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+  if (fd < 0) {
+    errno = -fd;
     return nullptr;
   }
-  const int fd = kernel().open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+  int error = 0;
+  std::vector<std::string> names = kernel().names_in(path, &error);
   names.insert(names.begin(), {".", ".."});
   return reinterpret_cast<DIR *>(new directory_s{fd, std::move(names)});
 }
@@ -103,12 +109,13 @@ int tov_sys_eventfd(unsigned int count, int flags) {
   open_file_s file;
   file.flags = O_RDWR | flags;  // EFD_CLOEXEC and EFD_NONBLOCK are open(2)'s
   file.counter = count;
-  return kernel().install(std::move(file));
+  return returned(kernel().install(std::move(file)));
 }
 
 bool kernel_s::is_readable(int fd) {
   const open_file_s *file = file_of(fd);
   if (file == nullptr || file->inode != nullptr) return true;
+  if (file->pid != 0) return is_over(file->pid, file->serial);
   return file->socket != nullptr ? !file->socket->queue.empty() : file->counter > 0;
 }
 
@@ -147,7 +154,7 @@ int tov_sys_socket(int, int type, int) {
   open_file_s file;
   file.flags = O_RDWR | (type & (SOCK_CLOEXEC | SOCK_NONBLOCK));
   file.socket = std::make_shared<tov_test::socket_s>();
-  return kernel().install(std::move(file));
+  return returned(kernel().install(std::move(file)));
 }
 
 int tov_sys_setsockopt(int fd, int, int name, const void *value, socklen_t size) {

@@ -45,6 +45,8 @@ pid_t tov_sys_getpid();
 pid_t tov_sys_fork();
 int tov_sys_kill(pid_t pid, int sig);
 pid_t tov_sys_waitpid(pid_t pid, int *status, int options);
+int tov_sys_pidfd_open(pid_t pid);
+int tov_sys_pidfd_signal(int fd, int sig);
 
 // ---- files ----------------------------------------------------------------------------------
 
@@ -58,6 +60,7 @@ int tov_sys_close(int fd);
 int tov_sys_dup_above(int fd, int lowest);
 int tov_sys_set_flags(int fd, int flags);
 int tov_sys_lock(int fd, struct flock *lock);
+int tov_sys_lock_holder(int fd, struct flock *lock);
 int tov_sys_fstat(int fd, struct stat *status);
 int tov_sys_lstat(const char *path, struct stat *status);
 int tov_sys_fstatat(int dir, const char *name, struct stat *status, int flags);
