@@ -166,24 +166,25 @@ static const char *state_in(const char *stat) {
   return name_end != nullptr && name_end[1] == ' ' && name_end[2] != '\0' ? name_end + 2 : nullptr;
 }
 
-// A numeric field of a stat file, from the text at the state letter, which is field 3; 0 when the
-// text has no such field.
-static uint64_t stat_field(const char *state, int number) {
+// A numeric field of a stat file, from the text at the state letter, which is field 3; `otherwise`
+// when the text has no such field.
+static uint64_t stat_field(const char *state, int number, uint64_t otherwise = 0) {
   static constexpr int STATE_NUMBER = 3;
   const char *field = state;
   for (int i = STATE_NUMBER; i < number; i++) {
     field = strchr(field, ' ');
-    if (field == nullptr) return 0;
+    if (field == nullptr) return otherwise;
     field++;
   }
-  if (!isdigit(static_cast<unsigned char>(*field))) return 0;
+  if (!isdigit(static_cast<unsigned char>(*field))) return otherwise;
   char *end = nullptr;
   const uint64_t value = strtoull(field, &end, 10);
-  return *end == ' ' ? value : 0;
+  return *end == ' ' ? value : otherwise;
 }
 
 int tov_read_stat(pid_t task, tov_stat_t *stat) {
   enum { SESSION = 6, THREADS = 20, START_TIME = 22, START_STACK = 28 };
+  static constexpr uint64_t NO_COUNT = UINT64_MAX;  // -1 as an int
   if (task < 1) return -ENOENT;
   char path[STATUS_PATH_SIZE];
   char text[STAT_SIZE];
@@ -193,7 +194,7 @@ int tov_read_stat(pid_t task, tov_stat_t *stat) {
   if (state == nullptr) return -EIO;
   stat->state = *state;
   stat->session = static_cast<pid_t>(stat_field(state, SESSION));
-  stat->threads = static_cast<int>(stat_field(state, THREADS));
+  stat->threads = static_cast<int>(stat_field(state, THREADS, NO_COUNT));
   stat->started = stat_field(state, START_TIME);
   stat->stack = stat_field(state, START_STACK);
   return 0;

@@ -61,7 +61,7 @@ int tov_get_pid_name(pid_t pid, char *pid_name, int len);
 
 // ---- stat file ------------------------------------------------------------------------------
 
-// What /proc/TASK/stat says. A field that is not there, or hidden, is 0.
+// What /proc/TASK/stat says. A field that is not there, or hidden, is 0, the threads are -1 then.
 struct tov_stat_s {
   char state = '\0';
   pid_t session = 0;     // id of its session; its own id: it leads it

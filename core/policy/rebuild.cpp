@@ -25,6 +25,7 @@
 #include "core/policy/defer.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
+#include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
@@ -34,7 +35,9 @@
 #include "proc/find.h"
 #include "util/entries.h"
 #include "util/identity.h"
+#include "util/owner.h"
 #include "util/procfs.h"
+#include "util/regular_file.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
@@ -121,6 +124,46 @@ static int64_t file_time_us(const char *path, unsigned int which) {
          (kernel_clock_us(CLOCK_REALTIME) - kernel_clock_us(CLOCK_BOOTTIME));
 }
 
+// Which process has the write lock on a file; 0: none, or it cannot be known.
+static pid_t holder_of(const char *path) {
+  const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  const bool held = fd.n >= 0 && tov_sys_lock_holder(fd.n, &lock) == 0 && lock.l_type != F_UNLCK;
+  return held ? lock.l_pid : 0;
+}
+
+// Whether the process is younger than the file in which it is to be registered: then the id was
+// given out again.
+static bool is_younger(const tov_identity_t &identity, int64_t written_us) {
+  return tov_ticks_us(identity.started) - TICK_US > written_us;
+}
+
+// The process for which a record stands that was read from a file.
+struct found_s {
+  tov_identity_t identity;
+  bool seen;  // as what is registered
+};
+
+// Looks whether the process that was registered may be the one that has its id; if not, nobody is
+// found. The text is the weakest sign: a title may be rewritten, an executable replaced, and the
+// file holds the beginning alone.
+static found_s find_process(const tov_pid_t &record, const char *path, int64_t written_us) {
+  static constexpr found_s nobody = {{TOV_NEVER_STARTED, 0, 0, 0}, false};
+  tov_identity_t identity{};
+  const int result = tov_identity_take(record.pid, &identity);
+  if (result < 0) return {identity, false};  // nobody, or it cannot be known
+  tov_reading_t reading;
+  tov_read_process(record.pid, identity, &reading);
+  if (tov_life_is_over(reading.life)) return nobody;
+  const bool seen = tov_compare_process(record, reading) == TOV_FOUND_AS_REGISTERED;
+  const bool differs = reading.life == TOV_LIFE_LIVES && !seen;
+  const bool is_stranger =
+      differs && holder_of(path) != record.pid && is_younger(identity, written_us);
+  return is_stranger ? nobody : found_s{identity, seen};
+}
+
 static std::vector<std::string> names_in(const char *dir) {
   return tov_entries_t(dir).rest();
 }
@@ -154,9 +197,11 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
       free(record);
       continue;
     }
+    const found_s found = find_process(*record, path, written);
     const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);
-    if (!tov_process_lives(record->pid)) dead->push_back({record, written});
+    tov_record_identify(held, record, found.identity, found.seen);
+    if (found.identity.started == TOV_NEVER_STARTED) dead->push_back({record, written});
   }
 }
 
@@ -165,7 +210,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
 // Not one that was given the child's id since.
 static bool is_child(pid_t pid, const char *path) {
   tov_stat_t stat;
-  return tov_process_lives(pid) && tov_read_stat(pid, &stat) == 0 &&
+  return tov_read_stat(pid, &stat) == 0 && !tov_stat_is_end(stat.state) &&
          tov_ticks_us(stat.started) - TICK_US <= file_time_us(path, STATX_CTIME);
 }
 

@@ -283,11 +283,15 @@ void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int re
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
 }
 
+static bool has_ended(pid_t pid) {
+  return tov_life_is_over(tov_identity_life(pid, {}));
+}
+
 // What was heard of the process before its record had its id. Of another one than the child nobody
 // knew that it concerns us: the scan has found it, and it may have ended since.
 static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
   if (pid != start.forked) {
-    if (pid > 0 && !tov_process_lives(pid)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
+    if (pid > 0 && has_ended(pid)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
     return;
   }
   if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
@@ -303,8 +307,7 @@ static bool has_failed(const tov_start_t &start, pid_t found) {
 
 // The last daemon's child may have ended before this one listened.
 static bool came_to_nothing(const tov_start_t &start, pid_t found) {
-  return found == 0 && start.followed != 0 &&
-         (start.child_ended != 0 || !tov_process_lives(start.forked));
+  return found == 0 && start.followed != 0 && (start.child_ended != 0 || has_ended(start.forked));
 }
 
 // The search has ended. What the child used stays until the record has its process.

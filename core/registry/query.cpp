@@ -55,7 +55,7 @@ int tov_check_process_alive(tov_pid_t *record) {
   rtrim(command);  // as the record was when it was made: an empty last argument reads as a blank
   if (tov_vsd_or_base(record->pid) != record->vsd_id) return -1;
   if (strcmp(record->process, command) != 0) return -1;
-  return tov_process_lives(record->pid) ? 0 : -1;
+  return process_life(record->pid);
 }
 
 // ---- what is registered, and what is found --------------------------------------------------

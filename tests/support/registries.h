@@ -11,6 +11,8 @@
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+#include "util/identity.h"
+#include "util/procfs.h"
 
 namespace tov_test {
 
@@ -29,6 +31,7 @@ class Registries {
       tov_destroy_chains(chains);
   }
 
+  // Of the process that has the id now, as if it had registered; of none when there is none.
   static tov_pid_t *add(pid_t pid, const std::string &process, int action = RESPAWN, int vsd_id = 0,
                         tov_chains_t &chains = tov_chains) {
     tov_pid_t *record = tov_chain_new_record();
@@ -36,6 +39,10 @@ class Registries {
     record->vsd_id = vsd_id;
     record->action = action;
     (void)snprintf(record->process, sizeof record->process, "%s", process.c_str());
+    char command[TOV_PROCESS_SIZE];
+    (void)tov_identity_take(pid, &record->identity);
+    record->seen =
+        pid_to_cmdline(pid, command, sizeof command) != nullptr && process == command ? 1 : 0;
     tov_chains_guard_t guard(chains);
     tov_chain_insert(&chains, record);
     return record;

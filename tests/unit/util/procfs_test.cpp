@@ -6,6 +6,7 @@
 #include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include <ostream>
 #include <string>
@@ -90,21 +91,21 @@ class TovProcessState : public Asked {
   }
 };
 
-class TovProcessOrigin : public tov_test::Simulated {
+class TovReadStat : public tov_test::Simulated {
  protected:
   static constexpr pid_t WRITTEN = 4711;
-  // "SESSION BORN_US", or "no" and whether the answer was left as it was.
-  static std::string origin_of(pid_t pid) {
-    tov_origin_t origin;
-    origin.session = -7;
-    origin.born_us = -8;
-    if (!tov_process_origin(pid, &origin))
-      return origin.session == -7 && origin.born_us == -8 ? "no" : "no, but written";
-    return std::to_string(origin.session) + " " + std::to_string(origin.born_us);
+  // "STATE SESSION THREADS STARTED STACK", or the error.
+  static std::string stat_of(pid_t pid) {
+    tov_stat_t stat;
+    const int result = tov_read_stat(pid, &stat);
+    if (result < 0) return strerrorname_np(-result);
+    return std::string(1, stat.state) + " " + std::to_string(stat.session) + " " +
+           std::to_string(stat.threads) + " " + std::to_string(stat.started) + " " +
+           std::to_string(stat.stack);
   }
-  static std::string origin_in(const std::string &text) {
+  static std::string stat_in(const std::string &text) {
     kernel().write_file("/proc/" + std::to_string(WRITTEN) + "/stat", text);
-    return origin_of(WRITTEN);
+    return stat_of(WRITTEN);
   }
 };
 
@@ -462,57 +463,50 @@ TEST_F(TovProcessLives, LookThatFailedIsNoDeath) {
   EXPECT_EQ(ask(pid), (answer_s{true, 2 * LOOK_MS, 4}));
 }
 
-// ---- origin ---------------------------------------------------------------------------------
+// ---- stat file --------------------------------------------------------------------------------
 
-TEST_F(TovProcessOrigin, SessionAndTimeOfTheStart) {
-  EXPECT_EQ(origin_in("4711 (x) S 1 12 4711 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 123456 9 10\n"),
-            "4711 1234560000");
-  EXPECT_EQ(origin_in("4711 (x) S 1 12 13 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 1 9 10\n"),
-            "13 10000");
+TEST_F(TovReadStat, FieldsThatAreAskedFor) {
+  EXPECT_EQ(stat_in("4711 (x) S 1 12 4710 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 3 0 123456 9 10 11 12 "
+                    "13 140736\n 1 2"),
+            "S 4710 3 123456 0");
+  EXPECT_EQ(stat_in("4711 (x) S 1 12 4710 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 3 0 123456 9 10 11 12 "
+                    "13 140736 1 2\n"),
+            "S 4710 3 123456 140736");
 }
 
-TEST_F(TovProcessOrigin, NextUserOfAnIdIsYounger) {
-  const pid_t first = kernel().start({"/bin/x"});
-  tov_origin_t before, after;
-  ASSERT_TRUE(tov_process_origin(first, &before));
-  kernel().end(first);
-  kernel().pass(20 * US_PER_MS);
-  kernel().set_next_pid(first);
-  ASSERT_EQ(kernel().start({"/bin/x"}), first);
-  ASSERT_TRUE(tov_process_origin(first, &after));
-  EXPECT_EQ(after.born_us, before.born_us + 20 * US_PER_MS);
-}
-
-TEST_F(TovProcessOrigin, NameWithParenthesesDoesNotMislead) {
-  const std::string rest = " S 1 12 4711 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 5 9 10\n";
+TEST_F(TovReadStat, NameWithParenthesesDoesNotMislead) {
+  const std::string rest =
+      " S 1 12 4711 34 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 5 9 10 1 2 3 77 1\n";
   for (const char *name : {"a) Z (b", ") S 9 9 9 9", "))", "a b c", "((", "", "a\nb) X 1 ("})
-    EXPECT_EQ(origin_in("4711 (" + std::string(name) + ")" + rest), "4711 50000") << name;
+    EXPECT_EQ(stat_in("4711 (" + std::string(name) + ")" + rest), "S 4711 1 5 77") << name;
 }
 
-TEST_F(TovProcessOrigin, LongUptimesFit) {
+TEST_F(TovReadStat, LongUptimesFit) {
   // A hundred years.
-  EXPECT_EQ(origin_in("4711 (x) S 1 2 3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 315360000000 1 2\n"),
-            "3 3153600000000000");
+  EXPECT_EQ(stat_in("4711 (x) S 1 2 3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 315360000000 1 2\n"),
+            "S 3 1 315360000000 0");
+  EXPECT_EQ(tov_ticks_us(315360000000), 3153600000000000);
 }
 
-TEST_F(TovProcessOrigin, WhatCannotBeReadIsNoAnswer) {
-  EXPECT_EQ(origin_of(4711), "no");
-  EXPECT_EQ(origin_of(0), "no");
-  EXPECT_EQ(origin_of(-1), "no");
+TEST_F(TovReadStat, WhatCannotBeReadIsNoAnswer) {
+  EXPECT_EQ(stat_of(4711), "ENOENT");
+  EXPECT_EQ(stat_of(0), "ENOENT");
+  EXPECT_EQ(stat_of(-1), "ENOENT");
   const pid_t pid = kernel().start({"/bin/x"});
   kernel().fail(tov_test::CALL_OPEN, 1, EMFILE);
-  EXPECT_EQ(origin_of(pid), "no");
+  EXPECT_EQ(stat_of(pid), "EMFILE");
   kernel().fail(tov_test::CALL_READ, 1, ESRCH);
-  EXPECT_EQ(origin_of(pid), "no");
-  EXPECT_NE(origin_of(pid), "no");
+  EXPECT_EQ(stat_of(pid), "ESRCH");
 }
 
-TEST_F(TovProcessOrigin, TextThatIsNotUnderstoodIsNoAnswer) {
+TEST_F(TovReadStat, FieldThatIsNotUnderstoodIsNotKnown) {
   const std::string begin = "4711 (x) S 1 2 3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0";
-  ASSERT_EQ(origin_in(begin + " 7 1 2\n"), "3 70000");
+  ASSERT_EQ(stat_in(begin + " 7 1 2\n"), "S 3 1 7 0");
   for (const char *rest : {"", " ", "\n", " x 1\n", " -7 1\n", " 7x 1\n", " 7", " 7\n", "  7 1"})
-    EXPECT_EQ(origin_in(begin + rest), "no") << rest;
-  for (const char *text : {"", "4711", "4711 (x", "4711 (x)", "4711 (x) S", "4711 (x) S 1 2",
-                           "4711 (x) S 1 2 -3 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 7 1\n"})
-    EXPECT_EQ(origin_in(text), "no") << text;
+    EXPECT_TRUE(stat_in(begin + rest).ends_with(" 0 0")) << rest;
+}
+
+TEST_F(TovReadStat, TextWithoutAStateIsNoAnswer) {
+  for (const char *text : {"", "4711", "4711 (x", "4711 (x)", "4711 (x) "})
+    EXPECT_EQ(stat_in(text), "EIO") << text;
 }

@@ -168,6 +168,7 @@ class TovForeseen : public tov_test::World {
     EXPECT_EQ(later.pid, foreseen.act == TOV_EXIT_HAND_OVER ? again : 0);
     switch (foreseen.act) {
       case TOV_EXIT_LEAVE:
+      case TOV_EXIT_ASK_AGAIN:
       case TOV_EXIT_WAIT_FOR_ALARM:
         EXPECT_TRUE(still_there);
         EXPECT_FALSE(noted);

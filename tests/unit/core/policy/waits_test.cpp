@@ -293,7 +293,7 @@ TEST_F(TovWaits, ExitThatIsHandedBackBeginsTheRestart) {
   const std::string path = lock_file_of(record);
   die(record);
   kernel().end(kernel().lock_holder(path));
-  tov_hand_back_exit(record->pid, SIGTERM, 0);
+  tov_hand_back_exit({record->start.number, record->pid, SIGTERM, 0});
   EXPECT_TRUE(waits_for(record, TOV_WAIT_TIME));
   EXPECT_EQ(record->exit_signal, SIGTERM);
   EXPECT_EQ(next_due_us(), kernel().now_us() + 3 * US_PER_S);
@@ -305,10 +305,10 @@ TEST_F(TovWaits, ExitThatIsHandedBackToALockWaitsOn) {
   tov_pid_t *record = task("/opt/a");
   (void)lock_file_of(record);
   die(record);
-  tov_hand_back_exit(record->pid, SIGKILL, 0);
+  tov_hand_back_exit({record->start.number, record->pid, SIGKILL, 0});
   EXPECT_TRUE(waits_for(record, TOV_WAIT_LOCK));
   EXPECT_EQ(forks(), 0u);
-  tov_hand_back_exit(record->pid, SIGKILL, 1);  // by force
+  tov_hand_back_exit({record->start.number, record->pid, SIGKILL, 1});  // by force
   EXPECT_EQ(forks(), 1u);
 }
 

@@ -92,9 +92,9 @@ class TovRecordWait : public tov_test::Simulated {
     const tov_chains_guard_t held(tov_chains);
     return tov_record_newest_of(held, pid);
   }
-  static tov_pid_t *oldest_of(pid_t pid) {
+  static tov_pid_t *of_exit(pid_t pid) {
     const tov_chains_guard_t held(tov_chains);
-    return tov_record_oldest_of(held, pid);
+    return tov_record_of_exit(held, pid);
   }
   // Whether the event handler was woken for a pass since it was last asked.
   static bool is_woken() { return tov_wake_wait(0); }
@@ -445,17 +445,17 @@ TEST_F(TovRecordWait, NewestAndOldestPassOverRecordsThatWait) {
   tov_pid_t *middle = add(1, "/opt/b");
   tov_pid_t *newest = add(1, "/opt/c");
   EXPECT_EQ(newest_of(1), newest);
-  EXPECT_EQ(oldest_of(1), oldest);
+  EXPECT_EQ(of_exit(1), oldest);
   wait(newest, 100);
   wait(oldest, 100);
   EXPECT_EQ(newest_of(1), middle);
-  EXPECT_EQ(oldest_of(1), middle);
+  EXPECT_EQ(of_exit(1), middle);
   wait(middle, 100);
   EXPECT_EQ(newest_of(1), nullptr);
-  EXPECT_EQ(oldest_of(1), nullptr);
+  EXPECT_EQ(of_exit(1), nullptr);
   end_wait(newest);
   EXPECT_EQ(newest_of(1), newest);
-  EXPECT_EQ(oldest_of(1), newest);
+  EXPECT_EQ(of_exit(1), newest);
   EXPECT_EQ(newest_of(2), nullptr);
 }
 
