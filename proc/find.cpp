@@ -50,7 +50,7 @@ void tov_scan_s::look_for(const char *command, accepts_t accepts) {
 }
 
 bool tov_scan_is_blind(int result) {
-  return result < 0 && result != -ENOENT && result != -ESRCH;
+  return result < 0 && tov_is_ignorance(-result);
 }
 
 void tov_scan_s::read_command(const char *name) {

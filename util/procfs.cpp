@@ -157,6 +157,10 @@ int tov_get_pid_name(pid_t pid, char *pid_name, int len) {
   return 0;
 }
 
+bool tov_is_ignorance(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
+}
+
 // ---- stat file ------------------------------------------------------------------------------
 
 // The state letter in the text of a stat file, or null.

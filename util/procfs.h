@@ -59,6 +59,10 @@ int tov_read_cmdline(pid_t pid, char *buf, int len);
 // len - 1 characters. Returns 0, or -1 (no buffer, no such task, empty name; buffer untouched).
 int tov_get_pid_name(pid_t pid, char *pid_name, int len);
 
+// Whether an error of a call says nothing about what was asked for, but that the asker had no
+// descriptor or no memory, or was interrupted.
+bool tov_is_ignorance(int error);
+
 // ---- stat file ------------------------------------------------------------------------------
 
 // What /proc/TASK/stat says. A field that is not there, or hidden, is 0, the threads are -1 then.

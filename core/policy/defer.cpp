@@ -24,11 +24,6 @@ enum lock_e { FREE, HELD, UNKNOWN };
 
 }  // namespace
 
-// Whether an error leaves it open what is in a file's place.
-static bool is_ignorance(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR || error == EIO;
-}
-
 static lock_e ask_lock(const tov_pid_t *record) {
   static constexpr char function[] = "tov_proc_is_exit";  // as its messages name it
   char file[FILE_NAME_SIZE];
@@ -37,7 +32,7 @@ static lock_e ask_lock(const tov_pid_t *record) {
   if (fd.n < 0) {
     const int error = errno;
     TOV_DBG("%s: %s fd < 0: %s\n", function, file, strerror(error));
-    return is_ignorance(error) ? UNKNOWN : FREE;
+    return tov_is_ignorance(error) ? UNKNOWN : FREE;
   }
   // Record locks never conflict with the caller's own: a file that the daemon wrote and locked on
   // behalf of a third-part program is always free here, and such a program is never deferred.

@@ -285,7 +285,8 @@ int64_t tov_record_next_due_us(const tov_chains_guard_t &held) {
 bool tov_record_any_starts(const tov_chains_guard_t &held) {
   held.shows(tov_chains);
   for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
-    if (tov_record_is_starting(*record_of(link))) return true;
+    const tov_pid_t *record = record_of(link);
+    if (tov_record_is_starting(*record) && record->start.wait != TOV_WAIT_LOCK) return true;
   }
   return false;
 }

@@ -179,7 +179,7 @@ tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us);
 // earlier one until tov_record_due() is next asked.
 int64_t tov_record_next_due_us(const tov_chains_guard_t &held);
 
-// Whether a restart is under way.
+// Whether a restart is under way that goes on by itself: not one whose exit is deferred.
 bool tov_record_any_starts(const tov_chains_guard_t &held);
 
 // The restart has made a child, which is to use the claim of that number (proc/claim); 0: none.

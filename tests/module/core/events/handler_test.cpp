@@ -275,14 +275,17 @@ TEST_F(TovCnmsgDispatch, ExecutionReachesTheList) {
 // ---- the thread -----------------------------------------------------------------------------
 
 TEST_F(TovCnmsgHandle, EventsAreHandledInTheirOrder) {
-  const tov_pid_t *record = add(GONE, "/opt/a", NORMAL_EXIT);
-  put(TOV_EVENT_EXIT, GONE, 1);
-  put(TOV_EVENT_EXIT, GONE, 2);
+  for (int i = 0; i < 3; i++)
+    add(GONE + i, "/opt/" + std::to_string(i));
+  put(TOV_EVENT_EXIT, GONE + 1, SIGTERM);
+  put(TOV_EVENT_EXIT, GONE, SIGTERM);
   begin_handler();
-  put(TOV_EVENT_EXIT, GONE, 3);
+  put(TOV_EVENT_EXIT, GONE + 2, SIGTERM);
   ASSERT_TRUE(is_empty_soon());
   end_handler();
-  EXPECT_EQ(record->exit_signal, 3);
+  const auto stop_of = [](pid_t pid) { return HasSubstr(",pid:" + std::to_string(pid) + ","); };
+  EXPECT_THAT(events(TOV_LOG_RUN_EVENT),
+              ElementsAre(stop_of(GONE + 1), stop_of(GONE), stop_of(GONE + 2)));
 }
 
 TEST_F(TovCnmsgHandle, AtMostOneEventAMillisecond) {
@@ -317,13 +320,14 @@ TEST_F(TovCnmsgHandle, MissedSlotsAreNotMadeUpFor) {
 }
 
 TEST_F(TovCnmsgHandle, RecordThatIsNotWholeIsDropped) {
-  const tov_pid_t *record = add(GONE, "/opt/a", NORMAL_EXIT);
+  add(GONE, "/opt/a", NORMAL_EXIT);
+  const tov_pid_t *record = add(GONE + 1, "/opt/b", NORMAL_EXIT);
   put(TOV_EVENT_EXIT, GONE, 1);
   const char part[5] = {};
   ASSERT_EQ(__kfifo_in(&tov_cnmsg_fifo, part, sizeof part), sizeof part);
   begin_handler();
   ASSERT_TRUE(is_empty_soon());
-  put(TOV_EVENT_EXIT, GONE, 2);  // in step again
+  put(TOV_EVENT_EXIT, GONE + 1, 2);  // in step again
   ASSERT_TRUE(is_empty_soon());
   end_handler();
   EXPECT_EQ(record->exit_signal, 2);

@@ -100,25 +100,50 @@ TEST_F(TovSweep, FoundAgainItStartsFromTheBeginning) {
   const pid_t pid = tov_test::start(program.path);
   program.birth();
   tov_pid_t *record = add(pid, program.path);
-  record->vsd_id = 5;  // as if it had joined another device for a while
+  const tov_identity_t living = record->identity;
+  const auto stand_for = [&](const tov_identity_t &identity) {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_identify(held, record, identity, true);
+  };
+  stand_for({TOV_NEVER_STARTED, 0, 0, 0});
   sweep();
   EXPECT_EQ(record->stat_check_cnt, 1);
-  record->vsd_id = 0;
+  stand_for(living);
   sweep();
   EXPECT_EQ(record->stat_check_cnt, 0);
-  record->vsd_id = 5;
+  stand_for({TOV_NEVER_STARTED, 0, 0, 0});
   sweep();
   EXPECT_EQ(record->stat_check_cnt, 1);
   EXPECT_EQ(record->pid, pid);
   EXPECT_EQ(program.births().size(), 1u);
 }
 
+TEST_F(TovSweep, LivingProcessThatLooksDifferentIsToldAboutAndLeftAlone) {
+  const Program program("upgraded");
+  const pid_t pid = tov_test::start(program.path + " -a");
+  program.birth();
+  tov_pid_t *record = add(pid, program.path + " -a");
+  record->vsd_id = 5;
+  const std::string removed = program.path + ".old";
+  ASSERT_EQ(rename(program.path.c_str(), removed.c_str()), 0);
+  ASSERT_EQ(unlink(removed.c_str()), 0);
+  const std::string line = "tov_proc_stat_check: tov_pid(" + program.path + " -a, 5, " +
+                           std::to_string(pid) + ") is not running.";
+  for (int i = 0; i < 3; i++) {
+    sweep();
+    EXPECT_THAT(events(TOV_LOG_RESTART), ElementsAre(line));
+    EXPECT_EQ(record->stat_check_cnt, 0);
+  }
+  EXPECT_EQ(program.births().size(), 1u);
+}
+
 TEST_F(TovSweep, ProgramThatBecameAnotherIsReplacedButNotKilled) {
   const Program program("before"), other("after");
-  const std::string command = program.path + " exec=" + other.path;
+  const std::string command = program.path + " until-told exec=" + other.path;
   const pid_t pid = tov_test::start(command);
-  other.birth();
   tov_pid_t *record = add(pid, command);
+  tov_test::write_file("/data/tell." + program.name, "");
+  other.birth();
   sweep_bucket_of(pid);
   EXPECT_EQ(record->pid, pid);
   EXPECT_THAT(events(TOV_LOG_RESTART), ElementsAre(HasSubstr("is not running.")));
