@@ -19,6 +19,7 @@
 //   daemonise        fork itself into the background; the child does the rest
 //   thread-exit      start a second thread that ends after `after` ms; the first one stays
 //   leader-exit      end the first thread after `after` ms; a second one stays
+//   last-exit=CODE   with leader-exit: when told, after that, end the second one alone, with CODE
 //   threads=N        start so many waiting threads
 //   lock=ACTION      write its registration file with that action and hold its lock
 //   vsd=N            the device number for the file (default 0)
@@ -40,6 +41,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 namespace {
@@ -55,6 +57,7 @@ struct Orders {
   bool daemonise = false;
   bool thread_exit = false;
   bool leader_exit = false;
+  int last_exit = -1;
   int threads = 0;
   int lock_action = 0;
   int vsd = 0;
@@ -67,6 +70,7 @@ struct Orders {
 static Orders orders;
 static std::string report_path;
 static std::string tell_path;
+static std::atomic<bool> leader_has_left = false;
 
 // The system call, not the C library: nothing may come between us and the real clock.
 static int64_t now_ns() {
@@ -207,6 +211,22 @@ static void *wait_for_ever(void *) {
     pause();
 }
 
+static void wait_for_word() {
+  static constexpr long ASK_PERIOD_MS = 2;
+  while (unlink(tell_path.c_str()) < 0)
+    sleep_ms(ASK_PERIOD_MS);
+}
+
+// Ends no other thread, unlike exit().
+static void *end_last(void *) {
+  static constexpr long ASK_PERIOD_MS = 2;
+  while (!leader_has_left)
+    sleep_ms(ASK_PERIOD_MS);
+  wait_for_word();
+  syscall(SYS_exit, orders.last_exit);
+  return nullptr;
+}
+
 static void *end_later(void *) {
   const auto tid = std::to_string(syscall(SYS_gettid));
   sleep_ms(orders.after_ms);
@@ -248,6 +268,7 @@ static void parse_word(const std::string &word) {
   if (key == "daemonise") orders.daemonise = true;
   if (key == "thread-exit") orders.thread_exit = true;
   if (key == "leader-exit") orders.leader_exit = true;
+  if (key == "last-exit") orders.last_exit = number;
   if (key == "threads") orders.threads = number;
   if (key == "lock") orders.lock_action = number;
   if (key == "vsd") orders.vsd = number;
@@ -260,14 +281,8 @@ static void prepare(const std::string &words) {
   if (orders.child) keep_child();
   for (int i = 0; i < orders.threads; i++)
     start_thread(wait_for_ever);
-  if (orders.leader_exit) start_thread(wait_for_ever);
+  if (orders.leader_exit) start_thread(orders.last_exit >= 0 ? end_last : wait_for_ever);
   if (!orders.print.empty()) dprintf(STDOUT_FILENO, "%s\n", orders.print.c_str());
-}
-
-static void wait_for_word() {
-  static constexpr long ASK_PERIOD_MS = 2;
-  while (unlink(tell_path.c_str()) < 0)
-    sleep_ms(ASK_PERIOD_MS);
 }
 
 static void die_as_told() {
@@ -285,6 +300,7 @@ static void die_as_told() {
   if (orders.signal != 0) raise(orders.signal);
   if (!orders.exec.empty()) execl(orders.exec.c_str(), orders.exec.c_str(), nullptr);
   if (orders.exit_code >= 0) exit(orders.exit_code);
+  leader_has_left = true;
   if (orders.leader_exit) pthread_exit(nullptr);
 }
 
