@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "client/tov_xtach_sem.h"
 #include "include/tov_registry.h"
 #include "include/tov_xtach.h"
 #include "log/tov_log.h"
@@ -97,4 +98,8 @@ int fs_set_vsd_envs(int) {
 extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
   platform().registered.push_back(std::to_string(pid) + " " + type);
   return 0;
+}
+
+int tov_get_semval(void) {
+  return platform().semaphore;
 }

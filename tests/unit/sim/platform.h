@@ -1,5 +1,5 @@
-// The platform of a pure test, and the server of the daemon: they do nothing and note what they are
-// asked for.
+// The platform of a pure test, the server of the daemon and the system semaphore: they do nothing
+// and note what they are asked for.
 #ifndef TOV_TEST_UNIT_SIM_PLATFORM_H
 #define TOV_TEST_UNIT_SIM_PLATFORM_H
 
@@ -17,6 +17,7 @@ struct platform_s {
   std::vector<std::string> registered;                // "PID TYPE", with our own server
   int flushes = 0;                                    // of event logs to storage
   bool is_dorvik = false;                             // the product line
+  int semaphore = 0;                                  // that holds the watchdog's countdown back
 };
 
 platform_s &platform();
