@@ -442,6 +442,28 @@ TEST(TovSysDescriptors, WithoutAFreeOneThePathIsNotAsked) {
   EXPECT_EQ(identity("/proc/self/exe"), executable) << "it takes no descriptor";
 }
 
+TEST(TovSysLocks, ExecutionClosesADescriptorAndItsLockGoes) {
+  const tov_test::ScratchDir dir;
+  const std::string path = dir / "f";
+  const std::string waiter = waiter_at(dir / "waiter");
+  for (const int flags : {0, O_CLOEXEC}) {
+    Puppet puppet([&](const auto &next) {
+      struct flock whole {};
+      whole.l_type = F_WRLCK;
+      if (tov_sys_lock(open(path.c_str(), O_RDWR | O_CREAT | flags, 0600), &whole) != 0) _exit(1);
+      next();
+      execute(waiter);
+    });
+    puppet.tell();
+    ASSERT_TRUE(executes(puppet.pid(), waiter));
+    const tov_fd_t reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    EXPECT_EQ(tov_sys_lock_holder(reader.n, &whole), 0);
+    EXPECT_EQ(whole.l_type, flags == O_CLOEXEC ? F_UNLCK : F_WRLCK);
+  }
+}
+
 TEST(TovSysLocks, HolderOfALockIsNamedToOthersAlone) {
   const tov_test::ScratchDir dir;
   const std::string path = dir / "f";

@@ -202,8 +202,9 @@ class kernel_s {
   bool has(pid_t pid) const { return processes_.contains(pid); }
   process_s &process(pid_t pid) { return processes_.at(pid); }
 
-  // Executes another program: same id, same start, no other thread left. The locks stay, as with
-  // descriptors that an execution keeps. A thread that executes becomes the first one, with its id.
+  // Executes another program: same id, same start, no other thread left. Its locks go with their
+  // descriptors, which are close-on-exec. A thread that executes becomes the first one, with its
+  // id.
   void exec(pid_t task, std::vector<std::string> words);
   // Overwrites the command line of a process.
   void set_title(pid_t pid, const std::vector<std::string> &words);

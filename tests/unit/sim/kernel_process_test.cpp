@@ -173,8 +173,11 @@ TEST_F(KernelProcess, ExecutionKeepsIdAndStartAndNothingElse) {
   const std::string stack = field(pid, STACK), started = field(pid, STARTED);
   const std::string executed = executable(pid);
   const int stat = open(pid, "stat");
+  kernel().write_file("/tmp/lock", "");
+  kernel().lock("/tmp/lock", pid);
   kernel().pass(US_PER_S);
   kernel().exec(pid, {"/bin/y", "-e"});
+  EXPECT_EQ(kernel().lock_holder("/tmp/lock"), 0);
   EXPECT_EQ(field(pid, STARTED), started);
   EXPECT_NE(field(pid, STACK), stack);
   EXPECT_NE(executable(pid), executed);

@@ -113,6 +113,7 @@ void kernel_s::exec(pid_t task, std::vector<std::string> words) {
   std::erase_if(processes_, [pid](const auto &entry) {
     return entry.second.group == pid && entry.first != pid;
   });
+  drop_locks(pid);
   process_s &process = processes_.at(pid);
   process.state = 'S';
   process.stack = stack_of(next_serial_++);
