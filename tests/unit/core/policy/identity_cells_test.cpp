@@ -11,70 +11,25 @@
 // first thread, and an execution by another one: then an exit is reported that is none.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <sys/types.h>
 
 #include <array>
 #include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "alive/tov_sys_alive.h"
-#include "client/requests/tov_msg.h"
-#include "core/events/handler.h"
-#include "core/policy/delay.h"
-#include "core/policy/sweep.h"
-#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
-#include "core/run/flags.h"
-#include "core/watch/watchdog.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
-#include "proc/selfcheck/tov_signals.h"
+#include "tests/unit/reused_id.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
-#include "tests/unit/waiting.h"
-#include "util/clock.h"
 
-using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::UnorderedElementsAreArray;
-using tov_test::kernel;
-using tov_test::kernel_s;
-using tov_test::platform;
-using tov_test::US_PER_MS;
-using tov_test::US_PER_S;
+using namespace tov_test;  // the words of the table
 
 namespace {
-
-enum state_e { DEAD, DEFERRED, SUSPENDED, LIVING, STATES };
-enum taker_e { NOBODY, STRANGER, SAME_PROGRAM, SAME_REGISTRANT, REGISTRANT, TAKERS };
-enum when_e { BEFORE, AFTER, WHENS };
-enum question_e { EXIT, SWEEP, ALARM, HAND_BACK, WATCHDOG, QUESTIONS };
-
-constexpr const char *state_names[] = {"Dead", "Deferred", "Suspended", "Living"};
-constexpr const char *taker_names[] = {"Nobody", "Stranger", "SameProgram", "SameRegistrant",
-                                       "Registrant"};
-constexpr const char *when_names[] = {"BeforeTheExit", "AfterTheExit"};
-constexpr const char *question_names[] = {"Exit", "Sweep", "Alarm", "HandBack", "Watchdog"};
-
-// What the restart log says of the program, in its order.
-enum line_e {
-  MISSED,      // the sweep does not find it
-  LOST,        // for the second time
-  CHECKED,     // it was killed, and is to be started
-  CHECKED_OK,  // it was started
-  BEGUN,       // the same for an end of which nobody knows how it came
-  BEGUN_OK,
-  SUSPENDS,    // it was started too often
-  RESUMED_OK,  // it was started by the alarm
-};
-using lines_t = std::vector<line_e>;
 
 // What a question does, and what is said of the program in the whole cell.
 struct answer_s {
@@ -171,294 +126,32 @@ const cells_s table[] = {
 };
 static_assert(std::size(table) == size_t{STATES} * WHENS * QUESTIONS);
 
-struct cell_s {
-  const cells_s *row;
-  taker_e taker;
-  const answer_s &expected() const { return row->expected[static_cast<size_t>(taker)]; }
+struct row_s {
+  cell_s cell;
+  const char *why;
+  answer_s expected;
 };
 
-std::vector<cell_s> all_cells() {
-  std::vector<cell_s> cells;
+std::vector<row_s> all_cells() {
+  std::vector<row_s> cells;
   for (const cells_s &row : table)
-    for (int taker = 0; taker < TAKERS; taker++)
-      cells.push_back({&row, static_cast<taker_e>(taker)});
+    for (size_t taker = 0; taker < TAKERS; taker++)
+      cells.push_back({{row.state, row.when, row.question, static_cast<taker_e>(taker)},
+                       row.why,
+                       row.expected[taker]});
   return cells;
 }
 
-std::string name_of(const testing::TestParamInfo<cell_s> &cell) {
-  const cells_s &row = *cell.param.row;
-  return std::string(state_names[row.state]) + taker_names[cell.param.taker] +
-         when_names[row.when] + "By" + question_names[row.question];
-}
-
-constexpr char PROGRAM[] = "/opt/a";
-constexpr char OTHER[] = "/opt/b";
-constexpr char UNREGISTERED[] = "/opt/x";
-constexpr pid_t ID = TOV_ALIVE_ID_COUNT;  // its watch needs no shared area
-
-// A stop that somebody has asked for would end the registration of whoever it is taken for.
-constexpr int STOPPED = SIGTERM;
-
-class IdentityCells : public tov_test::Waiting, public testing::WithParamInterface<cell_s> {
+class IdentityCells : public ReusedId, public testing::WithParamInterface<row_s> {
  protected:
-  enum {
-    SELF_CHECK_S = 300,
-    LONG_RESTART_TIME_S = 3'000,
-    SWEEP_S = 60,
-    STARTS_BEFORE_SUSPENSION = 4,
-    MANY_PERIODS = 5,
-  };
-
-  IdentityCells() {
-    kernel().start_as(ID, {PROGRAM, "-d"});
-    worker_ = kernel().start_thread(ID);
-    kernel().child_becomes = [](tov_test::process_s &child) {
-      child.session = child.pid;
-      kernel().exec(child.pid, {PROGRAM, "-d"});
-    };
-    registers(PROGRAM, state() == DEAD ? LONG_RESTART_TIME_S : 0);
-    watches(1);
-    if (state() == SUSPENDED) {
-      tov_pid_t *record = find(ID);
-      record->count = STARTS_BEFORE_SUSPENSION;
-      record->tm = tov_get_time();
-    }
-    helper_ = kernel().start({"/opt/helper"});
-    kernel().on_alarm = tov_alrm_handler;
-    tov_test::reset_platform();
-  }
-
-  static state_e state() { return GetParam().row->state; }
-  static when_e when() { return GetParam().row->when; }
-  static question_e question() { return GetParam().row->question; }
-  static taker_e taker() { return GetParam().taker; }
-
-  // ---- the program, and who has its id next ---------------------------------------------------
-
-  // What a client does for the process `ID`: its file, its lock, its request.
-  static void registers(const char *program, int restart_time) {
-    const std::string file = file_at_id(program);
-    kernel().write_file(file, std::to_string(ID) + "\n2\n" + program);
-    kernel().lock(file, ID);
-    tov_msg_xtach_t payload{};
-    payload.pid = ID;
-    payload.restart_time = restart_time;
-    (void)snprintf(payload.pathname, sizeof payload.pathname, "%s", program);
-    EXPECT_EQ(tov_process_restart(&payload), 0);
-  }
-  // It watches its first thread; `periods` of it may be missed.
-  static void watches(unsigned int periods) {
-    tov_msg_xtach_t payload{};
-    payload.pid = payload.ppid = ID;
-    payload.m_n_counter = payload.m_n_cur_counter = periods;
-    payload.m_n_notify_time = 60;
-    EXPECT_EQ(tov_notifier_start(&payload), 0);
-  }
-  static std::string file_at_id(const std::string &program) {
-    return "/tmp/vsd/0/tov/db" + program.substr(program.rfind('/')) + "." + std::to_string(ID);
-  }
-
-  void ends() {
-    if (state() == LIVING) return kernel().end_thread(ID);
-    kernel().end(ID);
-    if (state() == DEFERRED) kernel().lock(file_at_id(PROGRAM), helper_);
-  }
-  static void is_reported(int code) { dispatch({TOV_EVENT_EXIT, ID, static_cast<uint32_t>(code)}); }
-  static void dispatch(const tov_cnmsg_data_t &event) { tov_cnmsg_dispatch(&event); }
-
-  static bool is_registered_next() {
-    // The helper holds the very file: the client's call fails.
-    if (taker() == SAME_REGISTRANT) return state() != DEFERRED;
-    return taker() == REGISTRANT;
-  }
-  static const char *program_of_taker() { return taker() == REGISTRANT ? OTHER : PROGRAM; }
-  static std::vector<std::string> words_of_taker() {
-    switch (taker()) {
-      case SAME_PROGRAM:
-      case SAME_REGISTRANT:
-        return {PROGRAM, "-d"};
-      case REGISTRANT:
-        return {OTHER};
-      default:
-        return {UNREGISTERED};
-    }
-  }
-  void is_taken() {
-    if (taker() == NOBODY) {
-      // A living process goes on in another thread.
-    } else if (state() == LIVING) {
-      kernel().replace_binary(PROGRAM);
-      kernel().exec(worker_, words_of_taker());
-    } else {
-      kernel().start_as(ID, words_of_taker());
-    }
-    if (kernel().has(ID)) taken_ = kernel().process(ID).serial;
-    if (!is_registered_next()) return;
-    registers(program_of_taker(), 0);
-    // One that executed has a record of its thread already.
-    if (state() != LIVING) watches(MANY_PERIODS);
-  }
-  static void executes() { dispatch({TOV_EVENT_EXEC, ID, 0}); }
-
-  // ---- the questions --------------------------------------------------------------------------
-
-  void sweep() {
-    for (int sweeps = 0; sweeps < 2; sweeps++) {
-      for (unsigned int bucket = 0; bucket < TOV_PID_BUCKETS; bucket++)
-        tov_sweep_bucket(bucket);
-      live_on(SWEEP_S);
-    }
-  }
-  // Time in which the alarm may ring.
-  void live_on(int64_t seconds) {
-    const int64_t end_us = kernel().now_us() + seconds * US_PER_S;
-    while (kernel().now_us() < end_us)
-      run(end_us - kernel().now_us());
-  }
-  void hand_back() {
-    kernel().end(helper_);
-    one_pass_of_hand_back();
-    run();
-  }
-  // The thread at work until it sleeps for the first time.
-  static void one_pass_of_hand_back() {
-    kernel().after(US_PER_MS, [] { tov_flag_set(quit, 1); });
-    (void)tov_delay_restart(nullptr);
-    tov_flag_set(quit, 0);
-  }
-  void ask() {
-    switch (question()) {
-      case EXIT:
-        return when() == BEFORE ? is_told_late() : taker_is_stopped();
-      case SWEEP:
-        return sweep();
-      case ALARM:
-        if (when() == AFTER) return live_on(SELF_CHECK_S + 2);
-        return tov_alrm_handler(SIGALRM);
-      case HAND_BACK:
-        if (when() == AFTER) return hand_back();
-        return one_pass_of_hand_back();
-      case WATCHDOG:
-        return tov_notifer_scan();
-      case QUESTIONS:
-        break;
-    }
-  }
-  void is_told_late() {
-    is_reported(state() == LIVING ? 0 : SIGKILL);
-    if (state() == LIVING && taker() != NOBODY) executes();
-    run();
-    told_ = true;
-  }
-  void taker_is_stopped() {
-    if (!kernel().has(ID)) return;  // nobody has it
-    kernel().end(ID);
-    is_reported(STOPPED);
-    run();
-  }
-
-  // ---- a cell ---------------------------------------------------------------------------------
-
-  void happens() {
-    ends();
-    if (when() == AFTER) is_told_late_of_end();
-    is_taken();
-    if (when() == AFTER && state() == LIVING && taker() != NOBODY) executes();
-    run();
-  }
-  void is_told_late_of_end() {
-    is_reported(state() == LIVING ? 0 : SIGKILL);
-    run();
-    told_ = true;
-  }
-  // What is under way comes to its end.
-  void settle() {
-    if (!told_) is_told_late();
-    if (state() == LIVING) return live_on(2);
-    hand_back();
-    live_on(LONG_RESTART_TIME_S + 1);
-    tov_notifer_scan();
-  }
-
-  static bool taker_was_stopped() { return question() == EXIT && when() == AFTER; }
-  bool taker_lives() const {
-    return kernel().has(ID) && kernel().process(ID).serial == taken_ &&
-           !kernel().is_over(ID, taken_);
-  }
-  static std::string new_id() {
-    return kernel().forks.empty() ? "none" : std::to_string(kernel().forks.back());
-  }
-  static std::string text_of(line_e line) {
-    const std::string old_id = std::to_string(ID);
-    const std::string sweep = "tov_proc_stat_check: tov_pid(/opt/a -d, 0, " + old_id + ") ";
-    switch (line) {
-      case MISSED:
-        return sweep + "is not running.";
-      case LOST:
-        return sweep + "exit code lost, restart it.";
-      case CHECKED:
-        return "%HA-5-HA_SELF_CHECK: Task: a -d/" + old_id +
-               " receives event:0009 and self-checking ...";
-      case CHECKED_OK:
-        return "%HA-5-HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id a -d/" + new_id() +
-               ".";
-      case BEGUN:
-        return "%HA-5-HA_RE_INIT: Job a -d/" + old_id + " will be re-initialized ...";
-      case BEGUN_OK:
-        return "%HA-5-HA_RE_INIT_INFO Re-initialized OK: 1 times and new id a -d/" + new_id() + ".";
-      case SUSPENDS:
-        return "HA_WAIT_SELF_CHECK Task: a -d had checked more than 5 times. After 5 mimutes, task "
-               "will "
-               "finish self-checking.";
-      case RESUMED_OK:
-        return "%HA-5-HA_SELF_CHECK_INFO Self-checking OK: 1 times and new id a -d/" + new_id() +
-               ".";
-    }
-    return "";
-  }
-  static std::vector<std::string> texts_of(const lines_t &lines) {
-    std::vector<std::string> texts;
-    for (const line_e line : lines)
-      texts.push_back(text_of(line));
-    return texts;
-  }
-  static std::vector<std::string> records(tov_chains_t &chains) {
-    std::vector<std::string> texts;
-    const tov_chains_guard_t held(chains);
-    for (const tov_pid_t &record : tov_chain_records(&chains))
-      texts.push_back(std::to_string(record.pid) + " " + record.process);
-    return texts;
-  }
-  std::vector<std::string> expected_records() const {
-    const std::string id = std::to_string(ID);
-    std::vector<std::string> texts;
-    if (GetParam().expected().forks_in_all > 0) {
-      texts.push_back(new_id() + " /opt/a -d");
-    } else if (!taker_was_stopped()) {
-      texts.push_back(id + " /opt/a -d");
-    }
-    if (taker() == REGISTRANT && state() != LIVING && !taker_was_stopped())
-      texts.push_back(id + " /opt/b");
-    return texts;
-  }
-
-  // Of the dead one none; a living one's are the question of the watchdog.
-  static std::vector<std::string> expected_threads() {
-    if (!is_registered_next() || taker_was_stopped()) return {};
-    return {std::to_string(ID) + (taker() == REGISTRANT ? " /opt/b" : " /opt/a -d")};
-  }
-
-  pid_t worker_ = 0;
-  pid_t helper_ = 0;
-  uint64_t taken_ = 0;  // the process that has the id
-  bool told_ = false;   // of its end
+  IdentityCells() : ReusedId(GetParam().cell) {}
 };
 
 }  // namespace
 
 TEST_P(IdentityCells, ProgramComesBackOnceAndTheNextOwnerOfItsIdIsLeftAlone) {
-  const answer_s &expected = GetParam().expected();
-  SCOPED_TRACE(GetParam().row->why);
+  const answer_s &expected = GetParam().expected;
+  SCOPED_TRACE(GetParam().why);
   happens();
   ASSERT_THAT(kernel().forks, IsEmpty());
   ask();
@@ -466,7 +159,8 @@ TEST_P(IdentityCells, ProgramComesBackOnceAndTheNextOwnerOfItsIdIsLeftAlone) {
   settle();
   EXPECT_EQ(kernel().forks.size(), expected.forks_in_all);
   EXPECT_THAT(platform().events[TOV_LOG_RESTART], ElementsAreArray(texts_of(expected.lines)));
-  EXPECT_THAT(records(tov_chains), UnorderedElementsAreArray(expected_records()));
+  EXPECT_THAT(records(tov_chains),
+              UnorderedElementsAreArray(expected_records(expected.forks_in_all)));
   EXPECT_THAT(records(tov_chains_delay), IsEmpty());
   EXPECT_THAT(kernel().kills, IsEmpty());
   EXPECT_EQ(platform().requests.size(), expected.requests);
@@ -478,4 +172,5 @@ TEST_P(IdentityCells, ProgramComesBackOnceAndTheNextOwnerOfItsIdIsLeftAlone) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, IdentityCells, testing::ValuesIn(all_cells()), name_of);
+INSTANTIATE_TEST_SUITE_P(All, IdentityCells, testing::ValuesIn(all_cells()),
+                         [](const auto &cell) { return name_of(cell.param.cell); });
