@@ -1,6 +1,7 @@
-// The shipped daemon in a private device: restart time, wake-ups, memory, its own restart.
+// The shipped daemon in a private device: restart time, wake-ups, strangers, memory, its own
+// restart.
 //
-//   device_bench [restart] [wakeups] [memory] [rebuild]      all of them without a word
+//   device_bench [restart] [wakeups] [strangers] [memory] [rebuild]      all of them without a word
 //
 // Supervised programs are victims (tests/support/programs/victim.cpp): statically linked, they note
 // the time as the first act of main, and they write and lock their own registration files, which
@@ -49,6 +50,8 @@ static constexpr int LIFE_ROUNDS = 50;
 static constexpr int IDLE_PROGRAMS = 100;
 static constexpr int IDLE_SPAN_S = 20;
 static constexpr Millis WINDOW_MS{250};
+static constexpr int STRANGERS = 2000;
+static constexpr int STRANGER_ROUNDS = 5;
 static constexpr int MEMORY_STEPS[] = {1, 100, 1000};
 static constexpr int REBUILD_PROGRAMS = 1000;
 static constexpr int REBUILD_ROUNDS = 9;
@@ -286,6 +289,69 @@ static void measure_wakeups() {
   print_wakeups(all, quiet);
 }
 
+// ---- strangers ------------------------------------------------------------------------------
+
+// What a process does that is no business of the daemon.
+static void live_shortly(const char *program) {
+  const pid_t child = fork();
+  if (child == 0) {
+    if (program != nullptr) execl(program, program, nullptr);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+}
+
+// Nanoseconds on a processor, by thread.
+static std::map<std::string, int64_t> processor_ns(pid_t pid) {
+  std::map<std::string, int64_t> all;
+  for (const auto &task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+    const pid_t tid = atoi(task.path().filename().c_str());
+    std::ifstream(task.path() / "schedstat") >> all[tov_test::status_field(tid, "Name")];
+  }
+  return all;
+}
+
+// Microseconds of the daemon's threads for each process, in each round.
+static std::map<std::string, std::vector<double>> costs_of_strangers(pid_t daemon,
+                                                                     const char *program) {
+  std::map<std::string, std::vector<double>> us;
+  for (int round = 0; round < STRANGER_ROUNDS; round++) {
+    const int64_t forks = machine_forks();
+    const auto before = processor_ns(daemon);
+    for (int i = 0; i < STRANGERS; i++)
+      live_shortly(program);
+    std::this_thread::sleep_for(SETTLE_MS);  // what was queued is handled by then
+    const auto after = processor_ns(daemon);
+    const auto started = static_cast<double>(machine_forks() - forks);  // others', too
+    double sum = 0;
+    for (const auto &[name, ns] : after) {
+      const double cost = static_cast<double>(ns - before.at(name)) / started / 1000;
+      us[name].push_back(cost);
+      sum += cost;
+    }
+    us["all threads"].push_back(sum);
+  }
+  return us;
+}
+
+// One after the other, so that each is heard alone: what a storm costs is less.
+static void measure_strangers() {
+  static constexpr double SMALL_US = 0.05;
+  printf("strangers: processor time of the daemon for a process that is not registered\n");
+  Device device;
+  start_programs(device, "watched", IDLE_PROGRAMS);
+  const pid_t daemon = device.start_ready_daemon();
+  std::this_thread::sleep_for(SETTLE_MS);
+  const Noise noise;
+  for (const char *program : {static_cast<const char *>(nullptr), "/bin/true"}) {
+    printf("  %s\n", program == nullptr ? "fork and exit" : "fork, execution and exit");
+    for (const auto &[name, us] : costs_of_strangers(daemon, program))
+      if (quantile(us, 0.5) > SMALL_US)
+        printf("    %-42s median %6.2f   min %6.2f   max %6.2f  us\n", name.c_str(),
+               quantile(us, 0.5), quantile(us, 0), quantile(us, 1));
+  }
+}
+
 // ---- memory ---------------------------------------------------------------------------------
 
 namespace {
@@ -398,10 +464,8 @@ static constexpr struct {
   const char *name;
   void (*measure)();
 } figures[] = {
-    {"restart", measure_restart},
-    {"wakeups", measure_wakeups},
-    {"memory", measure_memory},
-    {"rebuild", measure_rebuild},
+    {"restart", measure_restart}, {"wakeups", measure_wakeups}, {"strangers", measure_strangers},
+    {"memory", measure_memory},   {"rebuild", measure_rebuild},
 };
 
 int main(int argc, char **argv) {
