@@ -41,6 +41,11 @@ inline int tov_sys_clock_gettime(clockid_t clock, timespec *now) {
   return clock_gettime(clock, now);
 }
 
+// clock_gettime(2), bare: no library that scales a program's time comes in between.
+inline int tov_sys_kernel_clock(clockid_t clock, timespec *now) {
+  return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+}
+
 // select(2) without descriptors: sleeps for *left, where a signal (EINTR) leaves what remains.
 inline int tov_sys_sleep(timeval *left) {
   return select(0, nullptr, nullptr, nullptr, left);

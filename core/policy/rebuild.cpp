@@ -12,10 +12,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -35,6 +32,7 @@
 #include "proc/find.h"
 #include "util/entries.h"
 #include "util/identity.h"
+#include "util/kernel_time.h"
 #include "util/owner.h"
 #include "util/procfs.h"
 #include "util/regular_file.h"
@@ -100,30 +98,6 @@ static bool counts(const char *path, const char *entry, const tov_pid_t &record)
   return !is_of_task(held, record.pid, record);
 }
 
-static int64_t us_of(const timespec &time) {
-  constexpr int64_t us_per_s = 1000000, ns_per_us = 1000;
-  return time.tv_sec * us_per_s + time.tv_nsec / ns_per_us;
-}
-
-// Process start times are the kernel's, so the clocks and the file's time are asked of the kernel
-// itself: a library that scales the daemon's time does not scale theirs.
-static int64_t kernel_clock_us(clockid_t clock) {
-  timespec now{};
-  (void)syscall(SYS_clock_gettime, clock, &now);
-  return us_of(now);
-}
-
-// When the file was written (STATX_MTIME) or renamed (STATX_CTIME). A file has the wall clock's
-// time; that clock being set in between makes a successor look older or younger than it is, which
-// nothing here can see.
-static int64_t file_time_us(const char *path, unsigned int which) {
-  struct statx status {};
-  if (syscall(SYS_statx, AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, which, &status) < 0) return INT64_MAX;
-  const auto &time = which == STATX_MTIME ? status.stx_mtime : status.stx_ctime;
-  return us_of({time.tv_sec, time.tv_nsec}) -
-         (kernel_clock_us(CLOCK_REALTIME) - kernel_clock_us(CLOCK_BOOTTIME));
-}
-
 // Which process has the write lock on a file; 0: none, or it cannot be known.
 static pid_t holder_of(const char *path) {
   const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
@@ -187,7 +161,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
   for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
-    const int64_t written = file_time_us(path, STATX_MTIME);
+    const int64_t written = tov_file_time_us(path, STATX_MTIME);
     tov_pid_t *record = read_record(vsd_id, path, name.c_str());
     if (record == nullptr) {
       if (name.starts_with(TOV_DB_KEPT_PREFIX)) (void)tov_sys_unlink(path);
@@ -211,7 +185,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
 static bool is_child(pid_t pid, const char *path) {
   tov_stat_t stat;
   return tov_read_stat(pid, &stat) == 0 && !tov_stat_is_end(stat.state) &&
-         tov_ticks_us(stat.started) - TICK_US <= file_time_us(path, STATX_CTIME);
+         tov_ticks_us(stat.started) - TICK_US <= tov_file_time_us(path, STATX_CTIME);
 }
 
 // Whose task the child has executed, or is about to, or null: it was withdrawn.

@@ -40,6 +40,7 @@ namespace tov_test {
 // The kinds of calls: one for each function of the seam.
 enum call_e {
   CALL_CLOCK_GETTIME,
+  CALL_KERNEL_CLOCK,
   CALL_SLEEP,
   CALL_USLEEP,
   CALL_POLL,

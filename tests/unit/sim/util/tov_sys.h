@@ -28,6 +28,7 @@
 // ---- time and waiting -----------------------------------------------------------------------
 
 int tov_sys_clock_gettime(clockid_t clock, timespec *now);
+int tov_sys_kernel_clock(clockid_t clock, timespec *now);
 int tov_sys_sleep(timeval *left);
 int tov_sys_usleep(useconds_t span_us);
 int tov_sys_poll(pollfd *waited, nfds_t count, int timeout_ms);
