@@ -269,6 +269,11 @@ inline int tov_sys_setsockopt(int fd, int level, int name, const void *value, so
   return setsockopt(fd, level, name, value, size);
 }
 
+// getsockopt(2): `size` is the room before and the answer's length after.
+inline int tov_sys_getsockopt(int fd, int level, int name, void *value, socklen_t *size) {
+  return getsockopt(fd, level, name, value, size);
+}
+
 // bind(2).
 inline int tov_sys_bind(int fd, const sockaddr *address, socklen_t size) {
   return bind(fd, address, size);

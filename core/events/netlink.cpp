@@ -1,50 +1,58 @@
-// The socket, its filter in the kernel, and the way from a datagram to an entry of the ring. An
-// event is copied out of its datagram, where it stands unaligned; each length is checked before
-// what it covers is read.
+// The way from a datagram to an entry of the ring. An event is copied out of its datagram, where it
+// stands unaligned; each length is checked before what it covers is read.
+//
+// The thread takes events its own way, beside the given functions: it notes numbers and ends, and
+// puts whole records into the ring or none.
 #include "core/events/netlink.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
-#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <time.h>
 
+#include <algorithm>
 #include <iterator>
+#include <optional>
+#include <utility>
 
+#include "core/events/connector.h"
+#include "core/events/numbers.h"
 #include "core/events/tov_fifo.h"
+#include "core/run/ends.h"
 #include "core/run/flags.h"
+#include "core/run/loss.h"
 #include "core/run/quit.h"
 #include "core/run/thread.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
-#include "util/owner.h"
+#include "util/kernel_time.h"
 #include "util/priority.h"
 #include "util/tov_sys.h"
 
 static constexpr char thread_name[] = "tov_process_netlink";
 
 enum {
-  RECEIVE_SIZE = 1024,
-  SOCKET_BUFFER_BYTES = 0x400000,
-  RECEIVE_TIMEOUT_S = 5,
-  RECEIVE_TIMEOUT_MS = RECEIVE_TIMEOUT_S * 1000,
-  KERNEL_PORT_ID = 0,
+  RECEIVE_TIMEOUT_MS = TOV_CONNECTOR_TIMEOUT_S * 1000,
+  OTHERS_AT_ONCE = 1024,  // read of the second socket for what the first has brought
+  OTHERS_MAX = 65536,     // more than its buffer holds
 };
+static constexpr int64_t US_PER_S = 1'000'000;
+static constexpr int64_t NS_PER_US = 1'000;
+static constexpr int64_t STOOD_STILL_US = 1 * US_PER_S;  // so late an event was not read: we slept
+static constexpr int64_t ANSWER_US = 5 * US_PER_S;       // longest wait for a subscription's answer
+static constexpr int64_t SILENCE_US = 60 * US_PER_S;     // afterwards we ask whether we still hear
 
 namespace {
 
 enum result_e {
   RESULT_PRIORITY = -1,
-  RESULT_SOCKET = -2,
-  RESULT_BIND = -3,
-  RESULT_SUBSCRIBE = -4,
   RESULT_RECEIVE = -5,
 };
 
@@ -52,97 +60,66 @@ enum result_e {
 
 // ---- one event ------------------------------------------------------------------------------
 
-void tov_send_fifo_cnmsg(uint32_t what, int pid, uint32_t exit_code) {
-  if (kfifo_is_full(&tov_cnmsg_fifo)) {
-    (void)tov_log_with_type(
-        TOV_LOG_ERROR, "TOV: fifo is full,pid:%d %s action will be discard! exit_code=%d \n", pid,
-        what == TOV_EVENT_EXEC ? "exec" : "exit", static_cast<int>(exit_code));
-    return;
-  }
-  tov_cnmsg_data_t event{what, pid, exit_code};
+static void put(const tov_cnmsg_data_t &event) {
   (void)__kfifo_in(&tov_cnmsg_fifo, &event, sizeof event);
   tov_cnmsg_fifo_wake();
 }
 
-void tov_dispatch_netlink_msg(const struct cn_msg *message) {
-  // The data stands unaligned behind the header, and may be shorter than the newest kernel's.
-  proc_event event{};
-  const size_t length = message->len < sizeof event ? message->len : sizeof event;
-  memcpy(&event, message->data, length);
+static void tell_full_ring(const tov_cnmsg_data_t &event) {
+  (void)tov_log_with_type(TOV_LOG_ERROR,
+                          "TOV: fifo is full,pid:%d %s action will be discard! exit_code=%d \n",
+                          event.process_pid, event.what == TOV_EVENT_EXEC ? "exec" : "exit",
+                          static_cast<int>(event.exit_code));
+}
 
+void tov_send_fifo_cnmsg(uint32_t what, int pid, uint32_t exit_code) {
+  const tov_cnmsg_data_t event{what, pid, exit_code};
+  if (kfifo_is_full(&tov_cnmsg_fifo)) return tell_full_ring(event);
+  put(event);
+}
+
+// The data stands unaligned behind the header, and may be shorter than the newest kernel's. What
+// lacks is 0. Returns how much there was.
+static size_t copy_event(const cn_msg *message, proc_event *event) {
+  *event = {};
+  const size_t length = std::min<size_t>(message->len, sizeof *event);
+  memcpy(event, message->data, length);
+  return length;
+}
+
+static bool is_exit(const proc_event &event, size_t length) {
+  return static_cast<uint32_t>(event.what) == TOV_EVENT_EXIT &&
+         length >= offsetof(proc_event, event_data) +
+                       offsetof(decltype(proc_event::event_data.exit), exit_signal);
+}
+
+// Of interest to the handler, or nothing. The end of a thread is no end of a process.
+static std::optional<tov_cnmsg_data_t> of_interest(const proc_event &event, size_t length) {
   constexpr size_t exec_end =
       offsetof(proc_event, event_data) + sizeof(proc_event::event_data.exec);
-  constexpr size_t exit_end = offsetof(proc_event, event_data) +
-                              offsetof(decltype(proc_event::event_data.exit), exit_signal);
-  switch (static_cast<uint32_t>(event.what)) {
-    case TOV_EVENT_EXEC:
-      if (length < exec_end) return;
-      tov_send_fifo_cnmsg(TOV_EVENT_EXEC, event.event_data.exec.process_pid, 0);
-      break;
-    case TOV_EVENT_EXIT:
-      if (length < exit_end) return;
-      // A thread that ends is no process that ends.
-      if (event.event_data.exit.process_pid != event.event_data.exit.process_tgid) return;
-      tov_send_fifo_cnmsg(TOV_EVENT_EXIT, event.event_data.exit.process_pid,
-                          event.event_data.exit.exit_code);
-      break;
-    default:
-      break;
-  }
+  const auto &exec = event.event_data.exec;
+  const auto &exit = event.event_data.exit;
+  if (static_cast<uint32_t>(event.what) == TOV_EVENT_EXEC && length >= exec_end)
+    return tov_cnmsg_data_t{TOV_EVENT_EXEC, exec.process_pid, 0};
+  if (is_exit(event, length) && exit.process_pid == exit.process_tgid)
+    return tov_cnmsg_data_t{TOV_EVENT_EXIT, exit.process_pid, exit.exit_code};
+  return std::nullopt;
+}
+
+void tov_dispatch_netlink_msg(const struct cn_msg *message) {
+  proc_event event;
+  const size_t length = copy_event(message, &event);
+  if (const auto of = of_interest(event, length))
+    tov_send_fifo_cnmsg(of->what, of->process_pid, of->exit_code);
 }
 
 // ---- one datagram ---------------------------------------------------------------------------
-
-// Walks the netlink messages of a datagram; every length is checked before what it covers is read.
-static void walk_messages(const char *data, size_t remaining) {
-  while (remaining >= sizeof(nlmsghdr)) {
-    nlmsghdr header;
-    memcpy(&header, data, sizeof header);
-    if (header.nlmsg_len < sizeof header || header.nlmsg_len > remaining) return;
-    if (header.nlmsg_type == NLMSG_ERROR || header.nlmsg_type == NLMSG_OVERRUN) return;
-
-    if (header.nlmsg_type != NLMSG_NOOP) {
-      const char *payload = data + NLMSG_HDRLEN;
-      const size_t payload_length = header.nlmsg_len - NLMSG_HDRLEN;
-      cn_msg message;
-      if (payload_length >= sizeof message) {
-        memcpy(&message, payload, sizeof message);
-        if (message.len <= payload_length - sizeof message) {
-          tov_dispatch_netlink_msg(reinterpret_cast<const cn_msg *>(payload));
-        }
-      }
-      if (header.nlmsg_type == NLMSG_DONE) return;
-    }
-    const size_t advance = NLMSG_ALIGN(header.nlmsg_len);
-    if (advance > remaining) return;
-    data += advance;
-    remaining -= advance;
-  }
-}
 
 static bool is_fatal(int error) {
   return error == EBADF || error == ENOTSOCK || error == ENOTCONN || error == ECONNREFUSED;
 }
 
-// Receives one datagram. Returns 0, or -errno when there was none.
-static int take_datagram(int sock, int flags) {
-  alignas(nlmsghdr) char buffer[RECEIVE_SIZE];
-  sockaddr_nl sender{};
-  socklen_t sender_length = sizeof sender;
-  const ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, flags,
-                                          reinterpret_cast<sockaddr *>(&sender), &sender_length);
-  if (length < 0) return -errno;
-  if (sender_length != sizeof sender) {
-    TOV_DBG("bad address size reading netlink socket\n");
-    return 0;
-  }
-  // Any process with the privilege may send to the group; only the kernel is believed.
-  if (sender.nl_pid != KERNEL_PORT_ID || sender.nl_groups != CN_IDX_PROC) return 0;
-  walk_messages(buffer, static_cast<size_t>(length));
-  return 0;
-}
-
-// What tov_recv_netlink_msg() makes of a result of take_datagram().
+// What tov_recv_netlink_msg() makes of a result of tov_connector_receive().
 static int judge(int res) {
   if (res == 0) return 0;
   TOV_DBG("%s: netlink recvfrom fail: %s\n", "tov_recv_netlink_msg", strerror(-res));
@@ -151,100 +128,259 @@ static int judge(int res) {
 }
 
 int tov_recv_netlink_msg(int sock) {
-  return judge(take_datagram(sock, 0));
+  return judge(tov_connector_receive(sock, 0, tov_dispatch_netlink_msg));
 }
 
-// ---- the thread -----------------------------------------------------------------------------
+// ---- the thread's way -------------------------------------------------------------------------
 
-// More than the system's limit where we are allowed to, else as much as we get: SO_RCVBUF alone is
-// clamped without a word.
-static void set_options(int sock) {
-  int bytes = SOCKET_BUFFER_BYTES;
-  if (tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) < 0 &&
-      tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes) < 0) {
-    TOV_DBG("socket set recvbuffer error\n");
+namespace {
+
+// What the thread knows of its sockets.
+class reader_s {
+ public:
+  // All of them return 0 or the thread's result, with errno.
+  int open();
+  int take_or_wait();  // takes one datagram, or waits for one: some seconds at the most
+
+ private:
+  void take(const cn_msg *message);
+  void queue(const tov_cnmsg_data_t &event);
+  void note_answer(const proc_event &event);
+  int receive(int flags);
+  int wait();
+  void hear();
+  void catch_up();
+  void judge_gaps(int at_most);
+  void settle();
+  void tell_drops();
+  int take_other();
+  bool read_others(int at_most, bool all);
+  int judge_silence();
+  bool proves_life();
+
+  tov_connector_t connector_;
+  tov_numbers_t numbers_;
+  bool is_first_ = false;    // the next event shows how late it is read
+  int since_caught_up_ = 0;  // datagrams
+
+  bool is_reopened_ = false;
+  bool is_heard_ = false;  // an event came since the subscription
+  int answer_error_ = 0;   // a subscription was refused, perhaps another's; 0: none
+  int64_t subscribed_us_ = 0;
+  int64_t last_heard_us_ = 0;
+
+  bool has_overflowed_ = false;         // the first socket
+  std::optional<uint32_t> drops_told_;  // of all its drops
+  int unsettled_ = 0;                   // times of catching up before a gap means something
+};
+
+}  // namespace
+
+enum {
+  SETTLED_AFTER_OPENING = 1,   // what came before both sockets were bound has been read then
+  SETTLED_AFTER_OVERFLOW = 2,  // so has what came before the kernel went on with both of them
+};
+
+// The kernel's, as its events have it.
+static int64_t now_us() {
+  return tov_kernel_clock_us(CLOCK_MONOTONIC);
+}
+
+int reader_s::open() {
+  if (const int result = tov_connector_open(&connector_); result != 0) return result;
+  numbers_.forget();
+  unsettled_ = SETTLED_AFTER_OPENING;
+  drops_told_ = tov_connector_drops(connector_.events.n);
+  is_heard_ = has_overflowed_ = false;
+  answer_error_ = 0;
+  subscribed_us_ = last_heard_us_ = now_us();
+  return 0;
+}
+
+// ---- events
+
+void reader_s::queue(const tov_cnmsg_data_t &event) {
+  if (kfifo_len(&tov_cnmsg_fifo) + sizeof event <= size_t{tov_cnmsg_fifo.mask} + 1)
+    return put(event);
+  tell_full_ring(event);
+  tov_loss_tell(TOV_LOSS_EVENTS, 1);
+}
+
+// Whoever subscribes, the kernel answers all who listen: an answer cannot be told from another's.
+// But any event proves that we hear.
+void reader_s::note_answer(const proc_event &event) {
+  const bool is_answer = event.what == proc_event::PROC_EVENT_NONE;
+  if (is_answer && event.event_data.ack.err != 0) {
+    answer_error_ = static_cast<int>(event.event_data.ack.err);
+    return;
   }
-  timeval timeout{RECEIVE_TIMEOUT_S, 0};  // bounds how late `quit` is noticed without its event
-  if (tov_sys_setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0) {
-    TOV_DBG("socket set recv timeout error\n");
+  is_heard_ = true;
+  tov_loss_tell(TOV_LOSS_SUBSCRIBED, 0);
+}
+
+void reader_s::take(const cn_msg *message) {
+  proc_event event;
+  const size_t length = copy_event(message, &event);
+  if (length < offsetof(proc_event, event_data)) return;
+  const auto at_us = static_cast<int64_t>(event.timestamp_ns) / NS_PER_US;
+  if (std::exchange(is_first_, false) && at_us > 0 && last_heard_us_ - at_us > STOOD_STILL_US)
+    tov_loss_tell(TOV_LOSS_STOOD_STILL, 0);
+  numbers_.seen(event.cpu, message->seq);
+  if (!is_heard_) note_answer(event);
+  if (is_exit(event, length)) {
+    const auto &exit = event.event_data.exit;
+    tov_ends_note(exit.process_tgid, exit.process_pid, exit.exit_code, at_us);
   }
+  if (const auto of = of_interest(event, length)) queue(*of);
 }
 
-// Lets the kernel drop what we would: forks, name changes and the ends of threads make up most of
-// the connector's events, and each would wake a thread at priority 99. Whatever is not clearly one
-// of those comes through and is judged here. Without the filter everything works, at that price.
-static void filter_in_kernel(int sock) {
-  // Byte offsets in a datagram; the program loads words as big-endian numbers.
-  constexpr uint32_t type_at = offsetof(nlmsghdr, nlmsg_type);
-  constexpr uint32_t idx_at = NLMSG_HDRLEN + offsetof(cn_msg, id.idx);
-  constexpr uint32_t event_at = NLMSG_HDRLEN + sizeof(cn_msg);
-  constexpr uint32_t what_at = event_at + offsetof(proc_event, what);
-  constexpr uint32_t pid_at = event_at + offsetof(proc_event, event_data.exit.process_pid);
-  constexpr uint32_t tgid_at = event_at + offsetof(proc_event, event_data.exit.process_tgid);
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type_at),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(NLMSG_DONE), 0, 9),  // else take
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, idx_at),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(CN_IDX_PROC), 0, 7),  // else take
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, what_at),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(TOV_EVENT_EXEC), 5, 0),  // take
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(TOV_EVENT_EXIT), 0, 5),  // else drop
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, pid_at),
-      BPF_STMT(BPF_MISC | BPF_TAX, 0),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, tgid_at),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_X, 0, 0, 1),  // a process, else drop
-      BPF_STMT(BPF_RET | BPF_K, RECEIVE_SIZE),       // take
-      BPF_STMT(BPF_RET | BPF_K, 0),                  // drop
-  };
-  sock_fprog attached{static_cast<unsigned short>(std::size(program)), program};
-  (void)tov_sys_setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached);
+int reader_s::receive(int flags) {
+  return tov_connector_receive(connector_.events.n, flags,
+                               [this](const cn_msg *message) { take(message); });
 }
 
-static bool subscribe(int sock, uint32_t port_id) {
-  constexpr uint32_t listen = PROC_CN_MCAST_LISTEN;
-  constexpr size_t length = NLMSG_HDRLEN + sizeof(cn_msg) + sizeof listen;
-  static_assert(length == 40);
-  char buffer[RECEIVE_SIZE] = {};
-  nlmsghdr header{};
-  header.nlmsg_len = length;
-  header.nlmsg_type = NLMSG_DONE;
-  header.nlmsg_pid = port_id;
-  cn_msg message{};
-  message.id.idx = CN_IDX_PROC;
-  message.id.val = CN_VAL_PROC;
-  message.len = sizeof listen;
-  memcpy(buffer, &header, sizeof header);
-  memcpy(buffer + NLMSG_HDRLEN, &message, sizeof message);
-  memcpy(buffer + NLMSG_HDRLEN + sizeof message, &listen, sizeof listen);
-  return tov_sys_send(sock, buffer, length, 0) == static_cast<ssize_t>(length);
+// ---- what is missing
+
+void reader_s::tell_drops() {
+  const std::optional<uint32_t> drops = tov_connector_drops(connector_.events.n);
+  if (drops && drops_told_) {
+    tov_loss_tell(TOV_LOSS_EVENTS, uint32_t{*drops - *drops_told_});  // they wrap
+  } else {
+    tov_loss_tell(TOV_LOSS_UNCOUNTED, 0);
+  }
+  drops_told_ = drops;
 }
 
-// Sets the thread and its socket up. Returns 0, or the result code of the step that failed.
-static int open_connector(tov_fd_t *sock) {
-  errno = tov_set_priority(TOV_RT_PRIORITY);
-  if (errno != 0) return RESULT_PRIORITY;
-  *sock = tov_fd_t(tov_sys_socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_CONNECTOR));
-  if (sock->n < 0) return RESULT_SOCKET;
-  set_options(sock->n);
-  filter_in_kernel(sock->n);
-  sockaddr_nl own{};
-  own.nl_family = AF_NETLINK;
-  own.nl_groups = CN_IDX_PROC;
-  own.nl_pid = static_cast<uint32_t>(tov_sys_getpid());
-  if (tov_sys_bind(sock->n, reinterpret_cast<sockaddr *>(&own), sizeof own) < 0) return RESULT_BIND;
-  return subscribe(sock->n, own.nl_pid) ? 0 : RESULT_SUBSCRIBE;
+int reader_s::take_other() {
+  return tov_connector_receive(connector_.others.n, MSG_DONTWAIT, [this](const cn_msg *message) {
+    proc_event event;
+    if (copy_event(message, &event) >= offsetof(proc_event, event_data))
+      numbers_.seen(event.cpu, message->seq);
+  });
 }
 
-// The same as tov_recv_netlink_msg() for a thread that has to hear `quit`. Nothing is waited for
-// before the socket is empty: a storm costs one call a datagram.
-static int receive_or_hear(int sock) {
-  if (tov_quit_fd() < 0) return tov_recv_netlink_msg(sock);
-  const int res = take_datagram(sock, MSG_DONTWAIT);
-  if (res != -EAGAIN) return judge(res);
-  pollfd waited[] = {{sock, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
+// Reads the second socket: `all` of it, or as long as numbers are missing. Returns whether it is
+// empty.
+bool reader_s::read_others(int at_most, bool all) {
+  if (connector_.others.n < 0) return true;
+  for (int i = 0; i < at_most && (all || numbers_.any_missing()); i++) {
+    const int res = take_other();
+    if (res == -EAGAIN) return true;
+    // What it lost concerns nobody, but those numbers are missing.
+    if (res == -ENOBUFS) unsettled_ = SETTLED_AFTER_OVERFLOW;
+  }
+  return false;
+}
+
+// Both sockets are read empty. Behind an overflow that of one goes on to be full until then, so the
+// next events have gaps before them, too.
+void reader_s::settle() {
+  (void)read_others(OTHERS_MAX, true);
+  if (unsettled_ == SETTLED_AFTER_OVERFLOW) {
+    numbers_.forget();
+  } else {
+    numbers_.forgive();
+  }
+  unsettled_--;
+}
+
+void reader_s::judge_gaps(int at_most) {
+  numbers_.mark();
+  if (!read_others(at_most, false))
+    return;  // nothing is missing any more, or there is more to read
+  if (unsettled_ > 0) return settle();
+  const uint64_t lost = numbers_.lost();
+  if (lost > 0) tov_loss_tell(TOV_LOSS_EVENTS, lost);
+}
+
+// The first socket is empty: what is missing is in the second one, or lost. An overflow leaves
+// gaps, too; it is one loss, and counted by the kernel.
+void reader_s::catch_up() {
+  const int taken = std::exchange(since_caught_up_, 0);
+  if (std::exchange(has_overflowed_, false)) {
+    tell_drops();
+    unsettled_ = SETTLED_AFTER_OVERFLOW;
+  }
+  if (unsettled_ > 0) return settle();
+  if (numbers_.any_missing() && connector_.is_complete) judge_gaps(OTHERS_AT_ONCE + taken);
+}
+
+// ---- silence
+
+// A new name of this thread is an event.
+bool reader_s::proves_life() {
+  if (connector_.others.n < 0) {
+    (void)tov_sys_set_name(thread_name);
+    return receive(MSG_DONTWAIT) == 0;
+  }
+  (void)read_others(OTHERS_MAX, true);
+  (void)tov_sys_set_name(thread_name);
+  return take_other() == 0;
+}
+
+// Nothing has come for some seconds: because nothing happens on this machine, or because the kernel
+// does not tell us. That is asked for, and after a refusal once more from the beginning.
+int reader_s::judge_silence() {
+  const int64_t now = now_us();
+  if (!is_heard_) {
+    if (now - subscribed_us_ < ANSWER_US) return 0;
+    errno = answer_error_ != 0 ? answer_error_ : ETIMEDOUT;
+    return is_reopened_ ? int{RESULT_RECEIVE} : int{TOV_CONNECTOR_NOT_SUBSCRIBED};
+  }
+  if (now - last_heard_us_ < SILENCE_US) return 0;
+  last_heard_us_ = now;
+  if (proves_life()) {
+    is_reopened_ = false;
+    return 0;
+  }
+  (void)tov_log_with_type(TOV_LOG_ERROR,
+                          "TOV: process events do not come any more, subscribe once more.\n");
+  is_reopened_ = true;
+  return open() == 0 ? 0 : RESULT_RECEIVE;
+}
+
+// ---- the loop
+
+void reader_s::hear() {
+  is_first_ = true;
+  last_heard_us_ = now_us();
+}
+
+// Waits for an event or for `quit`; without the latter's descriptor for its flag, in the receive
+// before.
+int reader_s::wait() {
+  catch_up();
+  if (tov_quit_fd() < 0) {
+    (void)judge(-EAGAIN);  // silence is told about
+    return judge_silence();
+  }
+  pollfd waited[] = {{connector_.events.n, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
   const int ready = tov_sys_poll(waited, std::size(waited), RECEIVE_TIMEOUT_MS);
-  if (ready < 0) return tov_recv_netlink_msg(sock);  // no memory: a bounded wait all the same
-  return ready == 0 ? judge(-EAGAIN) : 0;            // silence is told about
+  if (ready > 0) {
+    hear();
+    return 0;
+  }
+  // No memory: a bounded wait all the same.
+  const int res = ready < 0 ? receive(0) : -EAGAIN;
+  if (judge(res) < 0) return RESULT_RECEIVE;
+  return res == 0 ? 0 : judge_silence();
+}
+
+// Nothing is waited for before the socket is empty: a storm costs one call a datagram.
+int reader_s::take_or_wait() {
+  const bool may_wait = tov_quit_fd() < 0;
+  const int res = receive(may_wait ? 0 : MSG_DONTWAIT);
+  if (res == -EAGAIN) return wait();
+  if (res == -ENOBUFS) has_overflowed_ = true;
+  since_caught_up_++;
+  if (may_wait) last_heard_us_ = now_us();
+  return judge(res) < 0 ? RESULT_RECEIVE : 0;
+}
+
+// Sets the thread and its sockets up. Returns 0, or the result code of the step that failed.
+static int begin(reader_s *reader) {
+  errno = tov_set_priority(TOV_RT_PRIORITY);
+  return errno != 0 ? RESULT_PRIORITY : reader->open();
 }
 
 void *tov_process_netlink(void *) {
@@ -252,14 +388,15 @@ void *tov_process_netlink(void *) {
     TOV_DBG("%s: %s\n", thread_name, strerror(errno));
     return nullptr;
   }
-  tov_fd_t sock;
-  errno = 0;
-  int result = open_connector(&sock);
-  while (result == 0 && !tov_flag_get(quit)) {
-    if (receive_or_hear(sock.n) < 0) result = RESULT_RECEIVE;
+  int result = 0, saved_errno = 0;
+  {
+    reader_s reader;
+    errno = 0;
+    result = begin(&reader);
+    while (result == 0 && !tov_flag_get(quit))
+      result = reader.take_or_wait();
+    saved_errno = errno;
   }
-  const int saved_errno = errno;
-  sock.reset();
   tov_core_thread_end(thread_name, result, saved_errno);
   return nullptr;
 }

@@ -97,6 +97,7 @@ unsigned int tov_sys_alarm(unsigned int seconds) {
 int tov_sys_set_name(const char *name) {
   return call(tov_test::CALL_SET_NAME, [&] {
     kernel().thread_name = std::string(name).substr(0, 15);
+    kernel().tell_name();
     return 0;
   });
 }

@@ -17,6 +17,8 @@
 
 #include <dirent.h>
 #include <limits.h>
+#include <linux/cn_proc.h>
+#include <linux/filter.h>
 #include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -82,6 +84,7 @@ enum call_e {
   CALL_EVENTFD,
   CALL_SOCKET,
   CALL_SETSOCKOPT,
+  CALL_GETSOCKOPT,
   CALL_BIND,
   CALL_SEND,
   CALL_RECVFROM,
@@ -130,6 +133,21 @@ struct socket_s {
   std::vector<std::string> sent;
   std::string bound;               // the bytes of its address
   std::map<int, std::string> set;  // options by name
+
+  // Of a listener to process events.
+  std::vector<sock_filter> filter;  // empty: everything comes through
+  size_t room = SIZE_MAX;           // datagrams that its queue takes
+  bool congested = false;           // it was full, and has not been read empty since
+  int error = 0;                    // what the next receive answers
+  uint32_t drops = 0;
+};
+
+// What the kernel tells of processes, when a test says so: post(). It is told to every socket that
+// has joined the group, as far as its filter lets it through.
+struct connector_s {
+  bool answers = true;                // a subscription, and a new name of a thread
+  int refusal = 0;                    // the error in the former
+  std::map<uint32_t, uint32_t> next;  // numbers, by processor
 };
 
 struct kill_s {
@@ -262,6 +280,12 @@ class kernel_s {
 
   // ---- sockets --------------------------------------------------------------------------------
 
+  connector_s connector;
+  // Tells of an event: it gets the next number of its processor, and the present time.
+  //   late_us  it is older than that
+  void post(proc_event event, uint32_t processor = 0, int64_t late_us = 0);
+  // The same for events that no socket gets and nobody is told of.
+  void lose(uint32_t count, uint32_t processor = 0) { connector.next[processor] += count; }
   socket_s &socket(int fd) { return *files_.at(fd).socket; }
 
   // ---- the calls, which return -errno; see util/tov_sys.h ---------------------------------------
@@ -300,6 +324,8 @@ class kernel_s {
   int install(open_file_s file, int lowest = 0);
   open_file_s *file_of(int fd);  // null: no such descriptor
   int poll(pollfd *waited, nfds_t count, int timeout_ms);
+  void tell_name();
+  void answer_subscription(const std::string &message);
   ssize_t receive(int fd, void *buf, size_t size, int flags, sockaddr *sender,
                   socklen_t *sender_size);
 

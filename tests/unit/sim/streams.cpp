@@ -2,6 +2,8 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/sock_diag.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -116,7 +118,8 @@ bool kernel_s::is_readable(int fd) {
   const open_file_s *file = file_of(fd);
   if (file == nullptr || file->inode != nullptr) return true;
   if (file->pid != 0) return is_over(file->pid, file->serial);
-  return file->socket != nullptr ? !file->socket->queue.empty() : file->counter > 0;
+  if (file->socket == nullptr) return file->counter > 0;
+  return file->socket->error != 0 || !file->socket->queue.empty();
 }
 
 int kernel_s::poll(pollfd *waited, nfds_t count, int timeout_ms) {
@@ -160,6 +163,23 @@ int tov_sys_socket(int, int type, int) {
 int tov_sys_setsockopt(int fd, int, int name, const void *value, socklen_t size) {
   return static_cast<int>(call_on_socket(tov_test::CALL_SETSOCKOPT, fd, [&](auto &socket) {
     socket.set[name] = std::string(static_cast<const char *>(value), size);
+    if (name == SO_DETACH_FILTER) socket.filter.clear();
+    if (name == SO_ATTACH_FILTER) {
+      const auto *program = static_cast<const sock_fprog *>(value);
+      socket.filter.assign(program->filter, program->filter + program->len);
+    }
+    return ssize_t{0};
+  }));
+}
+
+// Only what a socket's memory is.
+int tov_sys_getsockopt(int fd, int, int name, void *value, socklen_t *size) {
+  return static_cast<int>(call_on_socket(tov_test::CALL_GETSOCKOPT, fd, [&](auto &socket) {
+    if (name != SO_MEMINFO) return ssize_t{-ENOPROTOOPT};
+    uint32_t answers[SK_MEMINFO_VARS] = {};
+    answers[SK_MEMINFO_DROPS] = socket.drops;
+    *size = std::min<socklen_t>(*size, sizeof answers);
+    memcpy(value, answers, *size);
     return ssize_t{0};
   }));
 }
@@ -174,6 +194,7 @@ int tov_sys_bind(int fd, const sockaddr *address, socklen_t size) {
 ssize_t tov_sys_send(int fd, const void *data, size_t size, int) {
   return call_on_socket(tov_test::CALL_SEND, fd, [&](auto &socket) {
     socket.sent.emplace_back(static_cast<const char *>(data), size);
+    kernel().answer_subscription(socket.sent.back());
     return static_cast<ssize_t>(size);
   });
 }
@@ -195,8 +216,10 @@ ssize_t kernel_s::receive(int fd, void *buf, size_t size, int flags, sockaddr *s
   const wait_e woken = wait(limit_us, [&] { return is_readable(fd); });
   if (woken == INTERRUPTED) return -EINTR;
   if (woken == TIMED_OUT) return -EAGAIN;
+  if (file.socket->error != 0) return -std::exchange(file.socket->error, 0);
   const tov_test::datagram_s datagram = std::move(file.socket->queue.front());
   file.socket->queue.pop_front();
+  if (file.socket->queue.empty()) file.socket->congested = false;
   memcpy(sender, datagram.sender.data(), std::min<size_t>(*sender_size, datagram.sender.size()));
   *sender_size = static_cast<socklen_t>(datagram.sender.size());
   const size_t count = std::min(size, datagram.data.size());

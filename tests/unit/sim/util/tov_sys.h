@@ -89,6 +89,7 @@ FILE *tov_simulated_fdopen(int fd, const char *how);
 int tov_sys_eventfd(unsigned int count, int flags);
 int tov_sys_socket(int domain, int type, int protocol);
 int tov_sys_setsockopt(int fd, int level, int name, const void *value, socklen_t size);
+int tov_sys_getsockopt(int fd, int level, int name, void *value, socklen_t *size);
 int tov_sys_bind(int fd, const sockaddr *address, socklen_t size);
 ssize_t tov_sys_send(int fd, const void *data, size_t size, int flags);
 ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int flags, sockaddr *sender,
