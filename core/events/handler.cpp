@@ -130,12 +130,30 @@ void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
   }
 }
 
+// ---- strangers ------------------------------------------------------------------------------
+
+static bool is_known(pid_t pid) {
+  const tov_chains_guard_t held(tov_chains);
+  return tov_record_newest_of(held, pid) != nullptr || tov_record_of_child(held, pid) != nullptr;
+}
+
+static bool is_listed(pid_t pid) {
+  char type[TYPE_SIZE];
+  return tov_pid_in_tovdb(pid, TOV_THIRD_PART_LIST, type, sizeof type);
+}
+
+// Whether there is something to do for an event. Most are of processes that nobody has registered.
+static bool concerns_us(const tov_cnmsg_data_t &event) {
+  if (is_known(event.process_pid)) return true;
+  return event.what == TOV_EVENT_EXEC && is_listed(event.process_pid);
+}
+
 // ---- the thread -----------------------------------------------------------------------------
 
 namespace {
 
-// Slots one millisecond apart; each takes one event. A slot that was missed, because handling took
-// longer, is not made up for.
+// Slots one millisecond apart; each takes one event that concerns us. A slot that was missed,
+// because handling took longer, is not made up for.
 class pace_s {
  public:
   void wait_for_slot() {
@@ -168,18 +186,21 @@ static int64_t go_on_with_waits(tov_waits_t *waits, pace_s *pace) {
   return step.next_us;
 }
 
+// Takes an event out of the ring. A record that was stored in part is dropped here.
+static void handle_event(pace_s *pace) {
+  tov_cnmsg_data_t event;
+  if (__kfifo_out(&tov_cnmsg_fifo, &event, sizeof event) != sizeof event) return;
+  if (!concerns_us(event)) return;
+  pace->wait_for_slot();
+  tov_cnmsg_dispatch(&event);
+}
+
 static void handle_events() {
   pace_s pace;
   tov_waits_t waits;
   while (!tov_flag_get(quit)) {
     const int64_t next_us = go_on_with_waits(&waits, &pace);
-    if (!tov_cnmsg_fifo_wait(wait_ms_until(next_us))) continue;
-    pace.wait_for_slot();
-    tov_cnmsg_data_t event;
-    // A record that was stored in part is dropped here.
-    if (__kfifo_out(&tov_cnmsg_fifo, &event, sizeof event) == sizeof event) {
-      tov_cnmsg_dispatch(&event);
-    }
+    if (tov_cnmsg_fifo_wait(wait_ms_until(next_us))) handle_event(&pace);
   }
 }
 
