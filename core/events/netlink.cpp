@@ -227,11 +227,11 @@ void reader_s::take(const cn_msg *message) {
     tov_loss_tell(TOV_LOSS_STOOD_STILL, 0);
   numbers_.seen(event.cpu, message->seq);
   if (!is_heard_) note_answer(event);
-  if (is_exit(event, length)) {
-    const auto &exit = event.event_data.exit;
-    tov_ends_note(exit.process_tgid, exit.process_pid, exit.exit_code, at_us);
-  }
+  const auto &exit = event.event_data.exit;
+  const bool is_awaited = is_exit(event, length) &&
+                          tov_ends_note(exit.process_tgid, exit.process_pid, exit.exit_code, at_us);
   if (const auto of = of_interest(event, length)) queue(*of);
+  if (is_awaited) queue({TOV_EVENT_EXIT, exit.process_tgid, exit.exit_code});
 }
 
 int reader_s::receive(int flags) {

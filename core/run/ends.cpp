@@ -20,8 +20,6 @@
 #include <optional>
 #include <vector>
 
-#include "core/run/wake.h"
-
 // ---- the table ------------------------------------------------------------------------------
 
 namespace {
@@ -162,10 +160,13 @@ static bool is_awaited(pid_t tgid) {
 
 // ---- notes ----------------------------------------------------------------------------------
 
-void tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us) {
-  if (tid == tgid) return processes.note(tgid, code, at_us);
+bool tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us) {
+  if (tid == tgid) {
+    processes.note(tgid, code, at_us);
+    return false;
+  }
   threads.note(tgid, code, at_us);
-  if (is_awaited(tgid)) tov_wake();
+  return is_awaited(tgid);
 }
 
 void tov_ends_forget(void) {

@@ -25,13 +25,14 @@ enum {
   TOV_ENDS_OF_THREADS_KEPT = 1024,
 };
 
-// Notes an end. The reader of process events alone; some nanoseconds, no system call unless the
-// process is awaited.
+// Notes an end. Returns whether it is that of another thread than the first, of a process that is
+// awaited (below): then it is to be handled like the end of a process. The reader of process events
+// alone; some nanoseconds, no system call.
 //   tgid   the process
 //   tid    the thread that ended, `tgid` for the first one
 //   code   wait status, as the kernel tells it
 //   at_us  when, microseconds of CLOCK_MONOTONIC
-void tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us);
+bool tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us);
 
 // The wait status of a process that is known to have ended, or nothing where its end is not here.
 // That is the code of the thread that ended last. Has the id been given out again and that process
@@ -41,18 +42,21 @@ void tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us);
 //                  process's start, for example
 std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us);
 
-// From now on each end of a thread of this process wakes the event handler (core/run/wake). For a
-// process whose first thread has ended while others run: the kernel's event of its end was that of
-// the first thread, and the end of the last one is that of a thread like any other. Call it before
-// asking /proc whether threads are left, so that none can end unheard in between.
+// From now on each end of a thread of this process reaches the event handler as an exit of the
+// process, with the thread's code. For a process whose first thread has ended while others run: the
+// kernel's event of its end was that of the first thread, and the end of the last one is the end of
+// a thread like any other. By then /proc says that it is over; to ask whether one end was the last
+// is the handler's business. Call it before asking /proc whether threads are left, so that none can
+// end unheard in between.
 // Nothing is searched for while nobody is awaited: that costs the reader one load for each end of a
-// thread. At most TOV_ENDS_AWAITED_MAX; beyond that each end of a thread of any process wakes,
-// until the number has come down again. Awaited twice is awaited once.
+// thread. At most TOV_ENDS_AWAITED_MAX are told from others; beyond that every process is awaited,
+// until the number has come down again. Awaited twice is awaited once. Any thread; it takes a lock
+// for an instant.
 enum { TOV_ENDS_AWAITED_MAX = 64 };
 void tov_ends_await(pid_t pid);
 
-// Its threads are not awaited any more: it has ended, has executed a program, or nobody is
-// interested. Unknown ids are passed over.
+// Its threads are not awaited any more: it has ended, has executed a program, or its record is
+// gone. Unknown ids are passed over. Any thread.
 void tov_ends_await_no_more(pid_t pid);
 
 // Forgets everything, for tests: while no other thread uses it.

@@ -276,6 +276,16 @@ TEST_F(TovProcessNetlink, EndOfAThreadIsNotedAndNotQueued) {
   EXPECT_THAT(queued(), IsEmpty());
 }
 
+TEST_F(TovProcessNetlink, EndOfAThreadOfAnAwaitedProcessIsQueuedAsThatOfTheProcess) {
+  tov_ends_await(77);
+  at(1, [] {
+    kernel().post(exit_of(78, 77, 0x300));
+    kernel().post(exit_of(88, 87, 0x300));
+  });
+  run();
+  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 77, 0x300}));
+}
+
 // ---- standing still -------------------------------------------------------------------------
 
 TEST_F(TovProcessNetlink, EventThatIsReadASecondLateAsksForALook) {

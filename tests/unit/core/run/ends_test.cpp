@@ -1,4 +1,4 @@
-// The table of the last ends: which code a dead process gets, and who is woken for a thread's end.
+// The table of the last ends: which code a dead process gets, and which end of a thread is handled.
 #include "core/run/ends.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,6 @@
 
 #include <optional>
 
-#include "core/run/wake.h"
 #include "tests/unit/simulated.h"
 
 static constexpr pid_t PROCESS = 77;
@@ -31,14 +30,8 @@ class TovEnds : public tov_test::Simulated {
 
 class TovEndsAwait : public TovEnds {
  protected:
-  TovEndsAwait() { EXPECT_EQ(tov_wake_open(), 0); }
-  ~TovEndsAwait() override { tov_wake_close(); }
-
-  // Whether the end of a thread wakes the event handler.
-  static bool wakes(pid_t process) {
-    thread_ends(0, 1, process);
-    return tov_wake_wait(0);
-  }
+  // Whether the end of a thread is to be handled.
+  static bool is_handled(pid_t process) { return tov_ends_note(process, THREAD, 0, 1); }
 };
 
 }  // namespace
@@ -122,39 +115,38 @@ TEST_F(TovEnds, CrowdOfThreadsPushesNoProcessOut) {
   EXPECT_EQ(code_of(PROCESS), 15u);
 }
 
-// ---- who is woken ---------------------------------------------------------------------------
+// ---- who is awaited -------------------------------------------------------------------------
 
-TEST_F(TovEndsAwait, ThreadsOfTheAwaitedWake) {
-  EXPECT_FALSE(wakes(PROCESS));
+TEST_F(TovEndsAwait, ThreadsOfTheAwaitedAreHandled) {
+  EXPECT_FALSE(is_handled(PROCESS));
   tov_ends_await(PROCESS);
-  EXPECT_TRUE(wakes(PROCESS));
-  EXPECT_TRUE(wakes(PROCESS)) << "each, since others may be left";
-  EXPECT_FALSE(wakes(PROCESS + 10));
-  process_ends(9, 1, PROCESS);
-  EXPECT_FALSE(tov_wake_wait(0)) << "the end of a process goes through the ring";
+  EXPECT_TRUE(is_handled(PROCESS));
+  EXPECT_TRUE(is_handled(PROCESS)) << "each, since others may be left";
+  EXPECT_FALSE(is_handled(PROCESS + 10));
+  EXPECT_FALSE(tov_ends_note(PROCESS, PROCESS, 9, 1)) << "the end of a process is handled anyway";
 }
 
 TEST_F(TovEndsAwait, AwaitedTwiceIsAwaitedOnce) {
   tov_ends_await(PROCESS);
   tov_ends_await(PROCESS);
   tov_ends_await_no_more(PROCESS + 10);
-  EXPECT_TRUE(wakes(PROCESS));
+  EXPECT_TRUE(is_handled(PROCESS));
   tov_ends_await_no_more(PROCESS);
-  EXPECT_FALSE(wakes(PROCESS));
+  EXPECT_FALSE(is_handled(PROCESS));
 }
 
-TEST_F(TovEndsAwait, ManyMakeEveryThreadWake) {
+TEST_F(TovEndsAwait, ManyMakeEveryThreadHandled) {
   for (int i = 0; i < TOV_ENDS_AWAITED_MAX; i++)
     tov_ends_await(1000 + i);
-  EXPECT_FALSE(wakes(PROCESS));
+  EXPECT_FALSE(is_handled(PROCESS));
   for (const pid_t more : {PROCESS, PROCESS, PROCESS + 1})
     tov_ends_await(more);
-  EXPECT_TRUE(wakes(PROCESS));
-  EXPECT_TRUE(wakes(PROCESS + 10));
+  EXPECT_TRUE(is_handled(PROCESS));
+  EXPECT_TRUE(is_handled(PROCESS + 10));
   tov_ends_await_no_more(PROCESS);
   tov_ends_await_no_more(PROCESS);
-  EXPECT_TRUE(wakes(PROCESS + 1));
+  EXPECT_TRUE(is_handled(PROCESS + 1));
   tov_ends_await_no_more(PROCESS + 1);
-  EXPECT_FALSE(wakes(PROCESS + 10));
-  EXPECT_TRUE(wakes(1000));
+  EXPECT_FALSE(is_handled(PROCESS + 10));
+  EXPECT_TRUE(is_handled(1000));
 }
