@@ -24,13 +24,20 @@
 #include "vsd/path.h"
 #include "vsd/variables.h"
 
-enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15 };
+enum { FIND_VSD_FIRST = 1, FIND_VSD_LAST = 15, MARKER_FIRST = 1, MARKER_LAST = 16 };
 
 static bool device_has_member(int vsd_no, pid_t tid) {
   tov_entries_t members(tov_vsd_path(TOV_VSD_MEMBER_DIR_FMT, vsd_no).text);
   while (const char *name = members.next()) {
     // "db", the registration directory, always stands here and reads as 0.
     if (tov_atoi(name) == tid) return true;
+  }
+  return false;
+}
+
+bool tov_vsd_any_is_being_deleted(void) {
+  for (int vsd_no = MARKER_FIRST; vsd_no <= MARKER_LAST; vsd_no++) {
+    if (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_no).text)) return true;
   }
   return false;
 }

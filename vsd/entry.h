@@ -28,6 +28,10 @@ enum {
 // process id; -1 when there is none or `tid` is not above 0. Reads up to fifteen directories.
 int find_app(pid_t tid);
 
+// Whether a deletion is marked, of any device, also of one number more than there are: operators'
+// tools may mark that. Tests sixteen files.
+bool tov_vsd_any_is_being_deleted(void);
+
 // Makes the member file of `pid` for a device, mode 0754, if the device's run directory can be
 // entered. Failures are ignored: the program runs all the same.
 void save_proc_info(int vsd_no, pid_t pid);

@@ -30,15 +30,13 @@
 #include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
+#include "vsd/entry.h"
 #include "vsd/member.h"
-#include "vsd/path.h"
 
 static constexpr char thread_name[] = "tov_cnmsg_handle";
 
 enum {
   TYPE_SIZE = 128,
-  MARKER_FIRST = 1,
-  MARKER_LAST = 16,  // one more than there are devices: operators' tools may mark it
   IDLE_WAIT_MS = 2000,
 };
 
@@ -91,13 +89,6 @@ static bool is_registered(int pid) {
   return tov_record_newest_of(held, pid) != nullptr;
 }
 
-static bool any_device_is_being_deleted() {
-  for (int vsd_no = MARKER_FIRST; vsd_no <= MARKER_LAST; vsd_no++) {
-    if (tov_file_exists(tov_vsd_path(TOV_VSD_DELETE_MARKER_FMT, vsd_no).text)) return true;
-  }
-  return false;
-}
-
 // While a device goes down its exits are wanted; so nothing is started or said.
 static void drop_registration(int pid) {
   const tov_chains_guard_t held(tov_chains);
@@ -108,7 +99,7 @@ static void drop_registration(int pid) {
 void tov_cn_msg_exit(int pid, int exit_code) {
   // The end of every process of the machine comes here; one without a record costs one look-up.
   if (!is_registered(pid)) return;
-  if (any_device_is_being_deleted()) {
+  if (tov_vsd_any_is_being_deleted()) {
     drop_registration(pid);
     return;
   }

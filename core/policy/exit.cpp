@@ -287,8 +287,9 @@ void tov_hand_back_exit(const tov_parked_exit_t &parked) {
   tov_register_found(decide_parked_exit(parked));
 }
 
-tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
-  exit_case_s asked(held, record, LOST, 0, 0);
+tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record,
+                                        int exit_code) {
+  exit_case_s asked(held, record, LOST, exit_code, 0);
   (void)tov_exit_decide(asked);
   return asked.later();
 }

@@ -38,11 +38,12 @@ using tov_registration_t = tov_registration_s;
 // registered: their verdict stands in place of the liveness question, because another program may
 // live under the id by now. That stranger is not touched, but for the watch over threads of that
 // id, and neither is another record of the id.
-//   held    the guard of `tov_chains`
-//   record  may be freed
+//   held       the guard of `tov_chains`
+//   record     may be freed
+//   exit_code  wait status, 0 where it is not known
 // Returns what the caller hands to tov_register_found() once it holds no registry's lock.
 [[nodiscard]] tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held,
-                                                      tov_pid_t *record);
+                                                      tov_pid_t *record, int exit_code);
 
 // Goes on with a record that has waited: asks again whether its process has ended, or goes on with
 // its restart: the rules are asked again from the duplicate test on,

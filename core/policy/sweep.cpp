@@ -112,7 +112,7 @@ static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
     (void)tov_log_with_type(TOV_LOG_RESTART,
                             "%s: tov_pid(%s, %d, %d) exit code lost, restart it.\n", function,
                             lost->process, lost->vsd_id, lost->pid);
-    const tov_registration_t later = tov_decide_lost_exit(held, lost);
+    const tov_registration_t later = tov_decide_lost_exit(held, lost, 0);
     if (later.pid != 0) found.push_back(later);
   }
   return found;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/policy/exit.h"
+#include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -105,6 +106,10 @@ tov_waits_s::step_s tov_waits_s::go_on() {
   step_s step;
   read_portion(&step);
   tov_register_found(handle_due(&step));
+  const tov_late_step_t late = tov_late_go_on();
+  tov_register_found(late.later);
+  step.handled = step.handled || late.handled;
+  step.next_us = std::min(step.next_us, late.next_us);
   return step;
 }
 
@@ -121,16 +126,16 @@ static void nap_until(int64_t due_us) {
   if (left_us > 0) tov_sys_usleep(static_cast<useconds_t>(std::min<int64_t>(left_us, NAP_US)));
 }
 
-static bool any_starts() {
+static bool anything_is_to_do() {
   const tov_chains_guard_t held(tov_chains);
-  return tov_record_any_starts(held);
+  return tov_record_any_starts(held) || tov_late_any(held);
 }
 
 // What waits for a process's end is no restart, and that end need not come.
 void tov_waits_finish(void) {
   if (tov_flag_get(left_to_handler) != 0) return;
   tov_waits_t waits;
-  for (int64_t next_us = 0; (next_us == 0 || any_starts()) && !tov_flag_get(quit);) {
+  for (int64_t next_us = 0; (next_us == 0 || anything_is_to_do()) && !tov_flag_get(quit);) {
     nap_until(next_us);
     const tov_waits_t::step_s step = waits.go_on();
     for (const tov_cnmsg_data_t &event : step.heard)

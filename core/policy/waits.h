@@ -28,9 +28,10 @@ class tov_waits_s {
     std::vector<tov_cnmsg_data_t> heard;  // of processes that were found, to be handled now
   };
 
-  // Goes on with the record whose deadline came first, if it has come, and reads the next portion
-  // of /proc for those that look or search. Takes some milliseconds at the most, but for a
-  // registration with our own server (tov_register_found()). Call it without any registry's lock.
+  // Goes on with the record whose deadline came first, if it has come, decides about a death that
+  // no event has told (core/policy/late), and reads the next portion of /proc for those that look
+  // or search. Takes some milliseconds at the most, but for a registration with our own server
+  // (tov_register_found()). Call it without any registry's lock.
   step_s go_on();
 
  private:

@@ -51,7 +51,7 @@ void decide_lost(tov_pid_t *record) {
   tov_registration_t found;
   {
     const tov_chains_guard_t held(tov_chains);
-    found = tov_decide_lost_exit(held, record);
+    found = tov_decide_lost_exit(held, record, 0);
   }
   tov_register_found(found);
 }

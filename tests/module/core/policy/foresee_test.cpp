@@ -119,7 +119,7 @@ class TovForeseen : public tov_test::World {
     tov_registration_t later;
     if (of.ending.lost) {
       const tov_chains_guard_t held(tov_chains);
-      later = tov_decide_lost_exit(held, record);
+      later = tov_decide_lost_exit(held, record, 0);
       if (foreseen.act == TOV_EXIT_HAND_OVER) later = answer_look(held, record);
       if (foreseen.wait_s > 0) end_wait(held, record, foreseen.wait_s);
     } else {
