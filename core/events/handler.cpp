@@ -11,6 +11,7 @@
 
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
+#include "core/policy/look.h"
 #include "core/policy/mass.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
@@ -18,6 +19,7 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
+#include "core/run/loss.h"
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -186,11 +188,34 @@ static void handle_event(pace_s *pace) {
   tov_cnmsg_dispatch(&event);
 }
 
+namespace {
+
+// The look, and how far the ring has to be read before it begins.
+class looking_s {
+ public:
+  int64_t go_on() {
+    if (const tov_loss_t loss = tov_loss_take(); loss.reasons != 0) {
+      look_.ask(loss);
+      mark_ = __atomic_load_n(&tov_cnmsg_fifo.in, __ATOMIC_ACQUIRE);
+    }
+    const uint32_t read = __atomic_load_n(&tov_cnmsg_fifo.out, __ATOMIC_RELAXED);
+    return look_.go_on(static_cast<int32_t>(read - mark_) >= 0);
+  }
+
+ private:
+  tov_look_t look_;
+  uint32_t mark_ = 0;
+};
+
+}  // namespace
+
 static void handle_events() {
   pace_s pace;
   tov_waits_t waits;
+  looking_s looking;
   while (!tov_flag_get(quit)) {
-    const int64_t next_us = go_on_with_waits(&waits, &pace);
+    const int64_t look_us = looking.go_on();
+    const int64_t next_us = std::min(look_us, go_on_with_waits(&waits, &pace));
     if (tov_cnmsg_fifo_wait(wait_ms_until(next_us))) handle_event(&pace);
   }
 }
