@@ -97,6 +97,15 @@ int lock_file(int fd) {
   return tov_sys_lock(fd, &whole);
 }
 
+pid_t tov_lock_holder(const char *path) {
+  const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  const bool held = fd.n >= 0 && tov_sys_lock_holder(fd.n, &lock) == 0 && lock.l_type != F_UNLCK;
+  return held ? lock.l_pid : 0;
+}
+
 int already_running(const char *path) {
   tov_fd_t fd(tov_open_regular(path, O_RDWR | O_CREAT, PID_FILE_MODE));
   if (fd.n < 0) return -1;

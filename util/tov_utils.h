@@ -51,6 +51,10 @@ bool tov_file_exists(const char *path);
 // drops it, and a forked child does not have it.
 int lock_file(int fd);
 
+// Which other process has a lock on the regular file `path`, fcntl(F_GETLK); 0: none has, or it
+// cannot be said. Opens and closes the file: a lock that this process has on it is gone then.
+pid_t tov_lock_holder(const char *path);
+
 // Makes sure that only one process runs: opens and locks the file `path` (created with mode 0700)
 // and writes the own process id into it, decimal and followed by one NUL.
 // Returns the locked descriptor, to be kept open for the life of the process, or -1: the file

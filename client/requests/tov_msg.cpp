@@ -8,28 +8,37 @@
 // lock and does not wait.
 #include "client/requests/tov_msg.h"
 
+#include <linux/stat.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/policy/late.h"
 #include "core/policy/revive.h"
+#include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/identity.h"
+#include "util/kernel_time.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"
 
 enum { FILE_NAME_SIZE = 256 };
+
+static constexpr int64_t LONGEST_REQUEST_US = 360'000'000;  // of a client that keeps on asking
 
 // Copies a text field that may lack its terminator; `to` is zeroed and as long as the field.
 template <size_t SIZE>
@@ -38,23 +47,53 @@ static void copy_field(char (&to)[SIZE], const char *from) {
 }
 
 // Reads the command line of the process or thread that a request is about into a new record's
-// `process`, and whose it is. Returns 0, or -1: it has gone, which is told under the handler's
-// name.
-static int read_process(const char *handler, const tov_msg_xtach_t *payload,
-                        char (&process)[TOV_PROCESS_SIZE], tov_identity_t *identity) {
+// `process`, and whose it is. Returns false when it has none, or has gone.
+static bool reads_process(const tov_msg_xtach_t *payload, char (&process)[TOV_PROCESS_SIZE],
+                          tov_identity_t *identity) {
   (void)tov_identity_take(payload->pid, identity);
   const char *text = pid_to_cmdline(payload->pid, process, sizeof process);
-  if (text != nullptr && !tov_life_is_over(tov_identity_life(payload->pid, *identity))) {
-    rtrim(process);
-    return 0;
-  }
+  if (text == nullptr || tov_life_is_over(tov_identity_life(payload->pid, *identity))) return false;
+  rtrim(process);
+  return true;
+}
+
+// Tells under the handler's name that the process of a request has gone. Returns its result.
+static int tell_gone(const char *handler, const tov_msg_xtach_t *payload) {
   TOV_DBG("%s: fail to get pid %d's cmdline, ppid = %d\n", handler, payload->pid, payload->ppid);
   tov_log_with_type(TOV_LOG_ERROR, "%s: fail to get pid %d's cmdline, ppid = %d\n", handler,
                     payload->pid, payload->ppid);
   return -1;
 }
 
+// The same as reads_process(), and told. Returns 0 or -1.
+static int read_process(const char *handler, const tov_msg_xtach_t *payload,
+                        char (&process)[TOV_PROCESS_SIZE], tov_identity_t *identity) {
+  return reads_process(payload, process, identity) ? 0 : tell_gone(handler, payload);
+}
+
 // ---- exit actions -----------------------------------------------------------------------------
+
+static void fill(tov_pid_t *record, const tov_msg_xtach_t *payload, int action, const char *script,
+                 const char *process) {
+  record->pid = payload->pid;
+  record->vsd_id = payload->vsd_id;
+  record->restart_time = payload->restart_time;
+  record->action = action;
+  copy_field(record->process, process);
+  if (script != nullptr) copy_field(record->pathname, script);
+}
+
+// Puts a record into the registry. Its process may have ended before that, and the event of its
+// exit has found no record then: the kernel makes a process a zombie before it tells of its end, so
+// who asks from now on does not miss it.
+static void enter(const tov_chains_guard_t &held, tov_pid_t *record,
+                  const tov_identity_t &identity) {
+  held.shows(tov_chains);
+  tov_chain_insert(&tov_chains, record);
+  tov_record_identify(held, record, identity, true);
+  if (tov_life_is_over(tov_record_life(*record)))
+    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(*record));
+}
 
 // A record of a process that had the id before is another's.
 static bool is_registered(const tov_chains_guard_t &held, pid_t pid,
@@ -70,14 +109,8 @@ static bool insert_process(const tov_msg_xtach_t *payload, int action, const cha
   tov_revive_registers(hold, payload->pid, payload->vsd_id, process);
   if (is_registered(hold, payload->pid, identity)) return false;
   tov_pid_t *record = tov_chain_new_record();
-  record->pid = payload->pid;
-  record->vsd_id = payload->vsd_id;
-  record->restart_time = payload->restart_time;
-  record->action = action;
-  copy_field(record->process, process);
-  if (script != nullptr) copy_field(record->pathname, script);
-  tov_chain_insert(&tov_chains, record);
-  tov_record_identify(hold, record, identity, true);
+  fill(record, payload, action, script, process);
+  enter(hold, record, identity);
   return true;
 }
 
@@ -106,15 +139,91 @@ static void drop_vain_file(const tov_msg_xtach_t *payload) {
   if (!has_record_of_file(wanted)) (void)tov_db_destroy(&wanted);
 }
 
+// ---- processes that have gone -----------------------------------------------------------------
+
+// What a request was to register says its file, which the process wrote first.
+struct left_s {
+  tov_pid_t record;    // as far as the file tells
+  int64_t written_us;  // CLOCK_MONOTONIC
+};
+
+// Reads the file of a request whose process has gone. Returns false when there is none, or one that
+// says something else.
+static bool read_left(const tov_msg_xtach_t *payload, int action, left_s *left) {
+  static constexpr left_s nothing{};
+  *left = nothing;
+  tov_pid_t *record = &left->record;
+  record->pid = payload->pid;
+  record->vsd_id = payload->vsd_id;
+  memcpy(record->process, payload->pathname, strnlen(payload->pathname, TOV_PATHNAME_SIZE));
+  char path[FILE_NAME_SIZE];
+  tov_get_db_file_name(record->vsd_id, record->pid, record->process, path, sizeof path);
+  const int64_t written_us = tov_file_time_us(path, STATX_MTIME);
+  if (written_us == INT64_MAX) return false;
+  left->written_us = written_us + tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
+  // Not opened where it is the daemon's own, which would unlock it.
+  if (tov_db_is_own(record->vsd_id, record->pid, record->process)) return true;
+  tov_pid_t told{};
+  if (tov_read_pidfile(path, &told) < 0 || told.pid != payload->pid || told.action != action)
+    return false;
+  (void)snprintf(record->process, sizeof record->process, "%s", told.pathname);
+  rtrim(record->process);
+  return true;
+}
+
+// Whether the process may have ended just now: its end was heard, or the file is no older than the
+// longest time for which a client waits with its request.
+static bool ended_just_now(const left_s &left) {
+  if (tov_ends_code(left.record.pid, left.written_us)) return true;
+  return tov_kernel_clock_us(CLOCK_MONOTONIC) - left.written_us <= LONGEST_REQUEST_US;
+}
+
+enum left_e { LEFT_ENTERED, LEFT_KNOWN, LEFT_REFUSED };
+
+// A process that has ended before its request was carried out is entered from its file, and what
+// follows its end is done. A file that is older is of another time: nobody would ever remove it,
+// and the next daemon would start what it names.
+static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char *script) {
+  left_s left;
+  if (!read_left(payload, action, &left)) return LEFT_REFUSED;
+  const tov_chains_guard_t hold(tov_chains);
+  if (has_record_of_file(left.record)) return LEFT_KNOWN;
+  if (!ended_just_now(left)) {
+    (void)tov_db_destroy(&left.record);
+    return LEFT_REFUSED;
+  }
+  tov_pid_t *record = tov_chain_new_record();
+  fill(record, payload, action, script, left.record.process);
+  tov_chain_insert(&tov_chains, record);
+  tov_record_identify(hold, record, {TOV_NEVER_STARTED, 0, 0, 0}, true);
+  tov_late_add(hold, *record, TOV_LATE_ENTERED, left.written_us);
+  return LEFT_ENTERED;
+}
+
+// ---- registrations ------------------------------------------------------------------------------
+
+// Returns whether a record was made; `result` gets the request's result.
+static bool makes_record(const char *handler, const tov_msg_xtach_t *payload, int action,
+                         const char *script, int *result) {
+  char process[TOV_PROCESS_SIZE];
+  tov_identity_t identity{};
+  *result = 0;
+  if (reads_process(payload, process, &identity))
+    return insert_process(payload, action, script, process, identity);
+  const bool is_gone = tov_life_is_over(tov_identity_life(payload->pid, identity));
+  const left_e left = is_gone ? enter_left(payload, action, script) : LEFT_REFUSED;
+  if (left == LEFT_REFUSED) *result = tell_gone(handler, payload);
+  return left == LEFT_ENTERED;
+}
+
 // Registers a process with an exit action; `script` is null where there is none.
 static int register_process(const char *handler, const tov_msg_xtach_t *payload, int action,
                             const char *script) {
-  char process[TOV_PROCESS_SIZE];
-  tov_identity_t identity{};
-  const int gone = read_process(handler, payload, process, &identity);
-  const bool inserted = gone == 0 && insert_process(payload, action, script, process, identity);
+  int result = 0;
+  const bool inserted = makes_record(handler, payload, action, script, &result);
   drop_vain_file(payload);
-  if (!inserted) return gone;
+  tov_waits_finish();
+  if (!inserted) return result;
   tov_log_with_type(TOV_LOG_REG_RESTART, "register - process:%.*s pid:%d, vsd_id:%d, action:%d\r\n",
                     TOV_PATHNAME_SIZE - 1, payload->pathname, payload->pid, payload->vsd_id,
                     action);

@@ -7,11 +7,13 @@
 #include <string.h>
 
 #include "client/tov_pidfile.h"
+#include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
 #include "util/clock.h"
+#include "util/identity.h"
 #include "util/owner.h"
 #include "util/regular_file.h"
 #include "util/tov_utils.h"
@@ -23,6 +25,12 @@ namespace {
 enum lock_e { FREE, HELD, UNKNOWN };
 
 }  // namespace
+
+// Whether the lock is that of a new process with the dead one's id, whose program has the same
+// name: then both have the same name for their files.
+static bool is_successors(const tov_pid_t &record, const char *file) {
+  return tov_record_life(record) == TOV_LIFE_REUSED && tov_lock_holder(file) == record.pid;
+}
 
 static lock_e ask_lock(const tov_pid_t *record) {
   static constexpr char function[] = "tov_proc_is_exit";  // as its messages name it
@@ -42,7 +50,7 @@ static lock_e ask_lock(const tov_pid_t *record) {
   }
   if (errno == EACCES || errno == EAGAIN) {
     TOV_DBG("be lock file %s, %s.\n", file, strerror(errno));
-    return HELD;
+    return is_successors(*record, file) ? FREE : HELD;
   }
   TOV_DBG("Failed to lock file %s, %s.\n", file, strerror(errno));
   return UNKNOWN;

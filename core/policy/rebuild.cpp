@@ -98,16 +98,6 @@ static bool counts(const char *path, const char *entry, const tov_pid_t &record)
   return !is_of_task(held, record.pid, record);
 }
 
-// Which process has the write lock on a file; 0: none, or it cannot be known.
-static pid_t holder_of(const char *path) {
-  const tov_fd_t fd(tov_open_regular(path, O_RDONLY));
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  const bool held = fd.n >= 0 && tov_sys_lock_holder(fd.n, &lock) == 0 && lock.l_type != F_UNLCK;
-  return held ? lock.l_pid : 0;
-}
-
 // Whether the process is younger than the file in which it is to be registered: then the id was
 // given out again.
 static bool is_younger(const tov_identity_t &identity, int64_t written_us) {
@@ -134,7 +124,7 @@ static found_s find_process(const tov_pid_t &record, const char *path, int64_t w
   const bool seen = tov_compare_process(record, reading) == TOV_FOUND_AS_REGISTERED;
   const bool differs = reading.life == TOV_LIFE_LIVES && !seen;
   const bool is_stranger =
-      differs && holder_of(path) != record.pid && is_younger(identity, written_us);
+      differs && tov_lock_holder(path) != record.pid && is_younger(identity, written_us);
   return is_stranger ? nobody : found_s{identity, seen};
 }
 

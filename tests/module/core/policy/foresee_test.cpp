@@ -57,7 +57,7 @@ std::ostream &operator<<(std::ostream &out, const Situation &of) {
              << of.asked.dev_mon << ", code " << of.ending.exit_code << ", force "
              << of.ending.force << ", lost " << of.ending.lost << ", action " << of.action
              << ", suspended " << of.suspended << ", count " << of.count << ", restart time "
-             << of.restart_time;
+             << of.restart_time << (of.asked.uncertain ? ", uncertain" : "");
 }
 
 class TovForeseen : public tov_test::World {
@@ -74,8 +74,10 @@ class TovForeseen : public tov_test::World {
       of.ending.force = chance(3) ? 1 : 0;
     }
     of.asked.lives = chance(4);
+    of.asked.uncertain = !of.asked.lives && !of.ending.lost && chance(8);
     of.asked.twin = chance(2) ? TOV_TWIN_NONE : static_cast<tov_twin_e>(pick(4));
-    of.suspended = of.asked.twin != TOV_TWIN_IN_CHARGE && chance(6);
+    // The exit of a suspended task has been decided about: only a sweep could ask again.
+    of.suspended = of.ending.lost && of.asked.twin != TOV_TWIN_IN_CHARGE && chance(6);
     of.asked.locked = chance(4);
     of.asked.runs_again = of.ending.lost && chance(3);
     of.asked.dev_mon = chance(4);
@@ -92,7 +94,8 @@ class TovForeseen : public tov_test::World {
     const Program program("foreseen");
     const Child idle, other;
     const pid_t gone = GONE + 10 * number;
-    const pid_t pid = of.asked.lives ? idle.pid() : gone;
+    const pid_t half = of.asked.uncertain ? start_leaderless(program) : 0;
+    const pid_t pid = of.asked.lives ? idle.pid() : half > 0 ? half : gone;
     tov_pid_t *record = add(pid, program.path, of.action);
     record->count = of.count;
     record->restart_time = of.restart_time;
@@ -126,10 +129,19 @@ class TovForeseen : public tov_test::World {
       tov_handle_netlink_exit(pid, of.ending.exit_code, of.ending.force);
     }
     expect(foreseen, before, later, again, program);
-    if (again > 0) tov_test::end_child(again);
+    for (const pid_t started : {again, half})
+      if (started > 0) tov_test::end_child(started);
   }
 
  private:
+  // A process whose first thread has ended.
+  static pid_t start_leaderless(const Program &program) {
+    const pid_t pid = tov_test::start(program.path + " leader-exit");
+    EXPECT_TRUE(tov_test::wait_until([&] { return tov_identity_life(pid, {}) == TOV_LIFE_THREADS; },
+                                     tov_test::PATIENT_MS));
+    return pid;
+  }
+
   // The record looks whether its program runs: what /proc says, and what follows from it.
   static tov_registration_t answer_look(const tov_chains_guard_t &held, tov_pid_t *record) {
     EXPECT_EQ(record->start.wait, TOV_WAIT_LOOK);
@@ -167,8 +179,11 @@ class TovForeseen : public tov_test::World {
     EXPECT_EQ(parked, foreseen.act == TOV_EXIT_DEFER);
     EXPECT_EQ(later.pid, foreseen.act == TOV_EXIT_HAND_OVER ? again : 0);
     switch (foreseen.act) {
-      case TOV_EXIT_LEAVE:
       case TOV_EXIT_ASK_AGAIN:
+        EXPECT_TRUE(tov_record_is_ending(after));
+        EXPECT_FALSE(noted);
+        break;
+      case TOV_EXIT_LEAVE:
       case TOV_EXIT_WAIT_FOR_ALARM:
         EXPECT_TRUE(still_there);
         EXPECT_FALSE(noted);
