@@ -152,7 +152,7 @@ class reader_s {
   void catch_up();
   void judge_gaps(int at_most);
   void settle();
-  void tell_drops();
+  void tell_drops(uint32_t reasons);
   int take_other();
   bool read_others(int at_most, bool all);
   int judge_silence();
@@ -160,8 +160,9 @@ class reader_s {
 
   tov_connector_t connector_;
   tov_numbers_t numbers_;
-  bool is_first_ = false;    // the next event shows how late it is read
-  int since_caught_up_ = 0;  // datagrams
+  bool is_first_ = false;         // the next event shows how late it is read
+  bool has_stood_still_ = false;  // so late that we have slept
+  int since_caught_up_ = 0;       // datagrams
 
   bool is_reopened_ = false;
   bool is_heard_ = false;  // an event came since the subscription
@@ -197,8 +198,6 @@ int reader_s::open() {
   return 0;
 }
 
-// ---- events
-
 void reader_s::queue(const tov_cnmsg_data_t &event) {
   if (kfifo_len(&tov_cnmsg_fifo) + sizeof event <= size_t{tov_cnmsg_fifo.mask} + 1)
     return put(event);
@@ -224,7 +223,7 @@ void reader_s::take(const cn_msg *message) {
   if (length < offsetof(proc_event, event_data)) return;
   const auto at_us = static_cast<int64_t>(event.timestamp_ns) / NS_PER_US;
   if (std::exchange(is_first_, false) && at_us > 0 && last_heard_us_ - at_us > STOOD_STILL_US)
-    tov_loss_tell(TOV_LOSS_STOOD_STILL, 0);
+    has_stood_still_ = true;
   numbers_.seen(event.cpu, message->seq);
   if (!is_heard_) note_answer(event);
   const auto &exit = event.event_data.exit;
@@ -239,14 +238,13 @@ int reader_s::receive(int flags) {
                                [this](const cn_msg *message) { take(message); });
 }
 
-// ---- what is missing
-
-void reader_s::tell_drops() {
+// With what else there is to tell, so that it is one look.
+void reader_s::tell_drops(uint32_t reasons) {
   const std::optional<uint32_t> drops = tov_connector_drops(connector_.events.n);
   if (drops && drops_told_) {
-    tov_loss_tell(TOV_LOSS_EVENTS, uint32_t{*drops - *drops_told_});  // they wrap
+    tov_loss_tell(reasons | TOV_LOSS_EVENTS, uint32_t{*drops - *drops_told_});  // they wrap
   } else {
-    tov_loss_tell(TOV_LOSS_UNCOUNTED, 0);
+    tov_loss_tell(reasons | TOV_LOSS_UNCOUNTED, 0);
   }
   drops_told_ = drops;
 }
@@ -297,15 +295,17 @@ void reader_s::judge_gaps(int at_most) {
 // gaps, too; it is one loss, and counted by the kernel.
 void reader_s::catch_up() {
   const int taken = std::exchange(since_caught_up_, 0);
+  const uint32_t reasons =
+      std::exchange(has_stood_still_, false) ? uint32_t{TOV_LOSS_STOOD_STILL} : 0;
   if (std::exchange(has_overflowed_, false)) {
-    tell_drops();
+    tell_drops(reasons);
     unsettled_ = SETTLED_AFTER_OVERFLOW;
+  } else if (reasons != 0) {
+    tov_loss_tell(reasons, 0);
   }
   if (unsettled_ > 0) return settle();
   if (numbers_.any_missing() && connector_.is_complete) judge_gaps(OTHERS_AT_ONCE + taken);
 }
-
-// ---- silence
 
 // A new name of this thread is an event.
 bool reader_s::proves_life() {
@@ -338,8 +338,6 @@ int reader_s::judge_silence() {
   is_reopened_ = true;
   return open() == 0 ? 0 : RESULT_RECEIVE;
 }
-
-// ---- the loop
 
 void reader_s::hear() {
   is_first_ = true;

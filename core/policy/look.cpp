@@ -24,8 +24,8 @@
 #include "util/identity.h"
 
 static constexpr int64_t NEVER_US = INT64_MAX;
-static constexpr int64_t HEARING_US = 200000;  // longest wait for the ring's events to be handled
-static constexpr int64_t PAUSE_US = 500000;    // from one look's beginning to that of the next
+static constexpr int64_t HEARING_US = 1000000;  // longest wait for the ring's events to be handled
+static constexpr int64_t PAUSE_US = 500000;     // from one look's beginning to that of the next
 
 enum { PORTION = 32 };  // records
 

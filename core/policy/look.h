@@ -26,7 +26,7 @@ class tov_look_s {
   // Begins when it is time, and makes a portion of it: some hundred microseconds. Returns when to
   // call again (tov_clock_us()); INT64_MAX: never, unless it is asked for.
   //   heard_all  the events that had come when the look was asked for have been handled; they are
-  //              waited for 200 ms at the most
+  //              waited for a second at the most
   // Takes the lock of `tov_chains` for a moment; call it without.
   int64_t go_on(bool heard_all);
 

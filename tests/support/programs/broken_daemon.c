@@ -13,6 +13,8 @@
  *   late         those delays are ten minutes longer
  *   withdraw     registrations cannot be withdrawn
  *   slow         a child needs some seconds from its first act to its program
+ *   lose         an end by signal 9 is not heard of
+ *   mute         no process event is heard of
  * Programs that the daemon starts are left alone: they are linked statically.
  */
 #include <dlfcn.h>
@@ -105,16 +107,24 @@ SEEN int unlink(const char *path) {
 }
 
 /* One process event a datagram, as the kernel sends them. */
+enum { EVENT_BEGIN = NLMSG_HDRLEN + sizeof(struct cn_msg) };
+
+static int is_end_by(int sig, const char *datagram, size_t length) {
+  struct proc_event event;
+  if (length < EVENT_BEGIN + sizeof event) return 0;
+  memcpy(&event, datagram + EVENT_BEGIN, sizeof event);
+  return (unsigned int)event.what == 0x80000000U &&
+         event.event_data.exit.exit_code == (unsigned int)sig;
+}
+
 static void look_at_event(char *datagram, size_t length) {
   struct proc_event event;
-  const size_t begin = NLMSG_HDRLEN + sizeof(struct cn_msg);
-  if (length < begin + sizeof event) return;
-  memcpy(&event, datagram + begin, sizeof event);
-  if ((unsigned int)event.what != 0x80000000U || event.event_data.exit.exit_code != SIGTERM) return;
+  if (!is_end_by(SIGTERM, datagram, length)) return;
+  memcpy(&event, datagram + EVENT_BEGIN, sizeof event);
   if (breaks("files")) somebody_stopped = 1;
   if (!breaks("stop")) return;
   event.event_data.exit.exit_code = SIGKILL;
-  memcpy(datagram + begin, &event, sizeof event);
+  memcpy(datagram + EVENT_BEGIN, &event, sizeof event);
 }
 
 /* One request of a client a packet. */
@@ -144,7 +154,13 @@ SEEN ssize_t recv(int fd, void *buffer, size_t size, int flags) {
 
 SEEN ssize_t recvfrom(int fd, void *restrict buffer, size_t size, int flags, __SOCKADDR_ARG from,
                       socklen_t *restrict from_size) {
-  const ssize_t got = next_recvfrom(fd, buffer, size, flags, from.__sockaddr__, from_size);
+  const socklen_t room = *from_size;
+  ssize_t got = 0;
+  do {
+    *from_size = room;
+    got = next_recvfrom(fd, buffer, size, flags, from.__sockaddr__, from_size);
+  } while (got > 0 &&
+           (breaks("mute") || (breaks("lose") && is_end_by(SIGKILL, buffer, (size_t)got))));
   if (got > 0) look_at_event(buffer, (size_t)got);
   return got;
 }

@@ -296,6 +296,20 @@ TEST_F(TovProcessNetlink, EventThatIsReadASecondLateAsksForALook) {
   EXPECT_EQ(told().reasons, uint32_t{TOV_LOSS_STOOD_STILL});
 }
 
+TEST_F(TovProcessNetlink, OverflowOfWhoStoodStillIsToldTogether) {
+  at(1, [] { post_exit(1); });
+  at(2, [] {
+    first().room = 1;
+    kernel().post(exit_of(2, 2, 9), 0, 2 * US_PER_S);
+    post_exit(3);
+    kernel().before(tov_test::CALL_GETSOCKOPT, 1, [] { EXPECT_EQ(told().reasons, 0u); });
+  });
+  run();
+  const tov_loss_t loss = told();
+  EXPECT_EQ(loss.reasons, uint32_t{LOST | TOV_LOSS_STOOD_STILL});
+  EXPECT_EQ(loss.count, 1u);
+}
+
 // ---- the subscription -----------------------------------------------------------------------
 
 TEST_F(TovProcessNetlink, AnswerAsksForALook) {
