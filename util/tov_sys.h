@@ -136,6 +136,21 @@ inline ssize_t tov_sys_write(int fd, const void *buf, size_t size) {
   return write(fd, buf, size);
 }
 
+// openat(2). The caller says O_CLOEXEC.
+inline int tov_sys_openat(int dir, const char *name, int flags, mode_t mode = 0) {
+  return openat(dir, name, flags, mode);
+}
+
+// pread(2): may be short, may be interrupted.
+inline ssize_t tov_sys_pread(int fd, void *buf, size_t size, off_t offset) {
+  return pread(fd, buf, size, offset);
+}
+
+// pwrite(2): may be short, may be interrupted.
+inline ssize_t tov_sys_pwrite(int fd, const void *buf, size_t size, off_t offset) {
+  return pwrite(fd, buf, size, offset);
+}
+
 // lseek(2).
 inline off_t tov_sys_lseek(int fd, off_t offset, int whence) {
   return lseek(fd, offset, whence);
@@ -222,9 +237,24 @@ inline int tov_sys_rename(const char *from, const char *to) {
   return rename(from, to);
 }
 
+// renameat(2), within one directory.
+inline int tov_sys_renameat(int dir, const char *from, const char *to) {
+  return renameat(dir, from, dir, to);
+}
+
+// unlinkat(2), of a name that is no directory.
+inline int tov_sys_unlinkat(int dir, const char *name) {
+  return unlinkat(dir, name, 0);
+}
+
 // renameat2(2), which refuses to replace a file (EEXIST).
 inline int tov_sys_rename_new(const char *from, const char *to) {
   return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+}
+
+// mkdir(2): the mode is narrowed by the umask.
+inline int tov_sys_mkdir(const char *path, mode_t mode) {
+  return mkdir(path, mode);
 }
 
 // rmdir(2).

@@ -165,6 +165,31 @@ off_t tov_sys_lseek(int fd, off_t offset, int whence) {
   });
 }
 
+int tov_sys_openat(int dir, const char *name, int flags, mode_t mode) {
+  return call_on(tov_test::CALL_OPENAT, dir, [&](const open_file_s &file) {
+    return kernel().open((file.path + "/" + name).c_str(), flags, mode);
+  });
+}
+
+// A transfer at a place of its own: the descriptor's offset stays.
+template <typename Transfer>
+static int at_place(tov_test::call_e kind, int fd, off_t offset, Transfer transfer) {
+  return call_on(kind, fd, [&](open_file_s &file) {
+    const size_t before = std::exchange(file.offset, static_cast<size_t>(offset));
+    const int result = static_cast<int>(transfer());
+    file.offset = before;
+    return result;
+  });
+}
+
+ssize_t tov_sys_pread(int fd, void *buf, size_t size, off_t offset) {
+  return at_place(tov_test::CALL_PREAD, fd, offset, [&] { return kernel().read(fd, buf, size); });
+}
+
+ssize_t tov_sys_pwrite(int fd, const void *buf, size_t size, off_t offset) {
+  return at_place(tov_test::CALL_PWRITE, fd, offset, [&] { return kernel().write(fd, buf, size); });
+}
+
 int tov_sys_ftruncate(int fd, off_t length) {
   return call_on(tov_test::CALL_FTRUNCATE, fd, [&](open_file_s &file) {
     file.inode->text.resize(static_cast<size_t>(length));
@@ -261,11 +286,28 @@ int tov_sys_rename(const char *from, const char *to) {
   return call(tov_test::CALL_RENAME, [&] { return kernel().link(from, to, false); });
 }
 
+int tov_sys_renameat(int dir, const char *from, const char *to) {
+  return call_on(tov_test::CALL_RENAMEAT, dir, [&](const open_file_s &file) {
+    const std::string below = file.path + "/";
+    return kernel().link((below + from).c_str(), (below + to).c_str(), false);
+  });
+}
+
+int tov_sys_unlinkat(int dir, const char *name) {
+  return call_on(tov_test::CALL_UNLINKAT, dir, [&](const open_file_s &file) {
+    return kernel().unlink((file.path + "/" + name).c_str());
+  });
+}
+
 int tov_sys_rename_new(const char *from, const char *to) {
   return call(tov_test::CALL_RENAME, [&] {
     const int linked = kernel().link(from, to, true);
     return linked < 0 ? linked : kernel().unlink(from);
   });
+}
+
+int tov_sys_mkdir(const char *path, mode_t mode) {
+  return call(tov_test::CALL_MKDIR, [&] { return kernel().mkdir(path, mode); });
 }
 
 int tov_sys_rmdir(const char *path) {

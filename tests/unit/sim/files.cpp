@@ -278,7 +278,8 @@ static void describe(const inode_s &inode, struct stat *status) {
   status->st_dev = inode.device;
   status->st_ino = inode.number;
   status->st_mode = inode.mode;
-  status->st_nlink = 1;
+  status->st_nlink = inode.links;
+  status->st_uid = inode.owner;
   status->st_size = static_cast<off_t>(inode.text.size());
 }
 
@@ -310,6 +311,7 @@ int kernel_s::unlink(const char *path) {
   if (found.error != 0) return -found.error;
   if (found.inode == nullptr) return -ENOENT;
   if (S_ISDIR(found.inode->mode)) return -EISDIR;
+  found.inode->links--;
   tree_.erase(found.path);
   return 0;
 }
@@ -322,8 +324,18 @@ int kernel_s::link(const char *from, const char *to, bool stays) {
   if (place.error != 0) return -place.error;
   if (place.inode != nullptr && stays) return -EEXIST;
   if (place.inode == found.inode) return 0;  // two names of one file
+  if (place.inode != nullptr) place.inode->links--;
   tree_[place.path] = found.inode;
+  if (stays) found.inode->links++;
   if (!stays) tree_.erase(found.path);
+  return 0;
+}
+
+int kernel_s::mkdir(const char *path, mode_t mode) {
+  const found_s found = walk(path, false);
+  if (found.error != 0) return -found.error;
+  if (found.inode != nullptr) return -EEXIST;
+  make(found.path, S_IFDIR | (mode & ~umask));
   return 0;
 }
 

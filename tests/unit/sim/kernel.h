@@ -59,6 +59,9 @@ enum call_e {
   CALL_OPEN,
   CALL_READ,
   CALL_WRITE,
+  CALL_OPENAT,
+  CALL_PREAD,
+  CALL_PWRITE,
   CALL_LSEEK,
   CALL_FTRUNCATE,
   CALL_FSYNC,
@@ -76,6 +79,9 @@ enum call_e {
   CALL_UNLINK,
   CALL_LINK,
   CALL_RENAME,
+  CALL_RENAMEAT,
+  CALL_UNLINKAT,
+  CALL_MKDIR,
   CALL_RMDIR,
   CALL_OPENDIR,
   CALL_READDIR,
@@ -102,6 +108,8 @@ struct inode_s {
   std::string text;     // content, or where a link leads
   pid_t locked_by = 0;  // who has the write lock on the whole file; 0: no process
   dev_t device = 1;
+  uid_t owner = 0;
+  nlink_t links = 1;  // names; a test may claim more than the tree has
 };
 using inode_t = std::shared_ptr<inode_s>;
 
@@ -266,6 +274,10 @@ class kernel_s {
   bool exists(const std::string &path) const { return inode_at(path) != nullptr; }
   // Of a file that is there.
   std::string text_of(const std::string &path) const { return inode_at(path)->text; }
+  void give_away(const std::string &path, uid_t owner) { inode_at(path)->owner = owner; }
+  void set_mode(const std::string &path, mode_t mode) {
+    inode_at(path)->mode = (inode_at(path)->mode & S_IFMT) | mode;
+  }
   mode_t mode_of(const std::string &path) const { return inode_at(path)->mode & 07777; }
   // The lock on a file: taken on behalf of another process, and who has it (0: no process).
   void lock(const std::string &path, pid_t pid) { inode_at(path)->locked_by = pid; }
@@ -316,6 +328,7 @@ class kernel_s {
   ssize_t readlink(const char *path, char *buf, size_t size) const;
   int unlink(const char *path);
   int link(const char *from, const char *to, bool stays);
+  int mkdir(const char *path, mode_t mode);
   int rmdir(const char *path);
   // Names below a directory; -ENOTDIR and the like in *error.
   std::vector<std::string> names_in(const char *path, int *error) const;

@@ -191,6 +191,37 @@ TEST_F(Kernel, LockNeedsADescriptorForWriting) {
   EXPECT_EQ(errno, EBADF);
 }
 
+TEST_F(Kernel, FileIsReachedThroughItsDirectoryAndAtAPlaceOfItsOwn) {
+  EXPECT_EQ(tov_sys_mkdir("/run/d", 0777), 0);
+  EXPECT_EQ(kernel().mode_of("/run/d"), 0755U) << "less the umask";
+  EXPECT_EQ(tov_sys_mkdir("/run/d", 0777), -1);
+  EXPECT_EQ(errno, EEXIST);
+  const int dir = open("/run/d", O_RDONLY | O_DIRECTORY);
+  const int fd = tov_sys_openat(dir, "f", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  EXPECT_EQ(tov_sys_pwrite(fd, "text", 4, 2), 4);
+  EXPECT_EQ(read(fd), std::string("\0\0text", 6)) << "the offset stays";
+  char two[2];
+  EXPECT_EQ(tov_sys_pread(fd, two, sizeof two, 3), 2);
+  EXPECT_EQ(std::string(two, sizeof two), "ex");
+  EXPECT_EQ(tov_sys_renameat(dir, "f", "g"), 0);
+  EXPECT_FALSE(kernel().exists("/run/d/f"));
+  EXPECT_EQ(tov_sys_unlinkat(dir, "g"), 0);
+  EXPECT_FALSE(kernel().exists("/run/d/g"));
+}
+
+TEST_F(Kernel, StatusTellsOwnerAndNames) {
+  kernel().write_file("/tmp/f", "");
+  kernel().give_away("/tmp/f", 1000);
+  EXPECT_EQ(tov_sys_link("/tmp/f", "/tmp/g"), 0);
+  struct stat status;
+  EXPECT_EQ(tov_sys_lstat("/tmp/g", &status), 0);
+  EXPECT_EQ(status.st_uid, 1000U);
+  EXPECT_EQ(status.st_nlink, 2U);
+  EXPECT_EQ(tov_sys_unlink("/tmp/f"), 0);
+  EXPECT_EQ(tov_sys_lstat("/tmp/g", &status), 0);
+  EXPECT_EQ(status.st_nlink, 1U);
+}
+
 TEST_F(Kernel, DirectoryShowsProcessesAndNoThreads) {
   const pid_t pid = kernel().start({"/bin/x"});
   const pid_t thread = kernel().start_thread(pid);
