@@ -10,6 +10,7 @@
 #include "alive/tov_sys_alive.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -24,6 +25,8 @@
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "util/owner.h"
+#include "util/regular_file.h"
+#include "util/tov_sys.h"
 
 enum { MODE_EVERYBODY = 0777, SEQ_FIRST = 1, SEQ_LAST = 255, BITS_PER_BYTE = 8, CLEAR_STEP = 4096 };
 
@@ -188,4 +191,39 @@ int tov_sys_update_alive_seq(int pid) {
 
 int tov_sys_get_alive_seq(int pid) {
   return can_be_touched(pid) ? read_byte(seq_byte(pid)) : -1;
+}
+
+// ---- withdrawals -----------------------------------------------------------------------------
+
+// What a registered thread's byte never is, and what one is not whose daemon has cleared it.
+static uint8_t withdrawn_byte(bool registered) {
+  return registered ? 0 : SEQ_LAST;
+}
+
+int tov_sys_mark_withdrawn(int pid) {
+  if (!tov_alive_has_slot(pid)) return 0;
+  const bool registered = tov_sys_isreg_alive_info(pid);
+  if (!can_be_touched(pid) || (!master && !is_backed_or_healed(pid))) return -1;
+  return write_byte(seq_byte(pid), withdrawn_byte(registered));
+}
+
+bool tov_sys_is_withdrawn(int pid) {
+  if (!tov_alive_has_slot(pid) || g_tov_alive_info.info == nullptr) return false;
+  const int bits = read_byte(map_byte(pid));
+  return bits >= 0 && read_byte(seq_byte(pid)) == withdrawn_byte((bits & bit_of(pid)) != 0);
+}
+
+int tov_sys_open_left_area(void) {
+  return tov_open_regular(TOV_ALIVE_SHM_PATH, O_RDONLY);
+}
+
+bool tov_sys_was_withdrawn(int fd, int pid) {
+  if (!tov_alive_has_slot(pid)) return false;
+  uint8_t bits = 0;
+  uint8_t seq = 0;
+  const off_t map_at = off_t{offsetof(tov_sys_alive_info_t, map)} + pid / BITS_PER_BYTE;
+  const off_t seq_at = off_t{offsetof(tov_sys_alive_info_t, seq)} + pid;
+  if (tov_sys_pread(fd, &bits, 1, map_at) != 1 || tov_sys_pread(fd, &seq, 1, seq_at) != 1)
+    return false;
+  return seq == withdrawn_byte((bits & bit_of(pid)) != 0);
 }

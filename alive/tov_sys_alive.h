@@ -90,6 +90,29 @@ int tov_sys_update_alive_seq(int pid);
 // A thread's sequence, or -1 as above.
 int tov_sys_get_alive_seq(int pid);
 
+// ---- withdrawals that nobody hears ------------------------------------------------------------
+//
+// A thread may withdraw while there is no daemon, or one that dies before it has read the request;
+// the next daemon, which knows the thread from the last one, would go on watching it and have its
+// process killed. So whoever withdraws leaves a mark first, as no registered thread has it: the
+// byte 0 under a set bit (the daemon was killed, or is there), 255 under a clear one (it ended in
+// order and cleared all bits). A byte of 0 under a clear bit says nothing, as in an area that was
+// cut.
+
+// Leaves the mark in a client, where the daemon may not be. Nothing for ids out of range.
+// Returns 0, or -1: the area is not there.
+int tov_sys_mark_withdrawn(int pid);
+
+// Whether a thread is so marked; false also when the area is not mapped. In the daemon only: a
+// client would have to look whether the area is still whole.
+bool tov_sys_is_withdrawn(int pid);
+
+// The same of the area that the last daemon has left, before tov_sys_init_alive_info(true) clears
+// it. As all that this area says it is a hint: every user may have written it.
+//   fd  of tov_sys_open_left_area(), which returns it, the caller's own, or -errno
+int tov_sys_open_left_area(void);
+bool tov_sys_was_withdrawn(int fd, int pid);
+
 // For the child of a fork: makes the lock of the initialisation afresh, which a thread that does
 // not exist in the child may have held. The mapping is inherited and stays valid.
 void tov_sys_alive_renew_lock(void);

@@ -8,7 +8,9 @@
 //
 // Threads: the thread calls come from the thread that they name. Only the paths that send a message
 // take tov_rpc_lock.
-// Losses: without a daemon a registration is lost, and the next sign of life makes it again.
+// Losses: without a daemon a registration is lost, and the next sign of life makes it again. A
+// withdrawal leaves a mark in the shared memory, which the next daemon finds; a thread whose id has
+// no place there is watched on until it ends.
 #include <signal.h>
 #include <unistd.h>
 
@@ -125,6 +127,9 @@ extern "C" int tov_client_reset_thread_notify(pid_t pid, pid_t tid, unsigned int
 extern "C" int tov_client_unreg_thread_notify(pid_t tid) noexcept {
   const tov_rpc_call_t call;
   if (tid == 0) TOV_DBG("parameter error\n");
+  // Before the request, which nobody may hear: without a daemon it is lost, and so it may be with
+  // one that dies before it has read it. Without the mark the next daemon goes on watching.
+  if (tid > 0) (void)tov_sys_mark_withdrawn(tid);
   tov_msg_cons_t request = {.event = TOV_UNREG_THREAD_NOTIFY, .pid = tid};
   (void)tov_rpc(TOV_MSG_CONS, nullptr, &request, sizeof request, true, false);
   return 0;  // a registration that stays is dropped by the daemon once the thread is gone

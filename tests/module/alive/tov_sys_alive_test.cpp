@@ -22,6 +22,7 @@
 #include "tests/support/caught_diagnostics.h"
 #include "tests/support/child.h"
 #include "tests/support/in_child.h"
+#include "util/owner.h"
 
 namespace {
 
@@ -333,6 +334,102 @@ TEST_P(TovSysAliveSides, IdsOutOfRangeAreRefusedByName) {
       EXPECT_EQ(lines, 5) << said;
     }
   });
+}
+
+// ---- withdrawals that nobody hears -----------------------------------------------------------
+
+// What the next daemon finds in the area of the last one.
+static bool was_withdrawn(int id) {
+  const tov_fd_t area(tov_sys_open_left_area());
+  EXPECT_GE(area.n, 0);
+  return tov_sys_was_withdrawn(area.n, id);
+}
+
+TEST_F(TovSysAlive, MarkOfAWithdrawalIsFoundBesideAKilledDaemonAndAfterAnOrderlyEnd) {
+  for (const bool in_order : {false, true}) {
+    register_as_daemon(77);
+    register_as_daemon(78);  // clears the first one's bit, as each daemon does
+    if (in_order) {
+      tov_test::in_child([] {
+        ASSERT_EQ(tov_sys_init_alive_info(false), 0);
+        ASSERT_EQ(tov_sys_unreg_alive_info(78), 0);
+      });
+    }
+    EXPECT_FALSE(was_withdrawn(78));
+    tov_test::in_child([] { EXPECT_EQ(tov_sys_mark_withdrawn(78), 0); });
+    EXPECT_EQ(object_byte(SEQ_OFFSET + 78), in_order ? 255 : 0);
+    EXPECT_TRUE(was_withdrawn(78));
+    EXPECT_FALSE(was_withdrawn(77));
+  }
+}
+
+TEST_F(TovSysAlive, NoByteOfARegisteredThreadIsTheMark) {
+  register_as_daemon(77);
+  tov_test::in_child([] {
+    for (int i = 0; i < 600; i++) {
+      ASSERT_TRUE(tov_sys_isreg_alive_info(77));
+      ASSERT_EQ(tov_sys_update_alive_seq(77), 0);
+      ASSERT_FALSE(was_withdrawn(77));
+    }
+  });
+}
+
+TEST_F(TovSysAlive, SignOfLifeTakesTheMarkAway) {
+  register_as_daemon(77);
+  tov_test::in_child([] {
+    EXPECT_EQ(tov_sys_mark_withdrawn(77), 0);
+    EXPECT_TRUE(tov_sys_isreg_alive_info(77));
+    EXPECT_EQ(tov_sys_update_alive_seq(77), 0);
+  });
+  EXPECT_FALSE(was_withdrawn(77));
+}
+
+TEST_F(TovSysAlive, MasterSeesTheMark) {
+  tov_test::in_child([] {
+    EXPECT_FALSE(tov_sys_is_withdrawn(77)) << "no area";
+    ASSERT_EQ(tov_sys_init_alive_info(true), 0);
+    EXPECT_FALSE(tov_sys_is_withdrawn(77));
+    ASSERT_EQ(tov_sys_reg_alive_info(77), 0);
+    EXPECT_FALSE(tov_sys_is_withdrawn(77));
+    const uint8_t mark = 0;
+    write_object(SEQ_OFFSET + 77, &mark, 1);
+    EXPECT_TRUE(tov_sys_is_withdrawn(77));
+    EXPECT_FALSE(tov_sys_is_withdrawn(LAST_ID + 1));
+    EXPECT_FALSE(tov_sys_is_withdrawn(-1));
+  });
+}
+
+TEST_F(TovSysAlive, IdsOutOfRangeHaveNoMark) {
+  register_as_daemon(77);
+  tov_test::in_child([] {
+    for (int id : {LAST_ID + 1, -1, INT32_MAX, INT32_MIN}) {
+      EXPECT_EQ(tov_sys_mark_withdrawn(id), 0);
+      EXPECT_FALSE(was_withdrawn(id));
+    }
+  });
+}
+
+TEST_F(TovSysAlive, MarkingACutAreaKillsNobodyAndACutAreaTellsNothing) {
+  for (off_t length : {off_t{0}, MAP_OFFSET + 5, off_t{20480}}) {
+    register_as_daemon(LAST_ID);
+    tov_test::in_child([length] {
+      EXPECT_TRUE(tov_sys_isreg_alive_info(LAST_ID));
+      cut_object(length);
+      EXPECT_FALSE(was_withdrawn(LAST_ID));
+      EXPECT_EQ(tov_sys_mark_withdrawn(LAST_ID), 0);
+      EXPECT_TRUE(was_withdrawn(LAST_ID));
+    });
+  }
+}
+
+TEST_F(TovSysAlive, LeftAreaThatIsNoneIsNotOpened) {
+  ASSERT_EQ(mkfifo(TOV_ALIVE_SHM_PATH, 0777), 0);
+  EXPECT_LT(tov_sys_open_left_area(), 0);
+  ASSERT_EQ(unlink(TOV_ALIVE_SHM_PATH), 0);
+  ASSERT_EQ(symlink("/etc/passwd", TOV_ALIVE_SHM_PATH), 0);
+  EXPECT_LT(tov_sys_open_left_area(), 0);
+  ASSERT_EQ(unlink(TOV_ALIVE_SHM_PATH), 0);
+  EXPECT_EQ(tov_sys_open_left_area(), -ENOENT);
 }
 
 // ---- a damaged area ------------------------------------------------------------------------

@@ -29,6 +29,7 @@
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
 #include "tests/support/stdout.h"
+#include "util/owner.h"
 
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
@@ -280,6 +281,29 @@ TEST_F(TovXtachThread, UnregisteringThreadZeroIsToldAndSentAllTheSame) {
   const std::string said = printed_by([&] { EXPECT_EQ(tov_client_unreg_thread_notify(0), 0); });
   EXPECT_NE(said.find("]parameter error\n"), std::string::npos);
   EXPECT_EQ(daemon.only_request().payload<tov_msg_cons_t>().pid, 0);
+}
+
+TEST_F(TovXtachThread, UnregisteringLeavesAMarkBeforeTheRequestThatNobodyMayHear) {
+  const tov_fd_t area(tov_sys_open_left_area());
+  tov_sys_reg_alive_info(4711);
+  {
+    // One that dies behind its answer has not carried it out.
+    FakeDaemon daemon;
+    EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0);
+    EXPECT_TRUE(tov_sys_was_withdrawn(area.n, 4711));
+  }
+  for (const bool registered : {true, false}) {
+    if (registered) {
+      tov_sys_reg_alive_info(4711);
+    } else {
+      tov_sys_unreg_alive_info(4711);
+    }
+    EXPECT_FALSE(tov_sys_was_withdrawn(area.n, 4711));
+    RefusingSocket refusing;
+    (void)printed_by([] { EXPECT_EQ(tov_client_unreg_thread_notify(4711), 0); });
+    EXPECT_TRUE(tov_sys_was_withdrawn(area.n, 4711)) << registered;
+  }
+  tov_sys_unreg_alive_info(4711);
 }
 
 TEST_F(TovXtachThread, UnregisteringWithoutADaemonReturnsZeroAfterOneAttempt) {
