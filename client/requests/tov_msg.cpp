@@ -15,6 +15,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <utility>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
@@ -26,6 +27,7 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"
+#include "core/registry/watched.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
@@ -279,6 +281,13 @@ static void fill_periods(tov_pid_t *record, const tov_msg_xtach_t *payload) {
   record->m_n_cur_notify_time = payload->m_n_cur_notify_time;
 }
 
+// Whether a request gives a known thread other terms. A thread without a slot sends its own with
+// each sign of life.
+static bool are_terms_new(const tov_pid_t &record, const tov_msg_xtach_t *payload) {
+  return record.m_n_counter != payload->m_n_counter ||
+         record.m_n_notify_time != payload->m_n_notify_time;
+}
+
 static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *process)
     TOV_REQUIRES(tov_alive_chains) {
   tov_pid_t *record = tov_chain_new_record();
@@ -290,18 +299,33 @@ static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *proc
   return record;
 }
 
-// Finds or makes the record of a thread and begins its slot of the shared area anew.
+// Removes a record for good: its row first, so that dying here never leaves a watch that nobody
+// wants.
+static void forget_thread(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) {
+  tov_watched_free(record);
+  if (tov_alive_has_slot(record->pid)) (void)tov_sys_unreg_alive_info(record->pid);
+  tov_chain_remove(&tov_alive_chains, record);
+}
+
+// Finds or makes the record of a thread and begins its slot of the shared area anew. One that was
+// taken over from the last daemon speaks again: it is registered as with any new daemon. The next
+// daemon is told before the thread is.
 //   refresh  give a known thread the payload's periods
 //   process  in: the thread's command line; out: that of its record
 //   ppid     out: the owner in its record
 static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
                          char (&process)[TOV_PROCESS_SIZE], pid_t *ppid) {
+  const tov_watched_row_t facts = tov_watched_facts(payload->pid, payload->ppid);
   const tov_chains_guard_t hold(tov_alive_chains);
   tov_pid_t *record = __tov_find_pid(&tov_alive_chains, payload->pid);
+  if (record != nullptr && record->inherited != 0) forget_thread(std::exchange(record, nullptr));
   if (record == nullptr) {
     record = insert_thread(payload, process);
+    tov_watched_write(record, facts);
   } else if (refresh) {
+    const bool changed = are_terms_new(*record, payload);
     fill_periods(record, payload);
+    if (changed) tov_watched_write(record, facts);
   }
   if (tov_alive_has_slot(payload->pid)) {
     (void)tov_sys_reg_alive_info(payload->pid);  // fails for ids without a slot only
@@ -339,9 +363,8 @@ void tov_notifier_stop(pid_t pid) {
       tov_log_with_type(TOV_LOG_REG_ALIVE,
                         "Thread %s/%d (pid %d) unreg TOV thread-alive service.\n", record.process,
                         record.pid, record.ppid);
-      (void)tov_sys_unreg_alive_info(pid);
     }
-    tov_chain_remove(&tov_alive_chains, &record);
+    forget_thread(&record);
   }
 }
 

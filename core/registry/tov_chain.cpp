@@ -20,6 +20,7 @@
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
 #include "core/run/ends.h"
+#include "core/registry/watched.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
@@ -109,6 +110,11 @@ void tov_init_chains(tov_chains_t *chains) {
   chains->node_num = 0;
 }
 
+// Frees the row that the next daemon would find. Only watched threads have one.
+static void free_row(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains) {
+  if (chains == &tov_alive_chains) tov_watched_free(record);
+}
+
 // Removes a record for good: a watched thread also loses its slot in the shared area.
 static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains) {
   // Not asked whether it is below 0: of such an id the area itself says "pid err".
@@ -117,10 +123,14 @@ static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIR
   tov_chain_remove(chains, record);
 }
 
+// An end in order hands the watched threads over: their rows stay. But for those that have
+// withdrawn unheard: with the slot goes the mark that would tell the next daemon so.
 void tov_destroy_chains(tov_chains_t *chains) {
   const tov_chains_guard_t guard(*chains);
-  for (tov_pid_t &record : tov_chain_records(chains))
+  for (tov_pid_t &record : tov_chain_records(chains)) {
+    if (record.row != 0 && tov_sys_is_withdrawn(record.pid)) free_row(chains, &record);
     remove_with_slot(chains, &record);
+  }
 }
 
 // ---- records -------------------------------------------------------------------------------
@@ -175,6 +185,7 @@ void __tov_del_pid(tov_chains_t *chains, pid_t pid) {
   for (tov_pid_t &record : tov_chain_bucket(chains, pidhash(pid))) {
     if (record.pid != pid) continue;
     TOV_DBG("%s del pid %d\n", __func__, pid);
+    free_row(chains, &record);
     tov_chain_remove(chains, &record);
   }
 }
@@ -192,6 +203,7 @@ void tov_del_node_chain(tov_pid_t *record, tov_chains_t *chains) {
   for (tov_pid_t &child : tov_chain_records(chains)) {
     if (child.ppid != parent) continue;
     TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", __func__, child.pid, child.ppid);
+    free_row(chains, &child);  // before the slot: whoever comes after us must not find it
     remove_with_slot(chains, &child);
   }
 }

@@ -17,6 +17,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <array>
 #include <span>
@@ -29,6 +30,7 @@
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
 #include "util/owner.h"
+#include "util/procfs.h"
 #include "util/regular_file.h"
 #include "util/root_dir.h"
 #include "util/tov_sys.h"
@@ -116,6 +118,23 @@ static int put(int row, const tov_watched_row_t &content) TOV_REQUIRES(tov_alive
   return count == ROW_BYTES ? 0 : -ENOSPC;
 }
 
+// In clock ticks since boot; 0: it cannot be read.
+static uint64_t start_of(pid_t task) {
+  static constexpr int64_t US_PER_S = 1000000;
+  tov_origin_t origin;
+  if (task < 1 || !tov_process_origin(task, &origin)) return 0;
+  return static_cast<uint64_t>(origin.born_us / (US_PER_S / sysconf(_SC_CLK_TCK)));
+}
+
+tov_watched_row_t tov_watched_facts(pid_t tid, pid_t owner) {
+  tov_watched_row_t facts{};
+  facts.tid = tid;
+  facts.owner = owner;
+  facts.started = start_of(tid);
+  facts.owner_started = start_of(owner);
+  return facts;
+}
+
 void tov_watched_write(tov_pid_t *record, const tov_watched_row_t &facts) {
   if (file < 0) return;
   const int row = record->row != 0 ? record->row : free_row();
@@ -127,7 +146,7 @@ void tov_watched_write(tov_pid_t *record, const tov_watched_row_t &facts) {
   content.period_s = record->m_n_notify_time;
   content.budget = record->m_n_counter;
   content.check = check_of(content);
-  if (!is_valid(content)) return;
+  if (!is_valid(content) || content.tid != record->pid || content.owner != record->ppid) return;
   if (const int res = put(row, content); res < 0) {
     // A known thread keeps the terms that its row has; another one's row stays free.
     tell_unknown("cannot be written", -res);

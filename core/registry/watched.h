@@ -86,7 +86,12 @@ std::vector<tov_watched_left_t> tov_watched_open(void) TOV_REQUIRES(tov_alive_ch
 // Closes it. The rows stay.
 void tov_watched_close(void) TOV_REQUIRES(tov_alive_chains);
 
-// Writes a record's row, a new one if it has none.
+// Reads who a thread and its process are now; what cannot be read stays 0. Takes no lock and waits
+// for no process.
+tov_watched_row_t tov_watched_facts(pid_t tid, pid_t owner);
+
+// Writes a record's row, a new one if it has none. No row for a thread whose start, or whose
+// process's, is not known: the next daemon could not tell it from another one.
 //   facts  all but the record's terms (period and budget), which are its own, and the check
 void tov_watched_write(tov_pid_t *record, const tov_watched_row_t &facts)
     TOV_REQUIRES(tov_alive_chains);

@@ -16,6 +16,7 @@
 #include "core/registry/dump.h"
 #include "core/registry/query.h"
 #include "core/registry/tov_chain.h"
+#include "core/registry/watched.h"
 #include "core/run/flags.h"
 #include "core/run/quit.h"
 #include "core/run/thread.h"
@@ -148,6 +149,7 @@ static void dump_registries() {
 
 static void drop(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) {
   TOV_DBG_ALIVE("pid is not exist(%d, ret:%d)\n", record->pid, -1);
+  tov_watched_free(record);  // before the slot: whoever comes after us must not find it
   // As above, an id below 0 is the area's to refuse.
   if (record->pid < TOV_ALIVE_ID_COUNT) (void)tov_sys_unreg_alive_info(record->pid);
   tov_chain_remove(&tov_alive_chains, record);

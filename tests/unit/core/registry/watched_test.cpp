@@ -60,6 +60,7 @@ class Watched : public tov_test::Simulated {
   }
   static tov_pid_t *watch(pid_t tid, unsigned int period_s = 120, unsigned int budget = 5) {
     tov_pid_t *record = add(tid, "/bin/x", 0, 0, tov_alive_chains);
+    record->ppid = tid;
     record->m_n_notify_time = period_s;
     record->m_n_counter = budget;
     write(record);
@@ -149,6 +150,7 @@ TEST_F(Watched, NewTermsStandInTheSameRow) {
 TEST_F(Watched, ThreadWhoseStartIsUnknownHasNoRow) {
   open();
   tov_pid_t *record = add(1001, "/bin/x", 0, 0, tov_alive_chains);
+  record->ppid = 1001;
   for (const bool owner : {false, true}) {
     tov_watched_row_t row = facts(1001);
     (owner ? row.owner_started : row.started) = 0;
@@ -157,6 +159,29 @@ TEST_F(Watched, ThreadWhoseStartIsUnknownHasNoRow) {
     EXPECT_EQ(record->row, 0);
   }
   EXPECT_THAT(open_next(), IsEmpty());
+}
+
+TEST_F(Watched, FactsOfAnotherThreadOrOwnerAreNotWritten) {
+  open();
+  tov_pid_t *record = watch(1001);
+  const std::string before = kernel().text_of(FILE_PATH);
+  record->m_n_notify_time = 180;
+  const tov_chains_guard_t guard(tov_alive_chains);
+  tov_watched_write(record, facts(1002));
+  record->ppid = 7;
+  tov_watched_write(record, facts(1001));
+  EXPECT_EQ(kernel().text_of(FILE_PATH), before);
+}
+
+TEST_F(Watched, FactsAreTheStartsAsTheKernelTellsThem) {
+  const pid_t process = kernel().start({"/bin/x"});
+  const pid_t thread = kernel().start_thread(process);
+  const tov_watched_row_t facts = tov_watched_facts(thread, process);
+  EXPECT_EQ(facts.tid, thread);
+  EXPECT_EQ(facts.owner, process);
+  EXPECT_EQ(facts.started, kernel().process(thread).started);
+  EXPECT_EQ(facts.owner_started, kernel().process(process).started);
+  EXPECT_EQ(tov_watched_facts(thread, process + 50).owner_started, 0U);
 }
 
 TEST_F(Watched, NothingIsWrittenBeforeTheFileIsOpen) {
