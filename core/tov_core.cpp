@@ -40,6 +40,7 @@
 #include "core/setup.h"
 #include "core/third_part.h"
 #include "core/watch/fork_watcher.h"
+#include "core/watch/takeover.h"
 #include "core/watch/watchdog.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -216,6 +217,12 @@ static next_e list_third_part_programs(daemon_s &) {
   return GO_ON;
 }
 
+// Before the area is cleared, which says who has withdrawn meanwhile.
+static next_e take_over_watched_threads(daemon_s &) {
+  tov_watch_take_over();
+  return GO_ON;
+}
+
 static next_e map_alive_info(daemon_s &) {
   const int ret = tov_sys_init_alive_info(true);
   if (ret == 0) return GO_ON;
@@ -280,6 +287,7 @@ static constexpr next_e (*start_up[])(daemon_s &) = {
     exempt_from_memory_killer,
     install_signal_handlers,
     list_third_part_programs,
+    take_over_watched_threads,
     map_alive_info,
     allocate_event_queue,
     say_hello,

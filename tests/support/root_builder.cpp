@@ -37,6 +37,7 @@ static const std::string ROOT = "/tmp/root";
 // What an earlier run on the machine itself may have left; a private root begins without it.
 static constexpr const char *cleared[] = {"/qxos",
                                           "/qx_cfg",
+                                          "/run/tov",
                                           "/etc/tov",
                                           "/etc/cmdmap",
                                           "/etc/vsd",

@@ -1,0 +1,67 @@
+// Each row is judged by the kernel's word alone. Who is certainly gone, or another one, loses its
+// row; who cannot be judged is taken over, and the watchdog finds out.
+//
+// Thread: main, at start-up. Losses: two threads that had one id within one clock tick look alike.
+//
+// Tested by: tests/module/core/watch/takeover_test.cpp,
+// tests/device/watchdog_next_daemon_test.cpp
+#include "core/watch/takeover.h"
+
+#include <sys/types.h>
+
+#include "alive/tov_sys_alive.h"
+#include "core/registry/tov_chain.h"
+#include "core/registry/watched.h"
+#include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
+#include "log/tov_dbg.h"
+#include "util/owner.h"
+#include "util/procfs.h"
+#include "util/tov_utils.h"
+
+// Whether a task certainly is not the one that started then.
+//   now  its start as read just now, 0: it could not be read
+static bool is_gone(pid_t task, uint64_t started, uint64_t now) {
+  if (now != 0 && now != started) return true;
+  return tov_process_state(task) == TOV_PROCESS_DEAD;
+}
+
+static bool is_thread_gone(const tov_watched_row_t &row) {
+  const tov_watched_row_t now = tov_watched_facts(row.tid, row.owner);
+  if (is_gone(row.tid, row.started, now.started)) return true;
+  if (is_gone(row.owner, row.owner_started, now.owner_started)) return true;
+  const pid_t owner = tov_get_ppid_form_pid(row.tid);
+  return owner >= 0 && owner != row.owner;
+}
+
+static void take_over(const tov_watched_left_t &left) TOV_REQUIRES(tov_alive_chains) {
+  const tov_watched_row_t &row = left.thread;
+  tov_pid_t *record = tov_chain_new_record();
+  record->pid = row.tid;
+  record->ppid = row.owner;
+  record->m_n_notify_time = row.period_s;
+  record->m_n_counter = row.budget;
+  record->m_n_cur_counter = row.budget;
+  record->row = left.row;
+  record->inherited = 1;
+  // What it executes now: whatever it has made of its command line, it is the thread of the row.
+  if (pid_to_cmdline(row.tid, record->process, sizeof record->process) != nullptr)
+    rtrim(record->process);
+  tov_chain_insert(&tov_alive_chains, record);
+  TOV_DBG_ALIVE("pid (%d) ppid (%d) taken over\n", record->pid, record->ppid);
+}
+
+void tov_watch_take_over(void) {
+  const tov_fd_t area(tov_sys_open_left_area());
+  const tov_chains_guard_t guard(tov_alive_chains);
+  for (const tov_watched_left_t &left : tov_watched_open()) {
+    const pid_t tid = left.thread.tid;
+    const bool known = __tov_find_pid(&tov_alive_chains, tid) != nullptr;
+    const bool withdrawn = area.n >= 0 && tov_sys_was_withdrawn(area.n, tid);
+    if (known || withdrawn || is_thread_gone(left.thread)) {
+      tov_watched_free_row(left.row);
+    } else {
+      take_over(left);
+    }
+  }
+}
