@@ -173,8 +173,12 @@ void tov_watched_free(tov_pid_t *record) {
 
 namespace {
 
-// What is the matter with the file that stands there.
-enum found_e { FITS, EMPTY, OTHER_BOOT, WRONG };
+// What stands in the file's place.
+enum found_e {
+  FITS,
+  TO_BEGIN,  // empty, or another boot's
+  WRONG,
+};
 
 }  // namespace
 
@@ -193,21 +197,51 @@ static tov_watched_header_s header_of(const char (&boot_id)[TOV_BOOT_ID_SIZE]) {
   return header;
 }
 
-// Judges an open file. Returns found_e or -errno.
-static int judge(int fd, const tov_watched_header_s &wanted) {
+// Reads the rows that are whole. Returns 0 or -errno.
+static int read_rows(int fd, std::vector<tov_watched_left_t> *left) {
+  std::array<tov_watched_row_t, ROWS_AT_ONCE> rows;
+  for (int first = 1; first <= TOV_WATCHED_ROWS; first += ROWS_AT_ONCE) {
+    const ssize_t count = tov_sys_pread(fd, rows.data(), sizeof rows, offset_of(first));
+    if (count < 0) return -errno;
+    const size_t whole = static_cast<size_t>(count) / sizeof rows[0];
+    for (size_t i = 0; i < whole; i++) {
+      if (is_valid(rows[i])) left->push_back({first + static_cast<int>(i), rows[i]});
+    }
+    if (whole < rows.size()) break;
+  }
+  return 0;
+}
+
+int tov_watched_read(int fd, const char (&boot_id)[TOV_BOOT_ID_SIZE],
+                     std::vector<tov_watched_left_t> *left) {
+  const tov_watched_header_s wanted = header_of(boot_id);
+  tov_watched_header_s header{};
+  const ssize_t count = tov_sys_pread(fd, &header, sizeof header, 0);
+  if (count < 0) return -errno;
+  static constexpr size_t OURS = offsetof(tov_watched_header_s, boot_id);
+  if (count != HEADER_BYTES || memcmp(&header, &wanted, OURS) != 0) return -EILSEQ;
+  if (memcmp(header.boot_id, wanted.boot_id, sizeof header.boot_id) != 0) return -ESTALE;
+  return read_rows(fd, left);
+}
+
+// Judges an open file, and reads it if it fits. Returns found_e or -errno.
+static int judge(int fd, const char (&boot_id)[TOV_BOOT_ID_SIZE],
+                 std::vector<tov_watched_left_t> *left) {
   struct stat status;
   if (tov_sys_fstat(fd, &status) < 0) return -errno;
   const bool others_write = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
   if (!S_ISREG(status.st_mode) || status.st_uid != ROOT || others_write || status.st_nlink != 1 ||
       status.st_size > MOST_BYTES)
     return WRONG;
-  if (status.st_size == 0) return EMPTY;
-  tov_watched_header_s header{};
-  const ssize_t count = tov_sys_pread(fd, &header, sizeof header, 0);
-  if (count < 0) return -errno;
-  if (count != HEADER_BYTES || memcmp(&header, &wanted, offsetof(tov_watched_header_s, boot_id)))
-    return WRONG;
-  return memcmp(header.boot_id, wanted.boot_id, sizeof header.boot_id) == 0 ? FITS : OTHER_BOOT;
+  if (status.st_size == 0) return TO_BEGIN;
+  switch (const int res = tov_watched_read(fd, boot_id, left)) {
+    case -EILSEQ:
+      return WRONG;
+    case -ESTALE:
+      return TO_BEGIN;
+    default:
+      return res == 0 ? FITS : res;
+  }
 }
 
 // Opens the file in its directory, making it if need be. Returns a descriptor or -errno.
@@ -224,89 +258,78 @@ static bool is_no_file(int error) {
   return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV;
 }
 
-// Opens and judges what stands there.
-//   found  written on success
-// Returns a descriptor or -errno; a descriptor of -1 with WRONG is something that cannot be opened.
-static int open_and_judge(int dir, const tov_watched_header_s &wanted, tov_fd_t *fd,
-                          found_e *found) {
-  fd->reset();
-  const int opened = open_in(dir);
-  if (opened < 0) {
-    *found = WRONG;
-    return is_no_file(-opened) ? 0 : opened;
-  }
-  *fd = tov_fd_t(opened);
-  const int judged = judge(fd->n, wanted);
+namespace {
+
+// A file that is being opened.
+struct opening_s {
+  int dir;
+  char boot_id[TOV_BOOT_ID_SIZE];
+  tov_fd_t fd;
+  found_e found;
+  std::vector<tov_watched_left_t> left;
+};
+
+}  // namespace
+
+// Opens and judges what stands there; what cannot be opened as a file is WRONG. Returns 0 or
+// -errno.
+static int look(opening_s *opening) {
+  opening->found = WRONG;
+  opening->fd.reset();
+  const int opened = open_in(opening->dir);
+  if (opened < 0) return is_no_file(-opened) ? 0 : opened;
+  opening->fd = tov_fd_t(opened);
+  const int judged = judge(opened, opening->boot_id, &opening->left);
   if (judged < 0) return judged;
-  *found = static_cast<found_e>(judged);
+  opening->found = static_cast<found_e>(judged);
   return 0;
 }
 
 // Opens the file that is to be used; what stands in its place and is none is moved aside.
-static int open_usable(int dir, const tov_watched_header_s &wanted, tov_fd_t *fd, found_e *found) {
-  int res = open_and_judge(dir, wanted, fd, found);
-  if (res < 0 || *found != WRONG) return res;
-  if (tov_sys_renameat(dir, TOV_WATCHED_NAME, WRONG_NAME) < 0) return -errno;
+static int open_usable(opening_s *opening) {
+  int res = look(opening);
+  if (res < 0 || opening->found != WRONG) return res;
+  if (tov_sys_renameat(opening->dir, TOV_WATCHED_NAME, WRONG_NAME) < 0) return -errno;
   (void)tov_log_with_type(TOV_LOG_ERROR,
                           "%s: not left by a daemon of this kind, moved to %s. The threads that "
                           "the last daemon watched are not known.\n",
                           PATH, WRONG_NAME);
-  res = open_and_judge(dir, wanted, fd, found);
-  return res == 0 && *found == WRONG ? -EEXIST : res;
+  res = look(opening);
+  return res == 0 && opening->found == WRONG ? -EEXIST : res;
 }
 
 // Returns 0 or -errno.
-static int begin_anew(int fd, const tov_watched_header_s &header) {
-  if (tov_sys_ftruncate(fd, 0) < 0) return -errno;
-  const ssize_t count = tov_sys_pwrite(fd, &header, sizeof header, 0);
+static int begin_anew(const opening_s &opening) {
+  if (tov_sys_ftruncate(opening.fd.n, 0) < 0) return -errno;
+  const tov_watched_header_s header = header_of(opening.boot_id);
+  const ssize_t count = tov_sys_pwrite(opening.fd.n, &header, sizeof header, 0);
   if (count < 0) return -errno;
   return count == HEADER_BYTES ? 0 : -ENOSPC;
 }
 
-// Reads the rows that are whole, and notes that they are taken. Returns 0 or -errno.
-static int read_rows(int fd, std::vector<tov_watched_left_t> *left) TOV_REQUIRES(tov_alive_chains) {
-  std::array<tov_watched_row_t, ROWS_AT_ONCE> rows;
-  for (int first = 1; first <= TOV_WATCHED_ROWS; first += ROWS_AT_ONCE) {
-    const ssize_t count = tov_sys_pread(fd, rows.data(), sizeof rows, offset_of(first));
-    if (count < 0) return -errno;
-    const size_t whole = static_cast<size_t>(count) / sizeof rows[0];
-    for (size_t i = 0; i < whole; i++) {
-      if (!is_valid(rows[i])) continue;
-      const int row = first + static_cast<int>(i);
-      *word_of(row) |= bit_of(row);
-      left->push_back({row, rows[i]});
-    }
-    if (whole < rows.size()) break;
-  }
-  return 0;
-}
-
 // Returns 0 or -errno.
-static int open_file(int dir, tov_fd_t *fd, std::vector<tov_watched_left_t> *left)
-    TOV_REQUIRES(tov_alive_chains) {
-  char boot_id[TOV_BOOT_ID_SIZE];
-  if (const int res = read_boot_id(boot_id); res < 0) return res;
-  const tov_watched_header_s header = header_of(boot_id);
-  found_e found = WRONG;
-  if (const int res = open_usable(dir, header, fd, &found); res < 0) return res;
-  return found == FITS ? read_rows(fd->n, left) : begin_anew(fd->n, header);
+static int open_file(opening_s *opening) {
+  int res = read_boot_id(opening->boot_id);
+  if (res == 0) res = open_usable(opening);
+  if (res < 0 || opening->found == FITS) return res;
+  return begin_anew(*opening);
 }
 
 std::vector<tov_watched_left_t> tov_watched_open(void) {
-  std::vector<tov_watched_left_t> left;
   tov_watched_close();
   const tov_fd_t dir(tov_open_root_dir(TOV_ROOT_RUN_DIR));
-  tov_fd_t fd;
-  const int res = dir.n < 0 ? dir.n : open_file(dir.n, &fd, &left);
-  if (res == 0) {
-    file = tov_fd_take(fd);
-    return left;
+  opening_s opening{.dir = dir.n, .boot_id = {}, .fd = tov_fd_t(), .found = WRONG, .left = {}};
+  const int res = dir.n < 0 ? dir.n : open_file(&opening);
+  if (res < 0) {
+    tell_unknown("cannot be used", -res);
+    // Rows that this daemon does not maintain must not reach the one after it.
+    if (dir.n >= 0) (void)tov_sys_unlinkat(dir.n, TOV_WATCHED_NAME);
+    return {};
   }
-  tell_unknown("cannot be used", -res);
-  // Rows that this daemon does not maintain must not reach the one after it.
-  if (dir.n >= 0) (void)tov_sys_unlinkat(dir.n, TOV_WATCHED_NAME);
-  tov_watched_close();
-  return {};
+  for (const tov_watched_left_t &left : opening.left)
+    *word_of(left.row) |= bit_of(left.row);
+  file = tov_fd_take(opening.fd);
+  return std::move(opening.left);
 }
 
 void tov_watched_close(void) {

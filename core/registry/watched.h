@@ -83,6 +83,14 @@ using tov_watched_left_t = tov_watched_left_s;
 // result then is empty.
 std::vector<tov_watched_left_t> tov_watched_open(void) TOV_REQUIRES(tov_alive_chains);
 
+// Reads the whole rows of an open file, whoever owns it; those that nobody can have written are
+// passed over. What the call above believes.
+//   left  receives them; untouched after a failure of the first two kinds
+// Returns 0; -EILSEQ: the header is not of this kind; -ESTALE: another boot's; another -errno.
+// Any thread, without a lock.
+int tov_watched_read(int fd, const char (&boot_id)[TOV_BOOT_ID_SIZE],
+                     std::vector<tov_watched_left_t> *left);
+
 // Closes it. The rows stay.
 void tov_watched_close(void) TOV_REQUIRES(tov_alive_chains);
 

@@ -26,7 +26,7 @@ static bool is_gone(pid_t task, uint64_t started, uint64_t now) {
   return tov_process_state(task) == TOV_PROCESS_DEAD;
 }
 
-static bool is_thread_gone(const tov_watched_row_t &row) {
+bool tov_watch_is_gone(const tov_watched_row_t &row) {
   const tov_watched_row_t now = tov_watched_facts(row.tid, row.owner);
   if (is_gone(row.tid, row.started, now.started)) return true;
   if (is_gone(row.owner, row.owner_started, now.owner_started)) return true;
@@ -58,7 +58,7 @@ void tov_watch_take_over(void) {
     const pid_t tid = left.thread.tid;
     const bool known = __tov_find_pid(&tov_alive_chains, tid) != nullptr;
     const bool withdrawn = area.n >= 0 && tov_sys_was_withdrawn(area.n, tid);
-    if (known || withdrawn || is_thread_gone(left.thread)) {
+    if (known || withdrawn || tov_watch_is_gone(left.thread)) {
       tov_watched_free_row(left.row);
     } else {
       take_over(left);

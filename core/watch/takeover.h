@@ -11,9 +11,14 @@
 #ifndef TOV_CORE_WATCH_TAKEOVER_H
 #define TOV_CORE_WATCH_TAKEOVER_H
 
+#include "core/registry/watched.h"
+
 // Opens the file of the watched threads and takes over those of the last daemon. At start-up, after
 // the registries are made and before the shared area is cleared. Never fails: see the header above
 // for what is said then.
 void tov_watch_take_over(void);
+
+// Whether a row's thread is certainly no more, or has become another one.
+bool tov_watch_is_gone(const tov_watched_row_t &row);
 
 #endif  // TOV_CORE_WATCH_TAKEOVER_H
