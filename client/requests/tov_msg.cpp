@@ -288,14 +288,19 @@ static bool are_terms_new(const tov_pid_t &record, const tov_msg_xtach_t *payloa
          record.m_n_notify_time != payload->m_n_notify_time;
 }
 
-static tov_pid_t *insert_thread(const tov_msg_xtach_t *payload, const char *process)
-    TOV_REQUIRES(tov_alive_chains) {
+// Makes the record of a thread, and tells the next daemon.
+static tov_pid_t *insert_thread(const tov_chains_guard_t &hold, const tov_msg_xtach_t *payload,
+                                const char *process, const tov_identity_t &identity,
+                                uint64_t owner_started) TOV_REQUIRES(tov_alive_chains) {
   tov_pid_t *record = tov_chain_new_record();
   record->pid = payload->pid;
   record->ppid = payload->ppid;
+  record->owner_started = owner_started;
+  tov_record_identify(hold, record, identity, true);
   copy_field(record->process, process);
   fill_periods(record, payload);
   tov_chain_insert(&tov_alive_chains, record);
+  tov_watched_write(record);
   return record;
 }
 
@@ -307,25 +312,39 @@ static void forget_thread(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) {
   tov_chain_remove(&tov_alive_chains, record);
 }
 
-// Finds or makes the record of a thread and begins its slot of the shared area anew. One that was
-// taken over from the last daemon speaks again: it is registered as with any new daemon. The next
+// Whether a known record is not of the thread that registers: it is of another one that had the id,
+// or it was taken over from the last daemon, and the thread registers as with any new one.
+static bool is_obsolete(const tov_pid_t &record, const tov_identity_t &identity) {
+  return record.inherited != 0 ||
+         tov_identity_differs(record.pid, record.identity, record.pid, identity);
+}
+
+// When a process started; 0: not known.
+static uint64_t start_of(pid_t pid) {
+  tov_stat_t stat;
+  return pid > 0 && tov_read_stat(pid, &stat) == 0 ? stat.started : 0;
+}
+
+// Finds or makes the record of a thread and begins its slot of the shared area anew. The next
 // daemon is told before the thread is.
-//   refresh  give a known thread the payload's periods
-//   process  in: the thread's command line; out: that of its record
-//   ppid     out: the owner in its record
+//   refresh   give a known thread the payload's periods
+//   identity  of the thread
+//   process   in: the thread's command line; out: that of its record
+//   ppid      out: the owner in its record
 static void watch_thread(const tov_msg_xtach_t *payload, bool refresh,
-                         char (&process)[TOV_PROCESS_SIZE], pid_t *ppid) {
-  const tov_watched_row_t facts = tov_watched_facts(payload->pid, payload->ppid);
+                         const tov_identity_t &identity, char (&process)[TOV_PROCESS_SIZE],
+                         pid_t *ppid) {
+  const uint64_t owner_started = start_of(payload->ppid);
   const tov_chains_guard_t hold(tov_alive_chains);
   tov_pid_t *record = __tov_find_pid(&tov_alive_chains, payload->pid);
-  if (record != nullptr && record->inherited != 0) forget_thread(std::exchange(record, nullptr));
+  if (record != nullptr && is_obsolete(*record, identity))
+    forget_thread(std::exchange(record, nullptr));
   if (record == nullptr) {
-    record = insert_thread(payload, process);
-    tov_watched_write(record, facts);
+    record = insert_thread(hold, payload, process, identity, owner_started);
   } else if (refresh) {
     const bool changed = are_terms_new(*record, payload);
     fill_periods(record, payload);
-    if (changed) tov_watched_write(record, facts);
+    if (changed) tov_watched_write(record);
   }
   if (tov_alive_has_slot(payload->pid)) {
     (void)tov_sys_reg_alive_info(payload->pid);  // fails for ids without a slot only
@@ -340,7 +359,7 @@ int tov_notifier_start(tov_msg_xtach_t *payload) {
   tov_identity_t identity{};
   if (read_process(__func__, payload, process, &identity) != 0) return -1;
   pid_t ppid = 0;
-  watch_thread(payload, false, process, &ppid);
+  watch_thread(payload, false, identity, process, &ppid);
   tov_log_with_type(TOV_LOG_REG_ALIVE, "Thread %s/%d (pid %d) reg TOV thread-alive service.\n",
                     process, payload->pid, ppid);
   return 0;
@@ -351,7 +370,7 @@ int tov_notifier_reset(tov_msg_xtach_t *payload) {
   tov_identity_t identity{};
   if (read_process(__func__, payload, process, &identity) != 0) return -1;
   pid_t ppid = 0;
-  watch_thread(payload, true, process, &ppid);
+  watch_thread(payload, true, identity, process, &ppid);
   return 0;
 }
 

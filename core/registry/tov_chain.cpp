@@ -217,6 +217,7 @@ void tov_del_threads_of(const tov_pid_t &owner) {
     if (thread.ppid != owner.pid || is_others) continue;
     TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", "tov_del_node_chain", thread.pid,
             thread.ppid);
+    free_row(&tov_alive_chains, &thread);
     remove_with_slot(&tov_alive_chains, &thread);
   }
 }

@@ -17,7 +17,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <array>
 #include <span>
@@ -30,7 +29,6 @@
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
 #include "util/owner.h"
-#include "util/procfs.h"
 #include "util/regular_file.h"
 #include "util/root_dir.h"
 #include "util/tov_sys.h"
@@ -84,10 +82,14 @@ static uint64_t check_of(const tov_watched_row_t &row) {
   return hash;
 }
 
-// Zeroes have another check than 0, and no thread has an id below 1.
+static bool is_start(uint64_t started) {
+  return started != 0 && started != TOV_NEVER_STARTED;
+}
+
+// Zeroes have another check than 0.
 static bool is_valid(const tov_watched_row_t &row) {
-  return row.check == check_of(row) && row.tid > 0 && row.owner > 0 && row.started != 0 &&
-         row.owner_started != 0;
+  return row.check == check_of(row) && row.tid > 0 && row.owner > 0 && is_start(row.started) &&
+         is_start(row.owner_started);
 }
 
 static off_t offset_of(int row) {
@@ -118,35 +120,30 @@ static int put(int row, const tov_watched_row_t &content) TOV_REQUIRES(tov_alive
   return count == ROW_BYTES ? 0 : -ENOSPC;
 }
 
-// In clock ticks since boot; 0: it cannot be read.
-static uint64_t start_of(pid_t task) {
-  static constexpr int64_t US_PER_S = 1000000;
-  tov_origin_t origin;
-  if (task < 1 || !tov_process_origin(task, &origin)) return 0;
-  return static_cast<uint64_t>(origin.born_us / (US_PER_S / sysconf(_SC_CLK_TCK)));
+// A record as its row.
+static tov_watched_row_t row_of(const tov_pid_t &record) {
+  tov_watched_row_t row{};
+  row.tid = record.pid;
+  row.owner = record.ppid;
+  row.started = record.identity.started;
+  row.owner_started = record.owner_started;
+  row.stack = record.identity.stack;
+  row.exe_dev = record.identity.exe_dev;
+  row.exe_ino = record.identity.exe_ino;
+  row.period_s = record.m_n_notify_time;
+  row.budget = record.m_n_counter;
+  row.check = check_of(row);
+  return row;
 }
 
-tov_watched_row_t tov_watched_facts(pid_t tid, pid_t owner) {
-  tov_watched_row_t facts{};
-  facts.tid = tid;
-  facts.owner = owner;
-  facts.started = start_of(tid);
-  facts.owner_started = start_of(owner);
-  return facts;
-}
-
-void tov_watched_write(tov_pid_t *record, const tov_watched_row_t &facts) {
-  if (file < 0) return;
+void tov_watched_write(tov_pid_t *record) {
+  const tov_watched_row_t content = row_of(*record);
+  if (file < 0 || !is_valid(content)) return;
   const int row = record->row != 0 ? record->row : free_row();
   if (row == 0) {
     if (!std::exchange(told_full, true)) tell_unknown("too many", ENOSPC);
     return;
   }
-  tov_watched_row_t content = facts;
-  content.period_s = record->m_n_notify_time;
-  content.budget = record->m_n_counter;
-  content.check = check_of(content);
-  if (!is_valid(content) || content.tid != record->pid || content.owner != record->ppid) return;
   if (const int res = put(row, content); res < 0) {
     // A known thread keeps the terms that its row has; another one's row stays free.
     tell_unknown("cannot be written", -res);

@@ -55,12 +55,13 @@ struct tov_watched_header_s {
 struct tov_watched_row_s {
   int32_t tid;
   int32_t owner;           // the process
-  uint64_t started;        // of the thread, in clock ticks since boot
+  uint64_t started;        // the thread's tov_identity_t
   uint64_t owner_started;  // of the process
-  uint64_t stack;          // where the stack of its program begins; 0: not known
+  uint64_t stack;          // these three of the thread again
+  uint64_t exe_dev;
+  uint64_t exe_ino;
   uint32_t period_s;
   uint32_t budget;
-  uint64_t unused[2];
   uint64_t check;  // FNV-1a of the bytes before it
 };
 using tov_watched_row_t = tov_watched_row_s;
@@ -94,15 +95,9 @@ int tov_watched_read(int fd, const char (&boot_id)[TOV_BOOT_ID_SIZE],
 // Closes it. The rows stay.
 void tov_watched_close(void) TOV_REQUIRES(tov_alive_chains);
 
-// Reads who a thread and its process are now; what cannot be read stays 0. Takes no lock and waits
-// for no process.
-tov_watched_row_t tov_watched_facts(pid_t tid, pid_t owner);
-
 // Writes a record's row, a new one if it has none. No row for a thread whose start, or whose
 // process's, is not known: the next daemon could not tell it from another one.
-//   facts  all but the record's terms (period and budget), which are its own, and the check
-void tov_watched_write(tov_pid_t *record, const tov_watched_row_t &facts)
-    TOV_REQUIRES(tov_alive_chains);
+void tov_watched_write(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains);
 
 // Frees a record's row, if it has one. To be called before the thread's slot is released.
 void tov_watched_free(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains);

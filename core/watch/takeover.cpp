@@ -10,35 +10,43 @@
 #include <sys/types.h>
 
 #include "alive/tov_sys_alive.h"
+#include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/registry/watched.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
+#include "util/identity.h"
 #include "util/owner.h"
 #include "util/procfs.h"
 #include "util/tov_utils.h"
 
-// Whether a task certainly is not the one that started then.
-//   now  its start as read just now, 0: it could not be read
-static bool is_gone(pid_t task, uint64_t started, uint64_t now) {
-  if (now != 0 && now != started) return true;
-  return tov_process_state(task) == TOV_PROCESS_DEAD;
+static tov_identity_t identity_of(const tov_watched_row_t &row) {
+  return {row.started, row.stack, row.exe_dev, row.exe_ino};
+}
+
+// Whether a thread has executed a program since it registered: whoever registers is the program,
+// and what follows it has not.
+static bool has_executed(const tov_watched_row_t &row) {
+  tov_identity_t now{};
+  return tov_identity_take(row.tid, &now) == 0 && tov_identity_executed(identity_of(row), now);
 }
 
 bool tov_watch_is_gone(const tov_watched_row_t &row) {
-  const tov_watched_row_t now = tov_watched_facts(row.tid, row.owner);
-  if (is_gone(row.tid, row.started, now.started)) return true;
-  if (is_gone(row.owner, row.owner_started, now.owner_started)) return true;
+  if (tov_life_is_over(tov_identity_thread_life(row.tid, identity_of(row)))) return true;
+  if (tov_life_is_over(tov_identity_life(row.owner, {row.owner_started, 0, 0, 0}))) return true;
   const pid_t owner = tov_get_ppid_form_pid(row.tid);
-  return owner >= 0 && owner != row.owner;
+  return (owner >= 0 && owner != row.owner) || has_executed(row);
 }
 
-static void take_over(const tov_watched_left_t &left) TOV_REQUIRES(tov_alive_chains) {
+static void take_over(const tov_chains_guard_t &held, const tov_watched_left_t &left)
+    TOV_REQUIRES(tov_alive_chains) {
   const tov_watched_row_t &row = left.thread;
   tov_pid_t *record = tov_chain_new_record();
   record->pid = row.tid;
   record->ppid = row.owner;
+  record->owner_started = row.owner_started;
+  tov_record_identify(held, record, identity_of(row), true);
   record->m_n_notify_time = row.period_s;
   record->m_n_counter = row.budget;
   record->m_n_cur_counter = row.budget;
@@ -61,7 +69,7 @@ void tov_watch_take_over(void) {
     if (known || withdrawn || tov_watch_is_gone(left.thread)) {
       tov_watched_free_row(left.row);
     } else {
-      take_over(left);
+      take_over(guard, left);
     }
   }
 }

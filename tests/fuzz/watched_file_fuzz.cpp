@@ -7,6 +7,7 @@
 #include <stdint.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <string>
@@ -14,7 +15,9 @@
 
 #include "core/registry/watched.h"
 #include "core/watch/takeover.h"
+#include "include/tov_registry.h"
 #include "tests/fuzz/require.h"
+#include "util/identity.h"
 #include "util/owner.h"
 
 namespace {
@@ -52,8 +55,13 @@ std::string file_of(uint8_t switches, std::string bytes) {
   for (size_t begin = HEADER; begin + ROW <= bytes.size(); begin += ROW) {
     std::string row = bytes.substr(begin, ROW);
     if ((switches & OWN_THREAD) != 0) {
-      const tov_watched_row_t own = tov_watched_facts(getpid(), getpid());
-      memcpy(row.data(), &own, offsetof(tov_watched_row_t, stack));
+      tov_identity_t own{};
+      require(tov_identity_take(getpid(), &own) == 0);
+      const pid_t pid = getpid();
+      const uint64_t facts[] = {own.started, own.started, own.stack, own.exe_dev, own.exe_ino};
+      memcpy(row.data(), &pid, sizeof pid);
+      memcpy(row.data() + sizeof pid, &pid, sizeof pid);
+      memcpy(row.data() + 2 * sizeof pid, facts, sizeof facts);
     }
     const uint64_t check = check_of(row);
     if ((switches & WITH_CHECKS) != 0)
@@ -72,7 +80,9 @@ std::vector<int> believable(const std::string &bytes) {
     if (bytes.size() < begin + ROW) break;
     const std::string text = bytes.substr(begin, ROW);
     const bool named = at<int32_t>(text, 0) > 0 && at<int32_t>(text, 4) > 0;
-    const bool started = at<uint64_t>(text, 8) != 0 && at<uint64_t>(text, 16) != 0;
+    bool started = true;
+    for (const size_t offset : {size_t{8}, size_t{16}})
+      started = started && at<uint64_t>(text, offset) != 0 && ~at<uint64_t>(text, offset) != 0;
     if (named && started && at<uint64_t>(text, 56) == check_of(text)) rows.push_back(row);
   }
   return rows;

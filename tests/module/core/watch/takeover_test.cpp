@@ -22,8 +22,10 @@
 #include "core/watch/watchdog.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
+#include "tests/module/refused_calls.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
+#include "util/identity.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -75,18 +77,19 @@ class TakeOver : public tov_test::World {
   }
 
   // The last daemon's record of a thread.
-  //   change  of the facts in its row
-  static void watch(pid_t tid, pid_t owner,
-                    const std::function<void(tov_watched_row_t &)> &change = {}) {
-    tov_watched_row_t facts = tov_watched_facts(tid, owner);
-    if (change) change(facts);
+  //   change  of what it has noted
+  static void watch(pid_t tid, pid_t owner, const std::function<void(tov_pid_t &)> &change = {}) {
     tov_pid_t *record = add(tid, cmdline_of(tid), 0, 0, tov_alive_chains);
-    record->ppid = facts.owner;
+    tov_identity_t process{};
+    EXPECT_EQ(tov_identity_take(owner, &process), 0);
+    record->ppid = owner;
+    record->owner_started = process.started;
     record->m_n_notify_time = PERIOD_S;
     record->m_n_counter = BUDGET;
     record->m_n_cur_counter = 1;
+    if (change) change(*record);
     const tov_chains_guard_t guard(tov_alive_chains);
-    tov_watched_write(record, facts);
+    tov_watched_write(record);
     ASSERT_NE(record->row, 0);
     if (tov_alive_has_slot(tid)) {
       ASSERT_EQ(tov_sys_reg_alive_info(tid), 0);
@@ -151,37 +154,51 @@ TEST_F(TakeOver, WorkerThreadBelongsToItsProcess) {
 TEST_F(TakeOver, WhoIsNotTheThreadOfTheRowIsNotWatched) {
   const Child process;
   const Child other;
-  const Zombie zombie;
-  const pid_t pid = process.pid();
   const struct {
     const char *label;
-    pid_t tid;
-    std::function<void(tov_watched_row_t &)> change;
+    std::function<void(tov_pid_t &)> change;
   } cases[] = {
-      {"ended", pid, [](auto &row) { row.tid = gone_process(); }},
-      {"id given out again", pid, [](auto &row) { row.started--; }},
-      {"owner's id given out again", pid, [](auto &row) { row.owner_started--; }},
-      {"thread of another process", pid,
-       [&](auto &row) { row = tov_watched_facts(row.tid, other.pid()); }},
-      {"owner ended", pid, [](auto &row) { row.owner = gone_process(); }},
-      {"zombie", zombie.pid(), [](auto &) {}},
+      {"id given out again", [](auto &record) { record.identity.started--; }},
+      {"owner's id given out again", [](auto &record) { record.owner_started--; }},
+      {"thread of another process", [&](auto &record) { record.ppid = other.pid(); }},
+      {"owner ended", [](auto &record) { record.ppid = gone_process(); }},
+      {"another program, by its stack", [](auto &record) { record.identity.stack += 4096; }},
+      {"another program, by its file", [](auto &record) { record.identity.exe_ino++; }},
   };
   for (const auto &row : cases) {
     SCOPED_TRACE(row.label);
-    tov_watched_row_t facts = tov_watched_facts(row.tid, row.tid);
-    row.change(facts);
-    {
-      tov_pid_t *record = add(facts.tid, "/bin/x", 0, 0, tov_alive_chains);
-      record->ppid = facts.owner;
-      record->m_n_counter = BUDGET;
-      const tov_chains_guard_t guard(tov_alive_chains);
-      tov_watched_write(record, facts);
-      ASSERT_NE(record->row, 0);
-    }
+    watch(process.pid(), process.pid(), row.change);
     next_daemon();
     EXPECT_EQ(count(tov_alive_chains), 0);
     EXPECT_THAT(rows(), IsEmpty());
   }
+}
+
+TEST_F(TakeOver, WhoHasEndedIsNotWatched) {
+  const Zombie zombie;
+  watch(zombie.pid(), zombie.pid());
+  const pid_t gone = [] {
+    const Child process;
+    watch(process.pid(), process.pid());
+    return process.pid();
+  }();
+  next_daemon();
+  EXPECT_FALSE(is_watched(zombie.pid()));
+  EXPECT_FALSE(is_watched(gone));
+  EXPECT_THAT(rows(), IsEmpty());
+}
+
+TEST_F(TakeOver, WhoCannotBeJudgedIsLeftToTheWatchdog) {
+  const Child process;
+  watch(process.pid(), process.pid());
+  kill_daemon();
+  const auto left = begin();
+  ASSERT_THAT(left, SizeIs(1));
+  {
+    const tov_test::NoMoreDescriptors none;
+    EXPECT_FALSE(tov_watch_is_gone(left[0].thread));
+  }
+  EXPECT_FALSE(tov_watch_is_gone(left[0].thread));
 }
 
 TEST_F(TakeOver, WhoHasWithdrawnUnheardIsNotWatched) {

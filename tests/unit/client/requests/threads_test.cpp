@@ -106,6 +106,39 @@ TEST_F(WatchedThreads, EndOfTheOwnerIsWrittenBeforeTheBitIsCleared) {
   EXPECT_THAT(open(), IsEmpty());
 }
 
+TEST_F(WatchedThreads, EndOfTheirProcessForgetsItsThreadsAlone) {
+  start();
+  tov_pid_t owner{};
+  owner.pid = process;
+  owner.identity.started = kernel().process(process).started + 1;
+  tov_del_threads_of(owner);
+  EXPECT_THAT(open(), SizeIs(1)) << "those of another process that had the id";
+  owner.identity.started--;
+  bool bit = false;
+  kernel().before(tov_test::CALL_PWRITE, 1, [&] { bit = has_bit(); });
+  tov_del_threads_of(owner);
+  EXPECT_TRUE(bit);
+  EXPECT_FALSE(has_bit());
+  EXPECT_THAT(open(), IsEmpty());
+}
+
+TEST_F(WatchedThreads, ThreadThatGotTheIdOfAnotherOneIsANewOne) {
+  start(180, 4);
+  tov_pid_t *record = find(thread, tov_alive_chains);
+  record->m_n_cur_counter = 1;
+  kernel().process(thread).started += 3;
+  start(120, 5);
+  EXPECT_EQ(count(tov_alive_chains), 1);
+  record = find(thread, tov_alive_chains);
+  EXPECT_EQ(record->m_n_cur_counter, 5U);
+  EXPECT_EQ(record->m_n_notify_time, 120U);
+  EXPECT_EQ(record->identity.started, kernel().process(thread).started);
+  EXPECT_TRUE(has_bit());
+  const auto left = open();
+  ASSERT_THAT(left, SizeIs(1));
+  EXPECT_EQ(left[0].thread.started, kernel().process(thread).started);
+}
+
 TEST_F(WatchedThreads, RemovalById) {
   start();
   {

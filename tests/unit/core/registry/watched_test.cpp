@@ -50,17 +50,11 @@ class Watched : public tov_test::Simulated {
     close();
     return open();
   }
-  static tov_watched_row_t facts(pid_t tid) {
-    tov_watched_row_t row{};
-    row.tid = tid;
-    row.owner = tid;
-    row.started = 700;
-    row.owner_started = 600;
-    return row;
-  }
   static tov_pid_t *watch(pid_t tid, unsigned int period_s = 120, unsigned int budget = 5) {
     tov_pid_t *record = add(tid, "/bin/x", 0, 0, tov_alive_chains);
     record->ppid = tid;
+    record->identity = {700, 0x7ffc0000, 1, 42};
+    record->owner_started = 600;
     record->m_n_notify_time = period_s;
     record->m_n_counter = budget;
     write(record);
@@ -68,7 +62,7 @@ class Watched : public tov_test::Simulated {
   }
   static void write(tov_pid_t *record) {
     const tov_chains_guard_t guard(tov_alive_chains);
-    tov_watched_write(record, facts(record->pid));
+    tov_watched_write(record);
   }
   static void release(tov_pid_t *record) {
     const tov_chains_guard_t guard(tov_alive_chains);
@@ -94,6 +88,9 @@ TEST_F(Watched, RowTellsTheNextDaemonWhatWasWatched) {
   EXPECT_EQ(row.owner, 1234);
   EXPECT_EQ(row.started, 700U);
   EXPECT_EQ(row.owner_started, 600U);
+  EXPECT_EQ(row.stack, 0x7ffc0000U);
+  EXPECT_EQ(row.exe_dev, 1U);
+  EXPECT_EQ(row.exe_ino, 42U);
   EXPECT_EQ(row.period_s, 180U);
   EXPECT_EQ(row.budget, 4U);
 }
@@ -149,39 +146,17 @@ TEST_F(Watched, NewTermsStandInTheSameRow) {
 
 TEST_F(Watched, ThreadWhoseStartIsUnknownHasNoRow) {
   open();
-  tov_pid_t *record = add(1001, "/bin/x", 0, 0, tov_alive_chains);
-  record->ppid = 1001;
-  for (const bool owner : {false, true}) {
-    tov_watched_row_t row = facts(1001);
-    (owner ? row.owner_started : row.started) = 0;
-    const tov_chains_guard_t guard(tov_alive_chains);
-    tov_watched_write(record, row);
-    EXPECT_EQ(record->row, 0);
+  for (const uint64_t unknown : {uint64_t{0}, uint64_t{TOV_NEVER_STARTED}}) {
+    for (const bool owner : {false, true}) {
+      tov_pid_t *record = add(1001, "/bin/x", 0, 0, tov_alive_chains);
+      record->ppid = 1001;
+      record->identity.started = owner ? 700 : unknown;
+      record->owner_started = owner ? unknown : 600;
+      write(record);
+      EXPECT_EQ(record->row, 0);
+    }
   }
   EXPECT_THAT(open_next(), IsEmpty());
-}
-
-TEST_F(Watched, FactsOfAnotherThreadOrOwnerAreNotWritten) {
-  open();
-  tov_pid_t *record = watch(1001);
-  const std::string before = kernel().text_of(FILE_PATH);
-  record->m_n_notify_time = 180;
-  const tov_chains_guard_t guard(tov_alive_chains);
-  tov_watched_write(record, facts(1002));
-  record->ppid = 7;
-  tov_watched_write(record, facts(1001));
-  EXPECT_EQ(kernel().text_of(FILE_PATH), before);
-}
-
-TEST_F(Watched, FactsAreTheStartsAsTheKernelTellsThem) {
-  const pid_t process = kernel().start({"/bin/x"});
-  const pid_t thread = kernel().start_thread(process);
-  const tov_watched_row_t facts = tov_watched_facts(thread, process);
-  EXPECT_EQ(facts.tid, thread);
-  EXPECT_EQ(facts.owner, process);
-  EXPECT_EQ(facts.started, kernel().process(thread).started);
-  EXPECT_EQ(facts.owner_started, kernel().process(process).started);
-  EXPECT_EQ(tov_watched_facts(thread, process + 50).owner_started, 0U);
 }
 
 TEST_F(Watched, NothingIsWrittenBeforeTheFileIsOpen) {
