@@ -8,9 +8,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <utility>
-#include <vector>
-
 #include "alive/tov_sys_alive.h"
 #include "client/tov_xtach_sem.h"
 #include "core/registry/dump.h"
@@ -46,21 +43,25 @@ enum {
 
 static constexpr char check[] = "tov_check_pid_exist";  // as its messages name it
 
+static bool has_other_owner(const tov_pid_t &record) {
+  const int owner = tov_get_ppid_form_pid(record.pid);
+  if (owner < 0 || owner == record.ppid) return false;
+  TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", check, record.ppid, owner);
+  return true;
+}
+
+static bool has_other_command(const tov_pid_t &record) {
+  char command[COMMAND_SIZE];
+  if (pid_to_cmdline(record.pid, command, sizeof command) == nullptr) return false;
+  rtrim(command);  // as the registered text was
+  if (strncmp(record.process, command, strlen(command)) == 0) return false;
+  TOV_DBG("%s: cmdline info no match(reg:%s, now:%s)\n", check, record.process, command);
+  return true;
+}
+
 // As far as one look tells, without a pause.
 static tov_process_state_e state_of(const tov_pid_t &record) {
-  const int owner = tov_get_ppid_form_pid(record.pid);
-  if (owner >= 0 && owner != record.ppid) {
-    TOV_DBG("%s: ppid info no match(reg:%d, now:%d)\n", check, record.ppid, owner);
-    return TOV_PROCESS_DEAD;
-  }
-  char command[COMMAND_SIZE];
-  if (pid_to_cmdline(record.pid, command, sizeof command) != nullptr) {
-    rtrim(command);  // as the registered text was
-    if (strncmp(record.process, command, strlen(command)) != 0) {
-      TOV_DBG("%s: cmdline info no match(reg:%s, now:%s)\n", check, record.process, command);
-      return TOV_PROCESS_DEAD;
-    }
-  }
+  if (has_other_owner(record) || has_other_command(record)) return TOV_PROCESS_DEAD;
   return tov_process_state(record.pid);
 }
 
@@ -68,6 +69,44 @@ int tov_check_pid_exist(tov_pid_t *record) {
   const tov_process_state_e state = state_of(*record);
   if (state == TOV_PROCESS_UNCERTAIN) return process_life(record->pid);
   return state == TOV_PROCESS_LIVES ? 0 : -1;
+}
+
+namespace {
+
+// What becomes of a record in a pass.
+enum verdict_e {
+  WATCH,
+  DROP,   // its thread has ended, or is another one
+  LEAVE,  // it cannot be known: nothing is counted, and the next pass asks again
+};
+
+}  // namespace
+
+// Whether another program runs in the thread's process. A command line alone does not say so: it
+// also differs when the program writes its own, or when its file is replaced while it runs. Of a
+// thread that was never identified it is all there is.
+static bool has_other_program(const tov_pid_t &record) {
+  if (!has_other_command(record)) return false;
+  tov_identity_t now{};
+  return record.identity.started == 0 ||
+         (tov_identity_take(record.pid, &now) == 0 && tov_identity_executed(record.identity, now));
+}
+
+static verdict_e judge(const tov_pid_t &record) {
+  const tov_life_e life = tov_identity_thread_life(record.pid, record.identity);
+  if (life == TOV_LIFE_UNKNOWN) return LEAVE;
+  return tov_life_is_over(life) || has_other_owner(record) || has_other_program(record) ? DROP
+                                                                                        : WATCH;
+}
+
+// Whether it is certain whom a kill request for the thread would hit. Asked right before it is
+// made: the one who is looked at may have ended since, and its process's id may be a stranger's.
+static bool may_be_accused(const tov_pid_t &record) {
+  if (tov_identity_thread_life(record.pid, record.identity) != TOV_LIFE_LIVES) return false;
+  if (tov_get_ppid_form_pid(record.pid) != record.ppid) return false;
+  const tov_identity_t owner = {record.owner_started, 0, 0, 0};
+  const tov_life_e life = tov_identity_life(record.ppid, owner);
+  return life == TOV_LIFE_LIVES || life == TOV_LIFE_THREADS;
 }
 
 // ---- accounting -----------------------------------------------------------------------------
@@ -123,13 +162,15 @@ static void request_kill(const tov_pid_t *record) {
                           process.text, record->ppid, thread, record->pid);
 }
 
-int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool disable_check,
-                                    bool disable_check_tmp) {
+static void count_down(tov_pid_t *record, bool held_back) TOV_REQUIRES(tov_alive_chains) {
   record->m_n_cur_notify_time += PASS_S;
   look_for_change(record);
-  if (record->m_n_cur_notify_time == record->m_n_notify_time) {
-    end_period(record, disable_check || disable_check_tmp);
-  }
+  if (record->m_n_cur_notify_time == record->m_n_notify_time) end_period(record, held_back);
+}
+
+int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool disable_check,
+                                    bool disable_check_tmp) {
+  count_down(record, disable_check || disable_check_tmp);
   if (record->m_n_cur_counter == 0 && *kill_proc_flag == 0) {
     *kill_proc_flag = 1;
     request_kill(record);
@@ -155,62 +196,30 @@ static void drop(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) {
   tov_chain_remove(&tov_alive_chains, record);
 }
 
-namespace {
-
-// One pass over the records, with the registry locked. Of the threads whose end is not certain each
-// is looked at as often as process_life() would, but the pauses between the looks are those of the
-// pass: without a free descriptor nothing is certain about any of a thousand threads, and asked one
-// after the other they would hold the lock for half a minute.
-class pass_s {
- public:
-  pass_s(bool disable_check, bool disable_check_tmp)
-      : disable_check_(disable_check), disable_check_tmp_(disable_check_tmp) {}
-
-  // The first look at a record. It may be freed.
-  void look(tov_pid_t *record) TOV_REQUIRES(tov_alive_chains) { settle(record, state_of(*record)); }
-  // The other looks at those of whom nothing is certain yet.
-  void look_again() TOV_REQUIRES(tov_alive_chains);
-
- private:
-  void settle(tov_pid_t *record, tov_process_state_e state) TOV_REQUIRES(tov_alive_chains);
-
-  bool disable_check_;
-  bool disable_check_tmp_;
-  int kill_proc_flag_ = 0;
-  std::vector<tov_pid_t *> uncertain_;
-};
-
-}  // namespace
-
-void pass_s::settle(tov_pid_t *record, tov_process_state_e state) {
-  switch (state) {
-    case TOV_PROCESS_LIVES:
-      (void)tov_check_alive_info_periodical(record, &kill_proc_flag_, disable_check_,
-                                            disable_check_tmp_);
-      break;
-    case TOV_PROCESS_DEAD:
+// One record's part in a pass. It may be freed.
+//   accused  whether a kill was requested in this pass; no second one is made
+static void look(tov_pid_t *record, bool held_back, bool *accused) TOV_REQUIRES(tov_alive_chains) {
+  switch (judge(*record)) {
+    case LEAVE:
+      return;
+    case DROP:
       drop(record);
-      break;
-    case TOV_PROCESS_UNCERTAIN:
-      uncertain_.push_back(record);
+      return;
+    case WATCH:
       break;
   }
-}
-
-void pass_s::look_again() {
-  for (int look = 1; look < TOV_LIFE_LOOKS && !uncertain_.empty(); look++) {
-    safe_usleep(TOV_LIFE_PAUSE_US);
-    for (tov_pid_t *record : std::exchange(uncertain_, {}))
-      settle(record, tov_process_state(record->pid));
-  }
-  for (tov_pid_t *record : std::exchange(uncertain_, {}))
-    drop(record);
+  count_down(record, held_back);
+  if (record->m_n_cur_counter != 0 || *accused || !may_be_accused(*record)) return;
+  *accused = true;
+  request_kill(record);
 }
 
 void tov_notifer_scan(void) {
   if (tov_is_open_pub_dbg()) dump_registries();
-  const bool disable_check = tov_file_exists(TOV_KILL_DEBUG_FILE);
-  pass_s pass(disable_check, tov_get_semval() != 0);
+  // Both are asked in each pass.
+  const bool by_file = tov_file_exists(TOV_KILL_DEBUG_FILE);
+  const bool held_back = tov_get_semval() != 0 || by_file;
+  bool accused = false;
 
   const tov_chains_guard_t guard(tov_alive_chains);
   for (tov_pid_t &record : tov_chain_records(&tov_alive_chains)) {
@@ -220,9 +229,8 @@ void tov_notifer_scan(void) {
         record.pid, record.ppid, static_cast<int>(record.m_n_notify_time),
         static_cast<int>(record.m_n_counter), static_cast<int>(record.m_n_cur_counter),
         static_cast<int>(record.m_n_cur_notify_time));
-    pass.look(&record);
+    look(&record, held_back, &accused);
   }
-  pass.look_again();
 }
 
 void *tov_notifer_run(void *) {

@@ -13,8 +13,9 @@
 // never comes due.
 //
 // Thread: "tov_thread_notify_timer" at real-time priority 99. It holds the lock of
-// `tov_alive_chains` for a whole scan, kill request included. A scan waits for nothing, except for
-// threads whose end is not certain: 20 ms for all of them together, after the others.
+// `tov_alive_chains` for a whole scan, kill request included. A scan waits for nothing. Of whom
+// nothing can be known (no descriptor is free) nothing is counted, and nobody is accused of whom it
+// is not certain at that moment that the thread and its process still are those that registered.
 #ifndef TOV_CORE_WATCH_WATCHDOG_H
 #define TOV_CORE_WATCH_WATCHDOG_H
 
@@ -36,8 +37,8 @@ int tov_check_alive_info_periodical(tov_pid_t *record, int *kill_proc_flag, bool
                                     bool disable_check_tmp) TOV_REQUIRES(tov_alive_chains);
 
 // One minute's scan: dumps the registries when the daemon's diagnostics are on, then compares every
-// record; one whose thread is gone is removed. Takes the registries' locks one after the other:
-// call it with none held.
+// record; one whose thread has ended, or is another one by now, is removed. Takes the registries'
+// locks one after the other: call it with none held.
 void tov_notifer_scan(void);
 
 // Thread body; the parameter is ignored and the result is null. Ends as soon as `quit` is raised,

@@ -369,3 +369,59 @@ TEST_F(TovNotiferScan, RequestsOneKillForTheFirstInItsOrder) {
   EXPECT_THAT(events(TOV_LOG_KILL),
               ElementsAre(HasSubstr(":" + std::to_string(first) + " hang, kill with PSH.")));
 }
+
+TEST_F(TovNotiferScan, CommandLineThatChangesWithoutAnExecutionIsOnlyTold) {
+  const Child process;
+  tov_pid_t *record = watched(process.pid(), process.pid(), 5, "/opt/former -x");
+  ASSERT_NE(record->identity.stack, 0U);
+  for (int pass = 1; pass <= 3; pass++) {
+    const std::string said = diagnostics(tov_notifer_scan);
+    EXPECT_EQ(lines_with(said, "cmdline info no match"), 1U);
+    ASSERT_EQ(find(process.pid(), tov_alive_chains), record);
+  }
+  EXPECT_EQ(record->m_n_cur_notify_time, 60U) << "a period and a half: it is watched";
+}
+
+TEST_F(TovNotiferScan, ThreadOfAProcessThatExecutedAnotherProgramIsDropped) {
+  const Child process;
+  for (const bool by_stack : {true, false}) {
+    tov_pid_t *record = watched(process.pid(), process.pid(), 5, "/opt/former -x");
+    (by_stack ? record->identity.stack : record->identity.exe_ino)++;
+    tov_notifer_scan();
+    EXPECT_EQ(count(tov_alive_chains), 0) << by_stack;
+  }
+}
+
+TEST_F(TovNotiferScan, ThreadThatWasNeverIdentifiedIsKnownByItsCommandLineAlone) {
+  const Child process;
+  watched(process.pid(), process.pid(), 5, cmdline_of(process.pid()))->identity = {};
+  tov_notifer_scan();
+  EXPECT_EQ(count(tov_alive_chains), 1);
+  tov_destroy_chains(&tov_alive_chains);
+  watched(process.pid(), process.pid(), 5, "/opt/former -x")->identity = {};
+  tov_notifer_scan();
+  EXPECT_EQ(count(tov_alive_chains), 0);
+}
+
+TEST_F(TovNotiferScan, ThreadWhoseIdAnotherOneHasIsDropped) {
+  const Child process;
+  watched(process.pid(), process.pid(), 0, cmdline_of(process.pid()))->identity.started--;
+  tov_notifer_scan();
+  EXPECT_EQ(count(tov_alive_chains), 0);
+  EXPECT_THAT(events(TOV_LOG_KILL), IsEmpty());
+}
+
+TEST_F(TovNotiferScan, NobodyIsAccusedForAProcessThatIsNoLongerTheOwner) {
+  const Child process;
+  tov_pid_t *record = watched(process.pid(), process.pid(), 0, cmdline_of(process.pid()));
+  record->owner_started = record->identity.started - 1;
+  tov_notifer_scan();
+  EXPECT_THAT(events(TOV_LOG_KILL), IsEmpty());
+  const Child other;
+  watched(other.pid(), other.pid(), 0, cmdline_of(other.pid()))->owner_started =
+      record->owner_started;
+  record->owner_started = record->identity.started;
+  tov_notifer_scan();
+  EXPECT_THAT(events(TOV_LOG_KILL),
+              ElementsAre(HasSubstr(":" + process.name() + " hang, kill with PSH.")));
+}
