@@ -82,21 +82,22 @@ enum verdict_e {
 
 }  // namespace
 
-// Whether another program runs in the thread's process. A command line alone does not say so: it
-// also differs when the program writes its own, or when its file is replaced while it runs. Of a
-// thread that was never identified it is all there is.
-static bool has_other_program(const tov_pid_t &record) {
-  if (!has_other_command(record)) return false;
+// Whether a thread's process has executed a program since it registered. Of a thread that was never
+// identified its command line is all there is.
+static bool may_have_executed(const tov_pid_t &record) {
   tov_identity_t now{};
   return record.identity.started == 0 ||
          (tov_identity_take(record.pid, &now) == 0 && tov_identity_executed(record.identity, now));
 }
 
+// Says what differs, whatever follows from it. A command line alone decides nothing: it also
+// differs when the program writes its own, or when its file is replaced while it runs.
 static verdict_e judge(const tov_pid_t &record) {
+  if (has_other_owner(record)) return DROP;
+  const bool differs = has_other_command(record);
   const tov_life_e life = tov_identity_thread_life(record.pid, record.identity);
   if (life == TOV_LIFE_UNKNOWN) return LEAVE;
-  return tov_life_is_over(life) || has_other_owner(record) || has_other_program(record) ? DROP
-                                                                                        : WATCH;
+  return tov_life_is_over(life) || (differs && may_have_executed(record)) ? DROP : WATCH;
 }
 
 // Whether it is certain whom a kill request for the thread would hit. Asked right before it is

@@ -110,15 +110,10 @@ TEST(ReusedId, OfAProcessByAnotherProgramIsFoundByItsCommandLine) {
                               ", now:/opt/" + story.heir + "/" + story.heir + ")\n");
 }
 
-// Nothing tells the two apart, so the second one inherits the countdown.
-TEST(ReusedId, OfAProcessByAnotherInstanceOfItsProgramIsNotFound) {
+// Only their starts tell the two apart.
+TEST(ReusedId, OfAProcessByAnotherInstanceOfItsProgramIsFoundByItsStart) {
   HandedOver story(0, true);
-  Device &device = story.device;
-  device.remove("/data/.kill_debug");
-  need_steps(device, "a kill request",
-             [](const Steps &steps) { return !steps_of(steps, Step::KILL).empty(); });
-  EXPECT_THAT(steps_of(watch_steps(device), Step::GONE, story.tid), IsEmpty());
-  EXPECT_THAT(need_kill_lines(device, 1), Each(killed_hung(story.task, 0, story.tid)));
+  expect_forgotten(story, "]pid is not exist(" + std::to_string(story.tid) + ", ret:-1)");
 }
 
 // ---- ids beyond the shared area -----------------------------------------------------------------
@@ -226,7 +221,7 @@ TEST(IdBeyondTheArea, IsWatchedByMessage) {
   EXPECT_EQ(marks_in_area(device), 0U);
 }
 
-TEST(IdBeyondTheArea, IsKnownToANewDaemonFromItsFirstSignOfLife) {
+TEST(IdBeyondTheArea, IsTakenOverByANewDaemonAndBeginsAnewWithItsFirstSignOfLife) {
   Device device;
   install_patient_healer(device);
   const DaemonOptions options = talking(device);
@@ -236,16 +231,20 @@ TEST(IdBeyondTheArea, IsKnownToANewDaemonFromItsFirstSignOfLife) {
   device.kill_daemon();
   const size_t seen_before = steps_of(watch_steps(device), Step::SEEN, tid).size();
   device.start_ready_daemon(options);
-  EXPECT_EQ(steps_of(pass_minutes(device, 1), Step::SEEN, tid).size(), seen_before);
-
-  EXPECT_EQ(say(device, task, 0, "alive"), 0);
-  const Steps steps = need_steps(device, "a new record", [&](const Steps &all) {
-    return steps_of(all, Step::SEEN, tid).size() > seen_before;
-  });
+  const auto has_left = [&](const Steps &all, int budget) {
+    const Steps seen = steps_of(all, Step::SEEN, tid);
+    return seen.size() > seen_before && seen.back().left == budget;
+  };
+  const Steps steps = need_steps(
+      device, "a miss", [&](const Steps &all) { return has_left(all, EVEN_TERMS.budget - 1); });
   const Step first = steps_of(steps, Step::SEEN, tid)[seen_before];
   EXPECT_EQ(first.pid, task.pid);
   EXPECT_EQ(first.period_s, EVEN_TERMS.period_s);
   EXPECT_EQ(first.left, EVEN_TERMS.budget);
+
+  EXPECT_EQ(say(device, task, 0, "alive"), 0);
+  need_steps(device, "a new record",
+             [&](const Steps &all) { return has_left(all, EVEN_TERMS.budget); });
   EXPECT_EQ(device.count_events(ALIVE_LOG, " reg TOV thread-alive service."), 1U)
       << "only the registration is noted";
 
