@@ -281,7 +281,10 @@ class kernel_s {
   mode_t mode_of(const std::string &path) const { return inode_at(path)->mode & 07777; }
   // The lock on a file: taken on behalf of another process, and who has it (0: no process).
   void lock(const std::string &path, pid_t pid) { inode_at(path)->locked_by = pid; }
-  pid_t lock_holder(const std::string &path) const { return inode_at(path)->locked_by; }
+  pid_t lock_holder(const std::string &path) const {
+    const inode_t inode = inode_at(path);
+    return inode == nullptr ? 0 : inode->locked_by;
+  }
 
   size_t descriptors() const { return files_.size(); }  // open ones, standard streams included
   size_t descriptor_limit = SIZE_MAX;                   // with so many open, no more are given out
