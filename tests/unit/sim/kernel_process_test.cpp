@@ -8,7 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <sys/stat.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <sstream>
 #include <string>

@@ -4,7 +4,7 @@
 #include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <sys/stat.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <memory>

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stddef.h>
+#include <stdint.h>
 
 #include <string>
 #include <vector>
