@@ -123,6 +123,7 @@ typedef struct tov_start_s {
   int listed;                  /* 1: the process to supervise is searched for */
   int followed;                /* 1: the child is the last daemon's */
   pid_t forked;                /* the child; below 1: none */
+  uint64_t forked_started;     /* its start, tov_identity_t */
   int looked;                  /* TOV_LOOKED_*: what the look said */
   pid_t runs_as;               /* the process that it found, */
   uint64_t runs_started;       /* and its start, tov_identity_t */
@@ -133,6 +134,7 @@ typedef struct tov_start_s {
   int end_code;                /* TOV_WAIT_END: the wait status that was reported, */
   int end_force;               /* with this haste, core/policy/exit.h */
   int end_asked;               /* how often the kernel was asked whether it is true */
+  int end_seen;                /* 1: it is; the last thread's event is given time to come */
 } tov_start_t;
 
 /* One supervised process or one watched thread. All fields are guarded by the lock of the registry

@@ -102,8 +102,8 @@ pid_t tov_lock_holder(const char *path) {
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
-  const bool held = fd.n >= 0 && tov_sys_lock_holder(fd.n, &lock) == 0 && lock.l_type != F_UNLCK;
-  return held ? lock.l_pid : 0;
+  if (fd.n < 0 || tov_sys_lock_holder(fd.n, &lock) < 0) return -1;
+  return lock.l_type == F_UNLCK ? 0 : lock.l_pid;
 }
 
 int already_running(const char *path) {

@@ -51,7 +51,7 @@ bool tov_file_exists(const char *path);
 // drops it, and a forked child does not have it.
 int lock_file(int fd);
 
-// Which other process has a lock on the regular file `path`, fcntl(F_GETLK); 0: none has, or it
+// Which other process has a lock on the regular file `path`, fcntl(F_GETLK); 0: none has; -1: it
 // cannot be said. Opens and closes the file: a lock that this process has on it is gone then.
 pid_t tov_lock_holder(const char *path);
 

@@ -20,14 +20,15 @@
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/policy/exit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
-#include "core/run/ends.h"
 #include "core/registry/watched.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
@@ -53,8 +54,12 @@ static void copy_field(char (&to)[SIZE], const char *from) {
 static bool reads_process(const tov_msg_xtach_t *payload, char (&process)[TOV_PROCESS_SIZE],
                           tov_identity_t *identity) {
   (void)tov_identity_take(payload->pid, identity);
+  const tov_identity_t before = *identity;
   const char *text = pid_to_cmdline(payload->pid, process, sizeof process);
-  if (text == nullptr || tov_life_is_over(tov_identity_life(payload->pid, *identity))) return false;
+  // Again, for it may have executed another program in between.
+  (void)tov_identity_take(payload->pid, identity);
+  const bool is_other = tov_identity_differs(payload->pid, before, payload->pid, *identity);
+  if (text == nullptr || is_other) return false;
   rtrim(process);
   return true;
 }
@@ -85,15 +90,16 @@ static void fill(tov_pid_t *record, const tov_msg_xtach_t *payload, int action, 
   if (script != nullptr) copy_field(record->pathname, script);
 }
 
-// Puts a record into the registry. Its process may have ended before that, and the event of its
-// exit has found no record then: the kernel makes a process a zombie before it tells of its end, so
-// who asks from now on does not miss it.
-static void enter(const tov_chains_guard_t &held, tov_pid_t *record,
-                  const tov_identity_t &identity) {
-  held.shows(tov_chains);
-  tov_chain_insert(&tov_chains, record);
-  tov_record_identify(held, record, identity, true);
-  if (tov_life_is_over(tov_record_life(*record)))
+// A record of the registry stands for the process from now on. That may have ended before, and the
+// event of its exit has found no record then: the kernel makes a process a zombie before it tells
+// of its end, so who asks from now on does not miss it.
+//   process  its command line
+static void stand_for(const tov_chains_guard_t &held, tov_pid_t *record, const char *process,
+                      const tov_identity_t &identity) {
+  tov_record_identify(held, record, identity, strcmp(record->process, process) == 0);
+  const tov_life_e life = tov_record_life(*record);
+  if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
+  if (tov_life_is_over(life))
     tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(*record));
 }
 
@@ -108,11 +114,15 @@ static bool is_registered(const tov_chains_guard_t &held, pid_t pid,
 static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
                            const char *process, const tov_identity_t &identity) {
   const tov_chains_guard_t hold(tov_chains);
-  tov_revive_registers(hold, payload->pid, payload->vsd_id, process);
+  if (tov_pid_t *found = tov_revive_registers(hold, payload->pid, payload->vsd_id, process)) {
+    stand_for(hold, found, process, identity);
+    return false;
+  }
   if (is_registered(hold, payload->pid, identity)) return false;
   tov_pid_t *record = tov_chain_new_record();
   fill(record, payload, action, script, process);
-  enter(hold, record, identity);
+  tov_chain_insert(&tov_chains, record);
+  stand_for(hold, record, process, identity);
   return true;
 }
 

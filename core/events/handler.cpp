@@ -94,8 +94,9 @@ static bool is_registered(int pid) {
 // While a device goes down its exits are wanted; so nothing is started or said.
 static void drop_registration(int pid) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_record_newest_of(held, pid);
-  if (record != nullptr) tov_record_forget(held, record);
+  tov_pid_t *record = tov_record_of_exit(held, pid);
+  if (record != nullptr && tov_record_life(*record) != TOV_LIFE_LIVES)
+    tov_record_forget(held, record);
 }
 
 void tov_cn_msg_exit(int pid, int exit_code) {
@@ -135,8 +136,21 @@ static bool is_listed(pid_t pid) {
   return tov_pid_in_tovdb(pid, TOV_THIRD_PART_LIST, type, sizeof type);
 }
 
+// The end of a thread that is not the last one of its process, whose first one has ended: only its
+// code is kept.
+static bool is_of_one_thread(const tov_cnmsg_data_t &event) {
+  if (event.what != TOV_EVENT_EXIT) return false;
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_record_of_exit(held, event.process_pid);
+  if (record == nullptr || !tov_record_is_ending(*record)) return false;
+  if (tov_life_is_over(tov_record_life(*record))) return false;
+  tov_record_wait_end(held, record, static_cast<int>(event.exit_code), record->start.end_force);
+  return true;
+}
+
 // Whether there is something to do for an event. Most are of processes that nobody has registered.
 static bool concerns_us(const tov_cnmsg_data_t &event) {
+  if (is_of_one_thread(event)) return false;
   if (is_known(event.process_pid)) return true;
   return event.what == TOV_EVENT_EXEC && is_listed(event.process_pid);
 }

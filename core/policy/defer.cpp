@@ -52,8 +52,9 @@ static lock_e ask_lock(const tov_pid_t *record) {
     TOV_DBG("be lock file %s, %s.\n", file, strerror(errno));
     return is_successors(*record, file) ? FREE : HELD;
   }
-  TOV_DBG("Failed to lock file %s, %s.\n", file, strerror(errno));
-  return UNKNOWN;
+  const int error = errno;
+  TOV_DBG("Failed to lock file %s, %s.\n", file, strerror(error));
+  return tov_is_ignorance(error) ? UNKNOWN : FREE;
 }
 
 int tov_proc_is_exit(const tov_pid_t *record) {
@@ -65,10 +66,14 @@ bool tov_defer_has_reason(const tov_pid_t &record) {
   return ask_lock(&record) != FREE;
 }
 
-bool tov_defer_is_needed(const tov_pid_t &record) {
-  if (record.force_restart == 1) return false;
+static void tell_event(const tov_pid_t &record) {
   TOV_DBG("%s %s/%d receives event:%04x\n", "tov_proc_restart_delay", record.process, record.pid,
           static_cast<unsigned int>(record.exit_signal));
+}
+
+bool tov_defer_is_needed(const tov_pid_t &record) {
+  if (record.force_restart == 1) return false;
+  tell_event(record);
   return tov_defer_has_reason(record);
 }
 
@@ -90,7 +95,9 @@ void tov_defer(const tov_pid_t &record) {
 }
 
 int tov_proc_restart_delay(tov_pid_t *record) {
-  if (record == nullptr || !tov_defer_is_needed(*record)) return 0;
+  if (record == nullptr || record->force_restart == 1) return 0;
+  tell_event(*record);
+  if (tov_proc_is_exit(record) == 1) return 0;
   tov_defer(*record);
   return 1;
 }

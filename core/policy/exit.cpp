@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "core/policy/defer.h"
+#include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
 #include "core/policy/waits.h"
@@ -32,7 +33,6 @@
 #include "util/identity.h"
 #include "util/owner.h"
 #include "util/tov_utils.h"
-#include "vsd/entry.h"
 #include "vsd/path.h"
 
 namespace {
@@ -102,12 +102,16 @@ tov_life_e exit_case_s::life() {
   return *life_;
 }
 
-// Of a restart that goes on the same question is asked again; a sweep asks anew by itself.
+// Of a restart that goes on the same question is asked again.
 void exit_case_s::ask_again() {
   if (verdict_ == ACCEPTED)
     return tov_record_wait(held_, record_, record_->start.wait, tov_clock_us() + ASK_AGAIN_US);
-  if (verdict_ == REPORTED && !tov_record_is_starting(*record_))
-    tov_record_wait_end(held_, record_, exit_code_, force_);
+  if (!tov_record_is_starting(*record_)) tov_record_wait_end(held_, record_, exit_code_, force_);
+}
+
+void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record) {
+  if (tov_record_has_process(*record) && !tov_record_is_ending(*record))
+    tov_record_wait_end(held, record, tov_late_code(*record, 0), 0);
 }
 
 // ---- duplicates -----------------------------------------------------------------------------
@@ -179,12 +183,13 @@ static bool remove_member_files(int vsd_no, pid_t pid) {
 // A stop by SIGTERM was asked for and is never answered by a restart. When the markers
 // cannot be cleared the record stays, and the sweep will bring the process back.
 void exit_case_s::accept_stop() {
-  const int vsd_no = find_app(record_->pid);
+  const int vsd_no = tov_revive_device(*record_);
   (void)tov_log_with_type(TOV_LOG_RUN_EVENT,
                           "Task:%s,pid:%d,vsd_no:%d,killed by signal 15 from others.\n",
                           record_->process, record_->pid, vsd_no);
-  // Where another process has the id by now, the file is that one's.
-  if (vsd_no > 0 && life() != TOV_LIFE_REUSED && !remove_member_files(vsd_no, record_->pid)) return;
+  // Where another process may have the id by now, the file is that one's.
+  const bool is_its_own = tov_record_life(*record_) == TOV_LIFE_ENDED;
+  if (vsd_no > 0 && is_its_own && !remove_member_files(vsd_no, record_->pid)) return;
   TOV_DBG("%s: hlist_del\n", function);
   tov_record_forget(held_, record_);
 }
@@ -258,9 +263,17 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force) {
   tov_waits_finish();
 }
 
-// The end of a process that was reported, and was not certain.
+// The end of a process that was reported, and was not certain. If it is now, the event of the last
+// thread's end may still be on its way, and its code with it.
 static tov_registration_t decide_kept_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
-  exit_case_s asked(held, record, REPORTED, record->start.end_code, record->start.end_force);
+  const tov_start_t &start = record->start;
+  const bool is_over = tov_life_is_over(tov_record_life(*record));
+  if (is_over && start.end_seen == 0) {
+    tov_record_end_seen(held, record);
+    return {};
+  }
+  const int exit_code = is_over ? tov_late_code(*record, start.end_code) : start.end_code;
+  exit_case_s asked(held, record, REPORTED, exit_code, start.end_force);
   (void)tov_exit_decide(asked);
   return asked.later();
 }

@@ -26,6 +26,10 @@
 // event handler (without one: is made before the return, tov_waits_finish()).
 void tov_handle_netlink_exit(int pid, int exit_code, int force);
 
+// The first thread of the record's process has ended, and others run: from now on the end of the
+// last one is waited for. Nothing where that is so already.
+void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record);
+
 // A running process of a third-part program that is to be registered in place of a dead one; the
 // pid 0 is none.
 struct tov_registration_s {

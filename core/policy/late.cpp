@@ -54,12 +54,19 @@ int64_t tov_late_born_us(const tov_pid_t &record) {
   return tov_ticks_us(started) - TICK_US + tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
 }
 
+int tov_late_code(const tov_pid_t &record, int otherwise) {
+  const std::optional<uint32_t> noted = tov_ends_code(record.pid, tov_late_born_us(record));
+  return noted ? static_cast<int>(*noted) : otherwise;
+}
+
 void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_late_e kind,
                   int64_t not_before_us) {
   held.shows(tov_chains);
   const auto is_entered = [&](const entry_s &entry) { return entry.serial == record.serial; };
   if (std::any_of(entries.begin(), entries.end(), is_entered)) return;
-  const bool is_noted = tov_ends_code(record.pid, not_before_us).has_value();
+  // The event of one that was lost may yet be in the ring.
+  const bool is_noted =
+      kind == TOV_LATE_ENTERED && tov_ends_code(record.pid, not_before_us).has_value();
   entries.push_back({record.pid, record.serial, record.identity.started, kind, not_before_us,
                      tov_clock_us() + (is_noted ? 0 : TOV_LATE_GRACE_MS * US_PER_MS)});
   tov_wake();

@@ -35,6 +35,9 @@ void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_l
 // When the process of the record started, microseconds of CLOCK_MONOTONIC, not later; 0: unknown.
 int64_t tov_late_born_us(const tov_pid_t &record);
 
+// The wait status of a record's process, as far as it was heard; otherwise `otherwise`.
+int tov_late_code(const tov_pid_t &record, int otherwise);
+
 // Whether one is entered.
 bool tov_late_any(const tov_chains_guard_t &held);
 

@@ -54,17 +54,21 @@ static void ask_in(unsigned int bucket, std::vector<asked_s> *asked) {
   }
 }
 
-static void enter(const asked_s &dead) {
+static void enter(const asked_s &dead, tov_life_e life) {
   const tov_chains_guard_t held(tov_chains);
-  const tov_pid_t *record = tov_record_of_serial(held, dead.pid, dead.serial);
+  tov_pid_t *record = tov_record_of_serial(held, dead.pid, dead.serial);
   const bool is_same = record != nullptr && tov_record_has_process(*record) &&
                        record->identity.started == dead.identity.started;
-  if (is_same) tov_late_add(held, *record, TOV_LATE_LOST, tov_late_born_us(*record));
+  if (!is_same) return;
+  if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
+  tov_late_add(held, *record, TOV_LATE_LOST, tov_late_born_us(*record));
 }
 
 static void look_at(const asked_s &asked) {
-  if (!tov_life_is_over(tov_identity_life(asked.pid, asked.identity))) return;
-  if (asked.serial != 0) return enter(asked);
+  const tov_life_e life = tov_identity_life(asked.pid, asked.identity);
+  if (asked.serial != 0 && life == TOV_LIFE_THREADS) return enter(asked, life);
+  if (!tov_life_is_over(life)) return;
+  if (asked.serial != 0) return enter(asked, life);
   (void)tov_revive_keeps({TOV_EVENT_EXIT, asked.pid, tov_ends_code(asked.pid, 0).value_or(0)});
 }
 

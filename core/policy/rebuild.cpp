@@ -20,6 +20,7 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
+#include "core/policy/exit.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
 #include "core/registry/query.h"
@@ -98,34 +99,33 @@ static bool counts(const char *path, const char *entry, const tov_pid_t &record)
   return !is_of_task(held, record.pid, record);
 }
 
-// Whether the process is younger than the file in which it is to be registered: then the id was
-// given out again.
+// Whether the process is certainly younger than the file in which it is to be registered: then the
+// id was given out again. A time before the boot or after the present is no time: the wall clock
+// was set meanwhile.
 static bool is_younger(const tov_identity_t &identity, int64_t written_us) {
-  return tov_ticks_us(identity.started) - TICK_US > written_us;
+  const bool is_plausible = written_us > 0 && written_us <= tov_kernel_clock_us(CLOCK_BOOTTIME);
+  return is_plausible && tov_ticks_us(identity.started) - TICK_US > written_us;
 }
 
-// The process for which a record stands that was read from a file.
-struct found_s {
-  tov_identity_t identity;
-  bool seen;  // as what is registered
-};
-
-// Looks whether the process that was registered may be the one that has its id; if not, nobody is
-// found. The text is the weakest sign: a title may be rewritten, an executable replaced, and the
-// file holds the beginning alone.
-static found_s find_process(const tov_pid_t &record, const char *path, int64_t written_us) {
-  static constexpr found_s nobody = {{TOV_NEVER_STARTED, 0, 0, 0}, false};
-  tov_identity_t identity{};
-  const int result = tov_identity_take(record.pid, &identity);
-  if (result < 0) return {identity, false};  // nobody, or it cannot be known
+// Whether the process executes something else than the record says, for certain.
+static bool differs(const tov_pid_t &record, const tov_identity_t &identity) {
   tov_reading_t reading;
   tov_read_process(record.pid, identity, &reading);
-  if (tov_life_is_over(reading.life)) return nobody;
-  const bool seen = tov_compare_process(record, reading) == TOV_FOUND_AS_REGISTERED;
-  const bool differs = reading.life == TOV_LIFE_LIVES && !seen;
+  return reading.life == TOV_LIFE_LIVES && !tov_reading_fits(record, reading);
+}
+
+// Gives a record that was read the process that has its id, if it may be the one that was
+// registered; nobody, if not. The text is the weakest sign: a title may be rewritten, an executable
+// replaced, and the file holds the beginning alone. So it is asked last; reading it may take long.
+static tov_identity_t find_process(const tov_pid_t &record, const char *path, int64_t written_us) {
+  static constexpr tov_identity_t nobody = {TOV_NEVER_STARTED, 0, 0, 0};
+  tov_identity_t identity{};
+  const int result = tov_identity_take(record.pid, &identity);
+  if (result < 0) return identity;  // nobody, or it cannot be known
+  if (tov_life_is_over(tov_identity_life(record.pid, identity))) return nobody;
   const bool is_stranger =
-      differs && tov_lock_holder(path) != record.pid && is_younger(identity, written_us);
-  return is_stranger ? nobody : found_s{identity, seen};
+      is_younger(identity, written_us) && tov_lock_holder(path) == 0 && differs(record, identity);
+  return is_stranger ? nobody : identity;
 }
 
 static std::vector<std::string> names_in(const char *dir) {
@@ -161,11 +161,15 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
       free(record);
       continue;
     }
-    const found_s found = find_process(*record, path, written);
+    const tov_identity_t identity = find_process(*record, path, written);
     const tov_chains_guard_t held(*chains);
     tov_chain_insert(chains, record);
-    tov_record_identify(held, record, found.identity, found.seen);
-    if (found.identity.started == TOV_NEVER_STARTED) dead->push_back({record, written});
+    tov_record_identify(held, record, identity, false);
+    if (identity.started == TOV_NEVER_STARTED) {
+      dead->push_back({record, written});
+    } else if (tov_record_life(*record) == TOV_LIFE_THREADS) {
+      tov_exit_await(held, record);
+    }
   }
 }
 

@@ -17,6 +17,7 @@
 #include "client/tov_pidfile.h"
 #include "core/policy/announce.h"
 #include "core/policy/defer.h"
+#include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
@@ -155,6 +156,12 @@ static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t resu
             result);
 }
 
+static uint64_t started_of(pid_t pid) {
+  tov_identity_t identity{};
+  (void)tov_identity_take(pid, &identity);
+  return identity.started;
+}
+
 static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   const int64_t now_us = tov_clock_us();
@@ -167,6 +174,7 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   // The search may outlast this daemon, and its child is known by that it is younger than the file.
   if (listed) (void)tov_db_keep(record);
   start->forked = tov_proc_fork(held, record, start->vsd_no, listed);
+  start->forked_started = started_of(start->forked);
   forks_fail_until_us = start->forked > 0 ? 0 : now_us + TOV_FORK_PAUSE_S * US_PER_S;
   // After a failed fork, too: another process may have started the program meanwhile.
   if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
@@ -191,6 +199,11 @@ static void start_announced(const tov_chains_guard_t &held, tov_pid_t *record) {
   start_now(held, record);
 }
 
+int tov_revive_device(const tov_pid_t &record) {
+  if (tov_record_life(record) == TOV_LIFE_ENDED) return find_app(record.pid);
+  return record.vsd_id > 0 ? record.vsd_id : -1;
+}
+
 // Records that wait are known by their wait; this one does from now on, and what is known of its
 // restart begins anew.
 static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
@@ -198,7 +211,7 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
   if (start->wait != TOV_WAIT_NONE) return;
   *start = {};
   start->occasion = occasion;
-  start->vsd_no = find_app(record->pid);
+  start->vsd_no = tov_revive_device(*record);
 }
 
 void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child,
@@ -260,12 +273,6 @@ void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SI
   rtrim(command);
 }
 
-static uint64_t started_of(pid_t pid) {
-  tov_identity_t identity{};
-  (void)tov_identity_take(pid, &identity);
-  return identity.started;
-}
-
 // A scan that something else's end spoiled has not said that the program does not run, and a second
 // copy of it would be started; but on a machine where something always ends it says no more. One
 // that could not read says nothing, however often.
@@ -283,15 +290,15 @@ void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int re
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
 }
 
-static bool has_ended(pid_t pid) {
-  return tov_life_is_over(tov_identity_life(pid, {}));
+static bool has_ended(pid_t pid, uint64_t started) {
+  return tov_life_is_over(tov_identity_life(pid, {started, 0, 0, 0}));
 }
 
 // What was heard of the process before its record had its id. Of another one than the child nobody
 // knew that it concerns us: the scan has found it, and it may have ended since.
 static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
   if (pid != start.forked) {
-    if (pid > 0 && has_ended(pid)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
+    if (pid > 0 && has_ended(pid, 0)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
     return;
   }
   if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
@@ -307,7 +314,8 @@ static bool has_failed(const tov_start_t &start, pid_t found) {
 
 // The last daemon's child may have ended before this one listened.
 static bool came_to_nothing(const tov_start_t &start, pid_t found) {
-  return found == 0 && start.followed != 0 && (start.child_ended != 0 || has_ended(start.forked));
+  return found == 0 && start.followed != 0 &&
+         (start.child_ended != 0 || has_ended(start.forked, start.forked_started));
 }
 
 // The search has ended. What the child used stays until the record has its process.
@@ -320,6 +328,8 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t fo
   if (failed) {
     tov_record_end_wait(held, record);
     tov_record_pass_on(held, record, start.forked);
+    // Its id may be another process's by now.
+    tov_record_identify(held, record, {start.forked_started, 0, 0, 0}, false);
   } else {
     finish(held, record, found);
   }
@@ -376,12 +386,13 @@ static tov_pid_t *searching_for(const tov_chains_guard_t &held, pid_t pid, int v
   return nullptr;
 }
 
-void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
-                          const char *process) {
+tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
+                                const char *process) {
   tov_pid_t *record = searching_for(held, pid, vsd_id, process);
-  if (record == nullptr) return;
+  if (record == nullptr) return nullptr;
   const pid_t forked = record->start.forked;
   tov_proc_tell_found(*record, forked, pid);
   finish(held, record, pid);
   tov_claim_drop(*record, forked);
+  return record;
 }

@@ -50,6 +50,11 @@ void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record);
 // (core/policy/defer) and comes back with tov_hand_back_exit().
 void tov_revive_defer(const tov_chains_guard_t &held, tov_pid_t *record);
 
+// The virtual device in which a record's process ran, -1: none. Its member file says so, which has
+// its id for a name; where another process may have the id, the file may be that one's, and what is
+// registered counts.
+int tov_revive_device(const tov_pid_t &record);
+
 // Whether nothing is to be started any more for a restart that is under way: the device of the dead
 // process is being deleted, or is gone.
 bool tov_revive_is_in_vain(const tov_pid_t &record);
@@ -77,9 +82,10 @@ void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int 
 // Returns false when it is none.
 bool tov_revive_keeps(const tov_cnmsg_data_t &event);
 
-// A process asks to be registered: if a restart searches for it, the search has ended.
+// A process asks to be registered: if a restart searches for it, the search has ended. Returns the
+// record of that restart, whose process it is now; null, if none searched.
 //   process  its command line
-void tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
-                          const char *process);
+tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
+                                const char *process);
 
 #endif  // TOV_CORE_POLICY_REVIVE_H

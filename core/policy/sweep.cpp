@@ -71,6 +71,7 @@ static void apply(const tov_chains_guard_t &held, tov_pid_t *record, const tov_r
       tov_record_identify(held, record, reading.now, true);
       return tov_record_clear_misses(held, record);
     case TOV_FOUND_ALIVE:
+      if (reading.life == TOV_LIFE_THREADS) tov_exit_await(held, record);
       return tov_record_clear_misses(held, record);
     case TOV_FOUND_UNKNOWN:
       return;

@@ -91,7 +91,7 @@ tov_registration_t tov_waits_s::handle_due(step_s *step) {
   const tov_chains_guard_t held(tov_chains);
   tov_registration_t later;
   if (tov_pid_t *record = tov_record_due(held, tov_clock_us())) {
-    step->handled = true;
+    step->handled = !tov_record_is_ending(*record);  // a question takes no slot
     if (asks_proc(*record)) {
       put_off(held, record);
     } else {

@@ -81,11 +81,11 @@ void tov_read_process(pid_t pid, const tov_identity_t &identity, tov_reading_t *
   if (reading->life == TOV_LIFE_LIVES && result < 0) reading->life = TOV_LIFE_UNKNOWN;
 }
 
-// Whether a command line may still be that of the record: the executable was removed or replaced,
-// which the kernel says behind its path, or the record is from a file, which holds no more of it.
-static bool may_be(const char *process, const char *command) {
+bool tov_reading_fits(const tov_pid_t &record, const tov_reading_t &reading) {
   static constexpr char removed[] = " (deleted)";
   static constexpr size_t FILE_TEXT = 200;  // no file cuts shorter texts
+  const char *process = record.process, *command = reading.command;
+  if (strcmp(process, command) == 0) return true;
   const size_t length = strlen(process);
   if (length >= FILE_TEXT && strncmp(process, command, length) == 0) return true;
   const char *mark = strstr(command, removed);
@@ -102,7 +102,7 @@ tov_found_e tov_compare_process(const tov_pid_t &record, const tov_reading_t &re
   const bool equal = strcmp(record.process, reading.command) == 0;
   if (equal && record.vsd_id == reading.vsd_id) return TOV_FOUND_AS_REGISTERED;
   if (record.seen == 0 && record.identity.exe_ino == 0) return TOV_FOUND_ALIVE;
-  const bool is_other = record.seen != 0 && !equal && !may_be(record.process, reading.command) &&
+  const bool is_other = record.seen != 0 && !tov_reading_fits(record, reading) &&
                         tov_identity_executed(record.identity, reading.now);
   return is_other ? TOV_FOUND_OTHER : TOV_FOUND_UNLIKE;
 }

@@ -52,6 +52,11 @@ enum tov_found_e {
   TOV_FOUND_UNKNOWN,  // it cannot be known
 };
 
+// Whether the command line of a living process may still be what is registered: an executable was
+// removed or replaced, which the kernel says behind its path, or the record is from a file, which
+// holds no more of the text.
+bool tov_reading_fits(const tov_pid_t &record, const tov_reading_t &reading);
+
 // Compares a record with a reading of its process. A command line is the process's own choice, and
 // the file of an executable may be replaced while it runs: a difference alone says nothing, but
 // that operators want to know of it. Only together with an execution since the process was seen as

@@ -36,6 +36,7 @@ enum {
 };
 
 static constexpr int64_t END_PAUSE_US = 1000;
+static constexpr int64_t LAST_EVENT_US = 50000;
 
 // ---- questions ------------------------------------------------------------------------------
 
@@ -200,6 +201,11 @@ void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int 
   wait_until(held, record, TOV_WAIT_END, tov_clock_us() + pause_us);
 }
 
+void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record) {
+  tov_record_start(held, record)->end_seen = 1;
+  wait_until(held, record, TOV_WAIT_END, tov_clock_us() + LAST_EVENT_US);
+}
+
 tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   return &record->start;
@@ -304,7 +310,17 @@ static void name_file(const tov_pid_t &record, char (&file)[FILE_NAME_SIZE]) {
   tov_get_db_file_name(record.vsd_id, record.pid, record.process, file, sizeof file);
 }
 
+// A new process with the dead one's id, whose program has the same name, has its file under the
+// same name, and may not be registered yet.
+static bool is_successors_file(const tov_pid_t &record) {
+  if (tov_identity_life(record.pid, record.identity) != TOV_LIFE_REUSED) return false;
+  char file[FILE_NAME_SIZE];
+  name_file(record, file);
+  return tov_lock_holder(file) == record.pid;
+}
+
 bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &record) {
+  if (is_successors_file(record)) return false;
   char own[FILE_NAME_SIZE], other[FILE_NAME_SIZE];
   name_file(record, own);
   for (const tov_pid_t &with : tov_chain_bucket(registry_of(held), pidhash(record.pid))) {
@@ -315,18 +331,8 @@ bool tov_record_owns_file(const tov_chains_guard_t &held, const tov_pid_t &recor
   return true;
 }
 
-// A new process with the dead one's id, whose program has the same name, has its file under the
-// same name, and may not be registered yet.
-static bool is_successors_file(const tov_pid_t &record) {
-  if (tov_identity_life(record.pid, record.identity) != TOV_LIFE_REUSED) return false;
-  char file[FILE_NAME_SIZE];
-  name_file(record, file);
-  return tov_lock_holder(file) == record.pid;
-}
-
 static void remove_file(const tov_chains_guard_t &held, const tov_pid_t *record) {
-  if (tov_record_owns_file(held, *record) && !is_successors_file(*record))
-    (void)tov_db_destroy(record);
+  if (tov_record_owns_file(held, *record)) (void)tov_db_destroy(record);
 }
 
 // Of a process that has just been started no more counts than its start: it is a shell, or a copy

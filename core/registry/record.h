@@ -138,10 +138,13 @@ void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
 void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us);
 
 // The end of its process was reported with this wait status, and is not certain: it is asked again
-// soon, and ever more seldom, down to once a second. A later report's status replaces the earlier
+// soon, and ever more seldom. A later report's status replaces the earlier
 // one's: that of a process is its last thread's.
 void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code,
                          int force);
+
+// The process that was reported as ended has ended; its last thread's event gets 50 ms to come.
+void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // What is known of the restart under way: for core/policy/revive, which alone writes there, but for
 // the wait and its deadline.

@@ -19,8 +19,8 @@
 
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
-#include "core/run/ends.h"
 #include "core/registry/watched.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"

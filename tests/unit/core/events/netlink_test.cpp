@@ -349,8 +349,8 @@ TEST_F(TovProcessNetlinkWithEvent, StormCostsOneCallADatagram) {
   kernel().after(3 * US_PER_S, [] { tov_quit_raise(); });
   tov_process_netlink(nullptr);
   EXPECT_EQ(queued().size(), size_t{DATAGRAMS});
-  // The answer to the subscription; once when nothing more had come, of each socket; once behind the
-  // storm.
+  // The answer to the subscription; once when nothing more had come, of each socket; once behind
+  // the storm.
   EXPECT_EQ(kernel().calls(tov_test::CALL_RECVFROM), DATAGRAMS + 4);
   EXPECT_EQ(kernel().calls(tov_test::CALL_POLL), 2);
 }
