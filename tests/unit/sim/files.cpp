@@ -76,6 +76,7 @@ void kernel_s::remove(const std::string &path) {
 }
 
 inode_t kernel_s::inode_at(const std::string &path) const {
+  if (!proc_is_mounted && path.starts_with("/proc/")) return nullptr;
   if (inode_t inode = proc_inode(path)) return inode;
   const auto found = tree_.find(path == "/" ? "" : path);
   return found == tree_.end() ? nullptr : found->second;
@@ -352,12 +353,12 @@ std::vector<std::string> kernel_s::names_in(const char *path, int *error) const 
   if (*error == 0 && found.inode == nullptr) *error = -ENOENT;
   if (*error == 0 && !S_ISDIR(found.inode->mode)) *error = -ENOTDIR;
   std::vector<std::string> names;
-  if (*error != 0) return names;
+  if (*error != 0 || (found.path == "/proc" && !proc_is_mounted)) return names;
   const std::string prefix = found.path == "/" ? "/" : found.path + "/";
   for (const auto &[name, inode] : tree_)
     if (name.starts_with(prefix) && name.find('/', prefix.size()) == std::string::npos)
       names.push_back(name.substr(prefix.size()));
-  if (found.path != "/proc" || !proc_is_mounted) return names;
+  if (found.path != "/proc") return names;
   for (const auto &[pid, process] : processes_)
     if (process.group == pid) names.push_back(std::to_string(pid));
   return names;

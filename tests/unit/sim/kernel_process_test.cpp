@@ -145,7 +145,9 @@ TEST_F(KernelProcess, DirectoryOfANameIsTheDescriptorOrNone) {
 
 TEST_F(KernelProcess, WithoutProcNobodyIsShownAndEverybodyIsThere) {
   const pid_t pid = kernel().start({"/bin/x"});
+  kernel().write_file("/proc/sys/kernel/random/boot_id", "1\n");
   kernel().proc_is_mounted = false;
+  EXPECT_FALSE(kernel().exists("/proc/sys/kernel/random/boot_id"));
   EXPECT_EQ(text_of(pid, "stat"), "ENOENT");
   EXPECT_EQ(executable(pid), "ENOENT");
   DIR *proc = tov_sys_opendir("/proc");

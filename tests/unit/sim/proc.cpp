@@ -76,7 +76,7 @@ static std::string cmdline_text(const process_s &process) {
 
 inode_t kernel_s::proc_inode(const std::string &path) const {
   static constexpr char PROC[] = "/proc/";
-  if (!proc_is_mounted || !path.starts_with(PROC)) return nullptr;
+  if (!path.starts_with(PROC)) return nullptr;
   char *end = nullptr;
   const long pid = strtol(path.c_str() + strlen(PROC), &end, 10);
   const auto found = processes_.find(static_cast<pid_t>(pid));
