@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "core/registry/tov_chain.h"
-#include "include/tov_registry.h"
 #include "tests/unit/reused_id.h"
 #include "tests/unit/sim/kernel.h"
 
