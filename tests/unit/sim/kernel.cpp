@@ -27,7 +27,6 @@ kernel_s::kernel_s() {
   tree_[""] = make("", S_IFDIR | 0755);
   for (const char *dir : {"/proc", "/tmp", "/etc", "/dev", "/run"})
     make_dir(dir);
-  write_file("/proc/sys/kernel/random/boot_id", "6f1d4e1c-52a0-4d8e-9b0e-3f5c7a9b1d2e\n");
   make_device("/dev/console");
   for (int fd = 0; fd < 3; fd++)
     files_[fd] = open_file_s(inode_at("/dev/console"), "/dev/console", O_RDWR);

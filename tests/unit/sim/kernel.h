@@ -290,6 +290,7 @@ class kernel_s {
   size_t descriptor_limit = SIZE_MAX;                   // with so many open, no more are given out
   size_t inherited_descriptors() const;                 // of them those that an exec hands on
   void close_standard_streams();                        // as a daemon's parent may have done
+  std::string boot_id = "6f1d4e1c-52a0-4d8e-9b0e-3f5c7a9b1d2e";
   mode_t umask = 022;
   std::string console;  // what was written to the standard streams
 

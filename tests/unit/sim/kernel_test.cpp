@@ -209,6 +209,10 @@ TEST_F(Kernel, FileIsReachedThroughItsDirectoryAndAtAPlaceOfItsOwn) {
   EXPECT_FALSE(kernel().exists("/run/d/g"));
 }
 
+TEST_F(Kernel, BootHasAnId) {
+  EXPECT_EQ(read(open("/proc/sys/kernel/random/boot_id", O_RDONLY)), kernel().boot_id + "\n");
+}
+
 TEST_F(Kernel, StatusTellsOwnerAndNames) {
   kernel().write_file("/tmp/f", "");
   kernel().give_away("/tmp/f", 1000);

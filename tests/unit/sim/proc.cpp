@@ -77,16 +77,20 @@ static std::string cmdline_text(const process_s &process) {
 inode_t kernel_s::proc_inode(const std::string &path) const {
   static constexpr char PROC[] = "/proc/";
   if (!path.starts_with(PROC)) return nullptr;
+  const auto file = [](mode_t mode, std::string text) {
+    return std::make_shared<inode_s>(inode_s{mode, 0, std::move(text)});
+  };
+  static constexpr char BOOT_ID[] = "/proc/sys/kernel/random/boot_id";
+  if (path == BOOT_ID) return file(S_IFREG | 0444, boot_id + "\n");
+  if (path.size() < strlen(BOOT_ID) && std::string(BOOT_ID).starts_with(path + "/"))
+    return file(S_IFDIR | 0555, "");
+
   char *end = nullptr;
   const long pid = strtol(path.c_str() + strlen(PROC), &end, 10);
   const auto found = processes_.find(static_cast<pid_t>(pid));
   if (found == processes_.end() || pid < 1) return nullptr;
-
   const process_s &process = found->second;
   const std::string name = end;
-  const auto file = [](mode_t mode, std::string text) {
-    return std::make_shared<inode_s>(inode_s{mode, 0, std::move(text)});
-  };
   if (name.empty()) return file(S_IFDIR | 0555, "");
   if (name == "/stat") return file(S_IFREG | 0444, stat_text(process, threads_of(process.group)));
   if (name == "/status") return file(S_IFREG | 0444, status_text(process));
