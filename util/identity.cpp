@@ -1,4 +1,5 @@
-// Tested by: tests/unit/util/identity_test.cpp, tests/module/util/identity_test.cpp
+// Tested by: tests/unit/util/identity_test.cpp, tests/unit/util/process_state_test.cpp,
+// tests/module/util/identity_test.cpp
 #include "util/identity.h"
 
 #include <errno.h>
