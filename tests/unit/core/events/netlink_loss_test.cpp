@@ -137,6 +137,18 @@ TEST_F(TovProcessNetlink, GapBeforeTheFirstEventIsNoLoss) {
   EXPECT_EQ(told().count, 50u) << "what was lost before the subscription was never ours";
 }
 
+// The second socket joins later than the first.
+TEST_F(TovProcessNetlink, WhatCameBeforeBothSocketsWereBoundIsNoGap) {
+  kernel().before(tov_test::CALL_BIND, 2, [] {
+    post_exit(1);
+    post_fork();
+    post_exit(2);
+  });
+  at(1, [] { post_exit(3); });
+  run();
+  EXPECT_EQ(told().reasons, 0u);
+}
+
 TEST_F(TovProcessNetlink, OthersEventsAreReadOnlyWhereANumberIsMissing) {
   at(1, [] {
     for (int i = 0; i < 100; i++)
@@ -169,6 +181,21 @@ TEST_F(TovProcessNetlink, OverflowIsOneLossAndItsGapNone) {
   const tov_loss_t loss = told();
   EXPECT_EQ(loss.reasons, LOST);
   EXPECT_EQ(loss.count, 15u);
+}
+
+TEST_F(TovProcessNetlink, DropsOfAnotherProcessorAreNoGapEither) {
+  at(1, [] { kernel().post(exit_of(1, 1, 9), 5); });
+  at(2, [] {
+    first().room = 1;
+    post_exit(2);
+    kernel().post(exit_of(3, 3, 9), 5);
+    kernel().post(exit_of(4, 4, 9), 5);
+  });
+  for (int64_t second = 3; second <= 6; second++)
+    at(second, [] { post_exit(5); });
+  at(7, [] { kernel().post(exit_of(6, 6, 9), 5); });
+  run();
+  EXPECT_EQ(told().count, 2u);
 }
 
 TEST_F(TovProcessNetlink, GapBehindAnOverflowIsALossAgain) {

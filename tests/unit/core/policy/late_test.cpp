@@ -19,6 +19,7 @@
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/waiting.h"
+#include "util/identity.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -211,6 +212,21 @@ TEST_F(TovLate, RecordOfAnotherProcessIsLeftAlone) {
   run(US_PER_S);
   EXPECT_EQ(forks(), 0u);
   EXPECT_EQ(record->pid, other);
+}
+
+TEST_F(TovLate, RecordThatIsKnownBetterByNowIsLeftAlone) {
+  tov_pid_t *record = dead();
+  const pid_t pid = record->pid;
+  enter(record);
+  (void)kernel().start_as(pid, {"/opt/a"});
+  tov_identity_t now;
+  ASSERT_EQ(tov_identity_take(pid, &now), 0);
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_identify(held, record, now, true);
+  }
+  run(US_PER_S);
+  EXPECT_EQ(forks(), 0u);
 }
 
 TEST_F(TovLate, OtherRecordOfTheIdIsLeftAlone) {

@@ -188,6 +188,19 @@ TEST_F(TovLook, OfTwoRecordsOfAnIdTheDeadOneIsBroughtBack) {
   EXPECT_EQ(second->pid, pid);
 }
 
+TEST_F(TovLook, AnswerCountsForTheProcessThatWasAskedFor) {
+  tov_pid_t *record = gone("/opt/a");
+  const pid_t pid = record->pid;
+  kernel().before(tov_test::CALL_KILL, 1, [&] {  // while it is asked for
+    (void)kernel().start_as(pid, {"/opt/a"});
+    record->identity.started++;
+  });
+  ask();
+  (void)look();
+  run(GRACE_US);
+  EXPECT_EQ(forks(), 0u);
+}
+
 TEST_F(TovLook, ProcessWithoutItsFirstThreadLives) {
   const tov_pid_t *record = living("/opt/a");
   (void)kernel().start_thread(record->pid);
