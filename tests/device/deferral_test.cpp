@@ -16,6 +16,7 @@
 using namespace tov_test;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 
 TEST(Deferral, LastsAsLongAsTheFileIsLocked) {
   Device device;
@@ -78,8 +79,8 @@ TEST(Deferral, AppliesToProgramsThatDiedBeforeTheStart) {
                       named(task, birth.pid) + "."));
 }
 
-// Its own threads hold the file of a process whose first thread has ended.
-TEST(Deferral, WaitsForTheOtherThreadsOfTheProcess) {
+// It lives, and who lives is not asked for its lock.
+TEST(Deferral, DoesNotApplyToAProcessWhoseFirstThreadHasEnded) {
   Device device;
   Task task = start_task(device, "half_dead",
                          {.words = {"leader-exit", "until-told", "lock=2"}, .registered = false});
@@ -87,15 +88,15 @@ TEST(Deferral, WaitsForTheOtherThreadsOfTheProcess) {
   device.start_ready_daemon({.env = with_diagnostics(device)});
   const pid_t old = task.pid;
   tell(device, task);
-  EXPECT_TRUE(device.wait_output("be lock file " + task.file + ", "));
+  ASSERT_TRUE(wait_until([&] { return process_state(old) == 'Z'; }, STORY_LIMIT_MS));
   pass_events(device, bystander);
+  EXPECT_THAT(device.daemon_output(), Not(HasSubstr("be lock file " + task.file)));
   EXPECT_EQ(device.births(task.name).size(), 1U);
   EXPECT_TRUE(device.lives(old));
 
   device.kill(old, SIGKILL);
   const Birth birth = next_birth(device, task);
-  // It gives its locks back a moment before it is gone.
-  EXPECT_TRUE(wait_until([&] { return !device.lives(old); }, STORY_LIMIT_MS));
+  EXPECT_FALSE(device.lives(old));
   EXPECT_TRUE(device.exists(Device::register_path(0, birth.pid, task.command)));
 }
 

@@ -116,16 +116,19 @@ TEST(Thread, ManyOfADyingProgramMakeOneRestart) {
   EXPECT_EQ(device.count_events(RESTART_LOG, "self-checking ..."), 2U);
 }
 
-// The first thread stands for the process: when it has ended the process counts as dead, although
-// other threads go on. They are left alone.
-TEST(Thread, FirstOneThatEndsCountsAsTheEndOfTheProcess) {
+// What the first thread does alone is no end of the process either:
+// tests/device/leaderless_test.cpp.
+TEST(Thread, FirstOneThatEndsIsNoProcessThatEnds) {
   Device device;
   Task task = start_task(device, "leaderless", {.words = {"leader-exit", "until-told"}});
-  const pid_t old = task.pid;
+  Task bystander = start_task(device, "bystander_leader");
   device.start_ready_daemon();
   tell(device, task);
-  const Birth birth = next_birth(device, task);
-  need_event(device, RESTART_LOG, "Job " + named(task, old) + " will be re-initialized ...");
-  EXPECT_TRUE(device.lives(old));
-  EXPECT_TRUE(device.lives(birth.pid));
+  ASSERT_TRUE(wait_until([&] { return process_state(task.pid) == 'Z'; }, STORY_LIMIT_MS));
+  pass_events(device, bystander);
+  EXPECT_TRUE(device.lives(task.pid));
+  EXPECT_EQ(device.births(task.name).size(), 1U);
+
+  kill_and_return(device, task);
+  EXPECT_EQ(device.births(task.name).size(), 2U);
 }
