@@ -6,6 +6,9 @@
 // waiting in the other one. It is lost only when both have been read since: when an event of a
 // number was there, those with lower numbers of the same processor had been sent.
 //
+// So a gap shows in the next event of its processor, and only behind an earlier one: what a
+// processor that has been idle since the subscription sends first cannot be missed.
+//
 // Owned by the reader of process events. Some ten nanoseconds an event.
 #ifndef TOV_CORE_EVENTS_NUMBERS_H
 #define TOV_CORE_EVENTS_NUMBERS_H
