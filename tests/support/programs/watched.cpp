@@ -15,6 +15,7 @@
 //   live        from now on give signs of life all the time
 //   hush        no longer
 //   unregister  withdraw the registration
+//   title       write another text over the command line of the process
 //   end         end the thread, without a farewell
 // On the command line (KEY=VALUE or plain, any order):
 //   threads=N   start so many further threads (default none)
@@ -46,6 +47,8 @@ static constexpr unsigned int EVEN = 2;
 static constexpr int MOST_THREADS = 8;
 
 static std::string name;
+static char *arguments = nullptr;  // one behind the other, as the kernel shows them
+static size_t arguments_size = 0;
 static unsigned int period = EVEN;  // the library looks only at odd or even
 static int threads = 1;
 static long random_ms = 0;
@@ -92,12 +95,22 @@ static std::string next_word(int index) {
   return {text, static_cast<size_t>(got) - 1};
 }
 
+// As programs do that show their state there. The kernel reads the text where it found it first.
+static int rewrite_title() {
+  static constexpr char TITLE[] = "-\0busy";
+  if (arguments_size < sizeof TITLE) return -1;
+  memset(arguments, 0, arguments_size);
+  memcpy(arguments, TITLE, sizeof TITLE);
+  return 0;
+}
+
 static int obey(const std::string &word, bool *live) {
   if (word == "register") return enrol();
   if (word == "register+")
     return tov_client_reg_thread_notify_no_proc(getpid(), gettid(), period, 1);
   if (word == "alive") return sign_of_life();
   if (word == "unregister") return tov_client_unreg_thread_notify(gettid());
+  if (word == "title") return rewrite_title();
   *live = word == "live" || (*live && word != "hush");
   return 0;
 }
@@ -157,6 +170,8 @@ static void parse_word(const std::string &word) {
 }
 
 int main(int argc, char **argv) {
+  arguments = argv[0];
+  arguments_size = static_cast<size_t>(argv[argc - 1] - argv[0]) + strlen(argv[argc - 1]) + 1;
   char exe[256] = "";
   (void)!readlink("/proc/self/exe", exe, sizeof exe - 1);
   name = strrchr(exe, '/') + 1;
