@@ -1,6 +1,7 @@
 // The moves of a record's life, drawn in the header.
 //
-// Tested by: tests/unit/core/registry/record_test.cpp, tests/unit/proc/burst_test.cpp,
+// Tested by: tests/unit/core/registry/record_test.cpp,
+// tests/unit/core/registry/record_process_test.cpp, tests/unit/proc/burst_test.cpp,
 // tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/registry/record.h"
 
