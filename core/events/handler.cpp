@@ -94,7 +94,10 @@ static bool is_registered(int pid) {
 // While a device goes down its exits are wanted; so nothing is started or said.
 static void drop_registration(int pid) {
   const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_record_of_exit(held, pid);
+  tov_pid_t *record = tov_record_newest_of(held, pid);
+  // That may be of a process which has the id by now.
+  if (record != nullptr && tov_record_life(*record) == TOV_LIFE_LIVES)
+    record = tov_record_of_exit(held, pid);
   if (record != nullptr && tov_record_life(*record) != TOV_LIFE_LIVES)
     tov_record_forget(held, record);
 }

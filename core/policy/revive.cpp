@@ -157,9 +157,8 @@ static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t resu
 }
 
 static uint64_t started_of(pid_t pid) {
-  tov_identity_t identity{};
-  (void)tov_identity_take(pid, &identity);
-  return identity.started;
+  tov_stat_t stat;
+  return tov_read_stat(pid, &stat) == 0 ? stat.started : 0;
 }
 
 static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {

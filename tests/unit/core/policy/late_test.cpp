@@ -121,10 +121,21 @@ TEST_F(TovLate, EnteredTwiceIsDecidedOnce) {
 TEST_F(TovLate, NotedCodeIsTakenAtOnce) {
   const tov_pid_t *record = dead();
   note(record->pid, SIGSEGV);
-  enter(record);
+  enter(record, TOV_LATE_ENTERED);
   run();
   EXPECT_EQ(forks(), 1u);
   EXPECT_EQ(record->exit_signal, SIGSEGV);
+}
+
+// What was lost to the handler may still be in the ring, with the code.
+TEST_F(TovLate, EventOfALostOneIsWaitedForAlthoughItsCodeIsNoted) {
+  const tov_pid_t *record = dead();
+  note(record->pid, SIGSEGV);
+  enter(record);
+  run(GRACE_US - 1);
+  EXPECT_EQ(forks(), 0u);
+  run(1);
+  EXPECT_EQ(forks(), 1u);
 }
 
 TEST_F(TovLate, CodeThatIsNotedInTheGraceCounts) {
@@ -165,7 +176,7 @@ TEST_F(TovLate, NotedCoreDumpCountsForTheMassRule) {
   const tov_pid_t *record = dead();
   note(record->pid, SIGSEGV | 0x80);
   enter(record);
-  run();
+  run(GRACE_US);
   EXPECT_NE(record->ill_tm, 0);
 }
 
