@@ -1,4 +1,5 @@
 // Tested by: tests/unit/core/policy/revive_test.cpp, tests/unit/core/policy/revive_listed_test.cpp,
+// tests/unit/core/policy/revive_blind_test.cpp,
 // tests/module/core/policy/exit_test.cpp, tests/module/core/policy/rebuild_test.cpp,
 // tests/module/proc/selfcheck/tov_signals_test.cpp
 #include "core/policy/revive.h"

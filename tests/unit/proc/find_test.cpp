@@ -195,6 +195,46 @@ TEST_F(TovScan, ThatIsSpoiledHasFoundNothing) {
   EXPECT_EQ(scan.go_on(1), -ENOENT);
 }
 
+// What runs there may be what is looked for.
+TEST_F(TovScan, CommandLineThatCannotBeReadLeavesItOpenWhatRuns) {
+  (void)kernel().start({"/opt/foo"});
+  for (const int error : {EMFILE, ENFILE, ENOMEM, EIO}) {
+    kernel().fail(tov_test::CALL_OPEN, 2, error);  // the second process's arguments
+    tov_scan_t scan;
+    scan.look_for("/opt/none");
+    const int result = scan.go_on(ALL).value_or(0);
+    EXPECT_EQ(result, -error);
+    EXPECT_TRUE(tov_scan_is_blind(result));
+    EXPECT_EQ(scan.go_on(ALL), -error);
+  }
+}
+
+TEST_F(TovScan, CommandLineThatCannotBeReadHidesNoOther) {
+  (void)kernel().start({"/opt/bar"});
+  const pid_t wanted = kernel().start({"/opt/foo"});
+  kernel().fail(tov_test::CALL_OPEN, 2, EMFILE);
+  tov_scan_t scan;
+  scan.look_for("/opt/foo");
+  EXPECT_EQ(scan.go_on(ALL), 1);
+  EXPECT_EQ(scan.found(0), wanted);
+}
+
+TEST_F(TovScan, ProcessWithoutAnExecutableLeavesNothingOpen) {
+  const pid_t goner = kernel().start({"/opt/goner"});
+  (void)kernel().start({});  // a kernel thread
+  kernel().before(tov_test::CALL_READLINK, 2, [=] { kernel().end(goner); });
+  tov_scan_t scan;
+  scan.look_for("/opt/none");
+  EXPECT_EQ(scan.go_on(ALL), 0);
+}
+
+TEST_F(TovScan, BlindIsNotTheSameAsSpoiled) {
+  for (const int error : {EMFILE, ENFILE, ENOMEM, EIO, EINTR})
+    EXPECT_TRUE(tov_scan_is_blind(-error)) << error;
+  for (const int result : {-ENOENT, -ESRCH, -EACCES, 0, 1, EMFILE})
+    EXPECT_FALSE(tov_scan_is_blind(result)) << result;
+}
+
 TEST_F(TovScan, ProcessThatEndsBetweenTwoPortionsIsPassedOver) {
   const pid_t goner = kernel().start({"/opt/foo"});
   const pid_t wanted = kernel().start({"/opt/foo"});

@@ -95,6 +95,42 @@ TEST_F(TovDefer, QuestionThatCannotBeAskedDefersNothing) {
   EXPECT_EQ(kernel().descriptors(), before);
 }
 
+// The given function says no; the daemon waits, as for a lock that is held.
+TEST_F(TovDefer, WhatCannotBeKnownIsAReasonToWait) {
+  const tov_pid_t *record = locked();
+  kernel().end(helper_);
+  ASSERT_FALSE(tov_defer_has_reason(*record));
+  for (const int error : {EMFILE, ENFILE, ENOMEM}) {
+    kernel().fail(tov_test::CALL_OPEN, 1, error);
+    EXPECT_TRUE(tov_defer_has_reason(*record)) << error;
+  }
+  kernel().fail(tov_test::CALL_LOCK, 1, ENOLCK);
+  EXPECT_TRUE(tov_defer_has_reason(*record));
+  kernel().fail(tov_test::CALL_OPEN, 1, EACCES);
+  EXPECT_FALSE(tov_defer_has_reason(*record)) << "a file that will never be opened";
+  EXPECT_FALSE(tov_defer_has_reason(*record));
+}
+
+TEST_F(TovDefer, WhoeverNeedNotWaitIsNotAskedFor) {
+  tov_pid_t *record = locked();
+  EXPECT_TRUE(tov_defer_is_needed(*record));
+  record->force_restart = 1;
+  const int before = kernel().calls();
+  EXPECT_FALSE(tov_defer_is_needed(*record));
+  EXPECT_EQ(kernel().calls(), before);
+}
+
+// Two processes that had the same id, one after the other.
+TEST_F(TovDefer, ExitsOfTwoRestartsAreTwo) {
+  tov_pid_t *first = locked();
+  tov_pid_t *second = add(4711, "/opt/b");
+  first->start.number = 1;
+  second->start.number = 2;
+  for (const tov_pid_t *record : {first, second, first, second})
+    tov_defer(*record);
+  EXPECT_EQ(tov_chains_delay.node_num, 2);
+}
+
 TEST_F(TovDefer, BothAnswersOfTheKernelMeanLocked) {
   tov_pid_t *record = locked();
   for (const int error : {EACCES, EAGAIN}) {
