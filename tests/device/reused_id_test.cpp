@@ -23,6 +23,7 @@ using namespace tov_test;
 namespace {
 
 constexpr int64_t AT_ONCE_NS = 1'000'000'000;  // the sweep needs a minute
+constexpr int64_t TICKS_NS = 30'000'000;       // three of those in which starts are told
 
 // A worker gets this id and registers itself under it.
 Task start_heir(Device &device, const std::string &prefix, pid_t id) {
@@ -101,7 +102,7 @@ TEST(ReusedId, OfADeferredProgramBelongsToWhoRegistersUnderIt) {
   EXPECT_TRUE(device.lives(heir.pid));
 }
 
-// The restart could not be made, and so is the sweep's, who finds the stranger under the id.
+// The restart could not be made and is left to the sweep, which finds a stranger under the id.
 TEST(ReusedId, OfAProgramThatIsLeftToTheSweepHidesNoDeath) {
   Device device;
   device.write("/etc/debug_log", "");
@@ -140,14 +141,18 @@ TEST(ReusedId, GivenOutBeforeTheDeathIsHeardHidesNoDeath) {
   expect_untouched(device, stranger, dead);
 }
 
+// That it is not the registered process is known by its age: it is younger than the file, by more
+// than the kernel's ticks of 10 ms leave uncertain.
 TEST(ReusedId, GivenOutWhileNoDaemonRunsHidesNoDeath) {
   Device device;
   Task old = start_task(device, "id_meanwhile");
+  const int64_t written_ns = monotonic_ns();
   device.start_ready_daemon();
   device.kill_daemon();
   const pid_t dead = old.pid;
   device.kill(dead, SIGKILL);
   ASSERT_TRUE(device.wait(dead, STORY_LIMIT_MS));
+  ASSERT_TRUE(wait_until([&] { return monotonic_ns() > written_ns + TICKS_NS; }, STORY_LIMIT_MS));
   const std::string stranger = start_stranger(device, "stranger_meanwhile", dead);
   device.start_ready_daemon();
   const int64_t ready_ns = monotonic_ns();
