@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "util/priority.h"
 #include "util/identity.h"
+#include "util/priority.h"
 #include "util/tov_utils.h"
 
 static constexpr int DEAD_ITERATIONS = 50;

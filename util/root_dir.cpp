@@ -1,6 +1,8 @@
 // Judged is the open directory itself, which nobody can exchange afterwards.
 //
 // Threads: any; no state. Losses: none.
+//
+// Tested by: tests/unit/core/registry/watched_test.cpp
 #include "util/root_dir.h"
 
 #include <errno.h>

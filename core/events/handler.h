@@ -8,8 +8,8 @@
 // once.
 //
 // Between events it goes on with the restarts that wait (core/policy/waits), each when its deadline
-// comes, and sleeps until the next event or deadline. When events were lost it looks at every record
-// (core/policy/look).
+// comes, and sleeps until the next event or deadline. When events were lost it looks at every
+// record (core/policy/look).
 //
 // Thread: "tov_cnmsg_handle" at real-time priority 99, the ring's only consumer.
 #ifndef TOV_CORE_EVENTS_HANDLER_H

@@ -35,18 +35,10 @@ static constexpr const char *SITE = "/tmp";
 static const std::string ROOT = "/tmp/root";
 
 // What an earlier run on the machine itself may have left; a private root begins without it.
-static constexpr const char *cleared[] = {"/qxos",
-                                          "/qx_cfg",
-                                          "/run/tov",
-                                          "/etc/tov",
-                                          "/etc/cmdmap",
-                                          "/etc/vsd",
-                                          "/etc/tov_config",
-                                          "/etc/dev_mon",
-                                          "/etc/debug_log",
-                                          "/tov_no_reboot",
-                                          "/debug_time",
-                                          "/tov_dump_msg_console"};
+static constexpr const char *cleared[] = {
+    "/qxos",          "/qx_cfg",        "/run/tov",        "/etc/tov",
+    "/etc/cmdmap",    "/etc/vsd",       "/etc/tov_config", "/etc/dev_mon",
+    "/etc/debug_log", "/tov_no_reboot", "/debug_time",     "/tov_dump_msg_console"};
 static constexpr const char *empty_directories[] = {"/etc/tov", "/etc/cmdmap"};
 // Hidden by a mount of the new root, so whatever lies there must be bound to stay visible.
 static constexpr const char *hidden[] = {"/tmp", "/data",   "/data2", "/dev",
