@@ -138,8 +138,11 @@ TEST(Sweep, StartsAProgramAgainWhoseProcessNowRunsAnother) {
   const std::string other = device.install_program(stranger);
   Task task = start_task(device, "replaced_by",
                          {.words = {"until-told", "exec=" + other, "lock=2"}, .registered = false});
+  SweepClock clock(device, "clock_d");
   const pid_t old = task.pid;
   device.start_ready_daemon({.faketime = FAST});
+  clock.start();
+  clock.wait(1);  // it has been seen as it was registered
   tell(device, task);
   const auto changed = device.wait_birth(stranger);
   ASSERT_TRUE(changed);
