@@ -409,6 +409,32 @@ TEST_F(TovSweep, ReadingOfAProcessThatIsReplacedMeanwhileCountsForNothing) {
   EXPECT_THAT(lines(), Each(Not(HasSubstr("is not running"))));
 }
 
+TEST_F(TovSweep, ReadingOfAProcessWhoseRestartWaitsByThenCountsForNothing) {
+  tov_pid_t *record = registered();
+  record->restart_time = 600;
+  kernel().end(record->pid);
+  kernel().before(tov_test::CALL_KILL, 2, [&] { die(record); });
+  tov_sweep_bucket(pidhash(record->pid));
+  ASSERT_TRUE(waits_for(record, TOV_WAIT_TIME));
+  EXPECT_EQ(record->stat_check_cnt, 0);
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(TovSweep, ReadingOfTheLastUserOfAnIdCountsForNothing) {
+  tov_pid_t *record = registered();
+  const pid_t pid = record->pid;
+  kernel().end(pid);
+  kernel().before(tov_test::CALL_OPEN, 2, [&] {
+    kernel().start_as(pid, {PROGRAM, "-d"});
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_renew(held, record, pid);
+  });
+  tov_sweep_bucket(pidhash(pid));
+  ASSERT_TRUE(kernel().has(pid));
+  EXPECT_EQ(record->stat_check_cnt, 0);
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
 TEST_F(TovSweep, RecordThatGoesMeanwhileIsNotTouched) {
   tov_pid_t *record = registered();
   const pid_t pid = record->pid;
