@@ -1,7 +1,6 @@
 // Listed programs while nothing can be read: a look and a search then say nothing, however often.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -11,7 +10,6 @@
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/waiting.h"
 

@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "core/policy/exit.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

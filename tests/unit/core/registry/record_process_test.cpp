@@ -10,6 +10,7 @@
 #include "include/tov_registry.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
+#include "util/identity.h"
 
 using tov_test::CALL_OPEN;
 using tov_test::kernel;
