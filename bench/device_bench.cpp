@@ -35,7 +35,6 @@
 #include "tests/support/processes.h"
 #include "util/identity.h"
 #include "util/priority.h"
-#include "util/tov_utils.h"
 
 using tov_test::Birth;
 using tov_test::Device;

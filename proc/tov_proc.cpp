@@ -23,7 +23,6 @@
 #include "proc/how.h"
 #include "util/identity.h"
 #include "util/list_file.h"
-#include "util/procfs.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/entry.h"

@@ -4,9 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "include/tov_registry.h"

@@ -10,7 +10,6 @@
 
 #include <stdint.h>
 #include <sys/types.h>
-#include <time.h>
 
 // Microseconds of a clock of the kernel.
 int64_t tov_kernel_clock_us(clockid_t clock);

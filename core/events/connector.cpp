@@ -16,7 +16,6 @@
 #include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <iterator>
 #include <optional>

@@ -27,6 +27,7 @@
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "util/clock.h"
+#include "util/identity.h"
 #include "util/list_file.h"
 #include "util/priority.h"
 #include "util/procfs.h"

@@ -8,11 +8,9 @@
 #include <errno.h>
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
-#include <linux/netlink.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <sys/types.h>
 #include <time.h>
 

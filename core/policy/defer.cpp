@@ -11,6 +11,7 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "util/clock.h"
 #include "util/identity.h"

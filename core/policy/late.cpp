@@ -5,7 +5,6 @@
 
 #include <stdint.h>
 #include <sys/types.h>
-#include <time.h>
 
 #include <algorithm>
 #include <optional>

@@ -16,6 +16,7 @@
 #include "core/policy/exit.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 
 enum { TOV_LATE_GRACE_MS = 50 };
 

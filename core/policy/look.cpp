@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/policy/exit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/registry/record.h"
@@ -74,11 +75,10 @@ static void look_at(const asked_s &asked) {
 
 void tov_look_s::look_at_some() {
   std::vector<asked_s> asked;
-  while (*bucket_ < TOV_PID_BUCKETS && asked.size() < PORTION)
-    ask_in((*bucket_)++, &asked);
+  while (bucket_ < TOV_PID_BUCKETS && asked.size() < PORTION)
+    ask_in(bucket_++, &asked);
   for (const asked_s &one : asked)
     look_at(one);
-  if (*bucket_ == TOV_PID_BUCKETS) bucket_.reset();
 }
 
 // ---- when -----------------------------------------------------------------------------------
@@ -110,13 +110,13 @@ void tov_look_s::begin() {
 }
 
 int64_t tov_look_s::go_on(bool heard_all) {
-  if (!bucket_) {
+  if (bucket_ == TOV_PID_BUCKETS) {
     if (asked_.reasons == 0) return NEVER_US;
     const int64_t due_us = std::max(asked_us_ + (heard_all ? 0 : HEARING_US), begun_us_ + PAUSE_US);
     if (tov_clock_us() < due_us) return due_us;
     begin();
   }
   look_at_some();
-  if (bucket_) return 0;
+  if (bucket_ < TOV_PID_BUCKETS) return 0;
   return asked_.reasons == 0 ? NEVER_US : begun_us_ + PAUSE_US;
 }

@@ -13,9 +13,8 @@
 
 #include <stdint.h>
 
-#include <optional>
-
 #include "core/run/loss.h"
+#include "include/tov_registry.h"
 
 // One object for the event handler.
 class tov_look_s {
@@ -36,8 +35,8 @@ class tov_look_s {
 
   tov_loss_t asked_;
   int64_t asked_us_ = 0;
-  int64_t begun_us_ = INT64_MIN / 2;    // the last one
-  std::optional<unsigned int> bucket_;  // the next, while it looks
+  int64_t begun_us_ = INT64_MIN / 2;       // the last one
+  unsigned int bucket_ = TOV_PID_BUCKETS;  // the next, while it looks
 };
 using tov_look_t = tov_look_s;
 

@@ -34,9 +34,7 @@
 #include "util/entries.h"
 #include "util/identity.h"
 #include "util/kernel_time.h"
-#include "util/owner.h"
 #include "util/procfs.h"
-#include "util/regular_file.h"
 #include "util/tov_sys.h"
 #include "util/tov_utils.h"
 #include "vsd/member.h"
@@ -139,6 +137,21 @@ static bool drops_new(const tov_vsd_path_t &dir, const std::string &name) {
   return true;
 }
 
+// Puts a record that was read into the registry.
+static void enter(tov_chains_t *chains, tov_pid_t *record, const char *path,
+                  std::vector<dead_s> *dead) {
+  const int64_t written = tov_file_time_us(path, STATX_MTIME);
+  const tov_identity_t identity = find_process(*record, path, written);
+  const tov_chains_guard_t held(*chains);
+  tov_chain_insert(chains, record);
+  tov_record_identify(held, record, identity, false);
+  if (identity.started == TOV_NEVER_STARTED) {
+    dead->push_back({record, written});
+  } else if (tov_record_life(*record) == TOV_LIFE_THREADS) {
+    tov_exit_await(held, record);
+  }
+}
+
 static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
   const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
   std::vector<std::string> names = names_in(dir.text);
@@ -151,7 +164,6 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
   for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
-    const int64_t written = tov_file_time_us(path, STATX_MTIME);
     tov_pid_t *record = read_record(vsd_id, path, name.c_str());
     if (record == nullptr) {
       if (name.starts_with(TOV_DB_KEPT_PREFIX)) (void)tov_sys_unlink(path);
@@ -161,15 +173,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
       free(record);
       continue;
     }
-    const tov_identity_t identity = find_process(*record, path, written);
-    const tov_chains_guard_t held(*chains);
-    tov_chain_insert(chains, record);
-    tov_record_identify(held, record, identity, false);
-    if (identity.started == TOV_NEVER_STARTED) {
-      dead->push_back({record, written});
-    } else if (tov_record_life(*record) == TOV_LIFE_THREADS) {
-      tov_exit_await(held, record);
-    }
+    enter(chains, record, path, dead);
   }
 }
 

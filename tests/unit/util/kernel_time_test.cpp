@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
-#include <time.h>
 
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"

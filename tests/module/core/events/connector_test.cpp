@@ -20,7 +20,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/events/numbers.h"

@@ -29,7 +29,9 @@
 #include "tests/support/child.h"
 #include "tests/support/children.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 #include "util/clock.h"
+#include "util/identity.h"
 #include "util/tov_utils.h"
 
 using tov_test::Child;

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <future>

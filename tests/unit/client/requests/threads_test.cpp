@@ -1,11 +1,9 @@
 // Requests about watched threads and the rows for the next daemon: what is written when, and in
 // which order beside the thread's bit in the shared area.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-#include <string>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/cn_proc.h>
+#include <stddef.h>
 #include <stdint.h>
-#include <sys/socket.h>
 
 #include <functional>
 #include <optional>
@@ -18,6 +18,7 @@
 #include "core/run/loss.h"
 #include "core/run/quit.h"
 #include "core/run/wake.h"
+#include "include/tov_registry.h"
 #include "tests/support/event_ring.h"
 #include "tests/support/netlink_messages.h"
 #include "tests/unit/sim/kernel.h"

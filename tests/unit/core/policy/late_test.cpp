@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "core/policy/exit.h"
+#include "core/policy/waits.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"

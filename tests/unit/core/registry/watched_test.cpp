@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/types.h>
 
