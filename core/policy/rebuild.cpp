@@ -137,14 +137,25 @@ static bool drops_new(const tov_vsd_path_t &dir, const std::string &name) {
   return true;
 }
 
+// Whether the process is what the record says. Of one that sleeps in the kernel it is not asked:
+// who waits for a page that does not come keeps the reader of its command line waiting, and the
+// start.
+static bool is_as_registered(const tov_pid_t &record, const tov_identity_t &identity) {
+  tov_stat_t stat;
+  if (tov_read_stat(record.pid, &stat) < 0 || stat.state == 'D') return false;
+  tov_reading_t reading;
+  tov_read_process(record.pid, identity, &reading);
+  return tov_compare_process(record, reading) == TOV_FOUND_AS_REGISTERED;
+}
+
 // Puts a record that was read into the registry.
-static void enter(tov_chains_t *chains, tov_pid_t *record, const char *path,
+static void enter(tov_chains_t *chains, tov_pid_t *record, const char *path, int64_t written,
                   std::vector<dead_s> *dead) {
-  const int64_t written = tov_file_time_us(path, STATX_MTIME);
   const tov_identity_t identity = find_process(*record, path, written);
+  const bool seen = is_as_registered(*record, identity);
   const tov_chains_guard_t held(*chains);
   tov_chain_insert(chains, record);
-  tov_record_identify(held, record, identity, false);
+  tov_record_identify(held, record, identity, seen);
   if (identity.started == TOV_NEVER_STARTED) {
     dead->push_back({record, written});
   } else if (tov_record_life(*record) == TOV_LIFE_THREADS) {
@@ -164,6 +175,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
   for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
+    const int64_t written = tov_file_time_us(path, STATX_MTIME);
     tov_pid_t *record = read_record(vsd_id, path, name.c_str());
     if (record == nullptr) {
       if (name.starts_with(TOV_DB_KEPT_PREFIX)) (void)tov_sys_unlink(path);
@@ -173,7 +185,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
       free(record);
       continue;
     }
-    enter(chains, record, path, dead);
+    enter(chains, record, path, written, dead);
   }
 }
 

@@ -104,7 +104,20 @@ static void take_stock(Run &run) {
   }
 }
 
+// That a program has executed another one is known to a daemon that saw it before, and to no other:
+// what runs in the place of one that has not come back by now is ended.
+static void end_unsettled_strangers(Run &run) {
+  std::erase_if(run.fleet.strangers, [&](const Stranger &stranger) {
+    const auto &all = run.fleet.programs;
+    const bool unsettled = std::any_of(all.begin(), all.end(),
+                                       [&](const Program &one) { return one.pid == stranger.pid; });
+    if (unsettled) run.device.kill(stranger.pid, SIGKILL);
+    return unsettled;
+  });
+}
+
 void kill_daemon(Run &run) {
+  end_unsettled_strangers(run);
   run.blind = false;
   if (const auto status = run.device.wait_daemon(Millis(0)))
     throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));

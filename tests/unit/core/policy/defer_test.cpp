@@ -104,8 +104,10 @@ TEST_F(TovDefer, WhatCannotBeKnownIsAReasonToWait) {
     kernel().fail(tov_test::CALL_OPEN, 1, error);
     EXPECT_TRUE(tov_defer_has_reason(*record)) << error;
   }
-  kernel().fail(tov_test::CALL_LOCK, 1, ENOLCK);
+  kernel().fail(tov_test::CALL_LOCK, 1, ENOMEM);
   EXPECT_TRUE(tov_defer_has_reason(*record));
+  kernel().fail(tov_test::CALL_LOCK, 1, ENOLCK);
+  EXPECT_FALSE(tov_defer_has_reason(*record)) << "a file system that will never lock";
   kernel().fail(tov_test::CALL_OPEN, 1, EACCES);
   EXPECT_FALSE(tov_defer_has_reason(*record)) << "a file that will never be opened";
   EXPECT_FALSE(tov_defer_has_reason(*record));

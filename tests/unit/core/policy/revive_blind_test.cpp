@@ -116,17 +116,18 @@ TEST_F(TovBlind, ExitIsParkedAndHandedBackWhenItCanBeKnown) {
 
 // Between the answer of the look and what follows from it.
 TEST_F(TovBlind, ProgramThatTheLookFoundAndThatEndedMeanwhileIsStarted) {
-  enum { PROCESSES = 2 };  // of which a scan asks each; then comes what it found
   children_execute(LISTED);
   const tov_pid_t *record = listed();
   const pid_t found = kernel().start({LISTED});
+  die(record);
   bool is_replaced = false;
-  kernel().before(tov_test::CALL_FSTATAT, PROCESSES + 1, [&] {
+  // A scan opens the command line of each of the two processes, then comes the start of the one
+  // that it has found, then whether that still runs.
+  kernel().before(tov_test::CALL_OPEN, 4, [&] {
     is_replaced = true;
     kernel().end(found);
     kernel().start_as(found, {LISTED, "-x"});  // a stranger with its id
   });
-  die(record);
   run(US_PER_S);
   ASSERT_TRUE(is_replaced);
   ASSERT_EQ(forks(), 1u);
