@@ -1,6 +1,5 @@
 // The id of a dead program is given to another one. Whatever becomes of the new one is its own
 // affair, and the dead one is brought back all the same.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stddef.h>

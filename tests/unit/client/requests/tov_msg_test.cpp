@@ -1,10 +1,10 @@
 // Requests about ids that were given out again: whom they mean, and whom not.
 #include "client/requests/tov_msg.h"
 
-#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include "core/policy/exit.h"
@@ -17,7 +17,6 @@
 #include "tests/unit/waiting.h"
 
 using testing::SizeIs;
-using tov_test::CALL_OPEN;
 using tov_test::kernel;
 using tov_test::platform;
 using tov_test::US_PER_S;

@@ -1,5 +1,4 @@
 // Which process a record stands for: whether it has one, shares it, and which an exit concerns.
-#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -12,7 +11,6 @@
 #include "tests/unit/simulated.h"
 #include "util/identity.h"
 
-using tov_test::CALL_OPEN;
 using tov_test::kernel;
 
 static constexpr pid_t ID = 4711;
