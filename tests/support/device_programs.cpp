@@ -33,6 +33,7 @@ static const std::string DAEMON_SOCKET = "/tmp/tov/.tov";
 static const std::string PROCESS_GROUPS = "/run/pids";  // see control_groups.cpp
 static const std::string VICTIM_REPORT = "/data/victim.";
 static const std::string LAST_THREAD = "tov_proc_stat_c\n";  // the kernel keeps 15 characters
+static constexpr Millis STOP_LIMIT_MS{5'000};
 
 bool RunResult::exited_with(int code) const {
   return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == code;
@@ -120,6 +121,10 @@ void Device::kill(pid_t pid, int signal) {
   if (pid <= 0 || (!ours && !lives(pid)))
     throw std::runtime_error("device: " + std::to_string(pid) + " does not live here");
   if (::kill(pid, signal) < 0) throw std::runtime_error("device: kill " + std::to_string(pid));
+  // The first thread takes the signal and stops the others: until it has its turn they go on.
+  const auto has_stopped = [&] { return process_state(pid) != 'R' && process_state(pid) != 'S'; };
+  if (signal == SIGSTOP && !wait_until(has_stopped, STOP_LIMIT_MS))
+    throw std::runtime_error("device: " + std::to_string(pid) + " does not stop");
 }
 
 pid_t Device::start_daemon(const DaemonOptions &options) {
