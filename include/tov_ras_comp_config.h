@@ -21,8 +21,9 @@
 #define TOV_EXIT_REASON_FILE "/qxos/vsd/0/tov/exit_reason"
 #define TOV_HA_MIRROR_FILE "/tmp/vsd/0/tov/cfg.txt" /* the switch as it is in force */
 #define TOV_NOTIFY_COUNT_FILE "/data/.tov_notify_count"
-#define TOV_ROOT_RUN_DIR "/run/tov" /* root's alone, unlike TOV_RUN_DIR */
-#define TOV_WATCHED_NAME "watched"  /* in it: the watched threads, for the next daemon */
+#define TOV_ROOT_RUN_DIR "/run/tov"      /* root's alone, unlike TOV_RUN_DIR */
+#define TOV_WATCHED_NAME "watched"       /* in it: the watched threads, for the next daemon */
+#define TOV_SUPERVISED_NAME "supervised" /* and the supervised processes */
 #define TOV_SEM_KEY_FILE "/tmp/.tov_semphore_path"
 
 /* ---- switches and settings that operators make ---------------------------------------------- */

@@ -175,7 +175,7 @@ typedef struct tov_pid_s {
   uint64_t owner_started;           /* in `tov_alive_chains` the start of `ppid`; 0: not known */
   int seen;                         /* 1: its process was once seen as what is registered */
   int ended;                        /* 1: the end of its process was accepted */
-  int row;       /* thread watch: its row for the next daemon, core/registry/watched.h; 0: none */
+  int row;       /* what the next daemon finds of it, core/registry/row_file.h; 0: nothing */
   int inherited; /* thread watch: 1: taken over from the last daemon, not heard of since */
 } tov_pid_t;
 

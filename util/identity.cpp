@@ -1,4 +1,4 @@
-// Tested by: tests/unit/util/identity_test.cpp, tests/unit/util/process_state_test.cpp,
+// Tested by: tests/unit/util/identity_test.cpp, tests/unit/util/life_test.cpp,
 // tests/module/util/identity_test.cpp
 #include "util/identity.h"
 
@@ -40,7 +40,9 @@ static tov_life_e life_of(pid_t task, const tov_identity_t &identity, tov_life_e
     return TOV_LIFE_REUSED;
   if (!tov_stat_is_end(stat.state)) return TOV_LIFE_LIVES;
   // The kernel counts a zombie itself until it is released.
-  return stat.threads == 1 ? TOV_LIFE_ENDED : as_zombie;
+  if (stat.threads == 1) return TOV_LIFE_ENDED;
+  const bool is_open = stat.threads < 0 && as_zombie == TOV_LIFE_THREADS;
+  return is_open ? TOV_LIFE_UNKNOWN : as_zombie;
 }
 
 tov_life_e tov_identity_life(pid_t pid, const tov_identity_t &identity) {
@@ -82,26 +84,4 @@ bool tov_identity_executed(const tov_identity_t &then, const tov_identity_t &now
   const bool moved = then.stack != 0 && now.stack != 0 && then.stack != now.stack;
   const bool both_known = then.exe_ino != 0 && now.exe_ino != 0;
   return moved || (both_known && (then.exe_ino != now.exe_ino || then.exe_dev != now.exe_dev));
-}
-
-// ---- of whoever has the id ------------------------------------------------------------------
-
-tov_process_state_e tov_process_state(pid_t pid) {
-  switch (tov_identity_life(pid, {})) {
-    case TOV_LIFE_LIVES:
-      return TOV_PROCESS_LIVES;
-    case TOV_LIFE_ENDED:
-    case TOV_LIFE_REUSED:
-      return TOV_PROCESS_DEAD;
-    case TOV_LIFE_THREADS:
-    case TOV_LIFE_UNKNOWN:
-      break;
-  }
-  return TOV_PROCESS_UNCERTAIN;
-}
-
-bool tov_process_lives(pid_t pid) {
-  const tov_life_e life = tov_identity_life(pid, {});
-  const bool uncertain = life == TOV_LIFE_THREADS || life == TOV_LIFE_UNKNOWN;
-  return uncertain ? process_life(pid) == 0 : life == TOV_LIFE_LIVES;
 }

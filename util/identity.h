@@ -16,6 +16,7 @@
 #ifndef TOV_UTIL_IDENTITY_H
 #define TOV_UTIL_IDENTITY_H
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include "include/tov_registry.h"
@@ -46,6 +47,11 @@ tov_life_e tov_identity_life(pid_t pid, const tov_identity_t &identity);
 // of its process.
 tov_life_e tov_identity_thread_life(pid_t tid, const tov_identity_t &identity);
 
+// Whether it is the start of a process that was read, in tov_identity_t.
+constexpr bool tov_identity_is_start(uint64_t started) {
+  return started != 0 && started != TOV_NEVER_STARTED;
+}
+
 // Whether two processes are the same one for certain, and whether they are two for certain.
 bool tov_identity_equals(pid_t one, const tov_identity_t &one_is, pid_t other,
                          const tov_identity_t &other_is);
@@ -55,22 +61,5 @@ bool tov_identity_differs(pid_t one, const tov_identity_t &one_is, pid_t other,
 // Whether an execution lies between two readings of one process: it has another executable, or its
 // stack begins elsewhere. What is not known in one of them proves nothing.
 bool tov_identity_executed(const tov_identity_t &then, const tov_identity_t &now);
-
-// ---- of whoever has the id ------------------------------------------------------------------
-
-enum tov_process_state_e {
-  TOV_PROCESS_LIVES,
-  TOV_PROCESS_DEAD,       // for certain; so is what an id below 1 names
-  TOV_PROCESS_UNCERTAIN,  // it could not be found out, or other threads of an ended one still run
-};
-
-// Tells at once whether a process, or a single thread, lives. Certainly dead is who has no entry in
-// /proc, and who is a zombie or dead without another thread. Every failure but the missing entry
-// (no descriptor, no memory, a text that cannot be understood) leaves the question open.
-tov_process_state_e tov_process_state(pid_t pid);
-
-// The same answer, without the pauses for who is certainly dead: what is uncertain is asked of
-// process_life().
-bool tov_process_lives(pid_t pid);
 
 #endif  // TOV_UTIL_IDENTITY_H

@@ -9,6 +9,9 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include <string>
+#include <vector>
+
 #include "util/lines.h"
 #include "util/owner.h"
 #include "util/tov_sys.h"
@@ -36,9 +39,13 @@ static const char *matching_line(tov_lines_s &lines, const char *name) {
   return line;
 }
 
+// O_NONBLOCK: a FIFO in the place of the list must not hold the event handler for ever.
+static int open_list(const char *list_path) {
+  return tov_sys_open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
+
 int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int size) {
-  // O_NONBLOCK: a FIFO in the place of the list must not hold the event handler for ever.
-  const tov_fd_t fd(tov_sys_open(list_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const tov_fd_t fd(open_list(list_path));
   if (fd.n < 0 || size <= 0) return 0;
   memset(out, 0, static_cast<size_t>(size));
   if (name[0] == '\0') return 0;  // would be part of every line
@@ -56,4 +63,18 @@ int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size) {
   exe[EXE_PATH_SIZE] = '\0';
   if (pid_to_proc(pid, exe, EXE_PATH_SIZE) == 0) return 0;
   return tov_proc_in_tovdb(list_path, exe, out, size);
+}
+
+std::vector<std::string> tov_commands_in_tovdb(const char *list_path) {
+  std::vector<std::string> commands;
+  const tov_fd_t fd(open_list(list_path));
+  if (fd.n < 0) return commands;
+  tov_lines_s lines(fd.n, LIST_LINE_MAX);
+  while (const char *line = lines.next()) {
+    const char *end = strrchr(line, ' ');
+    while (end != nullptr && end > line && end[-1] == ' ')
+      end--;
+    if (end != nullptr && end > line) commands.emplace_back(line, end);
+  }
+  return commands;
 }

@@ -4,11 +4,14 @@
 // word, what to do for that program. It is looked up for every program that starts on the machine
 // and read anew each time: operators edit it under the running daemon.
 //
-// Any thread; no lock, no state, no memory of its own.
+// Any thread; no lock, no state. Nothing but the last function allocates.
 #ifndef TOV_UTIL_LIST_FILE_H
 #define TOV_UTIL_LIST_FILE_H
 
 #include <sys/types.h>
+
+#include <string>
+#include <vector>
 
 // Reads the link /proc/<pid>/exe into `buf` of `size` bytes, zeroed first; no terminator is added
 // beyond the zeroing. Returns 1, or 0 when the link cannot be read (kernel threads, zombies,
@@ -25,5 +28,9 @@ int tov_proc_in_tovdb(const char *list_path, const char *name, char *out, int si
 
 // The same for the executable of a process: 0, with `out` untouched, also when it cannot be read.
 int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size);
+
+// What the lines of a list file name: each without its last word. Allocates. Empty when there is
+// none.
+std::vector<std::string> tov_commands_in_tovdb(const char *list_path);
 
 #endif  // TOV_UTIL_LIST_FILE_H

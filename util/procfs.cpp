@@ -187,7 +187,7 @@ static uint64_t stat_field(const char *state, int number, uint64_t otherwise = 0
 }
 
 int tov_read_stat(pid_t task, tov_stat_t *stat) {
-  enum { SESSION = 6, THREADS = 20, START_TIME = 22, START_STACK = 28 };
+  enum { PARENT = 4, SESSION = 6, THREADS = 20, START_TIME = 22, START_STACK = 28 };
   static constexpr uint64_t NO_COUNT = UINT64_MAX;  // -1 as an int
   if (task < 1) return -ENOENT;
   char path[STATUS_PATH_SIZE];
@@ -197,6 +197,7 @@ int tov_read_stat(pid_t task, tov_stat_t *stat) {
   const char *state = state_in(text);
   if (state == nullptr) return -EIO;
   stat->state = *state;
+  stat->parent = static_cast<pid_t>(stat_field(state, PARENT));
   stat->session = static_cast<pid_t>(stat_field(state, SESSION));
   stat->threads = static_cast<int>(stat_field(state, THREADS, NO_COUNT));
   stat->started = stat_field(state, START_TIME);

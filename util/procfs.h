@@ -68,6 +68,7 @@ bool tov_is_ignorance(int error);
 // What /proc/TASK/stat says. A field that is not there, or hidden, is 0, the threads are -1 then.
 struct tov_stat_s {
   char state = '\0';
+  pid_t parent = 0;      // 0: it has none, or it is another namespace's
   pid_t session = 0;     // id of its session; its own id: it leads it
   int threads = 0;       // of its process that were not released, itself included
   uint64_t started = 0;  // in clock ticks (10 ms) since boot

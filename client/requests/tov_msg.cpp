@@ -42,6 +42,7 @@
 enum { FILE_NAME_SIZE = 256 };
 
 static constexpr int64_t LONGEST_REQUEST_US = 360'000'000;  // of a client that keeps on asking
+static constexpr int64_t US_PER_S = 1'000'000;
 
 // Copies a text field that may lack its terminator; `to` is zeroed and as long as the field.
 template <size_t SIZE>
@@ -100,14 +101,24 @@ static void stand_for(const tov_chains_guard_t &held, tov_pid_t *record, const c
   const tov_life_e life = tov_record_life(*record);
   if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
   if (tov_life_is_over(life))
-    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(*record));
+    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(record->identity));
 }
 
-// A record of a process that had the id before is another's.
-static bool is_registered(const tov_chains_guard_t &held, pid_t pid,
-                          const tov_identity_t &identity) {
-  const tov_pid_t *record = tov_record_newest_of(held, pid);
-  return record != nullptr && !tov_identity_differs(record->pid, record->identity, pid, identity);
+// The record of a process, or null. One of a process that had the id before is another's.
+static tov_pid_t *record_of(const tov_chains_guard_t &held, pid_t pid,
+                            const tov_identity_t &identity) {
+  tov_pid_t *record = tov_record_newest_of(held, pid);
+  const bool is_its_own =
+      record != nullptr && !tov_identity_differs(record->pid, record->identity, pid, identity);
+  return is_its_own ? record : nullptr;
+}
+
+// What the daemon has started registers when it has become what it is to be: that is known from now
+// on, without waiting for a sweep.
+static void see(const tov_chains_guard_t &held, tov_pid_t *record, const char *process,
+                const tov_identity_t &identity) {
+  if (record->seen == 0 && strcmp(record->process, process) == 0)
+    tov_record_identify(held, record, identity, true);
 }
 
 // Returns false when the process is registered already.
@@ -118,7 +129,10 @@ static bool insert_process(const tov_msg_xtach_t *payload, int action, const cha
     stand_for(hold, found, process, identity);
     return false;
   }
-  if (is_registered(hold, payload->pid, identity)) return false;
+  if (tov_pid_t *known = record_of(hold, payload->pid, identity)) {
+    see(hold, known, process, identity);
+    return false;
+  }
   tov_pid_t *record = tov_chain_new_record();
   fill(record, payload, action, script, process);
   tov_chain_insert(&tov_chains, record);
@@ -172,7 +186,12 @@ static bool read_left(const tov_msg_xtach_t *payload, int action, left_s *left) 
   tov_get_db_file_name(record->vsd_id, record->pid, record->process, path, sizeof path);
   const int64_t written_us = tov_file_time_us(path, STATX_MTIME);
   if (written_us == INT64_MAX) return false;
-  left->written_us = written_us + tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
+  // A time before the boot or after the present is no time, since the clock on the wall was set
+  // meanwhile: then the request is taken to be nearly as old as one can be.
+  const int64_t now_us = tov_kernel_clock_us(CLOCK_BOOTTIME);
+  const bool is_plausible = written_us > 0 && written_us <= now_us;
+  left->written_us = (is_plausible ? written_us : now_us - LONGEST_REQUEST_US + US_PER_S) +
+                     tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
   // Not opened where it is the daemon's own, which would unlock it.
   if (tov_db_is_own(record->vsd_id, record->pid, record->process)) return true;
   tov_pid_t told{};

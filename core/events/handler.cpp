@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "core/events/listed.h"
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
 #include "core/policy/look.h"
@@ -208,7 +209,7 @@ static void handle_event(pace_s *pace) {
 
 namespace {
 
-// The look, and how far the ring has to be read before it begins.
+// The look, how far the ring has to be read before it begins, and the walk behind it.
 class looking_s {
  public:
   int64_t go_on() {
@@ -217,11 +218,16 @@ class looking_s {
       mark_ = __atomic_load_n(&tov_cnmsg_fifo.in, __ATOMIC_ACQUIRE);
     }
     const uint32_t read = __atomic_load_n(&tov_cnmsg_fifo.out, __ATOMIC_RELAXED);
-    return look_.go_on(static_cast<int32_t>(read - mark_) >= 0);
+    const int64_t look_us = look_.go_on(static_cast<int32_t>(read - mark_) >= 0);
+    if (look_.has_ended()) walk_.begin();
+    const tov_listed_walk_t::step_s step = walk_.go_on();
+    if (step.found > 0) tov_cn_msg_exec(step.found, 0);
+    return step.goes_on ? 0 : look_us;
   }
 
  private:
   tov_look_t look_;
+  tov_listed_walk_t walk_;
   uint32_t mark_ = 0;
 };
 

@@ -20,6 +20,7 @@
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
 #include "util/clock.h"
+#include "util/identity.h"
 #include "util/kernel_time.h"
 #include "util/procfs.h"
 #include "vsd/entry.h"
@@ -47,14 +48,15 @@ static std::vector<entry_s> entries TOV_GUARDED_BY(tov_chains);
 
 // ---- who waits ------------------------------------------------------------------------------
 
-int64_t tov_late_born_us(const tov_pid_t &record) {
-  const uint64_t started = record.identity.started;
-  if (started == 0 || started == TOV_NEVER_STARTED) return 0;
+int64_t tov_late_born_us(const tov_identity_t &identity) {
+  const uint64_t started = identity.started;
+  if (!tov_identity_is_start(started)) return 0;
   return tov_ticks_us(started) - TICK_US + tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
 }
 
 int tov_late_code(const tov_pid_t &record, int otherwise) {
-  const std::optional<uint32_t> noted = tov_ends_code(record.pid, tov_late_born_us(record));
+  const std::optional<uint32_t> noted =
+      tov_ends_code(record.pid, tov_late_born_us(record.identity));
   return noted ? static_cast<int>(*noted) : otherwise;
 }
 

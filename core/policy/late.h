@@ -33,8 +33,8 @@ enum tov_late_e {
 void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_late_e kind,
                   int64_t not_before_us);
 
-// When the process of the record started, microseconds of CLOCK_MONOTONIC, not later; 0: unknown.
-int64_t tov_late_born_us(const tov_pid_t &record);
+// When a process started, microseconds of CLOCK_MONOTONIC, not later; 0: unknown.
+int64_t tov_late_born_us(const tov_identity_t &identity);
 
 // The wait status of a record's process, as far as it was heard; otherwise `otherwise`.
 int tov_late_code(const tov_pid_t &record, int otherwise);

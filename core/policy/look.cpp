@@ -50,7 +50,7 @@ static void ask_in(unsigned int bucket, std::vector<asked_s> *asked) {
     if (tov_record_has_process(record)) {
       asked->push_back({record.pid, record.serial, record.identity});
     } else if (record.start.forked > 0 && record.start.child_ended == 0) {
-      asked->push_back({record.start.forked, 0, {}});
+      asked->push_back({record.start.forked, 0, {record.start.forked_started, 0, 0, 0}});
     }
   }
 }
@@ -62,7 +62,7 @@ static void enter(const asked_s &dead, tov_life_e life) {
                        record->identity.started == dead.identity.started;
   if (!is_same) return;
   if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
-  tov_late_add(held, *record, TOV_LATE_LOST, tov_late_born_us(*record));
+  tov_late_add(held, *record, TOV_LATE_LOST, tov_late_born_us(record->identity));
 }
 
 static void look_at(const asked_s &asked) {
@@ -70,7 +70,8 @@ static void look_at(const asked_s &asked) {
   if (asked.serial != 0 && life == TOV_LIFE_THREADS) return enter(asked, life);
   if (!tov_life_is_over(life)) return;
   if (asked.serial != 0) return enter(asked, life);
-  (void)tov_revive_keeps({TOV_EVENT_EXIT, asked.pid, tov_ends_code(asked.pid, 0).value_or(0)});
+  const auto code = tov_ends_code(asked.pid, tov_late_born_us(asked.identity));
+  (void)tov_revive_keeps({TOV_EVENT_EXIT, asked.pid, code.value_or(0)});
 }
 
 void tov_look_s::look_at_some() {
@@ -118,5 +119,6 @@ int64_t tov_look_s::go_on(bool heard_all) {
   }
   look_at_some();
   if (bucket_ < TOV_PID_BUCKETS) return 0;
+  has_ended_ = true;
   return asked_.reasons == 0 ? NEVER_US : begun_us_ + PAUSE_US;
 }

@@ -13,6 +13,8 @@
 
 #include <stdint.h>
 
+#include <utility>
+
 #include "core/run/loss.h"
 #include "include/tov_registry.h"
 
@@ -29,6 +31,9 @@ class tov_look_s {
   // Takes the lock of `tov_chains` for a moment; call it without.
   int64_t go_on(bool heard_all);
 
+  // Whether a look has come to its end since this was asked the last time.
+  bool has_ended() { return std::exchange(has_ended_, false); }
+
  private:
   void begin();
   void look_at_some();
@@ -37,6 +42,7 @@ class tov_look_s {
   int64_t asked_us_ = 0;
   int64_t begun_us_ = INT64_MIN / 2;       // the last one
   unsigned int bucket_ = TOV_PID_BUCKETS;  // the next, while it looks
+  bool has_ended_ = false;
 };
 using tov_look_t = tov_look_s;
 

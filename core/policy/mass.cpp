@@ -12,6 +12,7 @@
 #include "core/run/settings.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
+#include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 #include "util/clock.h"
@@ -42,10 +43,23 @@ static limits_s read_limits() {
   return read;
 }
 
-// Stamps the newest record of `pid`; false when there is none.
+// The newest record of the process that has exited. A newer one may be of another process, which
+// has the id by now.
+static tov_pid_t *newest_of_exit(const tov_chains_guard_t &held, int pid, tov_chains_t *chains)
+    TOV_REQUIRES(*chains) {
+  const tov_pid_t *exited = chains == &tov_chains ? tov_record_of_exit(held, pid) : nullptr;
+  if (exited == nullptr) return __tov_find_pid(chains, pid);
+  for (tov_pid_t &record : tov_chain_bucket(chains, pidhash(pid))) {
+    if (&record == exited || (record.pid == pid && tov_record_shares_process(record, *exited)))
+      return &record;
+  }
+  return nullptr;
+}
+
+// Stamps it; false when there is none.
 static bool remember(int pid, bool dumped, time_t now, tov_chains_t *chains) {
   const tov_chains_guard_t held(*chains);
-  tov_pid_t *record = __tov_find_pid(chains, pid);
+  tov_pid_t *record = newest_of_exit(held, pid, chains);
   if (record == nullptr) return false;
   if (dumped) tov_record_dumped_core(held, record, now);
   return true;

@@ -21,6 +21,7 @@
 #include "client/tov_pidfile.h"
 #include "core/policy/defer.h"
 #include "core/policy/exit.h"
+#include "core/policy/recognise.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
 #include "core/registry/query.h"
@@ -57,6 +58,13 @@ struct dead_s {
   int64_t written_us;  // CLOCK_BOOTTIME when its file was written
   pid_t child = 0;     // for which the last daemon searched; 0: it did not
   bool child_ended = false;
+};
+
+// What is known while the files are read.
+struct rebuild_s {
+  tov_chains_t *chains;
+  tov_recognition_t recognition;
+  std::vector<dead_s> dead;
 };
 
 }  // namespace
@@ -97,33 +105,9 @@ static bool counts(const char *path, const char *entry, const tov_pid_t &record)
   return !is_of_task(held, record.pid, record);
 }
 
-// Whether the process is certainly younger than the file in which it is to be registered: then the
-// id was given out again. A time before the boot or after the present is no time: the wall clock
-// was set meanwhile.
-static bool is_younger(const tov_identity_t &identity, int64_t written_us) {
-  const bool is_plausible = written_us > 0 && written_us <= tov_kernel_clock_us(CLOCK_BOOTTIME);
-  return is_plausible && tov_ticks_us(identity.started) - TICK_US > written_us;
-}
-
-// Whether the process executes something else than the record says, for certain.
-static bool differs(const tov_pid_t &record, const tov_identity_t &identity) {
-  tov_reading_t reading;
-  tov_read_process(record.pid, identity, &reading);
-  return reading.life == TOV_LIFE_LIVES && !tov_reading_fits(record, reading);
-}
-
-// Gives a record that was read the process that has its id, if it may be the one that was
-// registered; nobody, if not. The text is the weakest sign: a title may be rewritten, an executable
-// replaced, and the file holds the beginning alone. So it is asked last; reading it may take long.
-static tov_identity_t find_process(const tov_pid_t &record, const char *path, int64_t written_us) {
-  static constexpr tov_identity_t nobody = {TOV_NEVER_STARTED, 0, 0, 0};
-  tov_identity_t identity{};
-  const int result = tov_identity_take(record.pid, &identity);
-  if (result < 0) return identity;  // nobody, or it cannot be known
-  if (tov_life_is_over(tov_identity_life(record.pid, identity))) return nobody;
-  const bool is_stranger =
-      is_younger(identity, written_us) && tov_lock_holder(path) == 0 && differs(record, identity);
-  return is_stranger ? nobody : identity;
+static bool is_there(const char *path) {
+  struct stat status {};
+  return tov_sys_lstat(path, &status) == 0;
 }
 
 static std::vector<std::string> names_in(const char *dir) {
@@ -137,33 +121,21 @@ static bool drops_new(const tov_vsd_path_t &dir, const std::string &name) {
   return true;
 }
 
-// Whether the process is what the record says. Of one that sleeps in the kernel it is not asked:
-// who waits for a page that does not come keeps the reader of its command line waiting, and the
-// start.
-static bool is_as_registered(const tov_pid_t &record, const tov_identity_t &identity) {
-  tov_stat_t stat;
-  if (tov_read_stat(record.pid, &stat) < 0 || stat.state == 'D') return false;
-  tov_reading_t reading;
-  tov_read_process(record.pid, identity, &reading);
-  return tov_compare_process(record, reading) == TOV_FOUND_AS_REGISTERED;
-}
-
 // Puts a record that was read into the registry.
-static void enter(tov_chains_t *chains, tov_pid_t *record, const char *path, int64_t written,
-                  std::vector<dead_s> *dead) {
-  const tov_identity_t identity = find_process(*record, path, written);
-  const bool seen = is_as_registered(*record, identity);
-  const tov_chains_guard_t held(*chains);
-  tov_chain_insert(chains, record);
-  tov_record_identify(held, record, identity, seen);
-  if (identity.started == TOV_NEVER_STARTED) {
-    dead->push_back({record, written});
+static void enter(const tov_recognised_t &process, tov_pid_t *record, int64_t written_us,
+                  rebuild_s *rebuild) {
+  const tov_chains_guard_t held(*rebuild->chains);
+  tov_chain_insert(rebuild->chains, record);
+  tov_record_take_row(held, record, process.row);
+  tov_record_identify(held, record, process.identity, process.seen);
+  if (process.is_dead) {
+    rebuild->dead.push_back({record, written_us});
   } else if (tov_record_life(*record) == TOV_LIFE_THREADS) {
     tov_exit_await(held, record);
   }
 }
 
-static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s> *dead) {
+static void rebuild_device(int vsd_id, rebuild_s *rebuild) {
   const tov_vsd_path_t dir = tov_vsd_path(TOV_VSD_DB_DIR_FMT, vsd_id);
   std::vector<std::string> names = names_in(dir.text);
   std::erase_if(names, [&](const std::string &name) {
@@ -175,7 +147,7 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
   for (const std::string &name : names) {
     char path[PATH_SIZE];
     (void)snprintf(path, sizeof path, "%s/%s", dir.text, name.c_str());
-    const int64_t written = tov_file_time_us(path, STATX_MTIME);
+    const int64_t written_us = tov_file_time_us(path, STATX_MTIME);
     tov_pid_t *record = read_record(vsd_id, path, name.c_str());
     if (record == nullptr) {
       if (name.starts_with(TOV_DB_KEPT_PREFIX)) (void)tov_sys_unlink(path);
@@ -185,7 +157,10 @@ static void rebuild_device(tov_chains_t *chains, int vsd_id, std::vector<dead_s>
       free(record);
       continue;
     }
-    enter(chains, record, path, written, dead);
+    // What was settled has its registration's name by now.
+    if (!is_there(path))
+      tov_get_db_file_name(vsd_id, record->pid, record->process, path, sizeof path);
+    enter(rebuild->recognition.ask(*record, path, written_us), record, written_us, rebuild);
   }
 }
 
@@ -303,11 +278,13 @@ static void answer(const tov_chains_guard_t &held, const dead_s &dead, pid_t suc
 }
 
 int tov_rebuild_chains(tov_chains_t *chains) {
-  std::vector<dead_s> dead;
+  rebuild_s rebuild{.chains = chains, .recognition = {}, .dead = {}};
+  std::vector<dead_s> &dead = rebuild.dead;
   for (int vsd_id = DEVICE_FIRST; vsd_id <= DEVICE_LAST; vsd_id++) {
-    rebuild_device(chains, vsd_id, &dead);
+    rebuild_device(vsd_id, &rebuild);
     read_children(vsd_id, &dead);
   }
+  rebuild.recognition.end();
   const std::vector<pid_t> successors = find_successors(dead);
   for (size_t i = 0; i < dead.size(); i++) {
     const tov_chains_guard_t held(*chains);

@@ -358,6 +358,9 @@ bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
   if (record == nullptr) return false;
   tov_start_t *start = tov_record_start(held, record);
   if (start->child_ended != 0) return false;  // a stranger that was given the child's id
+  const bool is_child =
+      tov_identity_life(start->forked, {start->forked_started, 0, 0, 0}) != TOV_LIFE_REUSED;
+  if (event.what == TOV_EVENT_EXEC && !is_child) return false;  // the child's end was lost
   if (event.what == TOV_EVENT_EXEC) {
     start->child_executed = 1;
   } else {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/policy/exit.h"
+#include "core/policy/late.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -113,7 +114,10 @@ static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
     (void)tov_log_with_type(TOV_LOG_RESTART,
                             "%s: tov_pid(%s, %d, %d) exit code lost, restart it.\n", function,
                             lost->process, lost->vsd_id, lost->pid);
-    const tov_registration_t later = tov_decide_lost_exit(held, lost, 0);
+    // Its event may have been heard and not be handled yet: then a stop is a stop. One whose end
+    // was accepted before, and whose restart came to nothing, is brought back whatever that was.
+    const int exit_code = lost->ended != 0 ? 0 : tov_late_code(*lost, 0);
+    const tov_registration_t later = tov_decide_lost_exit(held, lost, exit_code);
     if (later.pid != 0) found.push_back(later);
   }
   return found;

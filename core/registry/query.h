@@ -23,7 +23,7 @@ bool tov_is_reg_alive_inlock(pid_t pid) TOV_REQUIRES(tov_alive_chains);
 tov_life_e tov_record_life(const tov_pid_t &record);
 
 // 0 while the registered process is alive and still what was registered: same command line, same
-// device; -1 otherwise. Reads /proc; only an uncertain end costs a pause, about 30 ms.
+// device; -1 otherwise. Reads /proc; an end costs three looks, about 30 ms.
 int tov_check_process_alive(tov_pid_t *record);
 
 // ---- what is registered, and what is found --------------------------------------------------

@@ -17,6 +17,7 @@
 
 #include "client/tov_pidfile.h"
 #include "core/registry/links.h"
+#include "core/registry/supervised.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"
 #include "core/run/lowmem.h"
@@ -105,11 +106,27 @@ void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exi
   record->ended = 1;
 }
 
+// What the next daemon is told of the process. Of a watched thread it is told when the thread's
+// terms are known.
+static void tell_next(const tov_chains_guard_t &held, tov_pid_t *record) {
+  if (held.registry() != &tov_chains) return;
+  held.shows(tov_chains);
+  tov_supervised_write(record);
+}
+
 void tov_record_identify(const tov_chains_guard_t &held, tov_pid_t *record,
                          const tov_identity_t &identity, bool seen) {
   (void)registry_of(held);
+  const bool is_news = memcmp(&record->identity, &identity, sizeof identity) != 0 ||
+                       (record->seen != 0) != seen || record->row == 0;
   record->identity = identity;
   record->seen = seen ? 1 : 0;
+  if (is_news) tell_next(held, record);
+}
+
+void tov_record_take_row(const tov_chains_guard_t &held, tov_pid_t *record, int row) {
+  (void)registry_of(held);
+  record->row = row;
 }
 
 void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now) {
@@ -347,6 +364,7 @@ static void give_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   record->identity = {identity.started, 0, 0, 0};
   record->seen = 0;
   record->ended = 0;
+  tell_next(held, record);
   tov_reset_lmk(new_pid);
 }
 
@@ -395,9 +413,15 @@ void tov_record_force(const tov_chains_guard_t &held, tov_pid_t *parked) {
   parked->force_restart = 1;
 }
 
+static void remove(const tov_chains_guard_t &held, tov_pid_t *record) {
+  held.shows(tov_chains);
+  tov_supervised_free(record);
+  tov_chain_remove(&tov_chains, record);
+}
+
 void tov_record_forget(const tov_chains_guard_t &held, tov_pid_t *record) {
   remove_file(held, record);
-  tov_chain_remove(registry_of(held), record);
+  remove(held, record);
 }
 
 void tov_record_forget_process(const tov_chains_guard_t &held, tov_pid_t *record) {
@@ -408,7 +432,7 @@ void tov_record_forget_process(const tov_chains_guard_t &held, tov_pid_t *record
   for (tov_pid_t &other : tov_chain_bucket(&tov_chains, pidhash(pid))) {
     if (&other == record || !tov_record_shares_process(other, *record)) continue;
     TOV_DBG("%s del pid %d\n", "__tov_del_pid", pid);
-    tov_chain_remove(&tov_chains, &other);
+    remove(held, &other);
   }
   TOV_DBG("%s del pid %d\n", "__tov_del_pid", pid);
   tov_record_forget(held, record);

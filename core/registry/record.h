@@ -106,6 +106,10 @@ void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, t
 void tov_record_identify(const tov_chains_guard_t &held, tov_pid_t *record,
                          const tov_identity_t &identity, bool seen);
 
+// It goes on with the row that it had with the last daemon, core/registry/supervised.h or
+// watched.h.
+void tov_record_take_row(const tov_chains_guard_t &held, tov_pid_t *record, int row);
+
 // Counts a start, tov_burst_after_start(), and notes that the record went through one.
 void tov_record_count_start(const tov_chains_guard_t &held, tov_pid_t *record, bool counted,
                             time_t now);

@@ -20,11 +20,13 @@
 
 #include "alive/tov_sys_alive.h"
 #include "core/registry/links.h"
+#include "core/registry/supervised.h"
 #include "core/registry/watched.h"
 #include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
+#include "util/identity.h"
 #include "util/tov_utils.h"
 
 tov_chains_t tov_chains;
@@ -111,10 +113,11 @@ void tov_init_chains(tov_chains_t *chains) {
   chains->node_num = 0;
 }
 
-// Frees the row that the next daemon would find. Only watched threads have one. Not analysed: which
-// registry's lock the caller holds is seen by the comparison alone.
+// Frees the row that the next daemon would find. Not analysed: which registry's lock the caller
+// holds is seen by the comparison alone.
 static void free_row(tov_chains_t *chains, tov_pid_t *record) TOV_NO_THREAD_SAFETY {
   if (chains == &tov_alive_chains) tov_watched_free(record);
+  if (chains == &tov_chains) tov_supervised_free(record);
 }
 
 // Removes a record for good: a watched thread also loses its slot in the shared area.
@@ -125,12 +128,13 @@ static void remove_with_slot(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIR
   tov_chain_remove(chains, record);
 }
 
-// An end in order hands the watched threads over: their rows stay. But for those that have
+// An end in order hands everything over: the rows stay. But for those of threads that have
 // withdrawn unheard: with the slot goes the mark that would tell the next daemon so.
 void tov_destroy_chains(tov_chains_t *chains) {
   const tov_chains_guard_t guard(*chains);
   for (tov_pid_t &record : tov_chain_records(chains)) {
-    if (record.row != 0 && tov_sys_is_withdrawn(record.pid)) free_row(chains, &record);
+    const bool is_thread = chains == &tov_alive_chains;
+    if (is_thread && record.row != 0 && tov_sys_is_withdrawn(record.pid)) free_row(chains, &record);
     remove_with_slot(chains, &record);
   }
 }
@@ -214,8 +218,8 @@ void tov_del_threads_of(const tov_pid_t &owner) {
   const tov_chains_guard_t guard(tov_alive_chains);
   const uint64_t started = owner.identity.started;
   for (tov_pid_t &thread : tov_chain_records(&tov_alive_chains)) {
-    const bool is_others =
-        started != 0 && thread.owner_started != 0 && thread.owner_started != started;
+    const bool is_others = tov_identity_is_start(started) && thread.owner_started != 0 &&
+                           thread.owner_started != started;
     if (thread.ppid != owner.pid || is_others) continue;
     TOV_DBG("%s: delete pid (%d) ppid (%d) from chain!\n", "tov_del_node_chain", thread.pid,
             thread.ppid);

@@ -41,7 +41,7 @@ bool tov_watch_is_gone(const tov_watched_row_t &row) {
 
 static void take_over(const tov_chains_guard_t &held, const tov_watched_left_t &left)
     TOV_REQUIRES(tov_alive_chains) {
-  const tov_watched_row_t &row = left.thread;
+  const tov_watched_row_t &row = left.row;
   tov_pid_t *record = tov_chain_new_record();
   record->pid = row.tid;
   record->ppid = row.owner;
@@ -50,7 +50,7 @@ static void take_over(const tov_chains_guard_t &held, const tov_watched_left_t &
   record->m_n_notify_time = row.period_s;
   record->m_n_counter = row.budget;
   record->m_n_cur_counter = row.budget;
-  record->row = left.row;
+  record->row = left.number;
   record->inherited = 1;
   // What it executes now: whatever it has made of its command line, it is the thread of the row.
   if (pid_to_cmdline(row.tid, record->process, sizeof record->process) != nullptr)
@@ -63,11 +63,11 @@ void tov_watch_take_over(void) {
   const tov_fd_t area(tov_sys_open_left_area());
   const tov_chains_guard_t guard(tov_alive_chains);
   for (const tov_watched_left_t &left : tov_watched_open()) {
-    const pid_t tid = left.thread.tid;
+    const pid_t tid = left.row.tid;
     const bool known = __tov_find_pid(&tov_alive_chains, tid) != nullptr;
     const bool withdrawn = area.n >= 0 && tov_sys_was_withdrawn(area.n, tid);
-    if (known || withdrawn || tov_watch_is_gone(left.thread)) {
-      tov_watched_free_row(left.row);
+    if (known || withdrawn || tov_watch_is_gone(left.row)) {
+      tov_watched_free_row(left.number);
     } else {
       take_over(guard, left);
     }

@@ -60,15 +60,15 @@ static bool has_other_command(const tov_pid_t &record) {
 }
 
 // As far as one look tells, without a pause.
-static tov_process_state_e state_of(const tov_pid_t &record) {
-  if (has_other_owner(record) || has_other_command(record)) return TOV_PROCESS_DEAD;
-  return tov_process_state(record.pid);
+static tov_life_e life_of(const tov_pid_t &record) {
+  if (has_other_owner(record) || has_other_command(record)) return TOV_LIFE_ENDED;
+  return tov_identity_life(record.pid, {});
 }
 
 int tov_check_pid_exist(tov_pid_t *record) {
-  const tov_process_state_e state = state_of(*record);
-  if (state == TOV_PROCESS_UNCERTAIN) return process_life(record->pid);
-  return state == TOV_PROCESS_LIVES ? 0 : -1;
+  const tov_life_e life = life_of(*record);
+  if (life == TOV_LIFE_LIVES) return 0;
+  return tov_life_is_over(life) ? -1 : process_life(record->pid);
 }
 
 namespace {

@@ -50,6 +50,14 @@ static DaemonOptions broken(const Device &device, const char *how) {
 
 static constexpr int STORM = 60'000;
 
+// A process that ends at once, as vfork(2) makes it: the fastest way to so many, also where vfork
+// itself is a sanitizer's.
+static pid_t start_passing() {
+  static constexpr size_t SIZE = 16384;
+  alignas(16) static char stack[SIZE];
+  return clone([](void *) { return 0; }, stack + SIZE, CLONE_VM | CLONE_VFORK | SIGCHLD, nullptr);
+}
+
 // Starts and ends `STORM` processes; kills half of the targets at the beginning and the others when
 // three quarters are over: the socket's buffer has no room any more, and they are dead before the
 // end. Runs in a forked child: nothing but system calls.
@@ -60,8 +68,7 @@ static int make_storm(const std::vector<pid_t> &targets) {
     if (i < half && kill(targets[static_cast<size_t>(i)], SIGKILL) < 0) return 1;
     if (late >= 0 && late < half && kill(targets[static_cast<size_t>(half + late)], SIGKILL) < 0)
       return 1;
-    const pid_t child = vfork();  // the fastest way to so many
-    if (child == 0) _exit(0);
+    const pid_t child = start_passing();
     if (child < 0 || waitpid(child, nullptr, 0) != child) return 2;
   }
   return 0;

@@ -126,6 +126,8 @@ TEST_F(ThirdPartLives, OfAProgramThatIsBroughtBack) {
     // The start was an execution like any other: the file is written anew.
     ASSERT_TRUE(wait_until([&] { return device.exists(file(task)); }, LIFE_LIMIT_MS))
         << device.dump();
+    // The marker goes last: one for the next life would be this one's.
+    ASSERT_TRUE(wait_until([&] { return !device.exists("/etc/dev_mon"); }, LIFE_LIMIT_MS));
   }
   expect_nothing_more(lives, 1);
 }

@@ -109,6 +109,20 @@ char process_state(pid_t pid) {
   return name_end == std::string::npos || name_end + 2 >= stat.size() ? '\0' : stat[name_end + 2];
 }
 
+uint64_t start_of(pid_t pid) {
+  static constexpr int FIELDS_BETWEEN = 19;  // the state and what follows it
+  const std::string text = read_small_file(proc_path(pid, "stat"));
+  const size_t name_end = text.rfind(')');
+  if (name_end == std::string::npos) return 0;
+  std::istringstream rest(text.substr(name_end + 1));
+  std::string skipped;
+  for (int i = 0; i < FIELDS_BETWEEN; i++)
+    rest >> skipped;
+  uint64_t started = 0;
+  rest >> started;
+  return started;
+}
+
 bool process_lives(pid_t pid) {
   return pid > 0 && mount_namespace_of(pid).has_value();
 }

@@ -48,6 +48,9 @@ size_t end_processes_in(const NamespaceId &where, const NamespaceId &machine, pi
 // The state letter of /proc/PID/stat, or 0 when there is no such process.
 char process_state(pid_t pid);
 
+// When it started, in clock ticks since boot; 0: nobody has the id.
+uint64_t start_of(pid_t pid);
+
 // True for an existing process that is not a zombie. A process whose first thread ended while
 // others run shows as a zombie in its state letter and still counts as alive.
 bool process_lives(pid_t pid);

@@ -249,17 +249,15 @@ TEST(TovUtilsLife, NameWithParenthesesDoesNotMislead) {
 // ---- a certain answer -------------------------------------------------------------------------
 
 // What the kernel shows of the ended, as it is relied on: a zombie counts itself as a thread.
-TEST(TovProcessState, ZombieAndItsGraveAreCertainlyDead) {
+TEST(TovIdentityLife, ZombieAndItsGraveAreCertainlyDead) {
   tov_test::Zombie zombie;
   const pid_t pid = zombie.pid();
-  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
-  EXPECT_FALSE(tov_process_lives(pid));
+  EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_ENDED);
   zombie.bury();
-  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
-  EXPECT_FALSE(tov_process_lives(pid));
+  EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_ENDED);
 }
 
-TEST(TovProcessState, ZombieOfManyThreadsIsCertainlyDead) {
+TEST(TovIdentityLife, ZombieOfManyThreadsIsCertainlyDead) {
   static constexpr int THREADS = 8;
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
@@ -270,18 +268,18 @@ TEST(TovProcessState, ZombieOfManyThreadsIsCertainlyDead) {
   }
   siginfo_t ended{};
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT), 0);
-  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_DEAD);
+  EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_ENDED);
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
-TEST(TovProcessState, RunningAndSleepingLive) {
+TEST(TovIdentityLife, RunningAndSleepingLive) {
   const Running cat("/bin/cat", {"cat"});
-  EXPECT_EQ(tov_process_state(getpid()), TOV_PROCESS_LIVES);
-  EXPECT_EQ(tov_process_state(cat.pid()), TOV_PROCESS_LIVES);
-  std::thread([] { EXPECT_EQ(tov_process_state(gettid()), TOV_PROCESS_LIVES); }).join();
+  EXPECT_EQ(tov_identity_life(getpid(), {}), TOV_LIFE_LIVES);
+  EXPECT_EQ(tov_identity_life(cat.pid(), {}), TOV_LIFE_LIVES);
+  std::thread([] { EXPECT_EQ(tov_identity_life(gettid(), {}), TOV_LIFE_LIVES); }).join();
 }
 
-TEST(TovProcessState, FirstThreadThatLeftIsUncertainAndDeadAfterThreeLooks) {
+TEST(TovIdentityLife, OthersGoOnWhenTheFirstThreadHasLeft) {
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
@@ -290,18 +288,15 @@ TEST(TovProcessState, FirstThreadThatLeftIsUncertainAndDeadAfterThreeLooks) {
   }
   EXPECT_TRUE(tov_test::wait_until([=] { return tov_test::process_state(pid) == 'Z'; },
                                    tov_test::PATIENT_MS));
-  EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_UNCERTAIN);
-  const int64_t start = tov_test::monotonic_ns();
-  EXPECT_FALSE(tov_process_lives(pid));
-  EXPECT_GE((tov_test::monotonic_ns() - start) / MS, 30);
+  EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_THREADS);
   kill(pid, SIGKILL);
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
-TEST(TovProcessState, WithoutAFreeDescriptorNothingIsCertain) {
+TEST(TovIdentityLife, WithoutAFreeDescriptorNothingIsCertain) {
   const tov_test::Zombie zombie;
   const pid_t gone = tov_test::gone_process();
   const tov_test::NoMoreDescriptors none;
   for (const pid_t pid : {getpid(), zombie.pid(), gone})
-    EXPECT_EQ(tov_process_state(pid), TOV_PROCESS_UNCERTAIN) << pid;
+    EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_UNKNOWN) << pid;
 }

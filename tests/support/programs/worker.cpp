@@ -3,12 +3,15 @@
 //
 // Tests copy or link it under names of their own (NAME: the file name of its executable). It
 // appends to /data/worker.NAME
-//   birth PID NS   as soon as its registration file is written, before it waits for the daemon; NS
-//                  is the time, CLOCK_MONOTONIC
+//   birth PID NS START
+//                  as soon as its registration file is written, before it waits for the daemon; NS
+//                  is the time, CLOCK_MONOTONIC, START its start as in /proc/PID/stat
 //   registered PID when the registration call has come back (nothing is registered: at once)
 //   cancelled PID  when a told cancellation has come back
 //   anew PID       when it was told to register anew and has done so
 //   grown PID      when it has all the memory it was told to take
+//   titled PID     when it has rewritten its command line
+//   leaderless PID when its first thread has ended, and another one goes on
 // and then works until it is killed or told otherwise.
 //
 // Words:
@@ -30,7 +33,9 @@
 // /data/cancel.NAME exists it removes that file and withdraws its registration; when
 // /data/anew.NAME exists it removes that file, withdraws its registration and registers again; when
 // /data/grow.NAME exists it removes that file and takes as many megabytes as it said; when
-// /data/become.NAME exists it removes that file and executes itself with the word "idle".
+// /data/become.NAME exists it removes that file and executes itself with the word "idle"; when
+// /data/title.NAME exists it removes that file and rewrites its command line to "NAME: on"; when
+// /data/leader.NAME exists it removes that file and goes on without its first thread.
 //
 // Linked statically, like the victim and for the same reason.
 #include <errno.h>
@@ -47,10 +52,14 @@
 #include <tov/tov_xtach.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 static constexpr long TICK_MS = 20;
+enum { STATE = 3, START = 22 };                    // fields of /proc/PID/stat
 static constexpr unsigned int WATCH_ARGUMENT = 2;  // even: a period of 120 s, 5 missed
 
 namespace {
@@ -73,8 +82,11 @@ struct Orders {
 }  // namespace
 
 static Orders orders;
+static std::string own_path;
 static std::string words;  // the command line, as the daemon reads it
 static std::string name;
+static char *argv_begin;
+static size_t argv_size;
 
 static void report(const char *what, const std::string &more = {}) {
   const std::string path = "/data/worker." + name;
@@ -118,9 +130,7 @@ static void parse_word(const std::string &word) {
 
 // The same program under the same process id, as another command line.
 [[noreturn]] static void execute(const std::string &word) {
-  char exe[256] = "";
-  (void)!readlink("/proc/self/exe", exe, sizeof exe - 1);
-  execl(exe, exe, word.c_str(), nullptr);
+  execl(own_path.c_str(), own_path.c_str(), word.c_str(), nullptr);
   _exit(EXIT_FAILURE);
 }
 
@@ -175,10 +185,20 @@ static void start_sponsor() {
   _exit(EXIT_SUCCESS);
 }
 
+// A field of /proc/self/stat; no worker's name has a blank.
+static std::string stat_field(int number) {
+  std::ifstream stat("/proc/self/stat");
+  std::string field;
+  for (int i = 0; i < number && stat >> field; i++) {
+  }
+  return field;
+}
+
 static void report_birth() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  report("birth", " " + std::to_string(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec));
+  report("birth", " " + std::to_string(int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec) + " " +
+                      stat_field(START));
 }
 
 // The daemon takes the delay from the first registration and passes a second one over; only the
@@ -231,11 +251,71 @@ static void fail() {
   }
 }
 
-int main(int argc, char **argv) {
+// As servers do that show what they are at.
+static void rewrite_title() {
+  const std::string title = name + ": on";
+  memset(argv_begin, 0, argv_size);
+  memcpy(argv_begin, title.data(), std::min(title.size(), argv_size - 1));
+  report("titled");
+}
+
+static void work();
+
+// Another thread takes over. It is not waited with the first one's end until that is seen: whoever
+// reads the report shall find it.
+static void end_first_thread() {
+  std::thread([] {
+    while (stat_field(STATE) != "Z")
+      sleep_ms(1);
+    report("leaderless");
+    work();
+  }).detach();
+  syscall(SYS_exit, EXIT_SUCCESS);
+}
+
+static bool takes_order(const char *what) {
+  return is_told(what) && unlink(("/data/" + std::string(what) + "." + name).c_str()) == 0;
+}
+
+static void work() {
+  for (;;) {
+    sleep_ms(TICK_MS);
+    if (is_told("loop")) fail();
+    if (is_told("grow")) grow();
+    if (orders.watch) {
+      (void)tov_client_reset_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
+    }
+    if (takes_order("cancel")) {
+      (void)tov_cancel_proc(0);
+      report("cancelled");
+    }
+    if (takes_order("anew")) {
+      (void)tov_cancel_proc(0);
+      ask_for_restarts();
+      report("anew");
+    }
+    if (takes_order("become")) execute("idle");
+    if (takes_order("title")) rewrite_title();
+    if (takes_order("leader")) end_first_thread();
+  }
+}
+
+// An executable that was replaced shows as such.
+static std::string path_of_self() {
+  static constexpr char REPLACED[] = " (deleted)";
   char exe[256] = "";
   (void)!readlink("/proc/self/exe", exe, sizeof exe - 1);
-  name = strrchr(exe, '/') + 1;
-  words = exe;
+  std::string path = exe;
+  if (path.ends_with(REPLACED)) path.resize(path.size() - strlen(REPLACED));
+  return path;
+}
+
+int main(int argc, char **argv) {
+  own_path = path_of_self();
+  name = own_path.substr(own_path.rfind('/') + 1);
+  words = own_path;
+  argv_begin = argv[0];
+  argv_size = static_cast<size_t>(argv[argc - 1] + strlen(argv[argc - 1]) + 1 - argv[0]);
   for (int i = 1; i < argc; i++) {
     parse_word(argv[i]);
     words += std::string(" ") + argv[i];
@@ -246,27 +326,5 @@ int main(int argc, char **argv) {
     pause();
   if (orders.daemonise || name.find("background") != std::string::npos) become_daemon();
   register_self();
-  for (;;) {
-    sleep_ms(TICK_MS);
-    if (is_told("loop")) fail();
-    if (is_told("grow")) grow();
-    if (orders.watch) {
-      (void)tov_client_reset_thread_notify(getpid(), gettid(), WATCH_ARGUMENT, 1);
-    }
-    if (is_told("cancel")) {
-      unlink(("/data/cancel." + name).c_str());
-      (void)tov_cancel_proc(0);
-      report("cancelled");
-    }
-    if (is_told("anew")) {
-      unlink(("/data/anew." + name).c_str());
-      (void)tov_cancel_proc(0);
-      ask_for_restarts();
-      report("anew");
-    }
-    if (is_told("become")) {
-      unlink(("/data/become." + name).c_str());
-      execute("idle");
-    }
-  }
+  work();
 }

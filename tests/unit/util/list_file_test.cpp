@@ -198,3 +198,14 @@ TEST_F(TovPidInTovdb, ProcessWithoutAnExecutableOpensNoList) {
   EXPECT_EQ(look_up_process(4711), "0 untouched");
   EXPECT_EQ(kernel().calls(tov_test::CALL_OPEN), 0);
 }
+
+// ---- what the lines name --------------------------------------------------------------------
+
+TEST_F(TovProcInTovdb, CommandsAreTheLinesWithoutTheirLastWords) {
+  write_list(
+      "/opt/a TOV_RESTART\n/opt/b -d  x   TOV_SHELL_RESTART\nwordless\n\n RESTART\n/opt/c R");
+  EXPECT_EQ(tov_commands_in_tovdb(LIST),
+            (std::vector<std::string>{"/opt/a", "/opt/b -d  x", "/opt/c"}));
+  kernel().remove(LIST);
+  EXPECT_TRUE(tov_commands_in_tovdb(LIST).empty());
+}

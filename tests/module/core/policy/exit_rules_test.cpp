@@ -233,6 +233,7 @@ TEST_F(TovExitThirdPart, ProgramThatIsNotRunningIsStartedAgain) {
 TEST_F(TovExitThirdPart, UnlistedProgramIsStartedThoughAnotherInstanceRuns) {
   const Program program("unlisted");
   const pid_t running = tov_test::start(program.path);
+  program.birth();  // so that the second one is the daemon's
   tov_pid_t *record = add(GONE, program.path);
   tov_handle_netlink_exit(GONE, KILLED, 0);
   EXPECT_EQ(record->pid, program.birth(2).pid);

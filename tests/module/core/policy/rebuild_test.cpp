@@ -41,6 +41,7 @@
 #include "tests/support/files.h"
 #include "tests/support/in_child.h"
 #include "tests/support/processes.h"
+#include "util/kernel_time.h"
 #include "util/procfs.h"
 
 namespace fs = std::filesystem;
@@ -598,14 +599,21 @@ class TovRebuildSuccessor : public TovRebuildChains {
     fs::last_write_time(file, fs::file_time_type::clock::now() + std::chrono::milliseconds(ms));
   }
 
-  // The time of its start, as the kernel shows it, in milliseconds off the present.
-  static int start_ms(pid_t pid) {
+  // Sets the time of a file so many milliseconds off the start of a process, as the kernel shows
+  // that. Of the two clocks each is read at the same time, or once more.
+  static void date_by_start(const std::string &file, pid_t pid, int ms) {
+    static constexpr int64_t AT_ONCE_US = 200;
     tov_stat_t stat;
-    EXPECT_EQ(tov_read_stat(pid, &stat), 0);
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<int>(
-        (tov_ticks_us(stat.started) - now.tv_sec * int64_t{1000000} - now.tv_nsec / 1000) / 1000);
+    ASSERT_EQ(tov_read_stat(pid, &stat), 0);
+    int64_t before_us, after_us;
+    fs::file_time_type now;
+    do {
+      before_us = tov_kernel_clock_us(CLOCK_BOOTTIME);
+      now = fs::file_time_type::clock::now();
+      after_us = tov_kernel_clock_us(CLOCK_BOOTTIME);
+    } while (after_us - before_us > AT_ONCE_US);
+    const std::chrono::microseconds age(before_us - tov_ticks_us(stat.started));
+    fs::last_write_time(file, now - age + std::chrono::milliseconds(ms));
   }
 
   // One dead process, and one that was started in some other way than by the daemon.
@@ -690,7 +698,7 @@ TEST_F(TovRebuildSuccessor, StartedInTheTickOfTheWritingIsAdopted) {
   const Program program("tick");
   const pid_t pid = run(program.path + " -a");
   program.birth();
-  date(leave(GONE, RESPAWN, program.path + " -a"), start_ms(pid) + 5);
+  date_by_start(leave(GONE, RESPAWN, program.path + " -a"), pid, 5);
   rebuild();
   EXPECT_NE(find(pid), nullptr);
   EXPECT_EQ(count(), 1);
@@ -699,7 +707,7 @@ TEST_F(TovRebuildSuccessor, StartedInTheTickOfTheWritingIsAdopted) {
 TEST_F(TovRebuildSuccessor, StartedInATickBeforeTheWritingIsRefused) {
   const Program program("before");
   const pid_t pid = run(program.path + " -a");
-  date(leave(GONE, RESPAWN, program.path + " -a"), start_ms(pid) + 25);
+  date_by_start(leave(GONE, RESPAWN, program.path + " -a"), pid, 25);
   expect_refused(program, pid);
   EXPECT_EQ(find(pid), nullptr);
 }

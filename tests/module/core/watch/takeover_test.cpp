@@ -103,7 +103,7 @@ class TakeOver : public tov_test::World {
     end();
     std::vector<pid_t> tids;
     for (const tov_watched_left_t &left : begin())
-      tids.push_back(left.thread.tid);
+      tids.push_back(left.row.tid);
     return tids;
   }
 };
@@ -197,9 +197,9 @@ TEST_F(TakeOver, WhoCannotBeJudgedIsLeftToTheWatchdog) {
   ASSERT_THAT(left, SizeIs(1));
   {
     const tov_test::NoMoreDescriptors none;
-    EXPECT_FALSE(tov_watch_is_gone(left[0].thread));
+    EXPECT_FALSE(tov_watch_is_gone(left[0].row));
   }
-  EXPECT_FALSE(tov_watch_is_gone(left[0].thread));
+  EXPECT_FALSE(tov_watch_is_gone(left[0].row));
 }
 
 TEST_F(TakeOver, WhoHasWithdrawnUnheardIsNotWatched) {

@@ -74,12 +74,12 @@ TEST_F(WatchedThreads, RegistrationIsWrittenBeforeTheBitIsSet) {
   EXPECT_TRUE(has_bit());
   const auto left = open();
   ASSERT_THAT(left, SizeIs(1));
-  EXPECT_EQ(left[0].thread.tid, thread);
-  EXPECT_EQ(left[0].thread.owner, process);
-  EXPECT_EQ(left[0].thread.started, kernel().process(thread).started);
-  EXPECT_EQ(left[0].thread.owner_started, kernel().process(process).started);
-  EXPECT_EQ(left[0].thread.period_s, 180U);
-  EXPECT_EQ(left[0].thread.budget, 4U);
+  EXPECT_EQ(left[0].row.tid, thread);
+  EXPECT_EQ(left[0].row.owner, process);
+  EXPECT_EQ(left[0].row.started, kernel().process(thread).started);
+  EXPECT_EQ(left[0].row.owner_started, kernel().process(process).started);
+  EXPECT_EQ(left[0].row.period_s, 180U);
+  EXPECT_EQ(left[0].row.budget, 4U);
 }
 
 TEST_F(WatchedThreads, EndOfAWatchIsWrittenBeforeTheBitIsCleared) {
@@ -134,7 +134,7 @@ TEST_F(WatchedThreads, ThreadThatGotTheIdOfAnotherOneIsANewOne) {
   EXPECT_TRUE(has_bit());
   const auto left = open();
   ASSERT_THAT(left, SizeIs(1));
-  EXPECT_EQ(left[0].thread.started, kernel().process(thread).started);
+  EXPECT_EQ(left[0].row.started, kernel().process(thread).started);
 }
 
 TEST_F(WatchedThreads, RemovalById) {
@@ -158,8 +158,8 @@ TEST_F(WatchedThreads, NewTermsAreWrittenAndKnownOnesAreNot) {
   EXPECT_EQ(writes(), before + 2);
   const auto left = open();
   ASSERT_THAT(left, SizeIs(1));
-  EXPECT_EQ(left[0].thread.period_s, 180U);
-  EXPECT_EQ(left[0].thread.budget, 50U);
+  EXPECT_EQ(left[0].row.period_s, 180U);
+  EXPECT_EQ(left[0].row.budget, 50U);
 }
 
 TEST_F(WatchedThreads, EndInOrderHandsOver) {

@@ -34,9 +34,9 @@ class TovRequest : public tov_test::Waiting {
     EXPECT_EQ(request(), 0);
     return find(ID);
   }
-  static int request() {
+  static int request(pid_t pid = ID) {
     tov_msg_xtach_t payload{};
-    payload.pid = ID;
+    payload.pid = pid;
     payload.restart_time = 60;
     return tov_process_restart(&payload);
   }
@@ -70,6 +70,23 @@ TEST_F(TovRegistration, SecondOneOfAProcessMakesNoRecord) {
   EXPECT_EQ(request(), 0);
   EXPECT_EQ(count(), 1);
   EXPECT_THAT(platform().events[TOV_LOG_REG_RESTART], SizeIs(1));
+}
+
+// The shell of a start script executes the program, which registers.
+TEST_F(TovRegistration, SaysThatWhatWasStartedHasBecomeTheProgram) {
+  tov_pid_t *record = registers("/opt/a");
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_renew(held, record, kernel().start({"/bin/sh"}));
+  }
+  const pid_t shell = record->pid;
+  EXPECT_EQ(request(shell), 0);
+  EXPECT_EQ(record->seen, 0) << "that was the shell's, whoever sent it";
+  kernel().exec(shell, {"/opt/a"});
+  EXPECT_EQ(request(shell), 0);
+  EXPECT_EQ(record->seen, 1);
+  EXPECT_EQ(record->identity.stack, kernel().process(shell).stack);
+  EXPECT_EQ(count(), 1);
 }
 
 TEST_F(TovRegistration, WhoHasTheIdOfADeadOneHasARecordOfItsOwn) {

@@ -51,7 +51,7 @@ class TovLate : public tov_test::Waiting {
   }
   static void enter(const tov_pid_t *record, tov_late_e kind = TOV_LATE_LOST) {
     const tov_chains_guard_t held(tov_chains);
-    tov_late_add(held, *record, kind, tov_late_born_us(*record));
+    tov_late_add(held, *record, kind, tov_late_born_us(record->identity));
   }
   static void note(pid_t pid, uint32_t code) {
     (void)tov_ends_note(pid, pid, code, kernel().now_us());

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,6 +16,7 @@
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/ends.h"
 #include "core/run/flags.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
@@ -130,6 +132,35 @@ TEST_F(TovSweep, OneThatEndedUnheardComesBackAtTheSecondSweep) {
   const tov_pid_t *record = registered();
   kernel().end(record->pid);
   expect_brought_back(record);
+}
+
+// As where the event handler is held up, and somebody stops the program meanwhile.
+TEST_F(TovSweep, StopThatWasHeardAndNotHandledYetIsAStop) {
+  tov_pid_t *record = registered();
+  const pid_t pid = record->pid;
+  kernel().pass(US_PER_S);
+  kernel().end(pid);
+  (void)tov_ends_note(pid, pid, SIGTERM, kernel().now_us());
+  sweep(MANY);
+  EXPECT_EQ(forks(), 0U);
+  EXPECT_EQ(count(), 0);
+  EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT],
+              Contains(HasSubstr("killed by signal 15 from others.")));
+  tov_ends_forget();
+}
+
+TEST_F(TovSweep, OneWhoseRestartCameToNothingIsBroughtBackWhateverItsEndWas) {
+  tov_pid_t *record = registered();
+  const pid_t pid = record->pid;
+  kernel().pass(US_PER_S);
+  kernel().end(pid);
+  (void)tov_ends_note(pid, pid, SIGTERM, kernel().now_us());
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_ended(held, record, SIGTERM, 0);
+  }
+  expect_brought_back(record);
+  tov_ends_forget();
 }
 
 TEST_F(TovSweep, OneWhoseIdAnotherHasComesBackAndTheOtherIsLeftAlone) {

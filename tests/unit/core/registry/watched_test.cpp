@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "core/registry/row_file.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "tests/unit/sim/kernel.h"
@@ -30,7 +31,7 @@ namespace {
 constexpr char DIR_PATH[] = "/run/tov";
 constexpr char FILE_PATH[] = "/run/tov/watched";
 constexpr char ASIDE[] = "/run/tov/watched.wrong";
-constexpr size_t HEADER = sizeof(tov_watched_header_s);
+constexpr size_t HEADER = sizeof(tov_row_file_header_s);
 constexpr size_t ROW = sizeof(tov_watched_row_t);
 
 class Watched : public tov_test::Simulated {
@@ -71,7 +72,7 @@ class Watched : public tov_test::Simulated {
   static std::vector<pid_t> tids(const std::vector<tov_watched_left_t> &left) {
     std::vector<pid_t> ids;
     for (const tov_watched_left_t &one : left)
-      ids.push_back(one.thread.tid);
+      ids.push_back(one.row.tid);
     return ids;
   }
   static std::vector<std::string> errors() { return tov_test::platform().events[TOV_LOG_ERROR]; }
@@ -82,8 +83,8 @@ TEST_F(Watched, RowTellsTheNextDaemonWhatWasWatched) {
   watch(1234, 180, 4);
   const auto left = open_next();
   ASSERT_THAT(left, SizeIs(1));
-  const tov_watched_row_t &row = left[0].thread;
-  EXPECT_EQ(left[0].row, 1);
+  const tov_watched_row_t &row = left[0].row;
+  EXPECT_EQ(left[0].number, 1);
   EXPECT_EQ(row.tid, 1234);
   EXPECT_EQ(row.owner, 1234);
   EXPECT_EQ(row.started, 700U);
@@ -141,7 +142,7 @@ TEST_F(Watched, NewTermsStandInTheSameRow) {
   write(record);
   const auto left = open_next();
   ASSERT_THAT(left, SizeIs(1));
-  EXPECT_EQ(left[0].thread.period_s, 180U);
+  EXPECT_EQ(left[0].row.period_s, 180U);
 }
 
 TEST_F(Watched, ThreadWhoseStartIsUnknownHasNoRow) {
@@ -237,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Planted{"TooLong",
                             [] {
                               std::string text = kernel().text_of(FILE_PATH);
-                              text.resize(HEADER + TOV_WATCHED_ROWS * ROW + 1);
+                              text.resize(HEADER + TOV_ROWS * ROW + 1);
                               kernel().write_file(FILE_PATH, text);
                             }}),
     [](const auto &row) { return std::string(row.param.label); });
@@ -340,7 +341,7 @@ TEST_F(Watched, RowThatCannotBeFreedEndsTheHandOver) {
 TEST_F(Watched, ThreadsBeyondTheLastRowAreWatchedByThisDaemonAlone) {
   open();
   tov_pid_t *record = watch(1001);
-  for (int row = 2; row <= TOV_WATCHED_ROWS; row++) {
+  for (int row = 2; row <= TOV_ROWS; row++) {
     record->row = 0;  // as if it were another thread's
     write(record);
     ASSERT_EQ(record->row, row);
@@ -348,7 +349,7 @@ TEST_F(Watched, ThreadsBeyondTheLastRowAreWatchedByThisDaemonAlone) {
   EXPECT_EQ(watch(1002)->row, 0);
   EXPECT_EQ(watch(1003)->row, 0);
   EXPECT_THAT(errors(), ElementsAre(HasSubstr("too many")));
-  EXPECT_THAT(open_next(), SizeIs(TOV_WATCHED_ROWS));
+  EXPECT_THAT(open_next(), SizeIs(TOV_ROWS));
 }
 
 }  // namespace

@@ -1,0 +1,89 @@
+// Whether a program is registered already, under this process or another one, is asked where its
+// execution is handled.
+//
+// Tested by: tests/unit/core/events/listed_test.cpp, tests/device/listed_before_test.cpp
+#include "core/events/listed.h"
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "include/tov_ras_comp_config.h"
+#include "include/tov_registry.h"
+#include "util/list_file.h"
+#include "util/procfs.h"
+#include "util/tov_utils.h"
+#include "vsd/member.h"
+
+enum {
+  PORTION = 16,  // processes
+  PATH_SIZE = 1024,
+};
+
+void tov_listed_walk_s::begin() {
+  listed_ = tov_commands_in_tovdb(TOV_THIRD_PART_LIST);
+  processes_.reset();
+  if (!listed_.empty()) processes_.emplace("/proc");
+  candidates_.clear();
+  chosen_.clear();
+}
+
+// Whether a line begins with the executable's path: most processes are told apart by it.
+bool tov_listed_walk_s::may_be_listed(pid_t pid) const {
+  char path[PATH_SIZE];
+  if (pid_to_proc(pid, path, sizeof path) == 0 || path[sizeof path - 1] != '\0') return false;
+  const auto begins_so = [&](const std::string &command) { return command.starts_with(path); };
+  return std::any_of(listed_.begin(), listed_.end(), begins_so);
+}
+
+void tov_listed_walk_s::read(pid_t pid) {
+  if (!may_be_listed(pid)) return;
+  tov_stat_t stat;
+  if (tov_read_stat(pid, &stat) < 0 || tov_stat_is_end(stat.state) || stat.state == 'D') return;
+  char command[TOV_PROCESS_SIZE];
+  if (pid_to_cmdline(pid, command, sizeof command) == nullptr) return;
+  rtrim(command);
+  if (std::find(listed_.begin(), listed_.end(), command) == listed_.end()) return;
+  candidates_.push_back({pid, stat.parent, stat.started, tov_vsd_or_base(pid), command});
+}
+
+bool tov_listed_walk_s::is_the_program(const candidate_s &candidate) const {
+  const auto is_of_it = [&](const candidate_s &other) {
+    return other.vsd_id == candidate.vsd_id && other.command == candidate.command;
+  };
+  const auto is_worker = [&](const candidate_s &one) {
+    return std::any_of(candidates_.begin(), candidates_.end(), [&](const candidate_s &other) {
+      return is_of_it(other) && other.pid == one.parent;
+    });
+  };
+  const auto comes_before = [&](const candidate_s &other) {
+    return is_of_it(other) && !is_worker(other) &&
+           std::pair(other.started, other.pid) < std::pair(candidate.started, candidate.pid);
+  };
+  return !is_worker(candidate) &&
+         std::none_of(candidates_.begin(), candidates_.end(), comes_before);
+}
+
+void tov_listed_walk_s::choose() {
+  for (const candidate_s &candidate : candidates_)
+    if (is_the_program(candidate)) chosen_.push_back(candidate.pid);
+  std::reverse(chosen_.begin(), chosen_.end());
+}
+
+tov_listed_walk_s::step_s tov_listed_walk_s::go_on() {
+  for (int i = 0; processes_ && i < PORTION; i++) {
+    if (const char *name = processes_->next()) {
+      if (const pid_t pid = tov_atoi(name); pid > 0) read(pid);
+    } else {
+      processes_.reset();
+      choose();
+    }
+  }
+  if (processes_) return {true, 0};
+  if (chosen_.empty()) return {false, 0};
+  const pid_t found = chosen_.back();
+  chosen_.pop_back();
+  return {true, found};
+}
