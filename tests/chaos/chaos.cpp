@@ -20,13 +20,13 @@
 //                    (support/programs/broken_daemon.c)
 //
 // Random deeds (deeds.cpp) are done to programs, files and the daemon; now and then the daemon is
-// killed and started again (upheaval.cpp), or its forks fail for a while. A model (fleet.h) keeps
-// what "should" means, by the rules: signal 15 and a cancelled registration are deliberate, a
-// registration whose file is gone dies with the daemon, a failing program is suspended and comes
-// back. Then everything settles and is judged (judge.cpp). All the while no program may run twice,
-// return before the delay that it asked for or long after it, or return when it was withdrawn
-// meanwhile (returns.cpp). The model counts tasks, not their copies: of copies that end in the same
-// moment the daemon brings one back.
+// killed and started again, once or several times in a row (upheaval.cpp), or its forks fail. A
+// model (fleet.h) keeps what "should" means, by the rules: signal 15 and a cancelled registration
+// are deliberate, a registration whose file is gone dies with the daemon, a failing program is
+// suspended and comes back. Then everything settles and is judged (judge.cpp). At no moment may a
+// program run twice, or return before the delay that it asked for or long after it, or return when
+// it was withdrawn meanwhile (returns.cpp). The model counts tasks, not their copies: of copies
+// that end in the same moment the daemon brings one back.
 //
 // A failure prints what it knows of each wrong program (report.cpp) and writes everything else to
 // chaos.SEED.failure in the working directory.
@@ -132,10 +132,13 @@ static std::string disturb(Run &run) {
   const auto pause = std::chrono::microseconds(1'000'000 / run.options.deeds_per_s);
   while (now_ns() - begin < run.options.seconds * SECOND_NS) {
     carry_on(run);
+    if (std::string wrong = find_second_copies(run); !wrong.empty()) return wrong;
     if (run.blind) daemon_dies = std::min(daemon_dies, now_ns() + BLIND_LIFE_S * SECOND_NS);
     if (now_ns() >= daemon_dies) {
       if (std::string wrong = find_wrong_returns(run); !wrong.empty()) return wrong;
       kill_daemon(run);
+      for (int more = run.chance.between(0, 2); more > 0; more--)
+        cut_daemon_short(run);
       start_daemon(run);
       daemon_dies = now_ns() + run.options.daemon_life_s * SECOND_NS;
     } else {

@@ -26,9 +26,10 @@ static bool remove_path(Run &run, const std::string &path) {
   }
 }
 
+// Of two instances side by side the daemon would know one alone, should it die then.
 bool remove_registration(Run &run) {
   Program &program = run.chance.pick(run.fleet.programs);
-  if (program.pid == 0) return false;
+  if (program.pid == 0 || program.doubled != 0) return false;
   const bool removed = remove_path(run, run.fleet.registration_path(program, program.pid));
   if (removed) run.fleet.note(program, "its file is removed");
   return removed;

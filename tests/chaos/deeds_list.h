@@ -17,6 +17,10 @@ bool withdraw_dead(Run &run);
 bool loop_somebody(Run &run);
 bool pause_somebody(Run &run);
 bool start_somebody(Run &run);
+bool upgrade_somebody(Run &run);
+bool title_somebody(Run &run);
+bool behead_somebody(Run &run);
+bool reuse_id(Run &run);
 bool double_somebody(Run &run);
 // What double_somebody() began, as soon as both instances are registered.
 void end_older_instance(Run &run, Program &program);

@@ -50,8 +50,8 @@ static Program *pick_steady(
 // Only what happens to it now decides when it comes back.
 static bool is_plain(const Program &program) {
   return program.supervised && program.kind->comes_back && program.should_run &&
-         !program.uncertain && !program.tainted && !program.looping && !program.may_double &&
-         program.doubled == 0 && program.wake_ns == 0;
+         !program.uncertain && !program.tainted && !program.looping && program.doubled == 0 &&
+         program.wake_ns == 0;
 }
 
 void end_instance(Run &run, Program &program, pid_t pid, int signal) {
@@ -148,7 +148,11 @@ bool withdraw_dead(Run &run) {
 bool renew_delays(Run &run) {
   bool left = false;
   for (Program &program : run.fleet.programs) {
-    if (!program.kind->delays || program.delayed || program.tainted || !program.supervised)
+    // What registers anew is registered as what it shows, which is nothing without a first thread.
+    const bool shows_itself = program.titled != program.pid && program.upgraded != program.pid &&
+                              program.leaderless != program.pid;
+    if (!program.kind->delays || program.delayed || program.tainted || !program.supervised ||
+        !shows_itself)
       continue;
     left |= program.should_run;
     if (run.fleet.steady(program)) run.fleet.register_anew(program);
@@ -156,22 +160,80 @@ bool renew_delays(Run &run) {
   return left;
 }
 
-// The process lives on under its id and is another program: two sweeps later the program must be
-// there again, and the other one must still live.
-bool replace_somebody(Run &run) {
+// Ends the oldest stranger where there are many.
+static bool has_room_for_stranger(Run &run) {
   static constexpr size_t STRANGERS_MAX = 8;
-  const auto fits = [](const Program &one) {
-    return one.supervised && one.kind->comes_back && one.kind->replaceable && !one.tainted;
-  };
-  Program *program = pick_steady(run, fits);
-  if (program == nullptr || !is_proven(run, *program)) return false;
   while (run.fleet.strangers.size() >= STRANGERS_MAX) {
     const Stranger &oldest = run.fleet.strangers.front();
     if (!run.fleet.lives(oldest)) return false;  // the judge will find that
     run.device.kill(oldest.pid, SIGKILL);
     run.fleet.strangers.erase(run.fleet.strangers.begin());
   }
+  return true;
+}
+
+// Whether the daemon knows what the process is: it has said so itself, or a sweep has found it.
+static bool is_seen(const Run &run, const Program &program) {
+  static constexpr int TWO_SWEEPS_S = 120;
+  return program.kind->by == By::LIBRARY ||
+         now_ns() - program.changed_ns > run.real_ns(TWO_SWEEPS_S);
+}
+
+// The process lives on under its id and is another program: two sweeps later the program must be
+// there again, and the other one must still live.
+bool replace_somebody(Run &run) {
+  const auto fits = [&run](const Program &one) {
+    return one.supervised && one.kind->comes_back && one.kind->replaceable && !one.tainted &&
+           is_seen(run, one);
+  };
+  Program *program = pick_steady(run, fits);
+  if (program == nullptr || !is_proven(run, *program) || !has_room_for_stranger(run)) return false;
   return run.fleet.become_stranger(*program);
+}
+
+// Whoever has the id of a dead program is nobody's business, and the program comes back.
+bool reuse_id(Run &run) {
+  const auto fits = [](const Program &one) {
+    return one.supervised && one.kind->comes_back && one.kind->replaceable && may_be_killed(one);
+  };
+  Program *program = pick_steady(run, fits);
+  if (program == nullptr || !is_proven(run, *program) || !has_room_for_stranger(run)) return false;
+  const pid_t id = program->pid;
+  end_instance(run, *program, id, SIGKILL);
+  const bool given = run.fleet.give_id(*program, id);
+  if (given) run.fleet.note(*program, "its id was given to another");
+  return given;
+}
+
+// A program that the daemon has yet to find by its command line must go on showing it.
+static bool is_found(const Program &program) {
+  return !program.kind->found_late;
+}
+
+bool upgrade_somebody(Run &run) {
+  Program *program = pick_steady(run, is_found);
+  if (program == nullptr) return false;
+  run.fleet.upgrade(*program);
+  program->upgraded = program->pid;
+  run.fleet.note(*program, "was upgraded");
+  return true;
+}
+
+bool title_somebody(Run &run) {
+  Program *program =
+      pick_steady(run, [](const Program &one) { return is_found(one) && one.titled != one.pid; });
+  if (program == nullptr) return false;
+  run.fleet.rewrite_title(*program);
+  return true;
+}
+
+// A watched thread would be missed, and who is paused by signals has to have a first one.
+bool behead_somebody(Run &run) {
+  Program *program = pick_steady(
+      run, [](const Program &one) { return one.kind->replaceable && one.leaderless != one.pid; });
+  if (program == nullptr) return false;
+  run.fleet.end_first_thread(*program);
+  return true;
 }
 
 bool loop_somebody(Run &run) {
@@ -193,13 +255,18 @@ bool pause_somebody(Run &run) {
   return true;
 }
 
+// Not while the daemon has yet to accept its last end: two registrations of one program, one of
+// them of a dead process, are brought back by the next daemon as two.
 bool start_somebody(Run &run) {
   static constexpr int64_t REST_NS = 1'500'000'000;
   const auto processes = run.fleet.processes();
+  const auto is_registered = [&run](const Program &one) {
+    return run.device.exists(run.fleet.registration_path(one, one.pid));
+  };
   Program *program = pick(run, [&](const Program &one) {
     return !one.should_run && !one.supervised && !one.uncertain &&
            now_ns() - one.changed_ns > REST_NS * tov_test::patience() &&
-           Fleet::instances(one, processes).empty();
+           Fleet::instances(one, processes).empty() && !is_registered(one);
   });
   if (program == nullptr) return false;
   run.fleet.start(*program);
@@ -225,6 +292,8 @@ void end_older_instance(Run &run, Program &program) {
   end_instance(run, program, program.doubled, SIGKILL);
   program.condemned = 0;
   program.pid = younger;
+  program.dropped = program.doubled;
+  program.living.erase(program.doubled);
   program.doubled = 0;
 }
 

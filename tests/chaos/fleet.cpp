@@ -5,10 +5,13 @@
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -30,6 +33,11 @@ static constexpr Millis STEADY_AFTER_MS{300};
 static constexpr Millis STEADY_AFTER_START_MS{1'500};
 static constexpr Millis LISTED_WITHIN_MS{3'000};
 static constexpr size_t HISTORY = 40;
+// Two executables of the same content. All programs are links to one of them, so that a hundred
+// cost no memory.
+static constexpr char FIRST_BUILD[] = "/opt/first_build/first_build";
+static constexpr char SECOND_BUILD[] = "/opt/second_build/second_build";
+static constexpr char CHILD[] = ".claim.child.";
 
 int64_t now_ns() {
   return tov_test::monotonic_ns();
@@ -70,17 +78,18 @@ Fleet::Fleet(Device &device, size_t size, int delay_s) : device_(device) {
         programs.push_back(make_program(kind, number++, delay_s));
 }
 
-static void link_program(Device &device, const Program &first, const Program &program) {
+static void link_program(Device &device, const Program &program) {
   device.mkdir("/opt/" + program.name);
-  if (link(device.path(first.path).c_str(), device.path(program.path).c_str()) < 0)
+  if (link(device.path(FIRST_BUILD).c_str(), device.path(program.path).c_str()) < 0)
     throw std::runtime_error("link " + program.path + ": " + strerror(errno));
 }
 
 void Fleet::install() {
-  device_.install_program(programs[0].name, "worker");
+  device_.install_program("first_build", "worker");
+  device_.install_program("second_build", "worker");
   for (const Program &program : programs) {
     const Kind &kind = *program.kind;
-    if (&program != &programs[0]) link_program(device_, programs[0], program);
+    link_program(device_, program);
     if (kind.by_script)
       device_.install_start_script(program.name, "exec " + program.start_command + "\n");
     if (kind.by == By::LIST)
@@ -112,7 +121,7 @@ void Fleet::start(Program &program) {
   note(program, "started as " + std::to_string(child));
 }
 
-void Fleet::take_birth(Program &program, pid_t pid, int64_t born_ns) {
+void Fleet::take_birth(Program &program, pid_t pid, int64_t born_ns, uint64_t started) {
   static constexpr size_t BIRTHS = 8;
   program.births++;
   program.births_ns.push_back(born_ns);
@@ -120,6 +129,7 @@ void Fleet::take_birth(Program &program, pid_t pid, int64_t born_ns) {
   program.born.insert(pid);
   program.registered.erase(pid);
   program.pid = pid;
+  program.living[pid] = started;
   Death &death = program.death;
   if (death.pid != 0 && death.returned_ns == 0 && born_ns > death.killed_ns)
     death.returned_ns = born_ns;
@@ -135,8 +145,9 @@ void Fleet::take_report(Program &program, const std::string &what, const std::st
   program.proven = false;
   if (what == "birth") {
     int64_t born_ns = 0;
-    text >> born_ns;
-    take_birth(program, pid, born_ns);
+    uint64_t started = 0;
+    text >> born_ns >> started;
+    take_birth(program, pid, born_ns, started);
   }
   if (what == "registered") {
     program.registered.insert(pid);
@@ -156,6 +167,8 @@ void Fleet::take_report(Program &program, const std::string &what, const std::st
     program.cancelling = false;
     program.supervised = false;
   }
+  if (what == "titled") program.titled = pid;
+  if (what == "leaderless") program.leaderless = pid;
 }
 
 // Only whole lines: the rest comes with the next call.
@@ -202,7 +215,39 @@ bool Fleet::steady(const Program &program) const {
   if (program.fresh && program.kind->by == By::LIST && !program.supervised) return false;
   const Millis margin = program.fresh ? STEADY_AFTER_START_MS : STEADY_AFTER_MS;
   if (now_ns() - program.changed_ns < ns(margin)) return false;
-  return device_.lives(program.pid) && tov_test::command_line(program.pid) == program.command;
+  return is_itself(program);
+}
+
+// What a process shows as its command line when it has rewritten that.
+static bool is_title(const Program &program, const std::string &shown) {
+  return shown.starts_with(program.name + ": on");
+}
+
+bool Fleet::is_itself(const Program &program) const {
+  if (!device_.lives(program.pid)) return false;
+  const std::string shown = tov_test::command_line(program.pid);
+  return shown == program.command || (program.titled == program.pid && is_title(program, shown)) ||
+         (program.leaderless == program.pid && shown.empty());
+}
+
+std::vector<Device::Process> Fleet::processes() const {
+  std::vector<Device::Process> all = device_.processes();
+  for (Device::Process &process : all)
+    for (const Program &program : programs)
+      if ((process.pid == program.titled && is_title(program, process.command)) ||
+          (process.pid == program.leaderless && process.command.empty()))
+        process.command = program.command;
+  return all;
+}
+
+std::vector<pid_t> Fleet::side_by_side(Program &program) {
+  std::vector<pid_t> pids;
+  std::erase_if(program.living, [](const auto &one) {
+    return tov_test::start_of(one.first) != one.second || !tov_test::process_lives(one.first);
+  });
+  for (const auto &[pid, started] : program.living)
+    pids.push_back(pid);
+  return pids;
 }
 
 bool Fleet::become_stranger(Program &program) {
@@ -216,6 +261,7 @@ bool Fleet::become_stranger(Program &program) {
   }
   program.condemned = pid;
   program.changed_ns = now_ns();
+  program.living.erase(pid);
   strangers.push_back({pid, other});
   note(program, "became a stranger");
   return true;
@@ -223,6 +269,49 @@ bool Fleet::become_stranger(Program &program) {
 
 bool Fleet::lives(const Stranger &stranger) const {
   return device_.lives(stranger.pid) && tov_test::command_line(stranger.pid) == stranger.command;
+}
+
+bool Fleet::give_id(const Program &program, pid_t id) {
+  static constexpr Millis FREE_WITHIN_MS{500};
+  tov_test::SpawnOptions options;
+  options.id = id;
+  pid_t child = 0;
+  (void)tov_test::wait_until(
+      [&] {
+        try {
+          child = device_.spawn({program.path, "idle"}, options);
+        } catch (const std::exception &) {  // still a zombie, or somebody else's already
+        }
+        return child != 0;
+      },
+      FREE_WITHIN_MS);
+  if (child == 0) return false;
+  children_.push_back(child);
+  strangers.push_back({child, program.path + " idle"});
+  return true;
+}
+
+void Fleet::upgrade(const Program &program) {
+  const std::string path = device_.path(program.path), aside = path + ".new";
+  struct stat now {
+  }, first{};
+  if (stat(path.c_str(), &now) < 0 || stat(device_.path(FIRST_BUILD).c_str(), &first) < 0)
+    throw std::runtime_error("stat " + path + ": " + strerror(errno));
+  const char *build = now.st_ino == first.st_ino ? SECOND_BUILD : FIRST_BUILD;
+  if (link(device_.path(build).c_str(), aside.c_str()) < 0 ||
+      rename(aside.c_str(), path.c_str()) < 0)
+    throw std::runtime_error("upgrade " + path + ": " + strerror(errno));
+}
+
+// It has done so when it reports it.
+void Fleet::rewrite_title(Program &program) {
+  device_.write("/data/title." + program.name, "");
+  note(program, "is to rewrite its title");
+}
+
+void Fleet::end_first_thread(Program &program) {
+  device_.write("/data/leader." + program.name, "");
+  note(program, "is to go on without its first thread");
 }
 
 void Fleet::loop(Program &program, bool on) {
@@ -277,7 +366,8 @@ std::vector<RegistrationFile> Fleet::registration_files() const {
   for (int vsd = 0; vsd < VSDS; vsd++) {
     const std::string directory = "/tmp/vsd/" + std::to_string(vsd) + "/tov/db";
     for (const std::string &name : device_.list(directory)) {
-      RegistrationFile file{vsd, directory, 0, {}};
+      RegistrationFile file{vsd, directory, 0, {}, 0};
+      if (name.starts_with(CHILD)) file.child = atoi(name.c_str() + strlen(CHILD));
       file.path.append("/").append(name);
       std::istringstream text(device_.read(file.path));
       int action = 0;

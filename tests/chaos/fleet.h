@@ -72,10 +72,13 @@ struct Program {
   bool looping = false;
   bool uncertain = false;  // whether the daemon knows it turns out at its next start
   bool cancelling = false;
-  bool may_double = false;  // the daemon's death left two registrations behind
-  pid_t doubled = 0;        // the older of two instances that we started on purpose
-  int64_t wake_ns = 0;      // paused until then; 0: it is not
-  bool proven = false;      // the daemon has carried out what the latest report told of
+  pid_t doubled = 0;     // the older of two instances that we started on purpose
+  pid_t dropped = 0;     // it, when it was ended: the daemon forgets it
+  int64_t wake_ns = 0;   // paused until then; 0: it is not
+  pid_t upgraded = 0;    // instance whose executable was replaced
+  pid_t titled = 0;      // instance that has rewritten its command line
+  pid_t leaderless = 0;  // instance whose first thread has ended
+  bool proven = false;   // the daemon has carried out what the latest report told of
   // An instance ended before its requests were carried out: until the next daemon there may be a
   // second record, of a dead process, which makes of a deliberate stop a lost exit.
   bool tainted = false;
@@ -89,16 +92,17 @@ struct Program {
   std::set<pid_t> registered;
   size_t reports_read = 0;
   size_t births = 0;
-  std::deque<int64_t> births_ns;    // the latest ones
-  std::vector<pid_t> copies;        // of it, when it was looked at the last time
-  std::deque<std::string> history;  // for the report of a failure
+  std::deque<int64_t> births_ns;     // the latest ones
+  std::map<pid_t, uint64_t> living;  // instances that were born and not seen dead; their starts
+  std::deque<std::string> history;   // for the report of a failure
 };
 
 struct RegistrationFile {
   int vsd;
   std::string path;
-  pid_t pid;
+  pid_t pid;  // of the process that it registers
   std::string command;
+  pid_t child;  // that was started in its place, and not yet found by the daemon; 0: none
 };
 
 // What a program became when it executed another one: not supervised from then on.
@@ -123,7 +127,8 @@ class Fleet {
   // Whether the program runs undisturbed and everybody knows of it.
   bool steady(const Program &program) const;
 
-  std::vector<Device::Process> processes() const { return device_.processes(); }
+  // Each under the command line that it was started with, whatever it shows.
+  std::vector<Device::Process> processes() const;
   static std::vector<pid_t> instances(const Program &program,
                                       const std::vector<Device::Process> &processes);
   // What a fresh daemon will find.
@@ -133,6 +138,14 @@ class Fleet {
   // Has a program execute another one. True when it did; the other one lives on as a stranger.
   bool become_stranger(Program &program);
   bool lives(const Stranger &stranger) const;
+  // Gives the id of a program that has just ended to a stranger. False when it was not free in
+  // time.
+  bool give_id(const Program &program, pid_t id);
+  // Puts another file in the place of a program's executable, as an upgrade does.
+  void upgrade(const Program &program);
+  // Has a program rewrite its command line, or end its first thread.
+  void rewrite_title(Program &program);
+  void end_first_thread(Program &program);
   // Lets a program fail again and again, or no longer.
   void loop(Program &program, bool on);
   // Has a program withdraw its registration and register again, with its delay.
@@ -140,6 +153,9 @@ class Fleet {
   void pause(Program &program, Millis length);
   // Wakes those whose time has come, or all.
   void wake(bool all);
+
+  // Instances that live at this moment, side by side; more than one of them is a second copy.
+  static std::vector<pid_t> side_by_side(Program &program);
 
   void note(Program &program, const std::string &text) const;
 
@@ -149,7 +165,8 @@ class Fleet {
  private:
   void read_reports(Program &program);
   void take_report(Program &program, const std::string &what, const std::string &rest);
-  static void take_birth(Program &program, pid_t pid, int64_t born_ns);
+  static void take_birth(Program &program, pid_t pid, int64_t born_ns, uint64_t started);
+  bool is_itself(const Program &program) const;
 
   Device &device_;
   std::vector<pid_t> children_;  // not yet buried

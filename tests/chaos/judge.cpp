@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/chaos/deeds.h"
+#include "tests/chaos/deeds_list.h"
 #include "tests/chaos/fleet.h"
 #include "tests/chaos/health.h"
 #include "tests/chaos/muster.h"
@@ -88,7 +89,7 @@ std::string find_overdue(Run &run) {
   const auto processes = run.fleet.processes();
   for (const Program &program : run.fleet.programs) {
     const bool busy = program.looping || program.uncertain || program.doubled != 0 ||
-                      program.may_double || program.cancelling || program.wake_ns != 0;
+                      program.cancelling || program.wake_ns != 0;
     if (!busy && now_ns() - program.changed_ns > late_ns)
       wrong += wrong_count(run, program, processes);
   }
@@ -105,7 +106,10 @@ static std::string settle(Run &run, Millis hold) {
     run.fleet.read_reports();
     if (const auto status = run.device.wait_daemon(Millis(0)))
       return "the daemon ended by itself, status " + std::to_string(*status) + "\n";
-    if (std::string wrong = find_wrong_returns(run); !wrong.empty()) return wrong;
+    for (Program &program : run.fleet.programs)
+      if (program.doubled != 0) end_older_instance(run, program);
+    if (std::string wrong = find_second_copies(run) + find_wrong_returns(run); !wrong.empty())
+      return wrong;
     std::string wrong = wrong_programs(run);
     if (!wrong.empty())
       right_since = 0;

@@ -58,6 +58,7 @@ void muster(Run &run, const std::function<bool(const Program &)> &chosen) {
 }
 
 void muster_anew(Run &run) {
+  await_registrations(run, By::LIST);
   run.fleet.prove_requests();
   const auto processes = run.fleet.processes();
   for (Program &program : run.fleet.programs)

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -25,7 +24,6 @@ namespace tov_chaos {
 
 // The machine is busy, and some programs hold the lock of their file for a while.
 static constexpr int64_t LATE_NS = 4'000'000'000;
-static constexpr int64_t COPY_LIVES_NS = 900'000'000;
 // Four restarts within two minutes are followed by a suspension; twice that is on the safe side.
 static constexpr int BURST_S = 240;
 static constexpr ptrdiff_t BURST_BIRTHS = 4;
@@ -65,20 +63,18 @@ static std::string wrong_return(Run &run, Program &program) {
   return {};
 }
 
-// Two processes of one program that live side by side in two looks. A fork is seen twice for a
-// moment, too, between its fork and its exec or its parent's end.
-static std::string wrong_copies(Run &run, Program &program, std::vector<pid_t> pids) {
-  std::sort(pids.begin(), pids.end());
-  std::vector<pid_t> still;
-  std::set_intersection(pids.begin(), pids.end(), program.copies.begin(), program.copies.end(),
-                        std::back_inserter(still));
-  program.copies = pids;
-  const bool meant = program.doubled != 0 || program.may_double;
-  if (meant || still.size() < 2) return {};
-  std::string text = "runs " + std::to_string(still.size()) + " times at once:";
-  for (const pid_t pid : still)
-    text += " " + std::to_string(pid);
-  return about(run, program, text);
+std::string find_second_copies(Run &run) {
+  std::string wrong;
+  for (Program &program : run.fleet.programs) {
+    if (program.living.size() < 2) continue;
+    const auto pids = Fleet::side_by_side(program);
+    if (program.doubled != 0 || pids.size() < 2) continue;
+    std::string text = "runs " + std::to_string(pids.size()) + " times at once:";
+    for (const pid_t pid : pids)
+      text += " " + std::to_string(pid);
+    wrong += about(run, program, text);
+  }
+  return wrong;
 }
 
 std::string find_wrong_returns(Run &run) {
@@ -86,15 +82,10 @@ std::string find_wrong_returns(Run &run) {
   run.fleet.read_reports();
   for (Program &program : run.fleet.programs)
     wrong += wrong_return(run, program);
-  if (now_ns() - run.copies_ns < COPY_LIVES_NS * tov_test::patience()) return wrong;
-  run.copies_ns = now_ns();
   const auto processes = run.fleet.processes();
-  for (Program &program : run.fleet.programs) {
-    const auto pids = Fleet::instances(program, processes);
-    wrong += wrong_copies(run, program, pids);
-    if (program.withdrawn && !pids.empty())
+  for (Program &program : run.fleet.programs)
+    if (program.withdrawn && !Fleet::instances(program, processes).empty())
       wrong += about(run, program, "was withdrawn while it was dead, and is back");
-  }
   return wrong;
 }
 

@@ -12,6 +12,9 @@
 
 namespace tov_chaos {
 
+// The programs of which two instances live at this moment. Empty: none.
+std::string find_second_copies(Run &run);
+
 // What is wrong with the returns since the last call. Empty: nothing.
 std::string find_wrong_returns(Run &run);
 

@@ -52,7 +52,6 @@ struct Run {
   int64_t disturbed_ns = 0;
   // How much later than their delays programs came back, while nothing happened to the daemon.
   std::vector<int64_t> late_ns = {};
-  int64_t copies_ns = 0;              // when second copies were looked for
   std::map<std::string, int> counts;  // deeds done, and what else is worth telling
   std::vector<Life> lives;
 

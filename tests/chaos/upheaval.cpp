@@ -1,11 +1,9 @@
-// Second copies: the daemon removes the registration file of a dead process only after it has
-// started the successor. Killed between the two it leaves a file that names a dead process beside
-// a living successor, and its own successor starts the program again. The same happens when an
-// operator started a program whose earlier registration still lay there. Both instances are then
-// registered; the first of them that ends is not started again.
+// Where a registration file of a dead process lies beside a living instance, the daemon was about
+// to hand the one over to the other: the next one has to find that out, and nobody ends a second
+// copy for it. What is meant to run twice, because we started it so, stays that way until the older
+// instance is ended.
 #include "tests/chaos/upheaval.h"
 
-#include <signal.h>
 #include <stddef.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 #include "tests/chaos/fleet.h"
 #include "tests/chaos/health.h"
 #include "tests/chaos/kinds.h"
+#include "tests/chaos/returns.h"
 #include "tests/chaos/run.h"
 #include "tests/support/processes.h"
 
@@ -25,7 +24,8 @@ namespace tov_chaos {
 
 static constexpr int STARTED_S = 10;  // by the daemon's clock
 static constexpr Millis QUIET_LIMIT_MS{60'000};
-static constexpr Millis COPIES_LIMIT_MS{10'000};
+static constexpr Millis DROPPED_LIMIT_MS{10'000};
+static constexpr int EARLY_END_MS = 1'500;
 static constexpr Millis LAST_WORDS_MS{100};
 static constexpr Millis LAST_FAILURE_MS{80};
 static constexpr Millis READY_LIMIT_MS{60'000};
@@ -65,7 +65,10 @@ static Stock count(const Program &program, const std::vector<Device::Process> &p
   stock.living = Fleet::instances(program, processes);
   for (const RegistrationFile &file : files) {
     if (file.command != program.command) continue;
-    if (std::find(stock.living.begin(), stock.living.end(), file.pid) != stock.living.end())
+    const auto lives = [&](pid_t pid) {
+      return std::find(stock.living.begin(), stock.living.end(), pid) != stock.living.end();
+    };
+    if (lives(file.pid) || lives(file.child))
       stock.living_has_file = true;
     else
       stock.dead_files++;
@@ -84,19 +87,18 @@ static void take_stock(Run &run) {
     const size_t coming = stock.living.size() + stock.dead_files;
     program.should_run = coming > 0;
     program.supervised = stock.living_has_file || stock.dead_files > 0 || stock.asks_still;
-    program.may_double = coming > 1;
-    if (coming > 1) {
-      run.counts[program.doubled != 0 ? "doubled still" : "two registrations left"]++;
-    }
+    if (stock.living.size() < 2) program.doubled = 0;
+    if (program.doubled != 0) run.counts["doubled still"]++;
+    if (stock.living.size() == 1 && stock.dead_files > 0) run.counts["between two files"]++;
     program.uncertain = false;
-    program.fresh = false;
+    // A listed program that no file names is registered by the next daemon as it runs.
+    program.fresh = program.kind->by == By::LIST && !stock.living.empty() && !program.supervised;
+    if (program.fresh) program.changed_ns = now_ns();
     program.tainted = false;
-    program.doubled = 0;
     program.delayed = false;
     program.spans = program.cancelling;
     program.withdrawn = false;
     program.death = {};
-    program.copies.clear();
     run.fleet.note(program, "stock: " + std::to_string(stock.living.size()) + " living, " +
                                 std::to_string(stock.dead_files) + " dead files" +
                                 (stock.living_has_file ? ", living registered" : "") +
@@ -104,24 +106,33 @@ static void take_stock(Run &run) {
   }
 }
 
-// That a program has executed another one is known to a daemon that saw it before, and to no other:
-// what runs in the place of one that has not come back by now is ended.
-static void end_unsettled_strangers(Run &run) {
-  std::erase_if(run.fleet.strangers, [&](const Stranger &stranger) {
-    const auto &all = run.fleet.programs;
-    const bool unsettled = std::any_of(all.begin(), all.end(),
-                                       [&](const Program &one) { return one.pid == stranger.pid; });
-    if (unsettled) run.device.kill(stranger.pid, SIGKILL);
-    return unsettled;
-  });
+// The older one of two instances that were meant, once it has ended: until the daemon has forgotten
+// it there is a registration of a dead process, which its successor would start.
+static void await_dropped(Run &run) {
+  for (Program &program : run.fleet.programs) {
+    if (program.dropped == 0) continue;
+    const std::string file = run.fleet.registration_path(program, program.dropped);
+    if (!tov_test::wait_until([&] { return !run.device.exists(file); }, DROPPED_LIMIT_MS))
+      run.fleet.note(program, file + " is left");
+    program.dropped = 0;
+  }
+}
+
+static void come_to_rest(Run &run) {
+  if (!tov_test::wait_until([&] { return restless(run).empty(); }, QUIET_LIMIT_MS))
+    throw std::runtime_error("without a daemon the programs do not come to rest:" + restless(run));
+  std::this_thread::sleep_for(LAST_WORDS_MS);
+  run.fleet.read_reports();
+  if (std::string wrong = find_second_copies(run); !wrong.empty()) throw std::runtime_error(wrong);
+  take_stock(run);
 }
 
 void kill_daemon(Run &run) {
-  end_unsettled_strangers(run);
   run.blind = false;
   if (const auto status = run.device.wait_daemon(Millis(0)))
     throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));
   let_fork(run);
+  await_dropped(run);
   run.lives.back().end = usage_of(run.device.daemon_pid());
   run.device.kill_daemon();
   run.counts["daemon killed"]++;
@@ -129,40 +140,22 @@ void kill_daemon(Run &run) {
     run.fleet.loop(program, false);
   run.fleet.wake(true);
   std::this_thread::sleep_for(LAST_FAILURE_MS);
-  if (!tov_test::wait_until([&] { return restless(run).empty(); }, QUIET_LIMIT_MS))
-    throw std::runtime_error("without a daemon the programs do not come to rest:" + restless(run));
-  std::this_thread::sleep_for(LAST_WORDS_MS);
-  run.fleet.read_reports();
-  take_stock(run);
+  come_to_rest(run);
 }
 
-// Ends all instances but the newest.
-static void end_second_copies(Run &run, Program &program) {
-  std::vector<pid_t> pids;
-  const bool both = tov_test::wait_until(
-      [&] {
-        run.fleet.read_reports();
-        pids = Fleet::instances(program, run.fleet.processes());
-        return pids.size() > 1 && std::all_of(pids.begin(), pids.end(), [&](pid_t pid) {
-                 return program.registered.contains(pid);
-               });
-      },
-      COPIES_LIMIT_MS);
-  if (!both) return;
-  run.counts["second copy ended"]++;
-  for (const pid_t pid : pids) {
-    if (pid == program.pid) continue;
-    run.device.kill(pid, SIGKILL);
-    run.fleet.note(program, "second copy " + std::to_string(pid) + " ended");
-  }
+void cut_daemon_short(Run &run) {
+  run.device.start_daemon(run.daemon_options());
+  if (const auto status = run.device.wait_daemon(Millis(run.chance.between(0, EARLY_END_MS))))
+    throw std::runtime_error("the daemon ended by itself, status " + std::to_string(*status));
+  run.device.kill_daemon();
+  run.counts["daemon killed at its start"]++;
+  come_to_rest(run);
 }
 
 void start_daemon(Run &run) {
   run.device.start_daemon(run.daemon_options());
   if (!run.device.wait_daemon_ready(READY_LIMIT_MS))
     throw std::runtime_error("the daemon does not come up");
-  for (Program &program : run.fleet.programs)
-    if (program.may_double) end_second_copies(run, program);
   run.lives.push_back({run.device.daemon_pid(), usage_of(run.device.daemon_pid()), {}});
   run.disturb(now_ns() + run.real_ns(STARTED_S));
 }

@@ -13,7 +13,10 @@ namespace tov_chaos {
 // Kills the daemon, waits until nothing moves any more and takes stock.
 void kill_daemon(Run &run);
 
-// Starts a daemon, and ends the second copies that it had to start (see upheaval.cpp).
+// Starts a daemon that gets no further than a start may, and does the same.
+void cut_daemon_short(Run &run);
+
+// Starts a daemon that lives.
 void start_daemon(Run &run);
 
 }  // namespace tov_chaos
