@@ -346,6 +346,9 @@ void reader_s::hear() {
 // before.
 int reader_s::wait() {
   catch_up();
+  // Also while others keep writing to us: the socket has been read empty.
+  if (!is_heard_)
+    if (const int result = judge_silence(); result != 0) return result;
   if (tov_quit_fd() < 0) {
     (void)judge(-EAGAIN);  // silence is told about
     return judge_silence();

@@ -351,6 +351,16 @@ TEST_F(TovProcessNetlink, NoAnswerInFiveSecondsIsTheEnd) {
   EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=-4, Connection timed out(110)")));
 }
 
+TEST_F(TovProcessNetlink, StrangersWhoKeepWritingDoNotPutItOff) {
+  kernel().connector.answers = false;
+  for (int second = 1; second < 30; second++)
+    at(second, [] {
+      if (errors().empty()) first().queue.push_back({"somebody", "something"});
+    });
+  EXPECT_LE(span_us([] { run(100); }), 8 * US_PER_S);
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=-4, Connection timed out(110)")));
+}
+
 TEST_F(TovProcessNetlink, RefusalIsTheEndWithItsReason) {
   kernel().connector.refusal = EPERM;
   run(100);
