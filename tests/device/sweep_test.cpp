@@ -69,8 +69,7 @@ class SweepClock {
 // ---- exits that were lost -----------------------------------------------------------------------
 
 // Keeps a daemon busy between its rebuild of device 0 and its subscription to process events: it
-// looks for each of these programs, which it has started again and which ended at once, for 5.5 s
-// by its own clock.
+// starts each of these programs, which end at once.
 static std::string install_slow_start(Device &device) {
   static constexpr pid_t NOBODY = 5'000'000;  // the kernel gives out no such id
   static constexpr int PROGRAMS = 60;
@@ -84,7 +83,7 @@ static std::string install_slow_start(Device &device) {
 
 // No sweep has looked twice by then: what was not heard before the subscription is looked for
 // behind it.
-TEST(LookAfterTheStart, FindsALostExitAtOnce) {
+static void find_lost_exit(bool *is_too_late) {
   Device device;
   Task task = start_task(device, "lost");
   const std::string slow = install_slow_start(device);
@@ -94,9 +93,9 @@ TEST(LookAfterTheStart, FindsALostExitAtOnce) {
   const pid_t dead = task.pid;
   device.kill(task.pid, SIGKILL);
   ASSERT_TRUE(device.wait(task.pid, STORY_LIMIT_MS));
-  ASSERT_EQ(device.count_events(RUN_LOG, "TOV start."), 0U)
-      << "too late: the exit was no longer lost";
+  *is_too_late = device.count_events(RUN_LOG, "TOV start.") > 0;
   device.kill(daemon, SIGCONT);
+  if (*is_too_late) return;
   ASSERT_TRUE(device.wait_daemon_ready(SWEEPS_LIMIT_MS));
 
   const Birth birth = next_birth(device, task);
@@ -107,6 +106,15 @@ TEST(LookAfterTheStart, FindsALostExitAtOnce) {
   EXPECT_THAT(said, ElementsAre(miss, exit_lost(task, dead), re_init(task, dead)));
   EXPECT_THAT(device.event_log(ERROR_LOG), IsEmpty()) << "nothing is known to be lost";
   EXPECT_FALSE(device.exists(task.file));
+}
+
+TEST(LookAfterTheStart, FindsALostExitAtOnce) {
+  static constexpr int TRIES =
+      10;  // on a busy machine the daemon may be ready before it is stopped
+  bool is_too_late = true;
+  for (int i = 0; is_too_late && i < TRIES && !HasFatalFailure(); i++)
+    find_lost_exit(&is_too_late);
+  EXPECT_FALSE(is_too_late) << "the exit was no longer lost";
 }
 
 // A restart that could not be made is left to the sweep alone.
