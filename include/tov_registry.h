@@ -84,6 +84,7 @@ typedef struct tov_identity_s {
   uint64_t stack;   /* where the stack of its program begins; 0: not known */
   uint64_t exe_dev; /* of its executable; with inode 0 not known */
   uint64_t exe_ino;
+  uint64_t session; /* id of its session, when it was read; 0: not known */
 } tov_identity_t;
 #define TOV_NEVER_STARTED UINT64_MAX
 
@@ -107,6 +108,9 @@ enum {
 /* Whether a listed program runs again by itself. */
 enum { TOV_LOOKED_NOT_YET, TOV_LOOKED_RUNS, TOV_LOOKED_RUNS_NOT };
 
+/* How a process ended, as far as it is known. */
+enum { TOV_ENDED_UNKNOWN, TOV_ENDED_WELL /* with 0 */, TOV_ENDED_BADLY };
+
 /* What a record waits for, and a restart under way, core/registry/record.h. Zeroed, there is none.
  */
 typedef struct tov_start_s {
@@ -124,14 +128,17 @@ typedef struct tov_start_s {
   int followed;                /* 1: the child is the last daemon's */
   pid_t forked;                /* the child; below 1: none */
   uint64_t forked_started;     /* its start, tov_identity_t */
+  tov_identity_t executed;     /* the child when it had executed its program; zeroed: not known */
   int looked;                  /* TOV_LOOKED_*: what the look said */
   pid_t runs_as;               /* the process that it found, */
-  uint64_t runs_started;       /* and its start, tov_identity_t */
+  tov_identity_t runs;         /* which one that is, */
+  int runs_on;                 /* and 1: it comes from the dead one: it goes on with its burst */
   int scans;                   /* of /proc, made so far */
   int child_executed;          /* 1: the child's execution was heard meanwhile */
   int child_ended;             /* 1: the child's exit was heard meanwhile, */
   int child_code;              /* with this wait status */
-  int end_code;                /* TOV_WAIT_END: the wait status that was reported, */
+  int end_known;               /* TOV_WAIT_END: 1: a wait status was reported, */
+  int end_code;                /* this one, */
   int end_force;               /* with this haste, core/policy/exit.h */
   int end_asked;               /* how often the kernel was asked whether it is true */
   int end_seen;                /* 1: it is; the last thread's event is given time to come */
@@ -163,7 +170,8 @@ typedef struct tov_pid_s {
   int con_pull_flag;                /* self-checks in a row; read by the reload rule */
   time_t con_tm;                    /* time of the last of them */
   time_t ill_tm;                    /* time of the last exit with a core dump, 0: none */
-  int exit_signal;                  /* wait status of the last exit */
+  int exit_signal;                  /* wait status of the last exit; 0 also where it is not known */
+  int exit_how;                     /* TOV_ENDED_*: the last exit */
   int force_restart;                /* 1: no longer wait for the lock on the registration file */
   time_t delay_tm;                  /* when the record entered `tov_chains_delay` */
   time_t first_tm;                  /* first restart of the burst; outlasts a suspension */
@@ -175,6 +183,9 @@ typedef struct tov_pid_s {
   uint64_t owner_started;           /* in `tov_alive_chains` the start of `ppid`; 0: not known */
   int seen;                         /* 1: its process was once seen as what is registered */
   int ended;                        /* 1: the end of its process was accepted */
+  pid_t heir;                       /* listed: of its program, executed beside it; 0: none */
+  uint64_t heir_started;            /* its start, tov_identity_t */
+  int heir_forked;                  /* 1: its own process has forked it */
   int row;       /* what the next daemon finds of it, core/registry/row_file.h; 0: nothing */
   int inherited; /* thread watch: 1: taken over from the last daemon, not heard of since */
 } tov_pid_t;

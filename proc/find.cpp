@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -49,6 +50,10 @@ void tov_scan_s::look_for(const char *command, accepts_t accepts) {
   missing_++;
 }
 
+void tov_scan_s::ask(considers_t considers) {
+  asked_.push_back({std::move(considers)});
+}
+
 bool tov_scan_is_blind(int result) {
   return result < 0 && tov_is_ignorance(-result);
 }
@@ -66,6 +71,16 @@ void tov_scan_s::read_command(const char *name) {
     wanted.pid = candidate;
     missing_--;
   }
+  for (asked_s &asked : asked_)
+    asked.has_found = asked.considers(candidate, command);
+}
+
+// When all processes were looked at.
+int tov_scan_s::answer() const {
+  const bool all_found =
+      missing_ == 0 && std::all_of(asked_.begin(), asked_.end(),
+                                   [](const asked_s &asked) { return asked.has_found; });
+  return all_found && !asked_.empty() ? 1 : unread_;
 }
 
 // A process that vanishes between the listing and the look spoils the scan (negative errno): which
@@ -82,10 +97,10 @@ std::optional<int> tov_scan_s::go_on(int portion) {
   for (int read = 0; read != portion && !result_; read++) {
     const char *name = processes_->next();
     if (name == nullptr) {
-      result_ = unread_;
+      result_ = answer();
     } else if (names_a_process(name)) {
       read_command(name);
-      if (missing_ == 0) result_ = 1;
+      if (missing_ == 0 && asked_.empty()) result_ = 1;
     }
   }
   if (result_) processes_.reset();

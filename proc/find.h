@@ -28,10 +28,18 @@ class tov_scan_s {
   //   accepts  asked about each process of that command line; empty: all count
   void look_for(const char *command, accepts_t accepts = {});
 
+  // Judges each process by its command line, which is without trailing blanks. Returns whether it,
+  // or one before it, is the one that was looked for; a better one may come.
+  using considers_t = std::function<bool(pid_t pid, const char *command)>;
+
+  // Adds somebody who judges all processes himself, and knows which one he has found.
+  void ask(considers_t considers);
+
   // Reads the command lines of at most `portion` further processes.
-  // Returns nothing while there are more; then 1 when every command line has its process, 0 when
-  // one has none, negative errno when the scan could not be finished, or when one has none and the
-  // command line of some process could not be read. A scan that is over answers the same again.
+  // Returns nothing while there are more; then 1 when everything looked for was found, 0 when
+  // something was not, negative errno when the scan could not be finished, or when something was
+  // not found and the command line of some process could not be read. A scan that is over answers
+  // the same again.
   std::optional<int> go_on(int portion);
 
   // The first process of the command line that was added as number `index`, from 0 on; 0: none was
@@ -45,10 +53,17 @@ class tov_scan_s {
     pid_t pid = 0;
     accepts_t accepts;
   };
+  struct asked_s {
+    considers_t considers;
+    bool has_found = false;
+  };
 
   void read_command(const char *name);
 
+  int answer() const;
+
   std::vector<wanted_s> wanted_;
+  std::vector<asked_s> asked_;
   size_t missing_ = 0;                      // command lines without a process
   std::optional<tov_entries_t> processes_;  // from the second round on
   int unread_ = 0;                          // negative errno of a command line, 0: none

@@ -52,14 +52,37 @@ constexpr bool tov_identity_is_start(uint64_t started) {
   return started != 0 && started != TOV_NEVER_STARTED;
 }
 
+// Of a process of which no more than its start is known.
+constexpr tov_identity_t tov_identity_of_start(uint64_t started) {
+  return {started, 0, 0, 0, 0};
+}
+
 // Whether two processes are the same one for certain, and whether they are two for certain.
 bool tov_identity_equals(pid_t one, const tov_identity_t &one_is, pid_t other,
                          const tov_identity_t &other_is);
 bool tov_identity_differs(pid_t one, const tov_identity_t &one_is, pid_t other,
                           const tov_identity_t &other_is);
 
+// Whether one process is known to have started before another one. Within one tick the lower id
+// counts as the earlier: the kernel gives ids out in their order.
+bool tov_identity_is_older(pid_t one, const tov_identity_t &one_is, pid_t other,
+                           const tov_identity_t &other_is);
+
 // Whether an execution lies between two readings of one process: it has another executable, or its
 // stack begins elsewhere. What is not known in one of them proves nothing.
 bool tov_identity_executed(const tov_identity_t &then, const tov_identity_t &now);
+
+// Whether two processes execute one and the same program, of which one is the other's child, or
+// both are children of a third: a fork keeps the executable and the place of the stack, and every
+// execution draws the place anew. What is not known in one of them proves nothing.
+bool tov_identity_are_kin(const tov_identity_t &one, const tov_identity_t &other);
+
+// Whether that can be told on this machine: not where the kernel was told to draw no places.
+bool tov_identity_kin_are_known();
+
+// Whether the process executes the program that `word` names, the first word of a command line. A
+// file that was removed or replaced since counts by its path; a word without a "/" by its name.
+// Unable to know is no.
+bool tov_identity_executes(pid_t pid, const char *word);
 
 #endif  // TOV_UTIL_IDENTITY_H

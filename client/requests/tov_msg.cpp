@@ -21,6 +21,7 @@
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
 #include "core/policy/exit.h"
+#include "core/policy/inherit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/policy/waits.h"
@@ -97,7 +98,8 @@ static void fill(tov_pid_t *record, const tov_msg_xtach_t *payload, int action, 
 //   process  its command line
 static void stand_for(const tov_chains_guard_t &held, tov_pid_t *record, const char *process,
                       const tov_identity_t &identity) {
-  tov_record_identify(held, record, identity, strcmp(record->process, process) == 0);
+  tov_record_identify(held, record, tov_inherit_more_of(held, record->pid, identity),
+                      strcmp(record->process, process) == 0);
   const tov_life_e life = tov_record_life(*record);
   if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
   if (tov_life_is_over(life))
@@ -226,7 +228,9 @@ static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char 
   tov_pid_t *record = tov_chain_new_record();
   fill(record, payload, action, script, left.record.process);
   tov_chain_insert(&tov_chains, record);
-  tov_record_identify(hold, record, {TOV_NEVER_STARTED, 0, 0, 0}, true);
+  tov_record_identify(
+      hold, record,
+      tov_inherit_more_of(hold, record->pid, tov_identity_of_start(TOV_NEVER_STARTED)), true);
   tov_late_add(hold, *record, TOV_LATE_ENTERED, left.written_us);
   return LEFT_ENTERED;
 }

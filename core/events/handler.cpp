@@ -12,6 +12,7 @@
 #include "core/events/listed.h"
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
+#include "core/policy/inherit.h"
 #include "core/policy/look.h"
 #include "core/policy/mass.h"
 #include "core/policy/revive.h"
@@ -27,8 +28,10 @@
 #include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
+#include "proc/tov_proc.h"
 #include "util/clock.h"
 #include "util/identity.h"
+#include "util/kernel_time.h"
 #include "util/list_file.h"
 #include "util/priority.h"
 #include "util/procfs.h"
@@ -40,6 +43,7 @@
 static constexpr char thread_name[] = "tov_cnmsg_handle";
 
 enum {
+  EXE_PATH_SIZE = 1024,
   TYPE_SIZE = 128,
   IDLE_WAIT_MS = 2000,
 };
@@ -55,7 +59,39 @@ enum result_e {
 
 // ---- executions -----------------------------------------------------------------------------
 
+// Returns whether the process is registered. If it is a listed one, what it has executed is noted:
+// what it forks is known by that from now on. Its command line stays as it is listed, whatever it
+// shows by now: by that it is started again.
+static bool note_if_registered(pid_t pid) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_pid_t *record = tov_record_newest_of(held, pid);
+  tov_identity_t now{};
+  if (record == nullptr || tov_identity_take(pid, &now) < 0 ||
+      tov_identity_differs(pid, record->identity, pid, now))
+    return false;
+  const bool has_ended = now.exe_ino == 0;  // shows nothing any more, and what was noted stands
+  if (!has_ended && tov_proc_is_listed(*record))
+    tov_record_identify(held, record, now, record->seen != 0);
+  return true;
+}
+
+// Whether a record stands for the program, under this process or under another one.
+static bool is_running(tov_pid_t *program) {
+  const tov_chains_guard_t held(tov_chains);
+  held.shows(tov_chains);
+  if (tov_proc_is_running(program) == nullptr) return false;
+  TOV_DBG("%s--> %s is running\n", "tov_cn_msg_exec", program->process);
+  tov_inherit_heard(held, tov_twin_of(*program), program->pid);
+  return true;
+}
+
+static void note_execution(const tov_pid_t &program) {
+  const tov_chains_guard_t held(tov_chains);
+  tov_inherit_note_execution(held, program.pid, program.identity);
+}
+
 void tov_cn_msg_exec(int pid, int) {
+  if (note_if_registered(pid)) return;
   char type[TYPE_SIZE];
   if (!tov_pid_in_tovdb(pid, TOV_THIRD_PART_LIST, type, sizeof type)) return;
 
@@ -74,13 +110,8 @@ void tov_cn_msg_exec(int pid, int) {
   }
   program.vsd_id = tov_vsd_or_base(pid);
   (void)tov_identity_take(pid, &program.identity);
-  {
-    const tov_chains_guard_t guard(tov_chains);
-    if (tov_proc_is_running(&program) != nullptr) {
-      TOV_DBG("%s--> %s is running\n", __func__, program.process);
-      return;
-    }
-  }
+  if (is_running(&program)) return;
+  note_execution(program);
   if (reg_third_part_process_exit_action(pid, type) != 0) {
     TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> reg_third_part_process_exit_action error!\n", __func__);
   }
@@ -129,6 +160,68 @@ void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
   }
 }
 
+// ---- looks and walks ------------------------------------------------------------------------
+
+namespace {
+
+// The look, how far the ring has to be read before it begins, and the walk: behind each look, and
+// soon after somebody was gone before it could be asked what he had executed, since he may have
+// gone to the background.
+class looking_s {
+ public:
+  int64_t go_on() {
+    if (const tov_loss_t loss = tov_loss_take(); loss.reasons != 0) {
+      look_.ask(loss);
+      mark_ = __atomic_load_n(&tov_cnmsg_fifo.in, __ATOMIC_ACQUIRE);
+    }
+    const uint32_t read = __atomic_load_n(&tov_cnmsg_fifo.out, __ATOMIC_RELAXED);
+    const int64_t look_us = look_.go_on(static_cast<int32_t>(read - mark_) >= 0);
+    if (look_.has_ended()) begin_walk(0);
+    if (!walks_ && walk_due_us_ <= tov_clock_us()) {
+      walk_due_us_ = INT64_MAX;
+      begin_walk(missed_at_us_ - SLACK_US);
+    }
+    const tov_listed_walk_t::step_s step = walk_.go_on();
+    if (step.found > 0) handle_found(step.found);
+    walks_ = step.goes_on;
+    return walks_ ? 0 : std::min(look_us, walk_due_us_);
+  }
+
+  void miss_execution() {
+    if (walk_due_us_ != INT64_MAX) return;
+    missed_at_us_ = tov_kernel_clock_us(CLOCK_BOOTTIME);
+    walk_due_us_ = std::max(tov_clock_us() + SETTLES_US, walked_us_ + PAUSE_US);
+  }
+
+ private:
+  enum {
+    SETTLES_US = 100'000,  // who goes to the background forks more than once
+    PAUSE_US = 1'000'000,  // between two walks: on some machines somebody is always gone
+    SLACK_US = 3'000'000,  // of the times of processes, and of when an event is handled
+  };
+
+  void begin_walk(int64_t born_us) {
+    walks_ = true;
+    walked_us_ = tov_clock_us();
+    walk_.begin(born_us);
+  }
+  // Who has gone to the background meanwhile runs as another process.
+  void handle_found(pid_t pid) {
+    tov_cn_msg_exec(pid, 0);
+    if (tov_identity_life(pid, {}) == TOV_LIFE_ENDED) miss_execution();
+  }
+
+  tov_look_t look_;
+  tov_listed_walk_t walk_;
+  bool walks_ = false;
+  int64_t walked_us_ = -PAUSE_US;  // when the last one began
+  int64_t missed_at_us_ = 0;       // the kernel's time since boot
+  int64_t walk_due_us_ = INT64_MAX;
+  uint32_t mark_ = 0;
+};
+
+}  // namespace
+
 // ---- strangers ------------------------------------------------------------------------------
 
 static bool is_known(pid_t pid) {
@@ -136,9 +229,18 @@ static bool is_known(pid_t pid) {
   return tov_record_newest_of(held, pid) != nullptr || tov_record_of_child(held, pid) != nullptr;
 }
 
-static bool is_listed(pid_t pid) {
-  char type[TYPE_SIZE];
-  return tov_pid_in_tovdb(pid, TOV_THIRD_PART_LIST, type, sizeof type);
+namespace {
+
+enum listed_e { LISTED, NOT_LISTED, UNKNOWN };
+
+}  // namespace
+
+static listed_e ask_list(pid_t pid) {
+  char exe[EXE_PATH_SIZE], type[TYPE_SIZE];
+  if (pid_to_proc(pid, exe, sizeof exe) == 0) return UNKNOWN;
+  errno = 0;
+  if (tov_proc_in_tovdb(TOV_THIRD_PART_LIST, exe, type, sizeof type) != 0) return LISTED;
+  return tov_is_ignorance(errno) ? UNKNOWN : NOT_LISTED;
 }
 
 // The end of a thread that is not the last one of its process, whose first one has ended: only its
@@ -154,10 +256,13 @@ static bool is_of_one_thread(const tov_cnmsg_data_t &event) {
 }
 
 // Whether there is something to do for an event. Most are of processes that nobody has registered.
-static bool concerns_us(const tov_cnmsg_data_t &event) {
+static bool concerns_us(const tov_cnmsg_data_t &event, looking_s *looking) {
   if (is_of_one_thread(event)) return false;
   if (is_known(event.process_pid)) return true;
-  return event.what == TOV_EVENT_EXEC && is_listed(event.process_pid);
+  if (event.what != TOV_EVENT_EXEC) return false;
+  const listed_e listed = ask_list(event.process_pid);
+  if (listed == UNKNOWN) looking->miss_execution();
+  return listed == LISTED;
 }
 
 // ---- the thread -----------------------------------------------------------------------------
@@ -199,39 +304,16 @@ static int64_t go_on_with_waits(tov_waits_t *waits, pace_s *pace) {
 }
 
 // Takes an event out of the ring. A record that was stored in part is dropped here.
-static void handle_event(pace_s *pace) {
+static void handle_event(pace_s *pace, looking_s *looking) {
   tov_cnmsg_data_t event;
   if (__kfifo_out(&tov_cnmsg_fifo, &event, sizeof event) != sizeof event) return;
-  if (!concerns_us(event)) return;
+  if (!concerns_us(event, looking)) return;
   pace->wait_for_slot();
   tov_cnmsg_dispatch(&event);
+  const bool is_gone =
+      event.what == TOV_EVENT_EXEC && tov_identity_life(event.process_pid, {}) == TOV_LIFE_ENDED;
+  if (is_gone) looking->miss_execution();
 }
-
-namespace {
-
-// The look, how far the ring has to be read before it begins, and the walk behind it.
-class looking_s {
- public:
-  int64_t go_on() {
-    if (const tov_loss_t loss = tov_loss_take(); loss.reasons != 0) {
-      look_.ask(loss);
-      mark_ = __atomic_load_n(&tov_cnmsg_fifo.in, __ATOMIC_ACQUIRE);
-    }
-    const uint32_t read = __atomic_load_n(&tov_cnmsg_fifo.out, __ATOMIC_RELAXED);
-    const int64_t look_us = look_.go_on(static_cast<int32_t>(read - mark_) >= 0);
-    if (look_.has_ended()) walk_.begin();
-    const tov_listed_walk_t::step_s step = walk_.go_on();
-    if (step.found > 0) tov_cn_msg_exec(step.found, 0);
-    return step.goes_on ? 0 : look_us;
-  }
-
- private:
-  tov_look_t look_;
-  tov_listed_walk_t walk_;
-  uint32_t mark_ = 0;
-};
-
-}  // namespace
 
 static void handle_events() {
   pace_s pace;
@@ -240,7 +322,7 @@ static void handle_events() {
   while (!tov_flag_get(quit)) {
     const int64_t look_us = looking.go_on();
     const int64_t next_us = std::min(look_us, go_on_with_waits(&waits, &pace));
-    if (tov_cnmsg_fifo_wait(wait_ms_until(next_us))) handle_event(&pace);
+    if (tov_cnmsg_fifo_wait(wait_ms_until(next_us))) handle_event(&pace, &looking);
   }
 }
 

@@ -4,11 +4,12 @@
 // Tested by: tests/unit/core/events/listed_test.cpp, tests/device/listed_before_test.cpp
 #include "core/events/listed.h"
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <algorithm>
 #include <string>
-#include <utility>
+#include <tuple>
 
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
@@ -22,7 +23,8 @@ enum {
   PATH_SIZE = 1024,
 };
 
-void tov_listed_walk_s::begin() {
+void tov_listed_walk_s::begin(int64_t born_us) {
+  born_us_ = born_us;
   listed_ = tov_commands_in_tovdb(TOV_THIRD_PART_LIST);
   processes_.reset();
   if (!listed_.empty()) processes_.emplace("/proc");
@@ -39,9 +41,10 @@ bool tov_listed_walk_s::may_be_listed(pid_t pid) const {
 }
 
 void tov_listed_walk_s::read(pid_t pid) {
-  if (!may_be_listed(pid)) return;
   tov_stat_t stat;
-  if (tov_read_stat(pid, &stat) < 0 || tov_stat_is_end(stat.state) || stat.state == 'D') return;
+  if (tov_read_stat(pid, &stat) < 0 || tov_ticks_us(stat.started) < born_us_) return;
+  if (!may_be_listed(pid)) return;
+  if (tov_stat_is_end(stat.state) || stat.state == 'D') return;
   char command[TOV_PROCESS_SIZE];
   if (pid_to_cmdline(pid, command, sizeof command) == nullptr) return;
   rtrim(command);
@@ -58,9 +61,16 @@ bool tov_listed_walk_s::is_the_program(const candidate_s &candidate) const {
       return is_of_it(other) && other.pid == one.parent;
     });
   };
+  const auto is_alone = [&](const candidate_s &one) {
+    return std::none_of(candidates_.begin(), candidates_.end(), [&](const candidate_s &other) {
+      return is_of_it(other) && other.parent == one.pid;
+    });
+  };
+  const auto rank = [&](const candidate_s &one) {
+    return std::tuple(is_alone(one), one.started, one.pid);
+  };
   const auto comes_before = [&](const candidate_s &other) {
-    return is_of_it(other) && !is_worker(other) &&
-           std::pair(other.started, other.pid) < std::pair(candidate.started, candidate.pid);
+    return is_of_it(other) && !is_worker(other) && rank(other) < rank(candidate);
   };
   return !is_worker(candidate) &&
          std::none_of(candidates_.begin(), candidates_.end(), comes_before);

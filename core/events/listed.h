@@ -10,7 +10,8 @@
 // part of a line would register it as something else.
 //
 // Of several processes of one command line in one device only one is the program, the others are
-// its workers: the one whose parent is none of them; of several such ones the eldest.
+// its workers: the one whose parent is none of them; of several such ones one that has workers,
+// since those whose program has died have none; of several of these the eldest.
 #ifndef TOV_CORE_EVENTS_LISTED_H
 #define TOV_CORE_EVENTS_LISTED_H
 
@@ -32,7 +33,8 @@ class tov_listed_walk_s {
   };
 
   // Begins anew.
-  void begin();
+  //   born_us  passes over who started before, microseconds of CLOCK_BOOTTIME
+  void begin(int64_t born_us);
 
   // Makes a portion of the walk, some hundred microseconds, or hands out the next program. Passed
   // over is who sleeps in the kernel, since his command line may keep its reader waiting.
@@ -52,7 +54,8 @@ class tov_listed_walk_s {
   bool is_the_program(const candidate_s &candidate) const;
   void choose();
 
-  std::vector<std::string> listed_;         // command lines
+  std::vector<std::string> listed_;  // command lines
+  int64_t born_us_ = 0;
   std::optional<tov_entries_t> processes_;  // while it walks
   std::vector<candidate_s> candidates_;
   std::vector<pid_t> chosen_;  // the last one first

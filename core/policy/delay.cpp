@@ -33,7 +33,8 @@ static tov_parked_exit_t take_due() {
   const tov_chains_guard_t held(tov_chains_delay);
   for (tov_pid_t &record : tov_chain_records(&tov_chains_delay)) {
     if (!is_due(held, record)) continue;
-    due = {record.start.number, record.pid, record.exit_signal, record.force_restart};
+    due = {record.start.number, record.pid, {}, record.force_restart};
+    if (record.exit_how != TOV_ENDED_UNKNOWN) due.exit_code = record.exit_signal;
     tov_chain_remove(&tov_chains_delay, &record);
     break;
   }
@@ -47,7 +48,7 @@ void *tov_delay_restart(void *) {
     // Without the delay lock: the decision takes that of `tov_chains`, which comes first.
     if (due.pid != 0) {
       TOV_DBG("pid:%d, exit_signal:0x%x, force_restart:%d\n", due.pid,
-              static_cast<unsigned int>(due.exit_code), due.force);
+              static_cast<unsigned int>(due.exit_code.value_or(0)), due.force);
       tov_hand_back_exit(due);
     }
     tov_ask_for_noted_reload();  // sleeps, which nobody waits for here

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "core/policy/defer.h"
+#include "core/policy/inherit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
@@ -23,7 +24,6 @@
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
-#include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "proc/claim.h"
@@ -48,24 +48,23 @@ enum verdict_e {
 // and kept, since some say something.
 class exit_case_s final : public tov_exit_case_t {
  public:
-  exit_case_s(const tov_chains_guard_t &held, tov_pid_t *record, verdict_e verdict, int exit_code,
-              int force)
+  exit_case_s(const tov_chains_guard_t &held, tov_pid_t *record, verdict_e verdict,
+              std::optional<int> exit_code, int force)
       : held_(held), record_(record), verdict_(verdict), exit_code_(exit_code), force_(force) {}
 
   bool lives() override { return life() == TOV_LIFE_LIVES; }
   bool uncertain() override { return life() == TOV_LIFE_THREADS || life() == TOV_LIFE_UNKNOWN; }
   tov_twin_e twin() override;
   bool suspended() override { return tov_record_is_suspended(*record_); }
-  bool stopped() override { return verdict_ != ACCEPTED && tov_exit_is_stop(exit_code_); }
+  bool stopped() override {
+    return verdict_ != ACCEPTED && tov_exit_is_stop(exit_code_.value_or(0));
+  }
   // Asked until the restart begins: an exit that is handed back begins it anew.
   bool locked() override { return record_->start.waited == 0 && tov_defer_is_needed(*record_); }
   bool restarted() override { return tov_revive_is_wanted(*record_); }
   bool unknown_whether_it_runs() override;
   bool runs_again() override { return record_->start.looked == TOV_LOOKED_RUNS; }
   void act(tov_exit_act_e act) override;
-
-  // What is to be registered when the lock is gone.
-  tov_registration_t later() const { return later_; }
 
  private:
   tov_life_e life();
@@ -78,13 +77,12 @@ class exit_case_s final : public tov_exit_case_t {
   const tov_chains_guard_t &held_;
   tov_pid_t *record_;
   verdict_e verdict_;
-  int exit_code_;
+  std::optional<int> exit_code_;
   int force_;
   std::optional<tov_life_e> life_;
   bool twin_asked_ = false;
   tov_twin_e twin_ = TOV_TWIN_NONE;
   tov_pid_t *other_ = nullptr;  // the twin's record
-  tov_registration_t later_;
 };
 
 }  // namespace
@@ -111,7 +109,7 @@ void exit_case_s::ask_again() {
 
 void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record) {
   if (tov_record_has_process(*record) && !tov_record_is_ending(*record))
-    tov_record_wait_end(held, record, tov_late_code(*record, 0), 0);
+    tov_record_wait_end(held, record, tov_late_code(*record), 0);
 }
 
 // ---- duplicates -----------------------------------------------------------------------------
@@ -190,6 +188,8 @@ void exit_case_s::accept_stop() {
   // Where another process may have the id by now, the file is that one's.
   const bool is_its_own = tov_record_life(*record_) == TOV_LIFE_ENDED;
   if (vsd_no > 0 && is_its_own && !remove_member_files(vsd_no, record_->pid)) return;
+  const bool is_worker = record_->heir_forked != 0;  // and stopped with its program
+  if (!is_worker && tov_inherit_heir(held_, record_)) return;
   TOV_DBG("%s: hlist_del\n", function);
   tov_record_forget(held_, record_);
 }
@@ -200,19 +200,18 @@ void exit_case_s::accept_stop() {
 bool exit_case_s::unknown_whether_it_runs() {
   const tov_start_t &start = record_->start;
   if (start.looked == TOV_LOOKED_RUNS)
-    return tov_life_is_over(tov_identity_life(start.runs_as, {start.runs_started, 0, 0, 0}));
+    return tov_record_newest_of(held_, start.runs_as) != nullptr ||
+           tov_life_is_over(tov_identity_life(start.runs_as, start.runs));
   return start.looked == TOV_LOOKED_NOT_YET && tov_proc_is_listed(*record_);
 }
 
-// A third-part program that another process has started again is registered under its new
-// process instead of being started once more.
+// A third-part program that runs again is registered under its new process instead of being started
+// once more.
 void exit_case_s::hand_over() {
   const bool by_script = record_->action == SHELL_RESTART;
   TOV_DBG("%s--> tov_pid->action == %s, found child pid_get = %d\n", function,
           by_script ? "SHELL_RESTART" : "RESPAWN", record_->start.runs_as);
-  const pid_t found = record_->start.runs_as;
-  forget(held_, record_, verdict_);
-  later_ = {found, by_script ? "TOV_SHELL_RESTART" : "TOV_RESTART"};
+  tov_inherit_running(held_, record_);
 }
 
 // ---- the decision ---------------------------------------------------------------------------
@@ -248,69 +247,55 @@ void exit_case_s::act(tov_exit_act_e act) {
   }
 }
 
-static tov_registration_t decide_reported_exit(int pid, int exit_code, int force) {
+static void decide_reported_exit(int pid, int exit_code, int force) {
   const tov_chains_guard_t held(tov_chains);
   tov_pid_t *record = tov_record_of_exit(held, pid);
   if (record == nullptr) record = tov_record_deferred(held, pid);  // told about once more
-  if (record == nullptr) return {};
+  if (record == nullptr) return;
   exit_case_s asked(held, record, REPORTED, exit_code, force);
   (void)tov_exit_decide(asked);
-  return asked.later();
 }
 
 void tov_handle_netlink_exit(int pid, int exit_code, int force) {
-  tov_register_found(decide_reported_exit(pid, exit_code, force));
+  decide_reported_exit(pid, exit_code, force);
   tov_waits_finish();
 }
 
 // The end of a process that was reported, and was not certain. If it is now, the event of the last
 // thread's end may still be on its way, and its code with it.
-static tov_registration_t decide_kept_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
+static void decide_kept_exit(const tov_chains_guard_t &held, tov_pid_t *record) {
   const tov_start_t &start = record->start;
   const bool is_over = tov_life_is_over(tov_record_life(*record));
-  if (is_over && start.end_seen == 0) {
-    tov_record_end_seen(held, record);
-    return {};
-  }
-  const int exit_code = is_over ? tov_late_code(*record, start.end_code) : start.end_code;
+  if (is_over && start.end_seen == 0) return tov_record_end_seen(held, record);
+  std::optional<int> exit_code = is_over ? tov_late_code(*record) : std::nullopt;
+  if (!exit_code && start.end_known != 0) exit_code = start.end_code;
   exit_case_s asked(held, record, REPORTED, exit_code, start.end_force);
   (void)tov_exit_decide(asked);
-  return asked.later();
 }
 
-tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
+void tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record) {
   if (tov_record_is_ending(*record)) return decide_kept_exit(held, record);
-  if (tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record), tov_registration_t{};
+  if (tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
   exit_case_s asked(held, record, ACCEPTED, record->exit_signal, record->force_restart);
   (void)tov_exit_decide(asked);
-  return asked.later();
 }
 
-static tov_registration_t decide_parked_exit(const tov_parked_exit_t &parked) {
+static void decide_parked_exit(const tov_parked_exit_t &parked) {
   const tov_chains_guard_t held(tov_chains);
   tov_pid_t *record = tov_record_of_start(held, parked.number);
-  if (record == nullptr || record->start.wait != TOV_WAIT_LOCK) return {};
+  if (record == nullptr || record->start.wait != TOV_WAIT_LOCK) return;
   tov_record_ended(held, record, parked.exit_code, parked.force);
-  return tov_exit_go_on(held, record);
+  tov_exit_go_on(held, record);
 }
 
 void tov_hand_back_exit(const tov_parked_exit_t &parked) {
   if (parked.number == 0)
-    return tov_handle_netlink_exit(parked.pid, parked.exit_code, parked.force);
-  tov_register_found(decide_parked_exit(parked));
+    return tov_handle_netlink_exit(parked.pid, parked.exit_code.value_or(0), parked.force);
+  decide_parked_exit(parked);
 }
 
-tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record,
-                                        int exit_code) {
+void tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record,
+                          std::optional<int> exit_code) {
   exit_case_s asked(held, record, LOST, exit_code, 0);
   (void)tov_exit_decide(asked);
-  return asked.later();
-}
-
-void tov_register_found(const tov_registration_t &found) {
-  if (found.pid == 0) return;
-  if (reg_third_part_process_exit_action(found.pid, found.type) != 0) {
-    (void)tov_log_with_type(TOV_LOG_ERROR, "%s-->reg_third_part_process_exit_action error!\n",
-                            function);
-  }
 }

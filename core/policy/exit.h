@@ -5,13 +5,14 @@
 // Threads: the event handler, the delay thread, the sweep. The handling of one exit runs under the
 // lock of `tov_chains`, the start included, so exits are handled one at a time and a new process
 // that dies at once finds its record already renewed. What has to be waited for is waited for by
-// the record, without the lock (core/policy/waits). A registration with our own server is made
-// after the lock is gone, because the server wants the same lock.
+// the record, without the lock (core/policy/waits).
 #ifndef TOV_CORE_POLICY_EXIT_H
 #define TOV_CORE_POLICY_EXIT_H
 
 #include <stdint.h>
 #include <sys/types.h>
+
+#include <optional>
 
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -30,37 +31,28 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force);
 // last one is waited for. Nothing where that is so already.
 void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// A running process of a third-part program that is to be registered in place of a dead one; the
-// pid 0 is none.
-struct tov_registration_s {
-  pid_t pid = 0;
-  const char *type = nullptr;  // as the list of third-part programs names it
-};
-using tov_registration_t = tov_registration_s;
-
 // The same decision about a record whose process two sweeps in a row did not find as it was
 // registered: their verdict stands in place of the liveness question, because another program may
 // live under the id by now. That stranger is not touched, but for the watch over threads of that
 // id, and neither is another record of the id.
 //   held       the guard of `tov_chains`
 //   record     may be freed
-//   exit_code  wait status, 0 where it is not known
-// Returns what the caller hands to tov_register_found() once it holds no registry's lock.
-[[nodiscard]] tov_registration_t tov_decide_lost_exit(const tov_chains_guard_t &held,
-                                                      tov_pid_t *record, int exit_code);
+//   exit_code  wait status; nothing: not known
+void tov_decide_lost_exit(const tov_chains_guard_t &held, tov_pid_t *record,
+                          std::optional<int> exit_code);
 
 // Goes on with a record that has waited: asks again whether its process has ended, or goes on with
 // its restart: the rules are asked again from the duplicate test on,
 // since the program may have been registered anew meanwhile; what was counted, noted and announced
 // is not so once more. A record whose device is being deleted, or is gone, is removed.
-//   held, record, result  as above
-[[nodiscard]] tov_registration_t tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record);
+//   held, record  as above
+void tov_exit_go_on(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // An exit that was parked in `tov_chains_delay`.
 struct tov_parked_exit_s {
   uint64_t number = 0;  // of the restart that waits for it, tov_start_t; 0: none does
   pid_t pid = 0;
-  int exit_code = 0;
+  std::optional<int> exit_code;  // wait status; nothing: not known
   int force = 0;
 };
 using tov_parked_exit_t = tov_parked_exit_s;
@@ -69,9 +61,5 @@ using tov_parked_exit_t = tov_parked_exit_s;
 // matter. Where no restart waits for it, it is an exit like any other; where that restart is over,
 // or its record gone, there is nothing to do.
 void tov_hand_back_exit(const tov_parked_exit_t &parked) TOV_EXCLUDES(tov_chains);
-
-// Registers the process with our own server, which takes the lock of `tov_chains` in another
-// thread: never call it with that lock held. A failure is logged. Waits for the server's answer.
-void tov_register_found(const tov_registration_t &found) TOV_EXCLUDES(tov_chains);
 
 #endif  // TOV_CORE_POLICY_EXIT_H

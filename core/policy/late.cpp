@@ -54,10 +54,14 @@ int64_t tov_late_born_us(const tov_identity_t &identity) {
   return tov_ticks_us(started) - TICK_US + tov_kernel_to_monotonic_us(CLOCK_BOOTTIME);
 }
 
-int tov_late_code(const tov_pid_t &record, int otherwise) {
-  const std::optional<uint32_t> noted =
-      tov_ends_code(record.pid, tov_late_born_us(record.identity));
-  return noted ? static_cast<int>(*noted) : otherwise;
+static std::optional<int> code_of(pid_t pid, int64_t not_before_us) {
+  const std::optional<uint32_t> noted = tov_ends_code(pid, not_before_us);
+  if (!noted) return std::nullopt;
+  return static_cast<int>(*noted);
+}
+
+std::optional<int> tov_late_code(const tov_pid_t &record) {
+  return code_of(record.pid, tov_late_born_us(record.identity));
 }
 
 void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_late_e kind,
@@ -112,19 +116,16 @@ static void tell(const tov_pid_t &record, const char *what) {
                           record.process, record.vsd_id, record.pid, what);
 }
 
-static tov_registration_t decide(const entry_s &entry, int exit_code, bool is_device_deleted) {
+static void decide(const entry_s &entry, std::optional<int> exit_code, bool is_device_deleted) {
   const tov_chains_guard_t held(tov_chains);
   tov_pid_t *record = record_of(held, entry);
-  if (record == nullptr) return {};
-  if (is_device_deleted) {
-    tov_record_forget(held, record);
-    return {};
-  }
+  if (record == nullptr) return;
+  if (is_device_deleted) return tov_record_forget(held, record);
   if (entry.kind == TOV_LATE_LOST) {
     tell(*record, "is not running");
     tell(*record, "exit code lost, restart it");
   }
-  return tov_decide_lost_exit(held, record, exit_code);
+  tov_decide_lost_exit(held, record, exit_code);
 }
 
 tov_late_step_t tov_late_go_on(void) {
@@ -132,11 +133,10 @@ tov_late_step_t tov_late_go_on(void) {
   const std::optional<entry_s> entry = take_due(&step.next_us);
   if (!entry || !is_waiting(*entry)) return step;
   step.handled = true;
-  const std::optional<uint32_t> noted = tov_ends_code(entry->pid, entry->not_before_us);
-  const int exit_code = noted ? static_cast<int>(*noted) : 0;
+  const std::optional<int> exit_code = code_of(entry->pid, entry->not_before_us);
   const bool is_device_deleted = tov_vsd_any_is_being_deleted();
-  if (noted && !is_device_deleted)
-    tov_check_continuous_multiple_process_exit(entry->pid, exit_code, &tov_chains);
-  step.later = decide(*entry, exit_code, is_device_deleted);
+  if (exit_code && !is_device_deleted)
+    tov_check_continuous_multiple_process_exit(entry->pid, *exit_code, &tov_chains);
+  decide(*entry, exit_code, is_device_deleted);
   return step;
 }

@@ -7,13 +7,14 @@
 // (core/run/ends), so that a deliberate stop is not answered by a restart.
 //
 // Who finds the dead enters them here, whichever thread it is; the event handler decides
-// (core/policy/waits), because that may want a registration with our own server.
+// (core/policy/waits).
 #ifndef TOV_CORE_POLICY_LATE_H
 #define TOV_CORE_POLICY_LATE_H
 
 #include <stdint.h>
 
-#include "core/policy/exit.h"
+#include <optional>
+
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
@@ -36,16 +37,15 @@ void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_l
 // When a process started, microseconds of CLOCK_MONOTONIC, not later; 0: unknown.
 int64_t tov_late_born_us(const tov_identity_t &identity);
 
-// The wait status of a record's process, as far as it was heard; otherwise `otherwise`.
-int tov_late_code(const tov_pid_t &record, int otherwise);
+// The wait status of a record's process, if it was heard.
+std::optional<int> tov_late_code(const tov_pid_t &record);
 
 // Whether one is entered.
 bool tov_late_any(const tov_chains_guard_t &held);
 
 struct tov_late_step_s {
-  bool handled = false;        // a record was decided about
-  int64_t next_us = 0;         // when to call again (tov_clock_us()); INT64_MAX: never
-  tov_registration_t later{};  // for tov_register_found()
+  bool handled = false;  // a record was decided about
+  int64_t next_us = 0;   // when to call again (tov_clock_us()); INT64_MAX: never
 };
 using tov_late_step_t = tov_late_step_s;
 

@@ -50,7 +50,8 @@ static void ask_in(unsigned int bucket, std::vector<asked_s> *asked) {
     if (tov_record_has_process(record)) {
       asked->push_back({record.pid, record.serial, record.identity});
     } else if (record.start.forked > 0 && record.start.child_ended == 0) {
-      asked->push_back({record.start.forked, 0, {record.start.forked_started, 0, 0, 0}});
+      asked->push_back(
+          {record.start.forked, 0, tov_identity_of_start(record.start.forked_started)});
     }
   }
 }

@@ -32,6 +32,7 @@
 #include "log/tov_dbg.h"
 #include "proc/claim.h"
 #include "proc/find.h"
+#include "proc/tov_proc.h"
 #include "util/entries.h"
 #include "util/identity.h"
 #include "util/kernel_time.h"
@@ -230,17 +231,22 @@ static bool succeeds(pid_t pid, const dead_s &dead) {
 }
 
 // The successors of all dead processes, 0 where there is none. One scan of /proc that something
-// else's end has spoiled has not said that there is none.
+// else's end has spoiled has not said that there is none. Whether a listed program runs is looked
+// for when its restart begins.
 static std::vector<pid_t> find_successors(const std::vector<dead_s> &dead) {
+  std::vector<size_t> asking;
+  for (size_t i = 0; i < dead.size(); i++)
+    if (!tov_proc_is_listed(*dead[i].record)) asking.push_back(i);
   std::vector<pid_t> found(dead.size(), 0);
-  int result = dead.empty() ? 0 : -1;
+  int result = asking.empty() ? 0 : -1;
   for (int scans = 0; result < 0 && scans < SCANS_MAX; scans++) {
     tov_scan_t scan;
-    for (const dead_s &of : dead)
-      scan.look_for(of.record->process, [&of](pid_t pid) { return succeeds(pid, of); });
+    for (const size_t i : asking)
+      scan.look_for(dead[i].record->process,
+                    [&of = dead[i]](pid_t pid) { return succeeds(pid, of); });
     result = scan.go_on(tov_scan_t::ALL).value_or(-EAGAIN);
-    for (size_t i = 0; i < dead.size(); i++)
-      found[i] = scan.found(i);
+    for (size_t i = 0; i < asking.size(); i++)
+      found[asking[i]] = scan.found(i);
   }
   return found;
 }

@@ -55,7 +55,8 @@ static bool is_as_registered(const tov_pid_t &record, const tov_identity_t &iden
 // title may be rewritten, an executable replaced, and the file holds the beginning alone. So it is
 // asked last; reading it may take long.
 static tov_recognised_t judge(const tov_pid_t &record, const char *path, int64_t written_us) {
-  static constexpr tov_recognised_t dead = {{TOV_NEVER_STARTED, 0, 0, 0}, true, false, 0};
+  static constexpr tov_recognised_t dead = {tov_identity_of_start(TOV_NEVER_STARTED), true, false,
+                                            0};
   tov_identity_t identity{};
   const int result = tov_identity_take(record.pid, &identity);
   if (result == -ESRCH || tov_life_is_over(tov_identity_life(record.pid, identity))) return dead;
@@ -80,7 +81,7 @@ tov_recognition_s::tov_recognition_s() {
 }
 
 static tov_identity_t identity_of(const tov_supervised_row_t &row) {
-  return {row.started, row.stack, row.exe_dev, row.exe_ino};
+  return {row.started, row.stack, row.exe_dev, row.exe_ino, row.session};
 }
 
 // The row of a record's file, or null. Of several, since an id may have been given out again to the

@@ -6,7 +6,6 @@
 
 #include <errno.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -18,6 +17,8 @@
 #include "client/tov_pidfile.h"
 #include "core/policy/announce.h"
 #include "core/policy/defer.h"
+#include "core/policy/inherit.h"
+#include "core/policy/succession.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -135,8 +136,10 @@ static void wait_for(const tov_chains_guard_t &held, tov_pid_t *record, int what
 static int64_t forks_fail_until_us TOV_GUARDED_BY(tov_chains) = 0;
 
 // The restart is over.
-//   result  the process to supervise; below 1, none: the record keeps the dead one's id and file
-static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result) {
+//   result    the process to supervise; below 1, none: the record keeps the dead one's id and file
+//   identity  of a listed one, when it was found
+static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result,
+                   const tov_identity_t &identity) {
   const tov_start_t start = record->start;
   tov_record_end_wait(held, record);
   const bool rebuilt = start.occasion == TOV_REVIVE_AT_REBUILD;
@@ -146,7 +149,7 @@ static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t resu
     // Before anything is said: the child inherited the daemon's exemption from the low-memory
     // killer.
     if (start.listed != 0) {
-      tov_record_pass_on(held, record, result);
+      tov_inherit_process(held, record, result, identity);
     } else {
       tov_record_renew(held, record, result);
     }
@@ -176,11 +179,16 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   start->forked = tov_proc_fork(held, record, start->vsd_no, listed);
   start->forked_started = started_of(start->forked);
   forks_fail_until_us = start->forked > 0 ? 0 : now_us + TOV_FORK_PAUSE_S * US_PER_S;
-  // After a failed fork, too: another process may have started the program meanwhile.
-  if (listed) return wait_for(held, record, TOV_WAIT_SEARCH, now_us);
+  // After a failed fork, too: another process may have started the program meanwhile. The child is
+  // given time to become what it is to be: it may go to the background by ending.
+  if (listed) {
+    start->scans = start->forked > 0 ? 1 : 0;
+    return wait_for(held, record, TOV_WAIT_SEARCH,
+                    now_us + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
+  }
   if (start->forked > 0) {
     tov_proc_tell_forked(*record, start->forked);
-    return finish(held, record, start->forked);
+    return finish(held, record, start->forked, {});
   }
   tov_proc_fork_failed(*record, -start->forked);
   wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
@@ -200,8 +208,11 @@ static void start_announced(const tov_chains_guard_t &held, tov_pid_t *record) {
 }
 
 int tov_revive_device(const tov_pid_t &record) {
-  if (tov_record_life(record) == TOV_LIFE_ENDED) return find_app(record.pid);
-  return record.vsd_id > 0 ? record.vsd_id : -1;
+  const int registered = record.vsd_id > 0 ? record.vsd_id : -1;
+  if (tov_record_life(record) != TOV_LIFE_ENDED) return registered;
+  const int noted = find_app(record.pid);
+  // The child of a start removes the note, and a listed program may not have been found behind it.
+  return noted < 0 && registered > 0 && tov_proc_is_listed(record) ? registered : noted;
 }
 
 // Records that wait are known by their wait; this one does from now on, and what is known of its
@@ -214,6 +225,14 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
   start->vsd_no = tov_revive_device(*record);
 }
 
+// What the child executes: what it forks is known by that when it has ended itself.
+static void note_executed(tov_start_t *start) {
+  tov_identity_t now{};
+  const bool is_it = tov_identity_take(start->forked, &now) == 0 &&
+                     (start->forked_started == 0 || now.started == start->forked_started);
+  if (is_it) start->executed = now;
+}
+
 void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child,
                        bool has_ended) {
   begin(held, record, TOV_REVIVE_AT_REBUILD);
@@ -223,16 +242,23 @@ void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
   start->followed = 1;
   start->forked = child;
   start->child_ended = has_ended ? 1 : 0;
+  start->forked_started = has_ended ? 0 : started_of(child);
+  if (!has_ended) note_executed(start);
   wait_for(held, record, TOV_WAIT_SEARCH, tov_clock_us());
 }
 
 // A listed program may go to the background by ending: what it left behind ends, too, before the
 // one that stays is there, and is not to be taken for it.
-void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
-  const int pause_us = tov_record_is_starting(*record) ? 0 : LOOK_PAUSE_US;
-  begin(held, record, TOV_REVIVE_AFTER_EXIT);
+static void look(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
+  const bool has_just_ended = !tov_record_is_starting(*record) && occasion == TOV_REVIVE_AFTER_EXIT;
+  const int pause_us = has_just_ended ? LOOK_PAUSE_US : 0;
+  begin(held, record, occasion);
   tov_record_start(held, record)->looked = TOV_LOOKED_NOT_YET;
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + pause_us);
+}
+
+void tov_revive_look(const tov_chains_guard_t &held, tov_pid_t *record) {
+  look(held, record, TOV_REVIVE_AFTER_EXIT);
 }
 
 void tov_revive_defer(const tov_chains_guard_t &held, tov_pid_t *record) {
@@ -256,6 +282,10 @@ void tov_revive_give_up(const tov_chains_guard_t &held, tov_pid_t *record) {
 }
 
 void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e occasion) {
+  // After an exit the rules ask it. Otherwise time has gone by: somebody may have started it.
+  const bool may_run = occasion != TOV_REVIVE_AFTER_EXIT && !tov_record_is_starting(*record) &&
+                       tov_proc_is_listed(*record);
+  if (may_run) return look(held, record, occasion);
   begin(held, record, occasion);
   tov_start_t *start = tov_record_start(held, record);
   start->looked = TOV_LOOKED_NOT_YET;  // what was seen now need not hold after a wait
@@ -267,40 +297,41 @@ void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e 
 
 // ---- what /proc said ----------------------------------------------------------------------------
 
-void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]) {
-  if (record.start.wait == TOV_WAIT_SEARCH) return tov_proc_search_key(record, command);
-  (void)snprintf(command, sizeof command, "%s", record.process);
-  rtrim(command);
+// Who was executed beside the record, if he lives.
+static tov_successor_t living_heir(const tov_chains_guard_t &held, const tov_pid_t &record) {
+  if (!tov_inherit_heir_lives(held, record)) return {};
+  return {record.heir, tov_identity_of_start(record.heir_started), TOV_SIGN_TEXT};
 }
 
 // A scan that something else's end spoiled has not said that the program does not run, and a second
 // copy of it would be started; but on a machine where something always ends it says no more. One
 // that could not read says nothing, however often.
-void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found) {
+void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result,
+                       const tov_successor_t &seen) {
   tov_start_t *start = tov_record_start(held, record);
-  if (found == 0 && tov_scan_is_blind(result))
+  // Who was executed behind the scan, or shows another text by now, was heard.
+  const tov_successor_t found = seen.pid != 0 ? seen : living_heir(held, *record);
+  if (found.pid == 0 && tov_scan_is_blind(result))
     return wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + BLIND_PAUSE_US);
   start->scans++;
-  if (found > 0 || result >= 0 || start->scans >= LOOKS_MAX) {
-    start->looked = found > 0 ? TOV_LOOKED_RUNS : TOV_LOOKED_RUNS_NOT;
-    start->runs_as = found;
-    start->runs_started = started_of(found);
+  if (found.pid > 0 || result >= 0 || start->scans >= LOOKS_MAX) {
+    start->looked = found.pid > 0 ? TOV_LOOKED_RUNS : TOV_LOOKED_RUNS_NOT;
+    start->runs_as = found.pid;
+    start->runs = found.identity;
+    const bool is_own_heir = found.pid == record->heir && record->heir_forked != 0;
+    start->runs_on = found.sign == TOV_SIGN_KIN || is_own_heir ? 1 : 0;
     start->scans = 0;
   }
   wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
 }
 
 static bool has_ended(pid_t pid, uint64_t started) {
-  return tov_life_is_over(tov_identity_life(pid, {started, 0, 0, 0}));
+  return tov_life_is_over(tov_identity_life(pid, tov_identity_of_start(started)));
 }
 
-// What was heard of the process before its record had its id. Of another one than the child nobody
-// knew that it concerns us: the scan has found it, and it may have ended since.
+// What was heard of the child before its record had its id.
 static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
-  if (pid != start.forked) {
-    if (pid > 0 && has_ended(pid, 0)) heard->push_back({TOV_EVENT_EXIT, pid, 0});
-    return;
-  }
+  if (pid != start.forked) return;
   if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
   if (start.child_ended != 0)
     heard->push_back({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(start.child_code)});
@@ -319,9 +350,10 @@ static bool came_to_nothing(const tov_start_t &start, pid_t found) {
 }
 
 // The search has ended. What the child used stays until the record has its process.
-static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t found,
-                     std::vector<tov_cnmsg_data_t> *heard) {
+static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
+                     const tov_successor_t &successor, std::vector<tov_cnmsg_data_t> *heard) {
   const tov_start_t start = record->start;
+  const pid_t found = successor.pid;
   const bool failed = has_failed(start, found);
   tov_proc_tell_found(*record, start.forked, found);
   tell_heard(start, failed ? start.forked : found, heard);
@@ -329,24 +361,44 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record, pid_t fo
     tov_record_end_wait(held, record);
     tov_record_pass_on(held, record, start.forked);
     // Its id may be another process's by now.
-    tov_record_identify(held, record, {start.forked_started, 0, 0, 0}, false);
+    tov_record_identify(held, record, tov_identity_of_start(start.forked_started), false);
   } else {
-    finish(held, record, found);
+    finish(held, record, found, successor.identity);
   }
   tov_claim_drop(*record, start.forked);
+  if (record->pid != start.forked)
+    tov_inherit_drop_member(record->vsd_id, start.forked,
+                            tov_identity_of_start(start.forked_started));
   if (!failed && came_to_nothing(start, found)) tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
 }
 
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found,
-                         std::vector<tov_cnmsg_data_t> *heard) {
-  if (found == 0 && tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
-  if (found == 0 && tov_scan_is_blind(result))
+// Of a child that has failed it is known after one more scan whether it has left something behind.
+static int64_t search_pause_us(const tov_start_t &start, int result) {
+  const bool is_last = result >= 0 && has_failed(start, 0);
+  return is_last ? 0 : start.scans * int64_t{TOV_SEARCH_PAUSE_US};
+}
+
+// What was found, if nobody has taken it and it has not ended while the rest was looked at: then it
+// may have gone to the background.
+static tov_successor_t still_running(const tov_chains_guard_t &held, const tov_successor_t &found) {
+  const bool counts = found.pid > 0 && tov_inherit_is_free(held, found.pid) &&
+                      !tov_life_is_over(tov_identity_life(found.pid, found.identity));
+  return counts ? found : tov_successor_t{};
+}
+
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result,
+                         const tov_succession_t &succession, std::vector<tov_cnmsg_data_t> *heard) {
+  const tov_successor_t found = still_running(held, succession.found());
+  if (found.pid == 0 && tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
+  if (found.pid == 0 && tov_scan_is_blind(result))
     return tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + BLIND_PAUSE_US);
   tov_start_t *start = tov_record_start(held, record);
-  if (found > 0 || start->scans >= TOV_SEARCH_RETRIES) return conclude(held, record, found, heard);
+  const bool is_last =
+      start->scans >= TOV_SEARCH_RETRIES || (result >= 0 && succession.child_had_failed());
+  if (found.pid > 0) return conclude(held, record, found, heard);
+  if (is_last) return conclude(held, record, living_heir(held, *record), heard);
   start->scans++;
-  tov_record_wait(held, record, TOV_WAIT_SEARCH,
-                  tov_clock_us() + start->scans * int64_t{TOV_SEARCH_PAUSE_US});
+  tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + search_pause_us(*start, result));
 }
 
 // ---- who speaks up during a search --------------------------------------------------------------
@@ -359,13 +411,19 @@ bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
   tov_start_t *start = tov_record_start(held, record);
   if (start->child_ended != 0) return false;  // a stranger that was given the child's id
   const bool is_child =
-      tov_identity_life(start->forked, {start->forked_started, 0, 0, 0}) != TOV_LIFE_REUSED;
+      tov_identity_life(start->forked, tov_identity_of_start(start->forked_started)) !=
+      TOV_LIFE_REUSED;
   if (event.what == TOV_EVENT_EXEC && !is_child) return false;  // the child's end was lost
   if (event.what == TOV_EVENT_EXEC) {
     start->child_executed = 1;
+    note_executed(start);
   } else {
     start->child_ended = 1;
     start->child_code = static_cast<int>(event.exit_code);
+    // Not in the first pause, which lets the child become what it is to be, nor during a scan.
+    const bool pauses = start->scans > 1 && start->due_us != INT64_MAX;
+    if (pauses && has_failed(*start, 0))
+      tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us());
   }
   return true;
 }
@@ -374,7 +432,7 @@ static bool searches_for(const tov_pid_t &record, int vsd_id, const char *proces
   if (record.start.wait != TOV_WAIT_SEARCH || record.vsd_id != vsd_id) return false;
   char command[TOV_PROCESS_SIZE];
   tov_proc_search_key(record, command);
-  return strcmp(command, process) == 0;
+  return strcmp(command, process) == 0 || strcmp(record.process, process) == 0;
 }
 
 // The child itself is asked for first: its command line may not be what is searched for, yet.
@@ -395,7 +453,9 @@ tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int v
   if (record == nullptr) return nullptr;
   const pid_t forked = record->start.forked;
   tov_proc_tell_found(*record, forked, pid);
-  finish(held, record, pid);
+  tov_identity_t identity{};
+  (void)tov_identity_take(pid, &identity);
+  finish(held, record, pid, identity);
   tov_claim_drop(*record, forked);
   return record;
 }

@@ -11,6 +11,7 @@
 
 #include <vector>
 
+#include "core/policy/succession.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 
@@ -63,20 +64,18 @@ bool tov_revive_is_in_vain(const tov_pid_t &record);
 // action asks for one.
 bool tov_revive_is_wanted(const tov_pid_t &record);
 
-// The command line that a scan of /proc is to look for: that of the task in the look whether it
-// runs again, that of the started program in a search.
-void tov_revive_scan_key(const tov_pid_t &record, char (&command)[TOV_PROCESS_SIZE]);
-
 // Hands the answer of one scan to a record that looked: the rules are asked again with it.
 //   result  of the scan, tov_scan_t::go_on(): one that could not be finished is made again
-//   found   the process, 0: none
-void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found);
+void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result,
+                       const tov_successor_t &seen);
 
 // The same for a record that searched.
-//   record  may be freed
-//   heard   gets what was heard of the process meanwhile, for the caller to handle after the lock
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result, pid_t found,
-                         std::vector<tov_cnmsg_data_t> *heard);
+//   record      may be freed
+//   succession  what the scan was asked, and has found
+//   heard       gets what was heard of the process meanwhile, for the caller to handle after the
+//               lock
+void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result,
+                         const tov_succession_t &succession, std::vector<tov_cnmsg_data_t> *heard);
 
 // Keeps an event of a child for which its restart still searches, until the search has ended.
 // Returns false when it is none.

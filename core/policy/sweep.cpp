@@ -1,5 +1,5 @@
 // A bucket is compared with /proc first, process by process without the lock, and decided about
-// second, under it. What the decisions want registered is registered after the lock is released.
+// second, under it.
 //
 // Tested by: tests/unit/core/policy/sweep_test.cpp, tests/module/core/policy/sweep_test.cpp,
 // tests/device/sweep_test.cpp
@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <vector>
 
 #include "core/policy/exit.h"
@@ -21,6 +22,7 @@
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_log.h"
+#include "proc/tov_proc.h"
 #include "util/identity.h"
 
 enum {
@@ -60,8 +62,11 @@ static std::vector<asked_s> whom_to_ask(unsigned int bucket) {
 static void miss(const tov_chains_guard_t &held, tov_pid_t *record, tov_found_e found) {
   (void)tov_log_with_type(TOV_LOG_RESTART, "%s: tov_pid(%s, %d, %d) is not running.\n", function,
                           record->process, record->vsd_id, record->pid);
-  // One that lives is told about, and no more.
-  if (found == TOV_FOUND_UNLIKE) return tov_record_clear_misses(held, record);
+  // One that lives is told about, and no more. What a listed program makes of itself is its own
+  // affair: it may have been a wrapper of what runs now.
+  const bool lives =
+      found == TOV_FOUND_UNLIKE || (found == TOV_FOUND_OTHER && tov_proc_is_listed(*record));
+  if (lives) return tov_record_clear_misses(held, record);
   tov_record_missed(held, record);
 }
 
@@ -104,9 +109,7 @@ static tov_pid_t *find_lost(unsigned int bucket) TOV_REQUIRES(tov_chains) {
   return nullptr;
 }
 
-// Returns the processes to register when the lock is gone.
-static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
-  std::vector<tov_registration_t> found;
+static void decide_about(unsigned int bucket) {
   const tov_chains_guard_t held(tov_chains);
   // A walk of its own for each: the decision about one record may remove others.
   while (tov_pid_t *lost = find_lost(bucket)) {
@@ -116,19 +119,16 @@ static std::vector<tov_registration_t> decide_about(unsigned int bucket) {
                             lost->process, lost->vsd_id, lost->pid);
     // Its event may have been heard and not be handled yet: then a stop is a stop. One whose end
     // was accepted before, and whose restart came to nothing, is brought back whatever that was.
-    const int exit_code = lost->ended != 0 ? 0 : tov_late_code(*lost, 0);
-    const tov_registration_t later = tov_decide_lost_exit(held, lost, exit_code);
-    if (later.pid != 0) found.push_back(later);
+    const std::optional<int> exit_code = lost->ended != 0 ? std::nullopt : tov_late_code(*lost);
+    tov_decide_lost_exit(held, lost, exit_code);
   }
-  return found;
 }
 
 int tov_sweep_bucket(unsigned int bucket) {
   int unknown = 0;
   for (const asked_s &asked : whom_to_ask(bucket))
     look_at(asked, &unknown);
-  for (const tov_registration_t &found : decide_about(bucket))
-    tov_register_found(found);
+  decide_about(bucket);
   return unknown;
 }
 

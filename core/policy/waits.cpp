@@ -5,11 +5,11 @@
 // Tested by: tests/unit/core/policy/waits_test.cpp, tests/device/waits_test.cpp
 #include "core/policy/waits.h"
 
-#include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -17,6 +17,7 @@
 #include "core/policy/exit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
+#include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"
@@ -49,28 +50,27 @@ void tov_waits_s::put_off(const tov_chains_guard_t &held, tov_pid_t *record) {
 void tov_waits_s::begin_scan() {
   if (asking_.empty()) return;
   scan_.emplace();
-  answered_.clear();
+  answers_.clear();
   const tov_chains_guard_t held(tov_chains);
   for (const uint64_t number : std::exchange(asking_, {})) {
     const tov_pid_t *record = tov_record_of_start(held, number);
     if (record == nullptr) continue;
-    char command[TOV_PROCESS_SIZE];
-    tov_revive_scan_key(*record, command);
-    scan_->look_for(command);
-    answered_.push_back(number);
+    answers_.push_back({number, std::make_unique<tov_succession_t>(held, *record)});
+    scan_->ask([of = answers_.back().succession.get()](pid_t pid, const char *command) {
+      return of->consider(pid, command);
+    });
   }
 }
 
-void tov_waits_s::end_scan(const tov_scan_t &scan, int result, step_s *step) {
-  for (size_t i = 0; i < answered_.size(); i++) {
+void tov_waits_s::end_scan(int result, step_s *step) {
+  for (const answer_s &answer : answers_) {
     const tov_chains_guard_t held(tov_chains);
-    tov_pid_t *record = tov_record_of_start(held, answered_[i]);
+    tov_pid_t *record = tov_record_of_start(held, answer.number);
     if (record == nullptr) continue;
-    const pid_t found = scan.found(i);
     if (record->start.wait == TOV_WAIT_LOOK) {
-      tov_revive_looked(held, record, result, found);
+      tov_revive_looked(held, record, result, answer.succession->found());
     } else {
-      tov_revive_searched(held, record, result, found, &step->heard);
+      tov_revive_searched(held, record, result, *answer.succession, &step->heard);
     }
   }
 }
@@ -80,34 +80,30 @@ void tov_waits_s::read_portion(step_s *step) {
   if (!scan_) return;
   const std::optional<int> result = scan_->go_on(PORTION);
   if (!result) return;
-  end_scan(*scan_, *result, step);
+  end_scan(*result, step);
   scan_.reset();
 }
 
 // ---- steps --------------------------------------------------------------------------------------
 
-// Returns what is to be registered when the lock is gone.
-tov_registration_t tov_waits_s::handle_due(step_s *step) {
+void tov_waits_s::handle_due(step_s *step) {
   const tov_chains_guard_t held(tov_chains);
-  tov_registration_t later;
   if (tov_pid_t *record = tov_record_due(held, tov_clock_us())) {
     step->handled = !tov_record_is_ending(*record);  // a question takes no slot
     if (asks_proc(*record)) {
       put_off(held, record);
     } else {
-      later = tov_exit_go_on(held, record);
+      tov_exit_go_on(held, record);
     }
   }
   step->next_us = scan_ || !asking_.empty() ? 0 : tov_record_next_due_us(held);
-  return later;
 }
 
 tov_waits_s::step_s tov_waits_s::go_on() {
   step_s step;
   read_portion(&step);
-  tov_register_found(handle_due(&step));
+  handle_due(&step);
   const tov_late_step_t late = tov_late_go_on();
-  tov_register_found(late.later);
   step.handled = step.handled || late.handled;
   step.next_us = std::min(step.next_us, late.next_us);
   return step;

@@ -9,10 +9,11 @@
 
 #include <stdint.h>
 
+#include <memory>
 #include <optional>
 #include <vector>
 
-#include "core/policy/exit.h"
+#include "core/policy/succession.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "proc/find.h"
@@ -30,19 +31,24 @@ class tov_waits_s {
 
   // Goes on with the record whose deadline came first, if it has come, decides about a death that
   // no event has told (core/policy/late), and reads the next portion of /proc for those that look
-  // or search. Takes some milliseconds at the most, but for a registration with our own server
-  // (tov_register_found()). Call it without any registry's lock.
+  // or search. Takes some milliseconds at the most. Call it without any registry's lock.
   step_s go_on();
 
  private:
   void begin_scan();
   void read_portion(step_s *step);
-  void end_scan(const tov_scan_t &scan, int result, step_s *step);
-  tov_registration_t handle_due(step_s *step);
+  void end_scan(int result, step_s *step);
+  void handle_due(step_s *step);
   void put_off(const tov_chains_guard_t &held, tov_pid_t *record);
 
-  std::vector<uint64_t> asking_;    // restarts (tov_start_t) that the next scan is for
-  std::vector<uint64_t> answered_;  // that the present one is for, in its order
+  // Who asked the present scan, and what it has found for them so far.
+  struct answer_s {
+    uint64_t number;  // of the restart, tov_start_t
+    std::unique_ptr<tov_succession_t> succession;
+  };
+
+  std::vector<uint64_t> asking_;   // restarts (tov_start_t) that the next scan is for
+  std::vector<answer_s> answers_;  // of the present one
   std::optional<tov_scan_t> scan_;
 };
 using tov_waits_t = tov_waits_s;

@@ -9,7 +9,6 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
-#include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
 #include "util/identity.h"
 #include "util/procfs.h"
@@ -18,8 +17,7 @@
 
 enum { COMMAND_SIZE = 512 };
 
-// Another record of the same task, or null.
-static tov_pid_t *find_twin(const tov_pid_t &record) TOV_REQUIRES(tov_chains) {
+tov_pid_t *tov_twin_of(const tov_pid_t &record) {
   for (tov_pid_t &other : tov_chain_records(&tov_chains)) {
     // The numbers first: they tell nearly all records apart without touching the long text.
     if (&other != &record && other.vsd_id == record.vsd_id &&
@@ -31,7 +29,7 @@ static tov_pid_t *find_twin(const tov_pid_t &record) TOV_REQUIRES(tov_chains) {
 }
 
 tov_pid_t *tov_proc_is_running(tov_pid_t *record) {
-  tov_pid_t *hit = find_twin(*record);
+  tov_pid_t *hit = tov_twin_of(*record);
   if (hit == nullptr) return nullptr;
   TOV_DBG("ptov_pid pid %d vsd %d process %s!\n", record->pid, record->vsd_id, record->process);
   TOV_DBG("tov_pid pid %d vsd %d process %s!\n", hit->pid, hit->vsd_id, hit->process);

@@ -16,6 +16,9 @@
 // Caller holds the lock of `tov_chains`; the answer is borrowed under it. Walks all buckets.
 tov_pid_t *tov_proc_is_running(tov_pid_t *record) TOV_REQUIRES(tov_chains);
 
+// The same record, or null, without more ado.
+tov_pid_t *tov_twin_of(const tov_pid_t &record) TOV_REQUIRES(tov_chains);
+
 // Whether `pid` has a record in `tov_alive_chains`. Caller holds that registry's lock.
 bool tov_is_reg_alive_inlock(pid_t pid) TOV_REQUIRES(tov_alive_chains);
 

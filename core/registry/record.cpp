@@ -14,6 +14,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "client/tov_pidfile.h"
 #include "core/registry/links.h"
@@ -99,9 +100,13 @@ static tov_chains_t *registry_of(const tov_chains_guard_t &held)
   return held.registry();
 }
 
-void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code, int force) {
+void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record,
+                      std::optional<int> exit_code, int force) {
   (void)registry_of(held);
-  record->exit_signal = exit_code;
+  record->exit_signal = exit_code.value_or(0);
+  record->exit_how = !exit_code        ? int{TOV_ENDED_UNKNOWN}
+                     : *exit_code == 0 ? int{TOV_ENDED_WELL}
+                                       : int{TOV_ENDED_BADLY};
   record->force_restart = force;
   record->ended = 1;
 }
@@ -173,6 +178,23 @@ void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record) {
   record->tm = 0;
 }
 
+void tov_record_forget_burst(const tov_chains_guard_t &held, tov_pid_t *record) {
+  (void)registry_of(held);
+  record->flags &= ~TOV_FLAG_STARTED;
+  record->count = 0;
+  record->tm = record->first_tm = 0;
+  record->con_pull_flag = 0;
+  record->con_tm = record->ill_tm = 0;
+}
+
+void tov_record_inherit(const tov_chains_guard_t &held, tov_pid_t *record, pid_t heir,
+                        uint64_t started, bool forked) {
+  (void)registry_of(held);
+  record->heir = heir;
+  record->heir_started = started;
+  record->heir_forked = forked ? 1 : 0;
+}
+
 // ---- restarts under way -----------------------------------------------------------------------
 
 // Its first link leads to the earliest deadline.
@@ -208,10 +230,11 @@ void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait
   wait_until(held, record, wait, due_us);
 }
 
-void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code,
-                         int force) {
+void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record,
+                         std::optional<int> exit_code, int force) {
   tov_start_t *start = tov_record_start(held, record);
-  start->end_code = exit_code;
+  start->end_known = exit_code ? 1 : 0;
+  start->end_code = exit_code.value_or(0);
   start->end_force = force;
   // The threads of a process that is killed end one after another, in less than that.
   const int64_t pause_us = END_PAUSE_US << std::min<int>(start->end_asked++, END_DOUBLINGS);
@@ -361,9 +384,10 @@ static void give_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   record->stat_check_cnt = 0;
   tov_identity_t identity{};
   (void)tov_identity_take(new_pid, &identity);
-  record->identity = {identity.started, 0, 0, 0};
+  record->identity = tov_identity_of_start(identity.started);
   record->seen = 0;
   record->ended = 0;
+  if (record->heir == new_pid) record->heir = 0;
   tell_next(held, record);
   tov_reset_lmk(new_pid);
 }
@@ -402,6 +426,7 @@ void tov_record_defer(const tov_chains_guard_t &held, const tov_pid_t &record, t
   copy->restart_time = record.restart_time;
   copy->action = record.action;
   copy->exit_signal = record.exit_signal;
+  copy->exit_how = record.exit_how;
   (void)snprintf(copy->process, sizeof copy->process, "%s", record.process);
   (void)snprintf(copy->pathname, sizeof copy->pathname, "%s", record.pathname);
   copy->delay_tm = now;

@@ -45,6 +45,8 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <optional>
+
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 
@@ -94,9 +96,10 @@ bool tov_burst_is_over(int count);
 // ---- moves ----------------------------------------------------------------------------------
 
 // The exit of its process is accepted as such.
-//   exit_code  wait status
+//   exit_code  wait status; nothing: not known
 //   force      1: the lock on the registration file is not waited for any longer
-void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code, int force);
+void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record,
+                      std::optional<int> exit_code, int force);
 
 // Its process dumped core at monotonic second `now`.
 void tov_record_dumped_core(const tov_chains_guard_t &held, tov_pid_t *record, time_t now);
@@ -125,6 +128,14 @@ void tov_record_count_self_check(const tov_chains_guard_t &held, tov_pid_t *reco
 // The reload rule has considered the self-checks; they count no more.
 void tov_record_clear_self_checks(const tov_chains_guard_t &held, tov_pid_t *record);
 
+// What was counted of its starts, self-checks and core dumps counts no more.
+void tov_record_forget_burst(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// Another process of its listed program was executed beside its own, or beside none.
+//   forked  by its own one
+void tov_record_inherit(const tov_chains_guard_t &held, tov_pid_t *record, pid_t heir,
+                        uint64_t started, bool forked);
+
 // Ends the suspension; the next start begins a burst.
 void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
 
@@ -144,8 +155,8 @@ void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait
 // The end of its process was reported with this wait status, and is not certain: it is asked again
 // soon, and ever more seldom. A later report's status replaces the earlier
 // one's: that of a process is its last thread's.
-void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record, int exit_code,
-                         int force);
+void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record,
+                         std::optional<int> exit_code, int force);
 
 // The process that was reported as ended has ended; its last thread's event gets 50 ms to come.
 void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record);

@@ -42,6 +42,7 @@ static tov_supervised_row_t row_of(const tov_pid_t &record) {
   row.stack = record.identity.stack;
   row.exe_dev = record.identity.exe_dev;
   row.exe_ino = record.identity.exe_ino;
+  row.session = static_cast<uint32_t>(record.identity.session);
   row.file = tov_supervised_file(record);
   row.was_seen = record.seen != 0 ? 1 : 0;
   return row;

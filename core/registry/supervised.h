@@ -33,7 +33,7 @@ struct tov_supervised_row_s {
   uint64_t exe_ino;
   uint64_t file;      // tov_supervised_file()
   uint32_t was_seen;  // 1: the process was seen as what is registered
-  uint32_t unused;
+  uint32_t session;   // its session; 0: not known
   uint64_t check;
 };
 using tov_supervised_row_t = tov_supervised_row_s;

@@ -22,7 +22,7 @@
 #include "util/tov_utils.h"
 
 static tov_identity_t identity_of(const tov_watched_row_t &row) {
-  return {row.started, row.stack, row.exe_dev, row.exe_ino};
+  return {row.started, row.stack, row.exe_dev, row.exe_ino, 0};
 }
 
 // Whether a thread has executed a program since it registered: whoever registers is the program,
@@ -34,7 +34,8 @@ static bool has_executed(const tov_watched_row_t &row) {
 
 bool tov_watch_is_gone(const tov_watched_row_t &row) {
   if (tov_life_is_over(tov_identity_thread_life(row.tid, identity_of(row)))) return true;
-  if (tov_life_is_over(tov_identity_life(row.owner, {row.owner_started, 0, 0, 0}))) return true;
+  if (tov_life_is_over(tov_identity_life(row.owner, tov_identity_of_start(row.owner_started))))
+    return true;
   const pid_t owner = tov_get_ppid_form_pid(row.tid);
   return (owner >= 0 && owner != row.owner) || has_executed(row);
 }

@@ -105,7 +105,7 @@ static verdict_e judge(const tov_pid_t &record) {
 static bool may_be_accused(const tov_pid_t &record) {
   if (tov_identity_thread_life(record.pid, record.identity) != TOV_LIFE_LIVES) return false;
   if (tov_get_ppid_form_pid(record.pid) != record.ppid) return false;
-  const tov_identity_t owner = {record.owner_started, 0, 0, 0};
+  const tov_identity_t owner = tov_identity_of_start(record.owner_started);
   const tov_life_e life = tov_identity_life(record.ppid, owner);
   return life == TOV_LIFE_LIVES || life == TOV_LIFE_THREADS;
 }

@@ -153,7 +153,7 @@ TEST(TovIdentity, WithoutAFreeDescriptorNothingIsKnown) {
   const pid_t gone = tov_test::gone_process();
   const tov_test::NoMoreDescriptors none;
   for (const pid_t pid : {getpid(), zombie.pid(), gone}) {
-    tov_identity_t identity{1, 2, 3, 4};
+    tov_identity_t identity{1, 2, 3, 4, 5};
     EXPECT_EQ(tov_identity_life(pid, {}), TOV_LIFE_UNKNOWN) << pid;
     EXPECT_EQ(tov_identity_take(pid, &identity), -EMFILE) << pid;
     EXPECT_EQ(identity.started, 1u);

@@ -28,6 +28,7 @@ kernel_s::kernel_s() {
   for (const char *dir : {"/proc", "/tmp", "/etc", "/dev", "/run"})
     make_dir(dir);
   make_device("/dev/console");
+  write_file("/proc/sys/kernel/randomize_va_space", "2\n");
   for (int fd = 0; fd < 3; fd++)
     files_[fd] = open_file_s(inode_at("/dev/console"), "/dev/console", O_RDWR);
   set_next_pid(SELF);

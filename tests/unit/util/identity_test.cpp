@@ -27,8 +27,8 @@ namespace {
 
 class TovIdentity : public tov_test::Simulated {
  protected:
-  static constexpr tov_identity_t SOMEBODY{1, 2, 3, 4};
-  static constexpr tov_identity_t NOBODY{TOV_NEVER_STARTED, 0, 0, 0};
+  static constexpr tov_identity_t SOMEBODY{1, 2, 3, 4, 5};
+  static constexpr tov_identity_t NOBODY{TOV_NEVER_STARTED, 0, 0, 0, 0};
 
   // Of a process that is there.
   static tov_identity_t taken(pid_t pid) {
@@ -325,7 +325,7 @@ TEST_F(TovIdentity, ThreadEndsByItself) {
 // ---- two identities -------------------------------------------------------------------------
 
 TEST_F(TovIdentity, SameIdAndStartAreOneProcess) {
-  const tov_identity_t known{7, 1, 1, 1}, later{8, 1, 1, 1}, executed{7, 2, 3, 4};
+  const tov_identity_t known{7, 1, 1, 1, 1}, later{8, 1, 1, 1, 1}, executed{7, 2, 3, 4, 1};
   EXPECT_TRUE(tov_identity_equals(ID, known, ID, executed));
   EXPECT_FALSE(tov_identity_differs(ID, known, ID, executed));
   EXPECT_FALSE(tov_identity_equals(ID, known, ID, later));
@@ -336,7 +336,7 @@ TEST_F(TovIdentity, SameIdAndStartAreOneProcess) {
 }
 
 TEST_F(TovIdentity, ThatIsNotKnownIsNeitherTheSameNorAnother) {
-  const tov_identity_t known{7, 1, 1, 1}, unknown{};
+  const tov_identity_t known{7, 1, 1, 1, 1}, unknown{};
   for (const tov_identity_t &one : {known, unknown}) {
     EXPECT_FALSE(tov_identity_equals(ID, one, ID, unknown));
     EXPECT_FALSE(tov_identity_equals(ID, unknown, ID, one));
@@ -346,18 +346,35 @@ TEST_F(TovIdentity, ThatIsNotKnownIsNeitherTheSameNorAnother) {
   }
 }
 
+TEST_F(TovIdentity, EarlierStartIsOlderAndWithinATickTheLowerId) {
+  const tov_identity_t early{7, 0, 0, 0, 0}, late{8, 0, 0, 0, 0};
+  EXPECT_TRUE(tov_identity_is_older(ID + 1, early, ID, late));
+  EXPECT_FALSE(tov_identity_is_older(ID, late, ID + 1, early));
+  EXPECT_TRUE(tov_identity_is_older(ID, early, ID + 1, early));
+  EXPECT_FALSE(tov_identity_is_older(ID + 1, early, ID, early));
+  EXPECT_FALSE(tov_identity_is_older(ID, early, ID, early));
+}
+
+TEST_F(TovIdentity, WithoutAStartNothingIsOlder) {
+  const tov_identity_t known{7, 0, 0, 0, 0};
+  for (const tov_identity_t &unknown : {tov_identity_t{}, NOBODY}) {
+    EXPECT_FALSE(tov_identity_is_older(ID, known, ID + 1, unknown));
+    EXPECT_FALSE(tov_identity_is_older(ID, unknown, ID + 1, known));
+  }
+}
+
 TEST_F(TovIdentity, StackOrExecutableProveAnExecution) {
-  const tov_identity_t then{7, 10, 20, 30};
+  const tov_identity_t then{7, 10, 20, 30, 1};
   EXPECT_FALSE(tov_identity_executed(then, then));
-  EXPECT_TRUE(tov_identity_executed(then, {7, 11, 20, 30})) << "the stack";
-  EXPECT_TRUE(tov_identity_executed(then, {7, 10, 21, 30})) << "the device";
-  EXPECT_TRUE(tov_identity_executed(then, {7, 10, 20, 31})) << "the inode";
+  EXPECT_TRUE(tov_identity_executed(then, {7, 11, 20, 30, 1})) << "the stack";
+  EXPECT_TRUE(tov_identity_executed(then, {7, 10, 21, 30, 1})) << "the device";
+  EXPECT_TRUE(tov_identity_executed(then, {7, 10, 20, 31, 1})) << "the inode";
 }
 
 TEST_F(TovIdentity, WhatIsNotKnownProvesNoExecution) {
-  const tov_identity_t then{7, 10, 20, 30};
+  const tov_identity_t then{7, 10, 20, 30, 1};
   for (const tov_identity_t &now :
-       {tov_identity_t{7, 0, 20, 30}, {7, 10, 0, 0}, {7, 10, 21, 0}, {7, 0, 0, 0}}) {
+       {tov_identity_t{7, 0, 20, 30, 0}, {7, 10, 0, 0, 0}, {7, 10, 21, 0, 0}, {7, 0, 0, 0, 0}}) {
     EXPECT_FALSE(tov_identity_executed(then, now)) << text_of(now);
     EXPECT_FALSE(tov_identity_executed(now, then)) << text_of(now);
   }

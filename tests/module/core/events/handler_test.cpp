@@ -172,12 +172,14 @@ TEST_F(TovCnMsgExec, InstanceOfAnotherDeviceIsNot) {
   EXPECT_TRUE(registers(tov_test::start(program.path)));
 }
 
-TEST_F(TovCnMsgExec, OwnRecordOfTheProcessIsNot) {
+// The server would change nothing, but the registration file would say what the program shows now.
+TEST_F(TovCnMsgExec, ProcessThatHasARecordIsNotRegisteredAnew) {
   const Program program("itself");
-  list(program.path + " TOV_RESTART");
+  list(program.path + " TOV_RESTART\n" + program.path + " -d TOV_RESTART");
   const pid_t pid = tov_test::start(program.path);
-  add(pid, program.path);
-  EXPECT_TRUE(registers(pid));
+  const tov_pid_t *record = add(pid, program.path + " -d");
+  EXPECT_FALSE(registers(pid));
+  EXPECT_EQ(record->process, program.path + " -d");
 }
 
 TEST_F(TovCnMsgExec, ProgramOfADeviceIsComparedWithinIt) {

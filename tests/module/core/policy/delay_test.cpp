@@ -51,6 +51,7 @@ class TovDelayRestart : public tov_test::World {
     tov_pid_t *record = add(pid, process);
     tov_pid_t *parked = add(pid, process, RESPAWN, 0, tov_chains_delay);
     parked->exit_signal = exit_signal;
+    parked->exit_how = TOV_ENDED_BADLY;
     parked->delay_tm = seconds_ago(age_s);
     return record;
   }

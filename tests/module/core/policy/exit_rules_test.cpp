@@ -7,9 +7,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <chrono>
 #include <filesystem>
-#include <future>
 #include <string>
 
 #include "core/policy/exit.h"
@@ -17,20 +15,17 @@
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
-#include "tests/module/fake_daemon.h"
 #include "tests/module/fake_sleep.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
-#include "tests/support/processes.h"
 #include "util/owner.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using tov_test::exists;
-using tov_test::FakeDaemon;
 using tov_test::GONE;
 using tov_test::Program;
 using tov_test::write_file;
@@ -168,24 +163,31 @@ TEST_F(TovExitStops, ComesBeforeDeferral) {
 
 // ---- third-part programs --------------------------------------------------------------------
 
+// In place: there is no moment in which the process runs without a registration.
 TEST_F(TovExitThirdPart, ProgramThatRunsAgainIsRegisteredInstead) {
   const Program program("brought");
   write_file(TOV_THIRD_PART_LIST, program.path + " -d TOV_RESTART\n");
   const pid_t found = tov_test::start(program.path + " -d");
   program.birth();
-  const std::string file = write_file_of(*add(GONE, program.path + " -d"));
-  FakeDaemon server;
+  tov_pid_t *record = add(GONE, program.path + " -d");
+  record->count = 3;
+  record->flags = TOV_FLAG_STARTED;
+  const std::string file = write_file_of(*record);
   const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
 
-  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(find(GONE), nullptr);
+  EXPECT_EQ(find(found), record);
+  EXPECT_EQ(record->count, 0);  // it begins as any registration does
+  EXPECT_EQ(record->flags, 0);
   EXPECT_FALSE(exists(file));
+  EXPECT_TRUE(exists(file_of(*record)));
   EXPECT_EQ(program.births().size(), 1u);
-  const auto request = server.only_request();
-  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_RESTART));
-  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
   EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == RESPAWN, found child "
                               "pid_get = " +
                               std::to_string(found) + "\n"));
+  EXPECT_THAT(events(TOV_LOG_REG_RESTART),
+              ElementsAre("register - process:" + program.path +
+                          " -d pid:" + std::to_string(found) + ", vsd_id:0, action:2"));
   EXPECT_THAT(events(TOV_LOG_ERROR), IsEmpty());
   EXPECT_THAT(notices(), IsEmpty());
 }
@@ -194,32 +196,13 @@ TEST_F(TovExitThirdPart, ScriptTaskIsRegisteredAsOne) {
   const Program program("script");
   write_file(TOV_THIRD_PART_LIST, program.path + " TOV_SHELL_RESTART\n");
   const pid_t found = tov_test::start(program.path);
-  add(GONE, program.path, SHELL_RESTART);
-  FakeDaemon server;
+  tov_pid_t *record = add(GONE, program.path, SHELL_RESTART);
   const std::string said = diagnostics([] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  const auto request = server.only_request();
-  EXPECT_EQ(request.head().type, static_cast<uint32_t>(TOV_SHELL_RESTART));
-  EXPECT_EQ(request.payload<tov_msg_xtach_t>().pid, found);
+  EXPECT_EQ(find(found), record);
+  EXPECT_EQ(record->action, SHELL_RESTART);
   EXPECT_THAT(said, HasSubstr("]tov_handle_netlink_exit--> tov_pid->action == SHELL_RESTART, found "
                               "child pid_get = " +
                               std::to_string(found) + "\n"));
-}
-
-// The server wants the same lock to make the new record: no thread may hold it while it is asked.
-TEST_F(TovExitThirdPart, RegistryIsFreeWhileTheServerIsAsked) {
-  const Program program("unlocked");
-  write_file(TOV_THIRD_PART_LIST, program.path + " TOV_RESTART\n");
-  tov_test::start(program.path);
-  add(GONE, program.path);
-  FakeDaemon server({.held = true});
-  auto handled = std::async(std::launch::async, [] { tov_handle_netlink_exit(GONE, KILLED, 0); });
-  // Asking for the record takes the lock, so with the lock held this would last as long as the
-  // whole handling.
-  EXPECT_TRUE(tov_test::wait_until([&] { return find(GONE) == nullptr; }, tov_test::PATIENT_MS));
-  EXPECT_EQ(handled.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  server.let_go();
-  handled.wait();
-  EXPECT_EQ(count(), 0);
 }
 
 TEST_F(TovExitThirdPart, ProgramThatIsNotRunningIsStartedAgain) {

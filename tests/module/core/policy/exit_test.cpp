@@ -48,12 +48,8 @@ using TovHandleExit = tov_test::NotesSleeps<tov_test::World>;
 
 // Carries out a sweep's verdict about a record.
 void decide_lost(tov_pid_t *record) {
-  tov_registration_t found;
-  {
-    const tov_chains_guard_t held(tov_chains);
-    found = tov_decide_lost_exit(held, record, 0);
-  }
-  tov_register_found(found);
+  const tov_chains_guard_t held(tov_chains);
+  tov_decide_lost_exit(held, record, 0);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "core/policy/exit.h"
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
+#include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"
@@ -121,16 +122,15 @@ class TovForeseen : public tov_test::World {
     const tov_foreseen_t foreseen = tov_foresee_exit(*record, of.asked, of.ending);
     reached_.insert(foreseen.act);
     const tov_pid_t before = *record;
-    tov_registration_t later;
     if (of.ending.lost) {
       const tov_chains_guard_t held(tov_chains);
-      later = tov_decide_lost_exit(held, record, 0);
-      if (foreseen.act == TOV_EXIT_HAND_OVER) later = answer_look(held, record);
+      tov_decide_lost_exit(held, record, std::nullopt);
+      if (foreseen.act == TOV_EXIT_HAND_OVER) answer_look(held, record);
       if (foreseen.wait_s > 0) end_wait(held, record, foreseen.wait_s);
     } else {
       tov_handle_netlink_exit(pid, of.ending.exit_code, of.ending.force);
     }
-    expect(foreseen, before, later, again, program);
+    expect(foreseen, before, again, program);
     for (const pid_t started : {again, half})
       if (started > 0) tov_test::end_child(started);
   }
@@ -145,22 +145,23 @@ class TovForeseen : public tov_test::World {
   }
 
   // The record looks whether its program runs: what /proc says, and what follows from it.
-  static tov_registration_t answer_look(const tov_chains_guard_t &held, tov_pid_t *record) {
+  static void answer_look(const tov_chains_guard_t &held, tov_pid_t *record) {
     EXPECT_EQ(record->start.wait, TOV_WAIT_LOOK);
     while (record->start.looked == TOV_LOOKED_NOT_YET) {
+      tov_succession_t succession(held, *record);
       tov_scan_t scan;
-      scan.look_for(record->process);
+      scan.ask([&](pid_t pid, const char *command) { return succession.consider(pid, command); });
       const int result = scan.go_on(tov_scan_t::ALL).value_or(0);
-      tov_revive_looked(held, record, result, scan.found(0));
+      tov_revive_looked(held, record, result, succession.found());
     }
-    return tov_exit_go_on(held, record);
+    tov_exit_go_on(held, record);
   }
 
   // The record waits for its `restart_time`: the time comes at once.
   static void end_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait_s) {
     EXPECT_EQ(record->start.wait, TOV_WAIT_TIME);
     EXPECT_NEAR(static_cast<double>(record->start.due_us - tov_clock_us()), wait_s * 1e6, 1e6);
-    EXPECT_EQ(tov_exit_go_on(held, record).pid, 0);
+    tov_exit_go_on(held, record);
   }
 
   static std::function<void()> holding(const std::string &path) {
@@ -170,8 +171,8 @@ class TovForeseen : public tov_test::World {
     };
   }
 
-  void expect(const tov_foreseen_t &foreseen, const tov_pid_t &before,
-              const tov_registration_t &later, pid_t again, const Program &program) {
+  void expect(const tov_foreseen_t &foreseen, const tov_pid_t &before, pid_t again,
+              const Program &program) {
     const tov_pid_t after = record_of(tov_chains, before.pid);
     const bool still_there = after.pid != 0;
     const bool parked = find(before.pid, tov_chains_delay) != nullptr;
@@ -179,7 +180,8 @@ class TovForeseen : public tov_test::World {
         after.force_restart != before.force_restart || after.exit_signal != before.exit_signal;
     const bool stopped = !events(TOV_LOG_RUN_EVENT).empty();
     EXPECT_EQ(parked, foreseen.act == TOV_EXIT_DEFER);
-    EXPECT_EQ(later.pid, foreseen.act == TOV_EXIT_HAND_OVER ? again : 0);
+    const bool handed_over = again > 0 && record_of(tov_chains, again).pid != 0;
+    EXPECT_EQ(handed_over, foreseen.act == TOV_EXIT_HAND_OVER);
     switch (foreseen.act) {
       case TOV_EXIT_ASK_AGAIN:
         EXPECT_TRUE(tov_record_is_ending(after));

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <string>
@@ -40,7 +41,7 @@ class ListedWalk : public tov_test::Simulated {
   }
   static std::vector<pid_t> found() {
     tov_listed_walk_t walk;
-    walk.begin();
+    walk.begin(0);
     return found_by(walk);
   }
 };
@@ -74,9 +75,9 @@ TEST_F(ListedWalk, BeginsAnewAsOftenAsItIsTold) {
   const pid_t pid = start({"/opt/plain"});
   tov_listed_walk_t walk;
   for (int round = 0; round < 2; round++) {
-    walk.begin();
+    walk.begin(0);
     (void)walk.go_on();
-    walk.begin();
+    walk.begin(0);
     EXPECT_THAT(found_by(walk), ElementsAre(pid));
     EXPECT_THAT(found_by(walk), IsEmpty());
   }
@@ -87,7 +88,7 @@ TEST_F(ListedWalk, ComesToItsEndInPortions) {
     start({"/opt/other"});
   const pid_t last = start({"/opt/plain"});
   tov_listed_walk_t walk;
-  walk.begin();
+  walk.begin(0);
   int steps = 1;
   pid_t found = 0;
   for (tov_listed_walk_t::step_s step = walk.go_on(); step.goes_on; step = walk.go_on(), steps++)
@@ -119,6 +120,14 @@ TEST_F(ListedWalk, OfTwoProgramsTakesTheEldest) {
   EXPECT_THAT(found(), ElementsAre(elder));
 }
 
+// The workers of a program that has died show its command line, and belong to nobody.
+TEST_F(ListedWalk, ProgramWithWorkersComesBeforeEldersWithout) {
+  start({"/opt/plain"});
+  const pid_t program = start({"/opt/plain"});
+  start({"/opt/plain"}, program);
+  EXPECT_THAT(found(), ElementsAre(program));
+}
+
 TEST_F(ListedWalk, TakesOneInEachDevice) {
   const pid_t base = start({"/opt/plain"});
   const pid_t member = start({"/opt/plain"}, base);
@@ -140,4 +149,17 @@ TEST_F(ListedWalk, FindsNothingWithoutAListOrWithoutProc) {
   kernel().proc_is_mounted = true;
   kernel().remove(TOV_THIRD_PART_LIST);
   EXPECT_THAT(found(), IsEmpty());
+}
+
+TEST_F(ListedWalk, WhoStartedEarlierThanWantedIsPassedOver) {
+  start({"/opt/plain"});
+  kernel().pass(1'000'000);
+  const int64_t born_us = kernel().now_us();
+  kernel().pass(20'000);
+  const pid_t young = start({"/opt/listed", "-d"});
+  tov_listed_walk_t walk;
+  walk.begin(born_us);
+  EXPECT_THAT(found_by(walk), ElementsAre(young));
+  walk.begin(0);
+  EXPECT_EQ(found_by(walk).size(), 2u);
 }

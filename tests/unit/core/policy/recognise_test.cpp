@@ -19,6 +19,7 @@
 #include "include/tov_registry.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/simulated.h"
+#include "util/identity.h"
 
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -47,7 +48,7 @@ class TovRecognition : public tov_test::Simulated {
   static tov_identity_t supervised(bool seen = true) {
     tov_pid_t *record = add(ID, COMMAND);
     const tov_identity_t known =
-        seen ? record->identity : tov_identity_t{record->identity.started, 0, 0, 0};
+        seen ? record->identity : tov_identity_of_start(record->identity.started);
     const tov_chains_guard_t held(tov_chains);
     tov_record_identify(held, record, known, seen);
     EXPECT_NE(record->row, 0);

@@ -27,6 +27,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 using tov_test::kernel;
 using tov_test::LISTED;
 using tov_test::LOOK_PAUSE_US;
@@ -78,6 +79,14 @@ class TovListed : public tov_test::Waiting {
     return "/tmp/vsd/0/tov/db/.claim." + std::to_string(tov_sys_getpid()) + "." +
            std::to_string(record.claim);
   }
+  // The processes that records stand for.
+  static std::vector<pid_t> supervised() {
+    std::vector<pid_t> pids;
+    const tov_chains_guard_t held(tov_chains);
+    for (const tov_pid_t &record : tov_chain_records(&tov_chains))
+      if (tov_record_has_process(record)) pids.push_back(record.pid);
+    return pids;
+  }
   static pid_t child() { return kernel().forks.at(forks() - 1); }
 
   static void registers(pid_t pid, int vsd_id = 0) {
@@ -108,18 +117,21 @@ TEST_F(TovLook, FirstLookWaitsForWhatIsLeftBehind) {
   const pid_t stays = kernel().start({LISTED});
   run(1);
   EXPECT_EQ(forks(), 0u);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(stays) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(stays));
 }
 
 TEST_F(TovLook, ProgramThatRunsAgainIsHandedOver) {
   tov_pid_t *record = listed();
   const pid_t again = kernel().start({LISTED});
   die(record);
-  EXPECT_THAT(platform().registered, IsEmpty());  // not under the lock
   run_first_look();
   EXPECT_EQ(forks(), 0u);
-  EXPECT_EQ(count(), 0);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_EQ(count(), 1);
+  EXPECT_TRUE(kernel().exists(file_of(record))) << "a daemon that is killed now loses nothing";
+  EXPECT_THAT(platform().events[TOV_LOG_REG_RESTART],
+              ElementsAre("register - process:/opt/daemon pid:" + std::to_string(again) +
+                          ", vsd_id:0, action:2"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
   EXPECT_THAT(platform().notices, IsEmpty());
 }
 
@@ -128,7 +140,7 @@ TEST_F(TovLook, ProgramOfAScriptIsHandedOverAsSuch) {
   const pid_t again = kernel().start({LISTED});
   die(record);
   run_first_look();
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_SHELL_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovLook, ProgramThatDoesNotRunIsStarted) {
@@ -136,7 +148,7 @@ TEST_F(TovLook, ProgramThatDoesNotRunIsStarted) {
   die(record);
   run_first_look();
   EXPECT_EQ(forks(), 1u);
-  EXPECT_THAT(platform().registered, IsEmpty());
+  EXPECT_THAT(supervised(), IsEmpty());
 }
 
 TEST_F(TovLook, WholeCommandLineIsLookedFor) {
@@ -145,7 +157,7 @@ TEST_F(TovLook, WholeCommandLineIsLookedFor) {
   const pid_t again = kernel().start({"/opt/daemon", "-d"});
   die(task("/opt/daemon -d"));
   run_first_look();
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovLook, LookThatIsSpoiledIsMadeAgain) {
@@ -155,7 +167,7 @@ TEST_F(TovLook, LookThatIsSpoiledIsMadeAgain) {
   spoil_scans(9);
   run_first_look();
   EXPECT_EQ(forks(), 0u);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovLook, TenthSpoiledLookIsTheLast) {
@@ -181,7 +193,7 @@ TEST_F(TovLook, ProgramIsLookedForAgainAfterItsRestartTime) {
   EXPECT_TRUE(waits_for(record, TOV_WAIT_TIME));
   run(1);  // without the pause of the first look
   EXPECT_EQ(forks(), 0u);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovLook, ProgramIsLookedForAgainAfterThePauseOfForks) {
@@ -194,7 +206,7 @@ TEST_F(TovLook, ProgramIsLookedForAgainAfterThePauseOfForks) {
   const pid_t again = kernel().start({LISTED});
   run(5 * US_PER_S - LOOK_PAUSE_US);
   EXPECT_EQ(forks(), 1u);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_EQ(record->pid, again);
 }
 
 TEST_F(TovLook, OneScanServesAllThatAsk) {
@@ -209,8 +221,7 @@ TEST_F(TovLook, OneScanServesAllThatAsk) {
   const int before = kernel().calls(tov_test::CALL_OPENDIR);
   run();
   EXPECT_LE(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 * 2);
-  EXPECT_THAT(platform().registered,
-              ElementsAre(std::to_string(x) + " TOV_RESTART", std::to_string(y) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), UnorderedElementsAre(x, y));
 }
 
 TEST_F(TovLook, RecordThatComesDuringAScanWaitsForTheNext) {
@@ -229,7 +240,7 @@ TEST_F(TovLook, RecordThatComesDuringAScanWaitsForTheNext) {
   const pid_t again = kernel().start({LISTED});  // behind the scan that is under way
   run();
   EXPECT_EQ(forks(), 1u);  // of the first
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovLook, ScanIsMadeInPortions) {
@@ -260,7 +271,7 @@ TEST_F(TovLook, AnswerForARecordThatIsGoneIsDropped) {
   forget(record);
   run(US_PER_S);
   EXPECT_EQ(forks(), 0u);
-  EXPECT_THAT(platform().registered, IsEmpty());
+  EXPECT_THAT(supervised(), IsEmpty());
 }
 
 TEST_F(TovLook, AnswerForAWithdrawnRecordIsDropped) {
@@ -283,7 +294,7 @@ TEST_F(TovLook, AnswerForAnEarlierRestartIsNotTaken) {
   const pid_t again = kernel().start({LISTED});  // behind the scan that is under way
   run_first_look();
   EXPECT_EQ(forks(), 0u);
-  EXPECT_THAT(platform().registered, ElementsAre(std::to_string(again) + " TOV_RESTART"));
+  EXPECT_THAT(supervised(), ElementsAre(again));
 }
 
 TEST_F(TovSearch, AnswerForASearchThatHasEndedIsNotTaken) {
@@ -314,6 +325,9 @@ TEST_F(TovSearch, OwnChildIsFound) {
   die(record);
   run_first_look();
   ASSERT_EQ(forks(), 1u);
+  run(100 * US_PER_MS - 1);
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH)) << "it may yet go to the background";
+  run(1);
   EXPECT_EQ(record->pid, child());
   EXPECT_FALSE(tov_record_is_starting(*record));
   EXPECT_THAT(platform().events[TOV_LOG_RUN_EVENT],
@@ -332,7 +346,7 @@ TEST_F(TovSearch, ProcessThatForkedItselfAwayIsFound) {
                           std::to_string(daemon)));
 }
 
-TEST_F(TovSearch, EndsAfterElevenScansInFiveAndAHalfSeconds) {
+TEST_F(TovSearch, EndsAfterTenScansInFiveAndAHalfSeconds) {
   const tov_pid_t *record = listed();
   const pid_t dead = record->pid;
   die(record);
@@ -345,7 +359,7 @@ TEST_F(TovSearch, EndsAfterElevenScansInFiveAndAHalfSeconds) {
   EXPECT_FALSE(tov_record_is_starting(*record));
   EXPECT_EQ(kernel().now_us() - begun_us, 5'500 * US_PER_MS);
   // Two rounds each: the look whether it runs again, and the search.
-  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 + 2 * 11);
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 + 2 * 10);
   EXPECT_EQ(record->pid, dead);
   EXPECT_THAT(platform().events[TOV_LOG_ERROR],
               ElementsAre("tov_spawn--> third part[/opt/daemon] Not Found new pid!"));
@@ -469,7 +483,7 @@ TEST_F(TovSearch, ChildThatFailedStandsForTheProgramThatIsNotFound) {
   EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
   kernel().end(forked);
   kernel().reap(forked);
-  run(5'500 * US_PER_MS - 1);
+  run(100 * US_PER_MS - 1);
   EXPECT_THAT(heard(), IsEmpty());
   run(1);
   EXPECT_EQ(record->pid, forked);
@@ -479,6 +493,23 @@ TEST_F(TovSearch, ChildThatFailedStandsForTheProgramThatIsNotFound) {
                                    "exit " + std::to_string(forked) + " 11"));
   EXPECT_THAT(platform().events[TOV_LOG_ERROR],
               ElementsAre("tov_spawn--> third part[/opt/daemon] Not Found new pid!"));
+}
+
+// What it has left behind is there by then.
+TEST_F(TovSearch, ChildThatFailsInAPauseIsSearchedForOnceMoreAtOnce) {
+  const tov_pid_t *record = searching();
+  const pid_t forked = child();
+  run(100 * US_PER_MS + 1);
+  const int before = kernel().calls(tov_test::CALL_OPENDIR);
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  kernel().end(forked);
+  kernel().reap(forked);
+  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  run(1);
+  EXPECT_EQ(record->pid, forked);
+  EXPECT_FALSE(tov_record_is_starting(*record));
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2) << "one scan of two rounds";
+  EXPECT_THAT(heard(), ElementsAre("exit " + std::to_string(forked) + " 11"));
 }
 
 TEST_F(TovSearch, ChildThatHasDoneItsPartDoesNot) {
@@ -493,8 +524,8 @@ TEST_F(TovSearch, ChildThatHasDoneItsPartDoesNot) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
-// Nobody knew that its events concern us.
-TEST_F(TovSearch, EndOfAFoundProcessThatIsNotTheChildIsTold) {
+// It may have gone to the background.
+TEST_F(TovSearch, FoundProcessThatEndsDuringTheScanIsSearchedForOnceMore) {
   const tov_pid_t *record = searching();
   crowd();
   const pid_t daemon = kernel().start({LISTED});
@@ -502,10 +533,14 @@ TEST_F(TovSearch, EndOfAFoundProcessThatIsNotTheChildIsTold) {
   (void)go_on();  // it asks
   (void)go_on();  // the first portion
   ASSERT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
-  kernel().before(tov_test::CALL_CLOSEDIR, 1, [daemon] { kernel().end(daemon); });
-  run();
-  EXPECT_EQ(record->pid, daemon);
-  EXPECT_THAT(heard(), ElementsAre("exit " + std::to_string(daemon) + " 0"));
+  pid_t next = 0;
+  kernel().before(tov_test::CALL_CLOSEDIR, 1, [&] {
+    kernel().end(daemon);
+    next = kernel().start({LISTED});
+  });
+  run(200 * US_PER_MS);
+  EXPECT_EQ(record->pid, next);
+  EXPECT_THAT(heard(), IsEmpty());
 }
 
 TEST_F(TovSearch, EventsOfStrangersAreNotKept) {

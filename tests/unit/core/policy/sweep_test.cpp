@@ -180,7 +180,7 @@ TEST_F(TovSweep, MissOfOneThatIsThereAfterAllIsForgotten) {
     tov_record_identify(held, record, identity, true);
   };
   for (int i = 0; i < MANY; i++) {
-    stand_for({TOV_NEVER_STARTED, 0, 0, 0});
+    stand_for({TOV_NEVER_STARTED, 0, 0, 0, 0});
     sweep();
     EXPECT_EQ(record->stat_check_cnt, 1);
     stand_for(its);
@@ -485,7 +485,7 @@ TEST_F(TovSweep, VerdictFallsOnTheRecordThatWasMissed) {
     living = add(pid, PROGRAM);
     if (dead_is_newer) {
       dead = add(pid, "/opt/dead");
-      dead->identity = {TOV_NEVER_STARTED, 0, 0, 0};
+      dead->identity = {TOV_NEVER_STARTED, 0, 0, 0, 0};
     }
     const size_t before = forks();
     sweep(2);

@@ -115,7 +115,7 @@ TEST_F(TovRecordProcess, ExitConcernsTheOneThatHasEnded) {
 TEST_F(TovRecordProcess, ExitConcernsTheOneThatHasEndedAlsoWhereItsRecordIsNewer) {
   (void)started("/opt/b");
   tov_pid_t *dead = add(ID, "/opt/a");
-  dead->identity = {TOV_NEVER_STARTED, 0, 0, 0};
+  dead->identity = {TOV_NEVER_STARTED, 0, 0, 0, 0};
   EXPECT_EQ(of_exit(), dead);
 }
 

@@ -160,10 +160,10 @@ TEST_F(Supervised, ProcessThatIsNotKnownHasNoRow) {
   const pid_t pid = start();
   tov_pid_t *record = supervise(pid);
   for (const uint64_t unknown : {uint64_t{0}, uint64_t{TOV_NEVER_STARTED}}) {
-    identify(record, {unknown, 0, 0, 0}, false);
+    identify(record, {unknown, 0, 0, 0, 0}, false);
     EXPECT_EQ(record->row, 0);
     EXPECT_THAT(open_next(), IsEmpty());
-    identify(record, {700, 0, 0, 0}, false);
+    identify(record, {700, 0, 0, 0, 0}, false);
     EXPECT_THAT(pids(open_next()), ElementsAre(pid));
   }
 }
@@ -172,7 +172,7 @@ TEST_F(Supervised, WatchedThreadHasNone) {
   open();
   tov_pid_t *record = add(start(), "/opt/a", 0, 0, tov_alive_chains);
   const tov_chains_guard_t held(tov_alive_chains);
-  tov_record_identify(held, record, {700, 0, 0, 0}, true);
+  tov_record_identify(held, record, {700, 0, 0, 0, 0}, true);
   EXPECT_EQ(record->row, 0);
 }
 

@@ -54,7 +54,7 @@ class Watched : public tov_test::Simulated {
   static tov_pid_t *watch(pid_t tid, unsigned int period_s = 120, unsigned int budget = 5) {
     tov_pid_t *record = add(tid, "/bin/x", 0, 0, tov_alive_chains);
     record->ppid = tid;
-    record->identity = {700, 0x7ffc0000, 1, 42};
+    record->identity = {700, 0x7ffc0000, 1, 42, 0};
     record->owner_started = 600;
     record->m_n_notify_time = period_s;
     record->m_n_counter = budget;
