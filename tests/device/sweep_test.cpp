@@ -12,6 +12,7 @@
 
 #include "include/tov_wire.h"
 #include "tests/device/story.h"
+#include "tests/device/sweep_clock.h"
 #include "tests/support/birth.h"
 #include "tests/support/device.h"
 #include "tests/support/event_log.h"
@@ -23,7 +24,6 @@ using testing::IsEmpty;
 
 static constexpr char FAST[] = "+0 x60";
 static constexpr char SLOWER[] = "+0 x30";
-static constexpr Millis SWEEPS_LIMIT_MS{30'000};
 
 // What the restart log says about one process of a task, the sweep's lines included.
 static std::vector<std::string> about(const Device &device, const Task &task, pid_t pid) {
@@ -47,25 +47,6 @@ static std::string re_init_info(const Task &task, int count, pid_t fresh) {
          " times and new id " + named(task, fresh) + ".";
 }
 
-// A task that is dead and stays so: every sweep names it, which makes it a clock.
-class SweepClock {
- public:
-  SweepClock(Device &device, const std::string &prefix)
-      : device_(device), task_(start_task(device, prefix, {.action = NORMAL_EXIT})) {}
-  void start() { device_.kill(task_.pid, SIGKILL); }
-  size_t sweeps() const { return device_.count_events(RESTART_LOG, not_running(task_, task_.pid)); }
-  // Waits until everybody has been looked at `count` times from now on.
-  void wait(size_t count) const {
-    // The sweep that is under way may have passed the others already.
-    need_event(device_, RESTART_LOG, not_running(task_, task_.pid), sweeps() + count + 1,
-               SWEEPS_LIMIT_MS);
-  }
-
- private:
-  Device &device_;
-  Task task_;
-};
-
 // ---- exits that were lost -----------------------------------------------------------------------
 
 // Keeps a daemon busy between its rebuild of device 0 and its subscription to process events: it
@@ -77,7 +58,6 @@ static std::string install_slow_start(Device &device) {
   const std::string command = device.install_program(name) + " exit=0";
   for (pid_t pid = NOBODY; pid < NOBODY + PROGRAMS; pid++)
     device.register_file(15, pid, NORMAL_EXIT, command);
-  device.write("/etc/tov/third_part_proc", command + " TOV_RESTART\n");
   return name;
 }
 
