@@ -16,9 +16,6 @@ void do_deed(Run &run);
 // Goes on with what takes its time: loops end, pauses end, the older of two instances goes.
 void carry_on(Run &run);
 
-// Whether the daemon knows which process of the program is the living one.
-bool may_be_killed(const Program &program);
-
 // Ends one instance, and what that means: the program comes back, or it does not.
 void end_instance(Run &run, Program &program, pid_t pid, int signal);
 

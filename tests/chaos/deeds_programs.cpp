@@ -62,7 +62,6 @@ void end_instance(Run &run, Program &program, pid_t pid, int signal) {
   program.changed_ns = now_ns();
   program.death = {};
   if (signal != SIGTERM && is_plain(program)) program.death = {pid, before_ns, program.delayed, 0};
-  if (program.kind->found_late) program.tainted = true;
   if (signal == SIGTERM) program.supervised = false;
   // A program whose end is expected stays registered: a fresh daemon would start it.
   if (!program.supervised || !program.kind->comes_back) program.should_run = false;
@@ -74,12 +73,8 @@ static bool is_proven(Run &run, Program &program) {
   return program.proven;
 }
 
-bool may_be_killed(const Program &program) {
-  return !program.tainted || !program.kind->found_late;
-}
-
 bool kill_somebody(Run &run) {
-  Program *program = pick_steady(run, may_be_killed);
+  Program *program = pick_steady(run);
   if (program == nullptr) return false;
   // What becomes of the others depends on what the daemon knows of them.
   if ((program->fresh || !program->supervised) && !is_proven(run, *program)) return false;
@@ -93,8 +88,7 @@ bool kill_somebody_early(Run &run) {
   Program *program = pick(run, [&](const Program &one) {
     const bool known = one.supervised && !one.fresh && one.should_run && !one.uncertain;
     return known && one.kind->comes_back && one.doubled == 0 && one.wake_ns == 0 &&
-           !one.cancelling && one.pid != 0 && one.condemned != one.pid && may_be_killed(one) &&
-           !run.fleet.steady(one);
+           !one.cancelling && one.pid != 0 && one.condemned != one.pid && !run.fleet.steady(one);
   });
   if (program == nullptr || !run.device.lives(program->pid)) return false;
   program->tainted = true;
@@ -194,7 +188,7 @@ bool replace_somebody(Run &run) {
 // Whoever has the id of a dead program is nobody's business, and the program comes back.
 bool reuse_id(Run &run) {
   const auto fits = [](const Program &one) {
-    return one.supervised && one.kind->comes_back && one.kind->replaceable && may_be_killed(one);
+    return one.supervised && one.kind->comes_back && one.kind->replaceable;
   };
   Program *program = pick_steady(run, fits);
   if (program == nullptr || !is_proven(run, *program) || !has_room_for_stranger(run)) return false;
@@ -205,13 +199,8 @@ bool reuse_id(Run &run) {
   return given;
 }
 
-// A program that the daemon has yet to find by its command line must go on showing it.
-static bool is_found(const Program &program) {
-  return !program.kind->found_late;
-}
-
 bool upgrade_somebody(Run &run) {
-  Program *program = pick_steady(run, is_found);
+  Program *program = pick_steady(run);
   if (program == nullptr) return false;
   run.fleet.upgrade(*program);
   program->upgraded = program->pid;
@@ -220,8 +209,7 @@ bool upgrade_somebody(Run &run) {
 }
 
 bool title_somebody(Run &run) {
-  Program *program =
-      pick_steady(run, [](const Program &one) { return is_found(one) && one.titled != one.pid; });
+  Program *program = pick_steady(run, [](const Program &one) { return one.titled != one.pid; });
   if (program == nullptr) return false;
   run.fleet.rewrite_title(*program);
   return true;

@@ -139,7 +139,6 @@ static std::string wrong_daemon(const Run &run, const Usage &before) {
 static void end_all(Run &run, int signal) {
   const auto processes = run.fleet.processes();
   for (Program &program : run.fleet.programs) {
-    if (signal == SIGKILL && !may_be_killed(program)) continue;
     for (const pid_t pid : Fleet::instances(program, processes))
       end_instance(run, program, pid, signal);
   }

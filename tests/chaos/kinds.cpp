@@ -7,8 +7,8 @@ namespace tov_chaos {
 
 const std::vector<Kind> &all_kinds() {
   static const std::vector<Kind> kinds = {
-      {"executed", By::LIBRARY, true, false, 0, {"exec"}, 12, {}},
-      {"scripted", By::LIBRARY, true, true, 0, {"script"}, 7, {}},
+      {"executed", By::LIBRARY, true, false, 0, {"exec"}, 10, {}},
+      {"scripted", By::LIBRARY, true, true, 0, {"script"}, 5, {}},
       {"pathed", By::LIBRARY, true, true, 0, {"path=/anywhere/"}, 5, {}},
       {"watched", By::LIBRARY, true, false, 0, {"exec", "watch"}, 7, {}, false},
       // A helper holds the file's lock beyond the program's end, so the restart is put off. (Should
@@ -29,9 +29,10 @@ const std::vector<Kind> &all_kinds() {
       {"background", By::LIST, true, false, 0, {}, 2, {}, false},
       {"listedscript", By::LIST, true, true, 0, {"words"}, 4, {}, false},
       {"backgroundscript", By::LIST, true, true, 0, {}, 2, {}, false},
-      // Executed again and searched for by its first word alone, which is not its command line: the
-      // daemon searches in vain and finds the new process when two sweeps have missed the dead one.
-      {"worded", By::LIST, true, false, 0, {"words"}, 2, {}, false, false, true},
+      // Executed again with words behind its path.
+      {"worded", By::LIST, true, false, 0, {"words"}, 2, {}, false},
+      {"listed9_", By::LIST, true, false, 9, {"words"}, 2, {}, false},
+      {"background11_", By::LIST, true, false, 11, {}, 2, {}, false},
       {"stranger", By::NOBODY, false, false, 0, {}, 3, {}, false},
   };
   return kinds;

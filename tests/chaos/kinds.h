@@ -29,8 +29,6 @@ struct Kind {
   bool replaceable = true;
   // Asks for a restart delay of its own, see Program.
   bool delays = false;
-  // After a death the daemon may keep the dead process for two sweeps.
-  bool found_late = false;
 };
 
 const std::vector<Kind> &all_kinds();
