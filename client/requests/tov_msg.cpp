@@ -63,7 +63,10 @@ static bool reads_process(const tov_msg_xtach_t *payload, char (&process)[TOV_PR
   const bool is_other = tov_identity_differs(payload->pid, before, payload->pid, *identity);
   if (text == nullptr || is_other) return false;
   rtrim(process);
-  return true;
+  // One that ends between the two files that tell its command line has no arguments any more.
+  const bool is_cut = strlen(process) < strnlen(payload->pathname, TOV_PATHNAME_SIZE) &&
+                      tov_life_is_over(tov_identity_life(payload->pid, *identity));
+  return !is_cut;
 }
 
 // Tells under the handler's name that the process of a request has gone. Returns its result.
