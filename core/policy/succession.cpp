@@ -173,9 +173,13 @@ bool tov_succession_s::is_free(const candidate_s &candidate, tov_sign_e sign) co
   return true;
 }
 
-bool tov_succession_s::is_in_device(pid_t pid) const {
+// A program may give up the groups that say which device it is in. A fork proves whose it is all
+// the same, where it is not in another device; and the child was started by us.
+bool tov_succession_s::may_be_in_device(const candidate_s &candidate, tov_sign_e sign) const {
+  if (sign == TOV_SIGN_CHILD) return true;
   int vsd_id = 0;
-  return tov_vsd_of(pid, &vsd_id) == 0 && std::max(vsd_id, 0) == vsd_id_;
+  if (tov_vsd_of(candidate.pid, &vsd_id) < 0) return false;
+  return std::max(vsd_id, 0) == vsd_id_ || (sign == TOV_SIGN_KIN && vsd_id <= 0);
 }
 
 static bool comes_before(const tov_successor_t &one, const tov_successor_t &other) {
@@ -200,8 +204,7 @@ bool tov_succession_s::consider(pid_t pid, const char *command) {
   if (!is_alive) return found_.pid != 0;
   const tov_successor_t as{pid, candidate.identity, sign_of(candidate)};
   const bool counts = as.sign != TOV_SIGN_NONE && (found_.pid == 0 || comes_before(as, found_)) &&
-                      (as.sign == TOV_SIGN_CHILD || is_in_device(pid)) &&
-                      is_free(candidate, as.sign);
+                      may_be_in_device(candidate, as.sign) && is_free(candidate, as.sign);
   if (counts) found_ = as;
   return found_.pid != 0;
 }

@@ -15,11 +15,11 @@
 //   child  it is the child that was started
 //
 // A process of another virtual device never counts, but for the child, nor one that has a record of
-// its own. Nor does what a dead process has left behind: its workers, and those of one before it.
-// They execute the same program with the same stack. Where the dead one was young and ended well,
-// or is not known to have ended badly and was in another session, they are what it has made of
-// itself; else they are left behind. Of a child that has failed likewise: who is in another session
-// counts.
+// its own. One that has given up the groups of its device is known by its kin. Nor does what a dead
+// process has left behind: its workers, and those of one before it. They execute the same program
+// with the same stack. Where the dead one was young and ended well, or is not known to have ended
+// badly and was in another session, they are what it has made of itself; else they are left behind.
+// Of a child that has failed likewise: who is in another session counts.
 #ifndef TOV_CORE_POLICY_SUCCESSION_H
 #define TOV_CORE_POLICY_SUCCESSION_H
 
@@ -76,7 +76,7 @@ class tov_succession_s {
   bool is_childs_kin(const candidate_s &candidate) const;
   bool is_left_by_child(const candidate_s &candidate) const;
   bool is_left_behind(const candidate_s &candidate) const;
-  bool is_in_device(pid_t pid) const;
+  bool may_be_in_device(const candidate_s &candidate, tov_sign_e sign) const;
   bool belongs_to_nobody(const candidate_s &candidate) const;
   bool is_free(const candidate_s &candidate, tov_sign_e sign) const;
   bool is_own_program(pid_t pid, const char *command) const;

@@ -9,7 +9,6 @@
 
 #include <string>
 
-#include "core/policy/revive.h"
 #include "include/tov_registry.h"
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/waiting.h"
@@ -449,7 +448,19 @@ TEST_F(TovSuccessionLook, NoteOfTheDeviceGoesWithItsProcess) {
 TEST_F(TovSuccessionLook, ProgramWhoseNoteIsLostIsStartedInItsDevice) {
   tov_pid_t *record = supervised(words(), 1);
   ends(record);
-  EXPECT_EQ(tov_revive_device(*record), 1);
+  run_first_look();
+  EXPECT_EQ(record->start.vsd_no, 1);
+}
+
+// Its fork proves whose it is.
+TEST_F(TovSuccessionLook, CopyThatHasGivenUpTheGroupsOfItsDeviceIsFound) {
+  tov_pid_t *record = supervised(words(), 1);
+  const pid_t copy = titled_copy_of(record->pid);
+  kernel().process(copy).groups = "";
+  ends(record, 0);
+  run_first_look();
+  EXPECT_EQ(forks(), 0u);
+  EXPECT_EQ(record->pid, copy);
 }
 
 // It has not entered its device, yet, or could not.
