@@ -179,18 +179,26 @@ class looking_s {
     if (look_.has_ended()) begin_walk(0);
     if (!walks_ && walk_due_us_ <= tov_clock_us()) {
       walk_due_us_ = INT64_MAX;
-      begin_walk(missed_at_us_ - SLACK_US);
+      begin_walk(std::max<int64_t>(missed_at_us_ - SLACK_US, 0));
     }
     const tov_listed_walk_t::step_s step = walk_.go_on();
     if (step.found > 0) handle_found(step.found);
+    if (walks_ && !step.goes_on && walk_.is_blind()) miss_anybody();
     walks_ = step.goes_on;
     return walks_ ? 0 : std::min(look_us, walk_due_us_);
   }
 
+  // Somebody who has just been executed is gone: what he has made of himself is to be found.
   void miss_execution() {
     if (walk_due_us_ != INT64_MAX) return;
     missed_at_us_ = tov_kernel_clock_us(CLOCK_BOOTTIME);
     walk_due_us_ = std::max(tov_clock_us() + SETTLES_US, walked_us_ + PAUSE_US);
+  }
+
+  // Somebody could not be asked what he has executed, however old he is.
+  void miss_anybody() {
+    if (walk_due_us_ == INT64_MAX) walk_due_us_ = tov_clock_us() + PAUSE_US;
+    missed_at_us_ = 0;
   }
 
  private:
@@ -231,13 +239,13 @@ static bool is_known(pid_t pid) {
 
 namespace {
 
-enum listed_e { LISTED, NOT_LISTED, UNKNOWN };
+enum listed_e { LISTED, NOT_LISTED, UNKNOWN, GONE };
 
 }  // namespace
 
 static listed_e ask_list(pid_t pid) {
   char exe[EXE_PATH_SIZE], type[TYPE_SIZE];
-  if (pid_to_proc(pid, exe, sizeof exe) == 0) return UNKNOWN;
+  if (pid_to_proc(pid, exe, sizeof exe) == 0) return GONE;
   errno = 0;
   if (tov_proc_in_tovdb(TOV_THIRD_PART_LIST, exe, type, sizeof type) != 0) return LISTED;
   return tov_is_ignorance(errno) ? UNKNOWN : NOT_LISTED;
@@ -261,7 +269,8 @@ static bool concerns_us(const tov_cnmsg_data_t &event, looking_s *looking) {
   if (is_known(event.process_pid)) return true;
   if (event.what != TOV_EVENT_EXEC) return false;
   const listed_e listed = ask_list(event.process_pid);
-  if (listed == UNKNOWN) looking->miss_execution();
+  if (listed == GONE) looking->miss_execution();
+  if (listed == UNKNOWN) looking->miss_anybody();
   return listed == LISTED;
 }
 

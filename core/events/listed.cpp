@@ -4,6 +4,7 @@
 // Tested by: tests/unit/core/events/listed_test.cpp, tests/device/listed_before_test.cpp
 #include "core/events/listed.h"
 
+#include <errno.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -23,13 +24,22 @@ enum {
   PATH_SIZE = 1024,
 };
 
+void tov_listed_walk_s::open() {
+  candidates_.clear();
+  processes_.emplace("/proc");
+  if (!*processes_) is_blind_ = is_blind_ || tov_is_ignorance(errno);
+}
+
 void tov_listed_walk_s::begin(int64_t born_us) {
   born_us_ = born_us;
+  reads_all_ = born_us <= 0;
+  errno = 0;
   listed_ = tov_commands_in_tovdb(TOV_THIRD_PART_LIST);
+  is_blind_ = listed_.empty() && tov_is_ignorance(errno);
   processes_.reset();
-  if (!listed_.empty()) processes_.emplace("/proc");
-  candidates_.clear();
   chosen_.clear();
+  candidates_.clear();
+  if (!listed_.empty()) open();
 }
 
 // Whether a line begins with the executable's path: most processes are told apart by it.
@@ -42,8 +52,12 @@ bool tov_listed_walk_s::may_be_listed(pid_t pid) const {
 
 void tov_listed_walk_s::read(pid_t pid) {
   tov_stat_t stat;
-  if (tov_read_stat(pid, &stat) < 0 || tov_ticks_us(stat.started) < born_us_) return;
-  if (!may_be_listed(pid)) return;
+  if (const int result = tov_read_stat(pid, &stat); result < 0) {
+    is_blind_ = is_blind_ || tov_is_ignorance(-result);
+    return;
+  }
+  const bool is_young = tov_ticks_us(stat.started) >= born_us_;
+  if (!(reads_all_ || is_young) || !may_be_listed(pid)) return;
   if (tov_stat_is_end(stat.state) || stat.state == 'D') return;
   char command[TOV_PROCESS_SIZE];
   if (pid_to_cmdline(pid, command, sizeof command) == nullptr) return;
@@ -77,9 +91,19 @@ bool tov_listed_walk_s::is_the_program(const candidate_s &candidate) const {
 }
 
 void tov_listed_walk_s::choose() {
-  for (const candidate_s &candidate : candidates_)
-    if (is_the_program(candidate)) chosen_.push_back(candidate.pid);
+  for (const candidate_s &candidate : candidates_) {
+    const bool is_young = tov_ticks_us(candidate.started) >= born_us_;
+    if (is_young && is_the_program(candidate)) chosen_.push_back(candidate.pid);
+  }
   std::reverse(chosen_.begin(), chosen_.end());
+}
+
+// All have been read. Whether somebody young is a worker is known when the elder ones are, too.
+void tov_listed_walk_s::end() {
+  processes_.reset();
+  if (reads_all_ || candidates_.empty()) return choose();
+  reads_all_ = true;
+  open();
 }
 
 tov_listed_walk_s::step_s tov_listed_walk_s::go_on() {
@@ -87,8 +111,7 @@ tov_listed_walk_s::step_s tov_listed_walk_s::go_on() {
     if (const char *name = processes_->next()) {
       if (const pid_t pid = tov_atoi(name); pid > 0) read(pid);
     } else {
-      processes_.reset();
-      choose();
+      end();
     }
   }
   if (processes_) return {true, 0};

@@ -151,6 +151,33 @@ TEST_F(ListedWalk, FindsNothingWithoutAListOrWithoutProc) {
   EXPECT_THAT(found(), IsEmpty());
 }
 
+// Of those that started earlier no one is wanted, but they tell who is a worker.
+TEST_F(ListedWalk, YoungWorkerOfAnOlderProgramIsPassedOver) {
+  const pid_t program = start({"/opt/plain"});
+  kernel().pass(1'000'000);
+  const int64_t born_us = kernel().now_us();
+  kernel().pass(20'000);
+  start({"/opt/plain"}, program);
+  const pid_t young = start({"/opt/listed", "-d"});
+  tov_listed_walk_t walk;
+  walk.begin(born_us);
+  EXPECT_THAT(found_by(walk), ElementsAre(young));
+}
+
+TEST_F(ListedWalk, WithoutDescriptorsIsBlind) {
+  start({"/opt/plain"});
+  const size_t limit = kernel().descriptor_limit;
+  kernel().descriptor_limit = kernel().descriptors();
+  tov_listed_walk_t walk;
+  walk.begin(0);
+  EXPECT_THAT(found_by(walk), IsEmpty());
+  EXPECT_TRUE(walk.is_blind());
+  kernel().descriptor_limit = limit;
+  walk.begin(0);
+  EXPECT_THAT(found_by(walk), testing::SizeIs(1));
+  EXPECT_FALSE(walk.is_blind());
+}
+
 TEST_F(ListedWalk, WhoStartedEarlierThanWantedIsPassedOver) {
   start({"/opt/plain"});
   kernel().pass(1'000'000);
