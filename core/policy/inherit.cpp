@@ -88,6 +88,8 @@ void tov_inherit_heard(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
                                        tov_identity_are_kin(record->start.executed, now));
   const bool is_left_behind = tov_identity_is_older(pid, now, record->pid, record->identity);
   if (is_worker || is_left_behind) return;
+  const bool has_better = record->heir_forked == 0 && tov_inherit_heir_lives(held, *record);
+  if (has_better) return;  // whoever comes later may be a worker, or end at once beside it
   tov_record_inherit(held, record, pid, now.started, stat.parent == record->pid);
   if (tov_record_is_suspended(*record)) (void)tov_inherit_heir(held, record);
 }
@@ -109,6 +111,8 @@ tov_identity_t tov_inherit_more_of(const tov_chains_guard_t &held, pid_t pid,
   held.shows(tov_chains);
   const bool is_it =
       executed_pid == pid && executed.started != 0 &&
-      (!tov_identity_is_start(identity.started) || identity.started == executed.started);
-  return identity.exe_ino == 0 && is_it ? executed : identity;
+      (identity.started == TOV_NEVER_STARTED || identity.started == executed.started);
+  if (identity.exe_ino != 0 || !is_it) return identity;
+  executed_pid = 0;  // the id may be given to another one
+  return executed;
 }

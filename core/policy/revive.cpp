@@ -208,11 +208,15 @@ static void start_announced(const tov_chains_guard_t &held, tov_pid_t *record) {
 }
 
 int tov_revive_device(const tov_pid_t &record) {
-  const int registered = record.vsd_id > 0 ? record.vsd_id : -1;
-  if (tov_record_life(record) != TOV_LIFE_ENDED) return registered;
-  const int noted = find_app(record.pid);
-  // The child of a start removes the note, and a listed program may not have been found behind it.
-  return noted < 0 && registered > 0 && tov_proc_is_listed(record) ? registered : noted;
+  if (tov_record_life(record) == TOV_LIFE_ENDED) return find_app(record.pid);
+  return record.vsd_id > 0 ? record.vsd_id : -1;
+}
+
+// The same for the next start. The child of the last one has removed the note, and a listed program
+// may not have been found behind it.
+static int device_of_start(const tov_pid_t &record) {
+  const int noted = tov_revive_device(record);
+  return noted < 0 && record.vsd_id > 0 && tov_proc_is_listed(record) ? record.vsd_id : noted;
 }
 
 // Records that wait are known by their wait; this one does from now on, and what is known of its
@@ -222,7 +226,7 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
   if (start->wait != TOV_WAIT_NONE) return;
   *start = {};
   start->occasion = occasion;
-  start->vsd_no = tov_revive_device(*record);
+  start->vsd_no = device_of_start(*record);
 }
 
 // What the child executes: what it forks is known by that when it has ended itself.
@@ -360,8 +364,11 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
   if (failed) {
     tov_record_end_wait(held, record);
     tov_record_pass_on(held, record, start.forked);
-    // Its id may be another process's by now.
-    tov_record_identify(held, record, tov_identity_of_start(start.forked_started), false);
+    // Its id may be another process's by now. By what it executed its workers are known.
+    const bool is_known = start.executed.exe_ino != 0;
+    tov_record_identify(held, record,
+                        is_known ? start.executed : tov_identity_of_start(start.forked_started),
+                        false);
   } else {
     finish(held, record, found, successor.identity);
   }
@@ -376,6 +383,18 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
 static int64_t search_pause_us(const tov_start_t &start, int result) {
   const bool is_last = result >= 0 && has_failed(start, 0);
   return is_last ? 0 : start.scans * int64_t{TOV_SEARCH_PAUSE_US};
+}
+
+// Nothing shows that it is the program: who was executed beside the record, or the child, if that
+// lives as something else. Started once more it would run twice.
+static tov_successor_t last_resort(const tov_chains_guard_t &held, const tov_pid_t &record) {
+  const tov_successor_t heir = living_heir(held, record);
+  const tov_start_t &start = record.start;
+  const bool by_script = record.action == SHELL_RESTART;  // the child is a shell
+  const bool child_lives = start.executed.exe_ino != 0 && !by_script &&
+                           !tov_life_is_over(tov_identity_life(start.forked, start.executed));
+  if (heir.pid != 0 || !child_lives) return heir;
+  return {start.forked, start.executed, TOV_SIGN_CHILD};
 }
 
 // What was found, if nobody has taken it and it has not ended while the rest was looked at: then it
@@ -396,7 +415,7 @@ void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int 
   const bool is_last =
       start->scans >= TOV_SEARCH_RETRIES || (result >= 0 && succession.child_had_failed());
   if (found.pid > 0) return conclude(held, record, found, heard);
-  if (is_last) return conclude(held, record, living_heir(held, *record), heard);
+  if (is_last) return conclude(held, record, last_resort(held, *record), heard);
   start->scans++;
   tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + search_pause_us(*start, result));
 }
@@ -410,10 +429,10 @@ bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
   if (record == nullptr) return false;
   tov_start_t *start = tov_record_start(held, record);
   if (start->child_ended != 0) return false;  // a stranger that was given the child's id
-  const bool is_child =
-      tov_identity_life(start->forked, tov_identity_of_start(start->forked_started)) !=
-      TOV_LIFE_REUSED;
-  if (event.what == TOV_EVENT_EXEC && !is_child) return false;  // the child's end was lost
+  const tov_life_e life =
+      tov_identity_life(start->forked, tov_identity_of_start(start->forked_started));
+  if (event.what == TOV_EVENT_EXEC && life == TOV_LIFE_REUSED) return false;  // its end was lost
+  if (event.what == TOV_EVENT_EXIT && life == TOV_LIFE_THREADS) return true;  // its first thread's
   if (event.what == TOV_EVENT_EXEC) {
     start->child_executed = 1;
     note_executed(start);
@@ -455,7 +474,9 @@ tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int v
   tov_proc_tell_found(*record, forked, pid);
   tov_identity_t identity{};
   (void)tov_identity_take(pid, &identity);
+  const tov_identity_t childs = tov_identity_of_start(record->start.forked_started);
   finish(held, record, pid, identity);
   tov_claim_drop(*record, forked);
+  if (pid != forked) tov_inherit_drop_member(record->vsd_id, forked, childs);
   return record;
 }

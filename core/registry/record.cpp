@@ -104,9 +104,11 @@ void tov_record_ended(const tov_chains_guard_t &held, tov_pid_t *record,
                       std::optional<int> exit_code, int force) {
   (void)registry_of(held);
   record->exit_signal = exit_code.value_or(0);
-  record->exit_how = !exit_code        ? int{TOV_ENDED_UNKNOWN}
-                     : *exit_code == 0 ? int{TOV_ENDED_WELL}
-                                       : int{TOV_ENDED_BADLY};
+  const bool is_known = record->ended != 0 && !exit_code;  // from the first time
+  if (!is_known)
+    record->exit_how = !exit_code        ? int{TOV_ENDED_UNKNOWN}
+                       : *exit_code == 0 ? int{TOV_ENDED_WELL}
+                                         : int{TOV_ENDED_BADLY};
   record->force_restart = force;
   record->ended = 1;
 }

@@ -222,8 +222,34 @@ TEST_F(TovSuccessionStart, WorkersOfAChildThatFailedAreLeftBehind) {
   child_executes(words());
   (void)titled_copy_of(child());
   (void)copy_of(child());
+  const pid_t failed = child();
   child_ends(SIGSEGV);
-  expect_not_found(record, child());
+  expect_not_found(record, failed);
+  die(record, SIGSEGV);  // as is told behind the search
+  run_first_look();
+  EXPECT_EQ(forks(), 2u) << "they are still what it has left";
+}
+
+// A wrapper, perhaps: the program does not show as what is listed.
+TEST_F(TovSuccessionStart, ChildThatLivesAsSomethingElseIsTakenInTheEnd) {
+  const tov_pid_t *record = started();
+  child_executes({"/opt/real", "-d"});
+  first_scan();
+  EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
+  search_on();
+  expect_has(record, child());
+  EXPECT_EQ(forks(), 1u);
+}
+
+// The end of its first thread is no end.
+TEST_F(TovSuccessionStart, ChildThatLivesInItsThreadsIsTakenInTheEnd) {
+  const tov_pid_t *record = started();
+  child_executes(words());
+  (void)kernel().start_thread(child());
+  kernel().end_thread(child());
+  EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXIT, child(), 0}));
+  search_on();
+  expect_has(record, child());
 }
 
 TEST_F(TovSuccessionStart, OfTwoCopiesTheElderIsTaken) {
