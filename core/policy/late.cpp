@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <optional>
@@ -62,6 +63,14 @@ static std::optional<int> code_of(pid_t pid, int64_t not_before_us) {
 
 std::optional<int> tov_late_code(const tov_pid_t &record) {
   return code_of(record.pid, tov_late_born_us(record.identity));
+}
+
+int tov_late_code_of_all(const tov_pid_t &record, int exit_code) {
+  // Else the end may be that of an earlier process.
+  if (!tov_identity_is_start(record.identity.started)) return exit_code;
+  const std::optional<int> noted = tov_late_code(record);
+  const bool is_signal = noted && WIFSIGNALED(*noted);
+  return is_signal ? *noted : exit_code;
 }
 
 void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_late_e kind,

@@ -40,6 +40,10 @@ int64_t tov_late_born_us(const tov_identity_t &identity);
 // The wait status of a record's process, if it was heard.
 std::optional<int> tov_late_code(const tov_pid_t &record);
 
+// The wait status of a record's process whose end was reported with `exit_code`, that of a thread:
+// a signal that has killed the process may be known of another one.
+int tov_late_code_of_all(const tov_pid_t &record, int exit_code);
+
 // Whether one is entered.
 bool tov_late_any(const tov_chains_guard_t &held);
 

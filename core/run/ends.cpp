@@ -51,6 +51,7 @@ struct ring_s {
 }  // namespace
 
 enum { CODE_BITS = 32 };
+static constexpr int64_t ONE_END_US = 1'000'000;  // in which the threads of a process end
 
 static ring_s<TOV_ENDS_KEPT> processes;
 static ring_s<TOV_ENDS_OF_THREADS_KEPT> threads;
@@ -88,6 +89,16 @@ void ring_s<SIZE>::for_each_of(pid_t pid, int64_t not_before_us, Visit visit) co
   }
 }
 
+static bool is_signal(uint32_t code) {
+  return (code & 0x7f) != 0;
+}
+
+// Whether a thread that ended with `end` was ended with its process, of which `last` is the last
+// thing that is known: a thread can be killed alone as well, by what it is forbidden.
+static bool has_ended_all(const end_s &end, const end_s &last) {
+  return is_signal(end.code) && last.at_us - end.at_us <= ONE_END_US;
+}
+
 std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us) {
   std::optional<end_s> first;  // end of a first thread
   bool is_reused = false;
@@ -95,14 +106,15 @@ std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us) {
     is_reused = is_reused || first.has_value();
     if (!first || end.at_us < first->at_us) first = end;
   });
-  std::optional<end_s> last = first;
+  std::optional<end_s> last = first, killed;
   if (!is_reused) {
     threads.for_each_of(pid, not_before_us, [&](const end_s &end) {
       if (!last || end.at_us >= last->at_us) last = end;
+      if (is_signal(end.code) && (!killed || end.at_us >= killed->at_us)) killed = end;
     });
   }
   if (!last) return std::nullopt;
-  return last->code;
+  return killed && has_ended_all(*killed, *last) ? killed->code : last->code;
 }
 
 // ---- processes whose last thread is awaited ---------------------------------------------------

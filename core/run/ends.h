@@ -8,7 +8,7 @@
 // It keeps the last TOV_ENDS_KEPT ends of first threads, which stand for their processes, and the
 // last TOV_ENDS_OF_THREADS_KEPT of other threads in a room of their own, so that a crowd of threads
 // does not push the processes out. A process whose first thread has ended lives on in its others;
-// its code is that of the last one.
+// its code is that of the last one, or of the signal that has killed them.
 //
 // What it is not: proof that a process has ended. Who asks has found it dead (in /proc) and takes
 // only the code from here. Ends that the kernel did not tell us of are not here, nor old ones.
@@ -35,9 +35,11 @@ enum {
 bool tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us);
 
 // The wait status of a process that is known to have ended, or nothing where its end is not here.
-// That is the code of the thread that ended last. Has the id been given out again and that process
-// ended, too, the earlier one counts; in that case threads that outlived their first one do not.
-// Any thread; it walks the whole table (some microseconds). Not from a signal handler.
+// That is the code of the thread that ended last, or of a signal that ended another one just
+// before: it has ended all of them, and the kernel may tell of the first one after the others. Has
+// the id been given out again and that process ended, too, the earlier one counts; in that case
+// threads that outlived their first one do not. Any thread; it walks the whole table (some
+// microseconds). Not from a signal handler.
 //   not_before_us  microseconds of CLOCK_MONOTONIC, not later than the end that is asked for: the
 //                  process's start, for example
 std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us);

@@ -95,6 +95,19 @@ TEST_F(TovEnds, ThreadThatEndedBeforeTheFirstOneDoesNotCount) {
   EXPECT_EQ(code_of(PROCESS), 9u);
 }
 
+// The kernel makes the first thread a zombie before it tells of it, and other threads meanwhile.
+TEST_F(TovEnds, SignalThatHasKilledTheOthersCountsThoughTheFirstOneIsToldLast) {
+  thread_ends(15, 100);
+  process_ends(0, 200);
+  EXPECT_EQ(code_of(PROCESS), 15u);
+}
+
+TEST_F(TovEnds, SignalThatHasKilledOneThreadAloneDoesNotCount) {
+  thread_ends(31, 100);
+  process_ends(0, 2'000'000);
+  EXPECT_EQ(code_of(PROCESS), 0u);
+}
+
 TEST_F(TovEnds, ThreadAloneCountsWhereTheFirstOnesEndWasNotHeard) {
   thread_ends(0, 100);
   thread_ends(0x300, 200);
