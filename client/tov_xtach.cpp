@@ -16,6 +16,7 @@
 #include "client/tov_pidfile.h"
 #include "client/tov_rpc.h"
 #include "client/tov_rpc_fork.h"
+#include "client/tov_xtach.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
 #include "util/procfs.h"
@@ -39,13 +40,22 @@ static void fill_group(tov_msg_xtach_t *payload) {
   snprintf(payload->grp, sizeof payload->grp, "test-%d", payload->pid % TOV_GRP_LABELS);
 }
 
+// Fills the command line of the process. Returns false when it shows none.
+//   command  what it is known to be, null: what it shows
+static bool fill_command(tov_msg_xtach_t *payload, const char *command) {
+  char *text = payload->pathname;
+  if (command == nullptr) return pid_to_cmdline(payload->pid, text, TOV_PATHNAME_SIZE) != nullptr;
+  memcpy(text, command, strnlen(command, TOV_PATHNAME_SIZE - 1));
+  return true;
+}
+
 // The payload of a registration; writes the registration file as well. A process whose command
 // line cannot be read is registered without a file.
 static void prepare_registration(const char *caller, pid_t pid, TOV_MSG_TYPE type,
-                                 tov_msg_xtach_t *payload) {
+                                 const char *command, tov_msg_xtach_t *payload) {
   payload->pid = resolve_pid(pid);
   payload->vsd_id = tov_vsd_or_base(payload->pid);
-  if (pid_to_cmdline(payload->pid, payload->pathname, sizeof payload->pathname) == nullptr) {
+  if (!fill_command(payload, command)) {
     TOV_DBG("%s: fail to get pid %d's cmdline\n", caller, payload->pid);
     return;
   }
@@ -55,13 +65,17 @@ static void prepare_registration(const char *caller, pid_t pid, TOV_MSG_TYPE typ
   }
 }
 
-extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) noexcept {
+static int register_as(const char *caller, pid_t pid, TOV_MSG_TYPE type, const char *command) {
   const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
-  prepare_registration(__func__, pid, type, &payload);
+  prepare_registration(caller, pid, type, command, &payload);
   (void)tov_rpc_persist(type, &payload, sizeof payload);  // the caller is promised 0
   return 0;
+}
+
+extern "C" int reg_process_exit_action(pid_t pid, TOV_MSG_TYPE type) noexcept {
+  return register_as(__func__, pid, type, nullptr);
 }
 
 extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type,
@@ -69,7 +83,7 @@ extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type,
   const tov_rpc_call_t call;
   tov_parse_dbg_file();
   tov_msg_xtach_t payload{};
-  prepare_registration(__func__, pid, type, &payload);
+  prepare_registration(__func__, pid, type, nullptr, &payload);
   fill_group(&payload);
 
   char script[TOV_PATHNAME_SIZE] = "";
@@ -77,7 +91,7 @@ extern "C" int reg_process_exit_action_shell(pid_t pid, TOV_MSG_TYPE type,
   return tov_rpc(type, script, &payload, sizeof payload, false, false);
 }
 
-extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
+int tov_register_third_part(pid_t pid, const char *type, const char *command) {
   static constexpr struct {
     const char *word;  // what the text begins with; no word is the beginning of another
     TOV_MSG_TYPE type;
@@ -88,10 +102,14 @@ extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) n
   if (type == nullptr) return -1;
   for (const auto &known : types) {
     if (strncmp(type, known.word, strlen(known.word)) == 0) {
-      return reg_process_exit_action(pid, known.type);
+      return register_as("reg_process_exit_action", pid, known.type, command);
     }
   }
   return -1;
+}
+
+extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
+  return tov_register_third_part(pid, type, nullptr);
 }
 
 extern "C" int tov_time_set(pid_t pid, TOV_MSG_TYPE type, int restart_time) noexcept {

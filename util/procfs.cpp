@@ -91,6 +91,11 @@ static int read_executable(pid_t pid, char *buf, int len) {
   return static_cast<int>(target);
 }
 
+static bool has_executable(pid_t pid) {
+  char path[2];
+  return read_executable(pid, path, sizeof path) > 0;
+}
+
 // Appends the arguments behind the path of n bytes. Returns 0 or -errno.
 static int read_arguments(pid_t pid, char *buf, int n, int len) {
   if (n + 3 > len) return 0;
@@ -100,7 +105,8 @@ static int read_arguments(pid_t pid, char *buf, int n, int len) {
   if (fd.n < 0) return -errno;
   byte_reader_s reader(fd.n);
   if (skip_first_argument(reader)) append_arguments(reader, buf, n, len);
-  return -reader.error;
+  const bool is_empty = reader.filled == 0 && reader.error == 0;
+  return is_empty && !has_executable(pid) ? -ESRCH : -reader.error;
 }
 
 char *pid_to_cmdline(pid_t pid, char *buf, int len) {

@@ -53,6 +53,7 @@ pid_t tov_get_ppid_form_pid(pid_t pid);
 
 // The same text, for who must know what is missing in it. Returns 0, or -errno: of the link to the
 // executable (ENOENT: there is none; buf untouched), or of the arguments (the path alone is there).
+// -ESRCH: the process has ended between the two.
 int tov_read_cmdline(pid_t pid, char *buf, int len);
 
 // Copies the name of a task ("Name:" of /proc/TASK/status) into `pid_name` of `len` bytes, cut to

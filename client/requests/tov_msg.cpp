@@ -8,6 +8,7 @@
 // lock and does not wait.
 #include "client/requests/tov_msg.h"
 
+#include <errno.h>
 #include <linux/stat.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,6 +16,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -57,16 +59,16 @@ static bool reads_process(const tov_msg_xtach_t *payload, char (&process)[TOV_PR
                           tov_identity_t *identity) {
   (void)tov_identity_take(payload->pid, identity);
   const tov_identity_t before = *identity;
-  const char *text = pid_to_cmdline(payload->pid, process, sizeof process);
+  process[0] = '\0';
+  const int error = -tov_read_cmdline(payload->pid, process, sizeof process);
   // Again, for it may have executed another program in between.
   (void)tov_identity_take(payload->pid, identity);
   const bool is_other = tov_identity_differs(payload->pid, before, payload->pid, *identity);
-  if (text == nullptr || is_other) return false;
+  // What could not be read for another reason is missing, which is better than no registration.
+  const bool has_gone = error == ENOENT || error == ESRCH;
+  if (process[0] == '\0' || has_gone || is_other) return false;
   rtrim(process);
-  // One that ends between the two files that tell its command line has no arguments any more.
-  const bool is_cut = strlen(process) < strnlen(payload->pathname, TOV_PATHNAME_SIZE) &&
-                      tov_life_is_over(tov_identity_life(payload->pid, *identity));
-  return !is_cut;
+  return true;
 }
 
 // Tells under the handler's name that the process of a request has gone. Returns its result.
@@ -240,14 +242,25 @@ static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char 
 
 // ---- registrations ------------------------------------------------------------------------------
 
+// A listed program stands under the command line with which it was executed, whatever title it has
+// given itself since: by that it is started again.
+static void take_noted_command(pid_t pid, const tov_identity_t &identity,
+                               char (&process)[TOV_PROCESS_SIZE]) {
+  const tov_chains_guard_t held(tov_chains);
+  const std::string noted = tov_inherit_command_of(held, pid, identity);
+  if (!noted.empty()) (void)snprintf(process, sizeof process, "%s", noted.c_str());
+}
+
 // Returns whether a record was made; `result` gets the request's result.
 static bool makes_record(const char *handler, const tov_msg_xtach_t *payload, int action,
                          const char *script, int *result) {
   char process[TOV_PROCESS_SIZE];
   tov_identity_t identity{};
   *result = 0;
-  if (reads_process(payload, process, &identity))
+  if (reads_process(payload, process, &identity)) {
+    take_noted_command(payload->pid, identity, process);
     return insert_process(payload, action, script, process, identity);
+  }
   const bool is_gone = tov_life_is_over(tov_identity_life(payload->pid, identity));
   const left_e left = is_gone ? enter_left(payload, action, script) : LEFT_REFUSED;
   if (left == LEFT_REFUSED) *result = tell_gone(handler, payload);

@@ -9,10 +9,12 @@
 
 #include <algorithm>
 
+#include "client/tov_xtach.h"
 #include "core/events/listed.h"
 #include "core/events/tov_fifo.h"
 #include "core/policy/exit.h"
 #include "core/policy/inherit.h"
+#include "core/policy/late.h"
 #include "core/policy/look.h"
 #include "core/policy/mass.h"
 #include "core/policy/revive.h"
@@ -25,7 +27,6 @@
 #include "core/run/thread.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
-#include "include/tov_xtach.h"
 #include "log/tov_dbg.h"
 #include "log/tov_log.h"
 #include "proc/tov_proc.h"
@@ -87,7 +88,7 @@ static bool is_running(tov_pid_t *program) {
 
 static void note_execution(const tov_pid_t &program) {
   const tov_chains_guard_t held(tov_chains);
-  tov_inherit_note_execution(held, program.pid, program.identity);
+  tov_inherit_note_execution(held, program);
 }
 
 void tov_cn_msg_exec(int pid, int) {
@@ -97,7 +98,7 @@ void tov_cn_msg_exec(int pid, int) {
 
   tov_pid_t program{};
   program.pid = pid;
-  if (pid_to_cmdline(pid, program.process, sizeof program.process) == nullptr) {
+  if (tov_read_cmdline(pid, program.process, sizeof program.process) < 0) {
     TOV_DBG("%s--> pid_to_proc error!\n", __func__);
     (void)tov_log_with_type(TOV_LOG_ERROR, "TOV fail to get cmdline,pid:%d\n", pid);
     return;
@@ -112,16 +113,20 @@ void tov_cn_msg_exec(int pid, int) {
   (void)tov_identity_take(pid, &program.identity);
   if (is_running(&program)) return;
   note_execution(program);
-  if (reg_third_part_process_exit_action(pid, type) != 0) {
+  if (tov_register_third_part(pid, type, program.process) != 0) {
     TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> reg_third_part_process_exit_action error!\n", __func__);
   }
 }
 
 // ---- exits ----------------------------------------------------------------------------------
 
-static bool is_registered(int pid) {
+// Returns false for a process without a record; else `exit_code` becomes that of the whole process.
+static bool is_registered(int pid, int *exit_code) {
   const tov_chains_guard_t held(tov_chains);
-  return tov_record_newest_of(held, pid) != nullptr;
+  if (tov_record_newest_of(held, pid) == nullptr) return false;
+  if (const tov_pid_t *record = tov_record_of_exit(held, pid))
+    *exit_code = tov_late_code_of_all(*record, *exit_code);
+  return true;
 }
 
 // While a device goes down its exits are wanted; so nothing is started or said.
@@ -137,7 +142,7 @@ static void drop_registration(int pid) {
 
 void tov_cn_msg_exit(int pid, int exit_code) {
   // The end of every process of the machine comes here; one without a record costs one look-up.
-  if (!is_registered(pid)) return;
+  if (!is_registered(pid, &exit_code)) return;
   if (tov_vsd_any_is_being_deleted()) {
     drop_registration(pid);
     return;
@@ -195,6 +200,14 @@ class looking_s {
     walk_due_us_ = std::max(tov_clock_us() + SETTLES_US, walked_us_ + PAUSE_US);
   }
 
+  // An execution was handled. Who shows none any more may have been gone before he was asked.
+  void note_handled(pid_t pid) {
+    char command[TOV_PROCESS_SIZE];
+    const int error = -tov_read_cmdline(pid, command, sizeof command);
+    if (error == ENOENT || error == ESRCH) miss_execution();
+    if (tov_is_ignorance(error)) miss_anybody();
+  }
+
   // Somebody could not be asked what he has executed, however old he is.
   void miss_anybody() {
     if (walk_due_us_ == INT64_MAX) walk_due_us_ = tov_clock_us() + PAUSE_US;
@@ -216,7 +229,7 @@ class looking_s {
   // Who has gone to the background meanwhile runs as another process.
   void handle_found(pid_t pid) {
     tov_cn_msg_exec(pid, 0);
-    if (tov_identity_life(pid, {}) == TOV_LIFE_ENDED) miss_execution();
+    note_handled(pid);
   }
 
   tov_look_t look_;
@@ -319,9 +332,7 @@ static void handle_event(pace_s *pace, looking_s *looking) {
   if (!concerns_us(event, looking)) return;
   pace->wait_for_slot();
   tov_cnmsg_dispatch(&event);
-  const bool is_gone =
-      event.what == TOV_EVENT_EXEC && tov_identity_life(event.process_pid, {}) == TOV_LIFE_ENDED;
-  if (is_gone) looking->miss_execution();
+  if (event.what == TOV_EVENT_EXEC) looking->note_handled(event.process_pid);
 }
 
 static void handle_events() {

@@ -5,7 +5,10 @@
 // tests/unit/core/policy/revive_listed_test.cpp
 #include "core/policy/inherit.h"
 
+#include <stdint.h>
 #include <sys/types.h>
+
+#include <string>
 
 #include "client/tov_pidfile.h"
 #include "core/policy/late.h"
@@ -98,21 +101,31 @@ void tov_inherit_heard(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
 
 static pid_t executed_pid TOV_GUARDED_BY(tov_chains) = 0;
 static tov_identity_t executed TOV_GUARDED_BY(tov_chains);
+static std::string executed_as TOV_GUARDED_BY(tov_chains);
 
-void tov_inherit_note_execution(const tov_chains_guard_t &held, pid_t pid,
-                                const tov_identity_t &identity) {
+void tov_inherit_note_execution(const tov_chains_guard_t &held, const tov_pid_t &program) {
   held.shows(tov_chains);
-  executed_pid = pid;
-  executed = identity;
+  executed_pid = program.pid;
+  executed = program.identity;
+  executed_as = program.process;
+}
+
+static bool is_executed(pid_t pid, uint64_t started) TOV_REQUIRES(tov_chains) {
+  return executed_pid == pid && executed.started != 0 && executed.started == started;
 }
 
 tov_identity_t tov_inherit_more_of(const tov_chains_guard_t &held, pid_t pid,
                                    const tov_identity_t &identity) {
   held.shows(tov_chains);
-  const bool is_it =
-      executed_pid == pid && executed.started != 0 &&
-      (identity.started == TOV_NEVER_STARTED || identity.started == executed.started);
+  const bool has_gone = identity.started == TOV_NEVER_STARTED;
+  const bool is_it = is_executed(pid, has_gone ? executed.started : identity.started);
   if (identity.exe_ino != 0 || !is_it) return identity;
   executed_pid = 0;  // the id may be given to another one
   return executed;
+}
+
+std::string tov_inherit_command_of(const tov_chains_guard_t &held, pid_t pid,
+                                   const tov_identity_t &identity) {
+  held.shows(tov_chains);
+  return is_executed(pid, identity.started) ? executed_as : std::string();
 }

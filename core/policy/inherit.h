@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 
@@ -45,12 +47,16 @@ bool tov_inherit_heir_lives(const tov_chains_guard_t &held, const tov_pid_t &rec
 bool tov_inherit_heir(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // Notes what a process has executed that is about to be registered by a request of our own: it may
-// go to the background, and end, before the request is carried out.
-void tov_inherit_note_execution(const tov_chains_guard_t &held, pid_t pid,
-                                const tov_identity_t &identity);
+// go to the background, and end, or rewrite its title, before the request is carried out.
+//   program  its id, identity and command line
+void tov_inherit_note_execution(const tov_chains_guard_t &held, const tov_pid_t &program);
 
 // What is known of a process: what was read of it, or what was noted, where it has shown nothing.
 tov_identity_t tov_inherit_more_of(const tov_chains_guard_t &held, pid_t pid,
+                                   const tov_identity_t &identity);
+
+// The command line that was noted of a process; empty: none.
+std::string tov_inherit_command_of(const tov_chains_guard_t &held, pid_t pid,
                                    const tov_identity_t &identity);
 
 #endif  // TOV_CORE_POLICY_INHERIT_H

@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "client/tov_xtach_sem.h"
+#include "client/tov_xtach.h"
 #include "include/tov_registry.h"
-#include "include/tov_xtach.h"
 #include "log/tov_log.h"
 #include "platform/tov_platform.h"
 
@@ -95,8 +94,9 @@ int fs_set_vsd_envs(int) {
   return 0;
 }
 
-extern "C" int reg_third_part_process_exit_action(pid_t pid, const char *type) noexcept {
+int tov_register_third_part(pid_t pid, const char *type, const char *command) {
   platform().registered.push_back(std::to_string(pid) + " " + type);
+  platform().registered_as.push_back(command);
   return 0;
 }
 

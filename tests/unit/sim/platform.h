@@ -15,6 +15,7 @@ struct platform_s {
   std::vector<std::string> events[TOV_LOG_TYPE_NUM];  // of the event logs, without their stamps
   std::vector<std::string> requests;                  // "ACTION PID MODULE: REASON"
   std::vector<std::string> registered;                // "PID TYPE", with our own server
+  std::vector<std::string> registered_as;             // the command lines of those
   int flushes = 0;                                    // of event logs to storage
   bool is_dorvik = false;                             // the product line
   int semaphore = 0;                                  // that holds the watchdog's countdown back

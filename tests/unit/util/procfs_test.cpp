@@ -164,6 +164,25 @@ TEST_F(PidToCmdline, ProcessThatGoesBetweenTheFilesIsItsExecutable) {
   EXPECT_EQ(cmdline_of(pid), "/bin/sh");
 }
 
+// Its memory goes before it is a zombie.
+TEST_F(PidToCmdline, WhoMustKnowIsToldOfOneThatGoesBetweenTheFiles) {
+  const pid_t pid = kernel().start({"/bin/sh", "-c"});
+  char text[64] = "";
+  kernel().before(tov_test::CALL_OPEN, 1, [=] {
+    kernel().process(pid).exe.clear();
+    kernel().process(pid).words.clear();
+  });
+  EXPECT_EQ(tov_read_cmdline(pid, text, sizeof text), -ESRCH);
+}
+
+TEST_F(PidToCmdline, ProgramWithoutArgumentsHasNotGone) {
+  const pid_t pid = kernel().start({"/bin/sh", "-c"});
+  kernel().process(pid).words.clear();
+  char text[64] = "";
+  EXPECT_EQ(tov_read_cmdline(pid, text, sizeof text), 0);
+  EXPECT_STREQ(text, "/bin/sh");
+}
+
 TEST_F(PidToCmdline, EveryCallMayFailAndLeavesNoDescriptor) {
   const pid_t pid = kernel().start({"/bin/sh", "-c"});
   const size_t open_before = kernel().descriptors();

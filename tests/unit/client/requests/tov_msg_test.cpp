@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdint.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include "core/policy/exit.h"
+#include "core/policy/inherit.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -15,6 +17,7 @@
 #include "tests/unit/sim/kernel.h"
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/waiting.h"
+#include "util/identity.h"
 
 using testing::SizeIs;
 using tov_test::kernel;
@@ -128,6 +131,48 @@ TEST_F(TovRegistration, OneThatCannotBeReadIsRegisteredAllTheSame) {
   EXPECT_EQ(find(ID)->identity.started, 0u);
   EXPECT_EQ(request(), 0);
   EXPECT_EQ(count(), 1);
+}
+
+// Its memory goes before it is a zombie.
+TEST_F(TovRegistration, OneThatGoesWhileItIsReadIsNotEnteredWithoutItsArguments) {
+  kernel().start_as(ID, {"/opt/a", "-x"});
+  kernel().before(tov_test::CALL_READLINK, 1, [] {
+    kernel().before(tov_test::CALL_OPEN, 1, [] {
+      kernel().process(ID).exe.clear();
+      kernel().process(ID).words.clear();
+    });
+  });
+  EXPECT_EQ(request(), -1);
+  EXPECT_EQ(count(), 0);
+}
+
+TEST_F(TovRegistration, ListedProgramStandsUnderWhatItWasExecutedWith) {
+  kernel().start_as(ID, {"/opt/a", "-x"});
+  tov_pid_t program{};
+  program.pid = ID;
+  (void)tov_identity_take(ID, &program.identity);
+  strcpy(program.process, "/opt/a -x");
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_inherit_note_execution(held, program);
+  }
+  kernel().process(ID).words = {"a: master"};
+  EXPECT_EQ(request(), 0);
+  EXPECT_STREQ(find(ID)->process, "/opt/a -x");
+}
+
+TEST_F(TovRegistration, WhatAnotherOneOfItsIdWasExecutedWithIsNotTaken) {
+  kernel().start_as(ID, {"/opt/a"});
+  tov_pid_t program{};
+  program.pid = ID;
+  program.identity.started = 1;
+  strcpy(program.process, "/opt/other");
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_inherit_note_execution(held, program);
+  }
+  EXPECT_EQ(request(), 0);
+  EXPECT_STREQ(find(ID)->process, "/opt/a");
 }
 
 // ---- withdrawals ----------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/run/ends.h"
 #include "core/run/flags.h"
 #include "core/run/loss.h"
 #include "core/run/wake.h"
@@ -22,6 +24,7 @@
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/waiting.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using tov_test::kernel;
@@ -116,4 +119,46 @@ TEST_F(TovVanished, NobodyIsLookedForBehindAProgramThatIsThere) {
   const int before = kernel().calls(tov_test::CALL_OPENDIR);
   run_thread(2'000);
   EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR), before);
+}
+
+// Its memory goes before it is a zombie: it may show its executable, and nothing the next moment.
+TEST_F(TovVanished, WhoGoesWhileItIsAskedIsFollowed) {
+  for (int nth = 1; nth <= 4; nth++) {
+    SCOPED_TRACE(nth);
+    pid_t daemon = 0;
+    at(10, [&] {
+      const pid_t front = kernel().start({DAEMON});
+      daemon = kernel().start({DAEMON});
+      kernel().before(tov_test::CALL_READLINK, nth, [front] {
+        kernel().process(front).exe.clear();
+        kernel().process(front).words.clear();
+      });
+      put(TOV_EVENT_EXEC, front, 0);
+    });
+    run_thread(1'500);
+    EXPECT_THAT(registered(), Contains(as_listed(daemon)));
+    tov_flag_set(quit, 0);
+    kernel().end(daemon);
+  }
+}
+
+TEST_F(TovVanished, ProgramIsRegisteredUnderWhatItWasExecutedWith) {
+  at(10, [] { put(TOV_EVENT_EXEC, kernel().start({DAEMON}), 0); });
+  run_thread(1'000);
+  EXPECT_THAT(platform().registered_as, ElementsAre(DAEMON));
+}
+
+// ---- ends -----------------------------------------------------------------------------------
+
+// The first thread had ended by itself, and the kernel tells of it last.
+TEST_F(TovVanished, StopOfAProgramWhoseFirstThreadIsToldLastIsNoRestart) {
+  const pid_t pid = kernel().start({"/opt/a"});
+  add(pid, "/opt/a");
+  kernel().pass(US_PER_S);
+  kernel().end(pid);
+  (void)tov_ends_note(pid, pid + 1, SIGTERM, kernel().now_us());
+  (void)tov_ends_note(pid, pid, 0, kernel().now_us() + 1);
+  tov_cn_msg_exit(pid, 0);
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(forks(), 0u);
 }

@@ -64,7 +64,10 @@ class TovSuccessionHeir : public tov_test::Succession {
   // What is known of a process, of which this was read, when 4711 was heard executing.
   static tov_identity_t completed(pid_t pid, const tov_identity_t &read) {
     const tov_chains_guard_t held(tov_chains);
-    tov_inherit_note_execution(held, 4711, {7, 1, 2, 3, 4});
+    tov_pid_t program{};
+    program.pid = 4711;
+    program.identity = {7, 1, 2, 3, 4};
+    tov_inherit_note_execution(held, program);
     return tov_inherit_more_of(held, pid, read);
   }
   // The alarm rings when the suspension is over.
