@@ -26,6 +26,7 @@
 #include "core/policy/inherit.h"
 #include "core/policy/late.h"
 #include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
@@ -132,7 +133,7 @@ static void see(const tov_chains_guard_t &held, tov_pid_t *record, const char *p
 static bool insert_process(const tov_msg_xtach_t *payload, int action, const char *script,
                            const char *process, const tov_identity_t &identity) {
   const tov_chains_guard_t hold(tov_chains);
-  if (tov_pid_t *found = tov_revive_registers(hold, payload->pid, payload->vsd_id, process)) {
+  if (tov_pid_t *found = tov_search_registers(hold, payload->pid, payload->vsd_id, process)) {
     stand_for(hold, found, process, identity);
     return false;
   }

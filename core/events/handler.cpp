@@ -17,7 +17,7 @@
 #include "core/policy/late.h"
 #include "core/policy/look.h"
 #include "core/policy/mass.h"
-#include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/waits.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
@@ -152,7 +152,7 @@ void tov_cn_msg_exit(int pid, int exit_code) {
 }
 
 void tov_cnmsg_dispatch(const tov_cnmsg_data_t *event) {
-  if (tov_revive_keeps(*event)) return;
+  if (tov_search_keeps(*event)) return;
   switch (event->what) {
     case TOV_EVENT_EXEC:
       tov_cn_msg_exec(event->process_pid, 0);

@@ -14,7 +14,7 @@
 
 #include "core/policy/exit.h"
 #include "core/policy/late.h"
-#include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"
@@ -72,7 +72,7 @@ static void look_at(const asked_s &asked) {
   if (!tov_life_is_over(life)) return;
   if (asked.serial != 0) return enter(asked, life);
   const auto code = tov_ends_code(asked.pid, tov_late_born_us(asked.identity));
-  (void)tov_revive_keeps({TOV_EVENT_EXIT, asked.pid, code.value_or(0)});
+  (void)tov_search_keeps({TOV_EVENT_EXIT, asked.pid, code.value_or(0)});
 }
 
 void tov_look_s::look_at_some() {

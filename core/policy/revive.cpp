@@ -6,19 +6,16 @@
 
 #include <errno.h>
 #include <stdint.h>
-#include <string.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <iterator>
 #include <utility>
-#include <vector>
 
 #include "client/tov_pidfile.h"
 #include "core/policy/announce.h"
 #include "core/policy/defer.h"
 #include "core/policy/inherit.h"
-#include "core/policy/succession.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -29,7 +26,6 @@
 #include "log/tov_dbg.h"
 #include "proc/burst.h"
 #include "proc/claim.h"
-#include "proc/find.h"
 #include "proc/task_name.h"
 #include "proc/tov_proc.h"
 #include "util/clock.h"
@@ -44,9 +40,7 @@
 static constexpr int64_t US_PER_S = 1000000;
 
 enum {
-  LOOK_PAUSE_US = 30000,     // after the end of a listed program
-  LOOKS_MAX = 10,            // for it, of which each could not be finished
-  BLIND_PAUSE_US = 1000000,  // before the next scan, where nothing could be read
+  LOOK_PAUSE_US = 30000,  // after the end of a listed program
 };
 
 namespace {
@@ -135,11 +129,8 @@ static void wait_for(const tov_chains_guard_t &held, tov_pid_t *record, int what
 // Until then no start is tried: a fork has failed. Microseconds, 0: forks are not known to fail.
 static int64_t forks_fail_until_us TOV_GUARDED_BY(tov_chains) = 0;
 
-// The restart is over.
-//   result    the process to supervise; below 1, none: the record keeps the dead one's id and file
-//   identity  of a listed one, when it was found
-static void finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result,
-                   const tov_identity_t &identity) {
+void tov_revive_finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result,
+                       const tov_identity_t &identity) {
   const tov_start_t start = record->start;
   tov_record_end_wait(held, record);
   const bool rebuilt = start.occasion == TOV_REVIVE_AT_REBUILD;
@@ -188,7 +179,7 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   }
   if (start->forked > 0) {
     tov_proc_tell_forked(*record, start->forked);
-    return finish(held, record, start->forked, {});
+    return tov_revive_finish(held, record, start->forked, {});
   }
   tov_proc_fork_failed(*record, -start->forked);
   wait_for(held, record, TOV_WAIT_FORK, forks_fail_until_us);
@@ -229,8 +220,8 @@ static void begin(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_
   start->vsd_no = device_of_start(*record);
 }
 
-// What the child executes: what it forks is known by that when it has ended itself.
-static void note_executed(tov_start_t *start) {
+void tov_revive_note_executed(const tov_chains_guard_t &held, tov_pid_t *record) {
+  tov_start_t *start = tov_record_start(held, record);
   tov_identity_t now{};
   const bool is_it = tov_identity_take(start->forked, &now) == 0 &&
                      (start->forked_started == 0 || now.started == start->forked_started);
@@ -247,7 +238,7 @@ void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
   start->forked = child;
   start->child_ended = has_ended ? 1 : 0;
   start->forked_started = has_ended ? 0 : started_of(child);
-  if (!has_ended) note_executed(start);
+  if (!has_ended) tov_revive_note_executed(held, record);
   wait_for(held, record, TOV_WAIT_SEARCH, tov_clock_us());
 }
 
@@ -297,186 +288,4 @@ void tov_revive(const tov_chains_guard_t &held, tov_pid_t *record, tov_revive_e 
       record->restart_time > 0)
     return wait_for(held, record, TOV_WAIT_TIME, tov_clock_us() + record->restart_time * US_PER_S);
   start_announced(held, record);
-}
-
-// ---- what /proc said ----------------------------------------------------------------------------
-
-// Who was executed beside the record, if he lives.
-static tov_successor_t living_heir(const tov_chains_guard_t &held, const tov_pid_t &record) {
-  if (!tov_inherit_heir_lives(held, record)) return {};
-  return {record.heir, tov_identity_of_start(record.heir_started), TOV_SIGN_TEXT};
-}
-
-// A scan that something else's end spoiled has not said that the program does not run, and a second
-// copy of it would be started; but on a machine where something always ends it says no more. One
-// that could not read says nothing, however often.
-void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result,
-                       const tov_successor_t &seen) {
-  tov_start_t *start = tov_record_start(held, record);
-  // Who was executed behind the scan, or shows another text by now, was heard.
-  const tov_successor_t found = seen.pid != 0 ? seen : living_heir(held, *record);
-  if (found.pid == 0 && tov_scan_is_blind(result))
-    return wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us() + BLIND_PAUSE_US);
-  start->scans++;
-  if (found.pid > 0 || result >= 0 || start->scans >= LOOKS_MAX) {
-    start->looked = found.pid > 0 ? TOV_LOOKED_RUNS : TOV_LOOKED_RUNS_NOT;
-    start->runs_as = found.pid;
-    start->runs = found.identity;
-    const bool is_own_heir = found.pid == record->heir && record->heir_forked != 0;
-    start->runs_on = found.sign == TOV_SIGN_KIN || is_own_heir ? 1 : 0;
-    start->scans = 0;
-  }
-  wait_for(held, record, TOV_WAIT_LOOK, tov_clock_us());
-}
-
-static bool has_ended(pid_t pid, uint64_t started) {
-  return tov_life_is_over(tov_identity_life(pid, tov_identity_of_start(started)));
-}
-
-// What was heard of the child before its record had its id.
-static void tell_heard(const tov_start_t &start, pid_t pid, std::vector<tov_cnmsg_data_t> *heard) {
-  if (pid != start.forked) return;
-  if (start.child_executed != 0) heard->push_back({TOV_EVENT_EXEC, pid, 0});
-  if (start.child_ended != 0)
-    heard->push_back({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(start.child_code)});
-}
-
-// The child failed, and nothing runs in its place: that is the exit of what was started. One that
-// ended with 0 has done its part of the start.
-static bool has_failed(const tov_start_t &start, pid_t found) {
-  return found == 0 && start.child_ended != 0 && start.child_code != 0;
-}
-
-// The last daemon's child may have ended before this one listened.
-static bool came_to_nothing(const tov_start_t &start, pid_t found) {
-  return found == 0 && start.followed != 0 &&
-         (start.child_ended != 0 || has_ended(start.forked, start.forked_started));
-}
-
-// The search has ended. What the child used stays until the record has its process.
-static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
-                     const tov_successor_t &successor, std::vector<tov_cnmsg_data_t> *heard) {
-  const tov_start_t start = record->start;
-  const pid_t found = successor.pid;
-  const bool failed = has_failed(start, found);
-  tov_proc_tell_found(*record, start.forked, found);
-  tell_heard(start, failed ? start.forked : found, heard);
-  if (failed) {
-    tov_record_end_wait(held, record);
-    tov_record_pass_on(held, record, start.forked);
-    // Its id may be another process's by now. By what it executed its workers are known.
-    const bool is_known = start.executed.exe_ino != 0;
-    tov_record_identify(held, record,
-                        is_known ? start.executed : tov_identity_of_start(start.forked_started),
-                        false);
-  } else {
-    finish(held, record, found, successor.identity);
-  }
-  tov_claim_drop(*record, start.forked);
-  if (record->pid != start.forked)
-    tov_inherit_drop_member(record->vsd_id, start.forked,
-                            tov_identity_of_start(start.forked_started));
-  if (!failed && came_to_nothing(start, found)) tov_revive(held, record, TOV_REVIVE_AT_REBUILD);
-}
-
-// Of a child that has failed it is known after one more scan whether it has left something behind.
-static int64_t search_pause_us(const tov_start_t &start, int result) {
-  const bool is_last = result >= 0 && has_failed(start, 0);
-  return is_last ? 0 : start.scans * int64_t{TOV_SEARCH_PAUSE_US};
-}
-
-// Nothing shows that it is the program: who was executed beside the record, or the child, if that
-// lives as something else. Started once more it would run twice.
-static tov_successor_t last_resort(const tov_chains_guard_t &held, const tov_pid_t &record) {
-  const tov_successor_t heir = living_heir(held, record);
-  const tov_start_t &start = record.start;
-  const bool by_script = record.action == SHELL_RESTART;  // the child is a shell
-  const bool child_lives = start.executed.exe_ino != 0 && !by_script &&
-                           !tov_life_is_over(tov_identity_life(start.forked, start.executed));
-  if (heir.pid != 0 || !child_lives) return heir;
-  return {start.forked, start.executed, TOV_SIGN_CHILD};
-}
-
-// What was found, if nobody has taken it and it has not ended while the rest was looked at: then it
-// may have gone to the background.
-static tov_successor_t still_running(const tov_chains_guard_t &held, const tov_successor_t &found) {
-  const bool counts = found.pid > 0 && tov_inherit_is_free(held, found.pid) &&
-                      !tov_life_is_over(tov_identity_life(found.pid, found.identity));
-  return counts ? found : tov_successor_t{};
-}
-
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result,
-                         const tov_succession_t &succession, std::vector<tov_cnmsg_data_t> *heard) {
-  const tov_successor_t found = still_running(held, succession.found());
-  if (found.pid == 0 && tov_revive_is_in_vain(*record)) return tov_revive_give_up(held, record);
-  if (found.pid == 0 && tov_scan_is_blind(result))
-    return tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + BLIND_PAUSE_US);
-  tov_start_t *start = tov_record_start(held, record);
-  const bool is_last =
-      start->scans >= TOV_SEARCH_RETRIES || (result >= 0 && succession.child_had_failed());
-  if (found.pid > 0) return conclude(held, record, found, heard);
-  if (is_last) return conclude(held, record, last_resort(held, *record), heard);
-  start->scans++;
-  tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us() + search_pause_us(*start, result));
-}
-
-// ---- who speaks up during a search --------------------------------------------------------------
-
-bool tov_revive_keeps(const tov_cnmsg_data_t &event) {
-  if (event.what != TOV_EVENT_EXEC && event.what != TOV_EVENT_EXIT) return false;
-  const tov_chains_guard_t held(tov_chains);
-  tov_pid_t *record = tov_record_of_child(held, event.process_pid);
-  if (record == nullptr) return false;
-  tov_start_t *start = tov_record_start(held, record);
-  if (start->child_ended != 0) return false;  // a stranger that was given the child's id
-  const tov_life_e life =
-      tov_identity_life(start->forked, tov_identity_of_start(start->forked_started));
-  if (event.what == TOV_EVENT_EXEC && life == TOV_LIFE_REUSED) return false;  // its end was lost
-  if (event.what == TOV_EVENT_EXIT && life == TOV_LIFE_THREADS) return true;  // its first thread's
-  if (event.what == TOV_EVENT_EXEC) {
-    start->child_executed = 1;
-    note_executed(start);
-  } else {
-    start->child_ended = 1;
-    start->child_code = static_cast<int>(event.exit_code);
-    // Not in the first pause, which lets the child become what it is to be, nor during a scan.
-    const bool pauses = start->scans > 1 && start->due_us != INT64_MAX;
-    if (pauses && has_failed(*start, 0))
-      tov_record_wait(held, record, TOV_WAIT_SEARCH, tov_clock_us());
-  }
-  return true;
-}
-
-static bool searches_for(const tov_pid_t &record, int vsd_id, const char *process) {
-  if (record.start.wait != TOV_WAIT_SEARCH || record.vsd_id != vsd_id) return false;
-  char command[TOV_PROCESS_SIZE];
-  tov_proc_search_key(record, command);
-  return strcmp(command, process) == 0 || strcmp(record.process, process) == 0;
-}
-
-// The child itself is asked for first: its command line may not be what is searched for, yet.
-static tov_pid_t *searching_for(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
-                                const char *process) {
-  held.shows(tov_chains);
-  if (tov_pid_t *record = tov_record_of_child(held, pid))
-    return record->start.child_ended == 0 ? record : nullptr;
-  for (tov_pid_t &record : tov_chain_records(&tov_chains)) {
-    if (searches_for(record, vsd_id, process)) return &record;
-  }
-  return nullptr;
-}
-
-tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
-                                const char *process) {
-  tov_pid_t *record = searching_for(held, pid, vsd_id, process);
-  if (record == nullptr) return nullptr;
-  const pid_t forked = record->start.forked;
-  tov_proc_tell_found(*record, forked, pid);
-  tov_identity_t identity{};
-  (void)tov_identity_take(pid, &identity);
-  const tov_identity_t childs = tov_identity_of_start(record->start.forked_started);
-  finish(held, record, pid, identity);
-  tov_claim_drop(*record, forked);
-  if (pid != forked) tov_inherit_drop_member(record->vsd_id, forked, childs);
-  return record;
 }

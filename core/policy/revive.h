@@ -2,6 +2,7 @@
 //
 // What differs between the occasions - who is told, which markers count, what follows from a start
 // that failed - stands in one row for each (revive.cpp).
+// What comes of the look and the search for a listed program's process: core/policy/search.
 // Threads: the event handler, the sweep, the hand-back of deferred exits, the server's when a
 // process registers for which a restart searches, main in the alarm's handler and at the rebuild.
 #ifndef TOV_CORE_POLICY_REVIVE_H
@@ -9,9 +10,6 @@
 
 #include <sys/types.h>
 
-#include <vector>
-
-#include "core/policy/succession.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 
@@ -64,27 +62,15 @@ bool tov_revive_is_in_vain(const tov_pid_t &record);
 // action asks for one.
 bool tov_revive_is_wanted(const tov_pid_t &record);
 
-// Hands the answer of one scan to a record that looked: the rules are asked again with it.
-//   result  of the scan, tov_scan_t::go_on(): one that could not be finished is made again
-void tov_revive_looked(const tov_chains_guard_t &held, tov_pid_t *record, int result,
-                       const tov_successor_t &seen);
+// ---- for the search behind a start (core/policy/search) -----------------------------------------
 
-// The same for a record that searched.
-//   record      may be freed
-//   succession  what the scan was asked, and has found
-//   heard       gets what was heard of the process meanwhile, for the caller to handle after the
-//               lock
-void tov_revive_searched(const tov_chains_guard_t &held, tov_pid_t *record, int result,
-                         const tov_succession_t &succession, std::vector<tov_cnmsg_data_t> *heard);
+// Notes what the child has executed: what it forks is known by that when it has ended itself.
+void tov_revive_note_executed(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// Keeps an event of a child for which its restart still searches, until the search has ended.
-// Returns false when it is none.
-bool tov_revive_keeps(const tov_cnmsg_data_t &event);
-
-// A process asks to be registered: if a restart searches for it, the search has ended. Returns the
-// record of that restart, whose process it is now; null, if none searched.
-//   process  its command line
-tov_pid_t *tov_revive_registers(const tov_chains_guard_t &held, pid_t pid, int vsd_id,
-                                const char *process);
+// The restart is over.
+//   result    the process to supervise; below 1, none: the record keeps the dead one's id and file
+//   identity  of a listed one, when it was found
+void tov_revive_finish(const tov_chains_guard_t &held, tov_pid_t *record, pid_t result,
+                       const tov_identity_t &identity);
 
 #endif  // TOV_CORE_POLICY_REVIVE_H

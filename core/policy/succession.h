@@ -52,7 +52,7 @@ using tov_successor_t = tov_successor_s;
 // record, so the scan is made without the lock.
 class tov_succession_s {
  public:
-  //   record  waits for a look or a search (core/policy/revive.h)
+  //   record  waits for a look or a search (core/policy/search.h)
   tov_succession_s(const tov_chains_guard_t &held, const tov_pid_t &record);
 
   // Judges a process. Reads /proc, and takes the lock of `tov_chains` for one that may count.

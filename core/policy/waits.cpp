@@ -16,7 +16,7 @@
 
 #include "core/policy/exit.h"
 #include "core/policy/late.h"
-#include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -68,9 +68,9 @@ void tov_waits_s::end_scan(int result, step_s *step) {
     tov_pid_t *record = tov_record_of_start(held, answer.number);
     if (record == nullptr) continue;
     if (record->start.wait == TOV_WAIT_LOOK) {
-      tov_revive_looked(held, record, result, answer.succession->found());
+      tov_search_look_ended(held, record, result, answer.succession->found());
     } else {
-      tov_revive_searched(held, record, result, *answer.succession, &step->heard);
+      tov_search_ended(held, record, result, *answer.succession, &step->heard);
     }
   }
 }

@@ -161,8 +161,8 @@ void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record,
 // The process that was reported as ended has ended; its last thread's event gets 50 ms to come.
 void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// What is known of the restart under way: for core/policy/revive, which alone writes there, but for
-// the wait and its deadline.
+// What is known of the restart under way: for core/policy/revive and core/policy/search, which
+// alone write there, but for the wait and its deadline.
 tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record);
 
 // The record whose restart has made this child and does not know yet whether it is the process to

@@ -16,7 +16,7 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/exit.h"
-#include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -127,12 +127,12 @@ class Succession : public Waiting {
   // The child executes something, and that is heard.
   static void child_executes(const words_t &words) {
     kernel().exec(child(), words);
-    EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXEC, child(), 0}));
+    EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXEC, child(), 0}));
   }
   static void child_ends(int exit_code = 0) {
     const pid_t pid = child();
     kernel().end(pid);
-    EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(exit_code)}));
+    EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, pid, static_cast<uint32_t>(exit_code)}));
     kernel().reap(pid);
   }
   void first_scan() { run(FIRST_SCAN_MS * US_PER_MS); }

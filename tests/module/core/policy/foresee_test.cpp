@@ -16,8 +16,8 @@
 #include <string>
 
 #include "core/policy/exit.h"
-#include "core/policy/revive.h"
 #include "core/policy/rules.h"
+#include "core/policy/search.h"
 #include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -152,7 +152,7 @@ class TovForeseen : public tov_test::World {
       tov_scan_t scan;
       scan.ask([&](pid_t pid, const char *command) { return succession.consider(pid, command); });
       const int result = scan.go_on(tov_scan_t::ALL).value_or(0);
-      tov_revive_looked(held, record, result, succession.found());
+      tov_search_look_ended(held, record, result, succession.found());
     }
     tov_exit_go_on(held, record);
   }

@@ -12,6 +12,7 @@
 
 #include "client/requests/tov_msg.h"
 #include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/waits.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -444,8 +445,8 @@ TEST_F(TovSearch, NameThatTheChildGaveItsClaimGoesWithTheSearch) {
 TEST_F(TovSearch, WhatIsHeardOfTheChildIsToldInItsOrderAfterwards) {
   const tov_pid_t *record = searching();
   const pid_t forked = child();
-  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
-  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  EXPECT_TRUE(tov_search_keeps(exec(forked)));
+  EXPECT_TRUE(tov_search_keeps(exit(forked, SIGSEGV)));
   EXPECT_THAT(heard(), IsEmpty());
   kernel().process(forked).exe = LISTED;
   kernel().process(forked).words = {LISTED};
@@ -459,7 +460,7 @@ TEST_F(TovSearch, OnlyWhatWasHeardIsTold) {
   children_execute("/opt/launcher");
   (void)searching();
   const pid_t forked = child();
-  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
+  EXPECT_TRUE(tov_search_keeps(exec(forked)));
   kernel().process(forked).exe = LISTED;
   run(100 * US_PER_MS);
   EXPECT_THAT(heard(), ElementsAre("exec " + std::to_string(forked)));
@@ -467,8 +468,8 @@ TEST_F(TovSearch, OnlyWhatWasHeardIsTold) {
 
 TEST_F(TovSearch, NothingIsToldOfAChildThatIsNotSupervised) {
   const tov_pid_t *record = searching();
-  EXPECT_TRUE(tov_revive_keeps(exec(child())));
-  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  EXPECT_TRUE(tov_search_keeps(exec(child())));
+  EXPECT_TRUE(tov_search_keeps(exit(child(), 0)));
   const pid_t daemon = kernel().start({LISTED});
   run(100 * US_PER_MS);
   EXPECT_EQ(record->pid, daemon);
@@ -479,8 +480,8 @@ TEST_F(TovSearch, NothingIsToldOfAChildThatIsNotSupervised) {
 TEST_F(TovSearch, ChildThatFailedStandsForTheProgramThatIsNotFound) {
   const tov_pid_t *record = searching();
   const pid_t forked = child();
-  EXPECT_TRUE(tov_revive_keeps(exec(forked)));
-  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  EXPECT_TRUE(tov_search_keeps(exec(forked)));
+  EXPECT_TRUE(tov_search_keeps(exit(forked, SIGSEGV)));
   kernel().end(forked);
   kernel().reap(forked);
   run(100 * US_PER_MS - 1);
@@ -504,7 +505,7 @@ TEST_F(TovSearch, ChildThatFailsInAPauseIsSearchedForOnceMoreAtOnce) {
   EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));
   kernel().end(forked);
   kernel().reap(forked);
-  EXPECT_TRUE(tov_revive_keeps(exit(forked, SIGSEGV)));
+  EXPECT_TRUE(tov_search_keeps(exit(forked, SIGSEGV)));
   run(1);
   EXPECT_EQ(record->pid, forked);
   EXPECT_FALSE(tov_record_is_starting(*record));
@@ -515,7 +516,7 @@ TEST_F(TovSearch, ChildThatFailsInAPauseIsSearchedForOnceMoreAtOnce) {
 TEST_F(TovSearch, ChildThatHasDoneItsPartDoesNot) {
   const tov_pid_t *record = searching();
   const pid_t dead = record->pid;
-  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  EXPECT_TRUE(tov_search_keeps(exit(child(), 0)));
   kernel().end(child());
   kernel().reap(child());
   run(5'500 * US_PER_MS);
@@ -544,16 +545,16 @@ TEST_F(TovSearch, FoundProcessThatEndsDuringTheScanIsSearchedForOnceMore) {
 }
 
 TEST_F(TovSearch, EventsOfStrangersAreNotKept) {
-  EXPECT_FALSE(tov_revive_keeps(exec(4711)));
+  EXPECT_FALSE(tov_search_keeps(exec(4711)));
   (void)searching();
   const pid_t forked = child();
-  EXPECT_FALSE(tov_revive_keeps(exec(forked + 1)));
-  EXPECT_FALSE(tov_revive_keeps({0x1, forked, 0}));
-  EXPECT_TRUE(tov_revive_keeps(exit(forked, 0)));
-  EXPECT_FALSE(tov_revive_keeps(exec(forked)));  // of another process that was given the id
-  EXPECT_FALSE(tov_revive_keeps(exit(forked, 9)));
+  EXPECT_FALSE(tov_search_keeps(exec(forked + 1)));
+  EXPECT_FALSE(tov_search_keeps({0x1, forked, 0}));
+  EXPECT_TRUE(tov_search_keeps(exit(forked, 0)));
+  EXPECT_FALSE(tov_search_keeps(exec(forked)));  // of another process that was given the id
+  EXPECT_FALSE(tov_search_keeps(exit(forked, 9)));
   run(6 * US_PER_S);
-  EXPECT_FALSE(tov_revive_keeps(exec(forked)));
+  EXPECT_FALSE(tov_search_keeps(exec(forked)));
 }
 
 // ---- registrations during a search ----------------------------------------------------------
@@ -589,7 +590,7 @@ TEST_F(TovSearch, RegistrationOfAnotherDeviceOrProgramDoesNot) {
 
 TEST_F(TovSearch, RegistrationUnderTheIdOfAChildThatEndedDoesNot) {
   const tov_pid_t *record = searching();
-  EXPECT_TRUE(tov_revive_keeps(exit(child(), 0)));
+  EXPECT_TRUE(tov_search_keeps(exit(child(), 0)));
   kernel().process(child()).exe = "/opt/stranger";
   registers(child());
   EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <vector>
 
-#include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/succession.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -300,8 +300,8 @@ TEST_F(TovSuccessionSigns, ProcessThatTwoSearchesHaveFoundIsTheFirstOnes) {
   ASSERT_EQ(seconds.found().pid, daemon);
   {
     const tov_chains_guard_t held(tov_chains);
-    tov_revive_searched(held, first, 1, firsts, &heard_);
-    tov_revive_searched(held, second, 1, seconds, &heard_);
+    tov_search_ended(held, first, 1, firsts, &heard_);
+    tov_search_ended(held, second, 1, seconds, &heard_);
   }
   EXPECT_EQ(first->pid, daemon);
   EXPECT_NE(second->pid, daemon);

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/policy/revive.h"
+#include "core/policy/search.h"
 #include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -181,7 +182,7 @@ TEST_F(TovSuccessionStart, CopyOfTheLastDaemonsChildIsFound) {
   const pid_t daemon = titled_copy_of(childs);
   kernel().process(daemon).session = daemon;
   kernel().end(childs);
-  EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXIT, childs, EXITED_WITH_1}));
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, childs, EXITED_WITH_1}));
   run();
   expect_has(record, daemon);
 }
@@ -247,7 +248,7 @@ TEST_F(TovSuccessionStart, ChildThatLivesInItsThreadsIsTakenInTheEnd) {
   child_executes(words());
   (void)kernel().start_thread(child());
   kernel().end_thread(child());
-  EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXIT, child(), 0}));
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, child(), 0}));
   search_on();
   expect_has(record, child());
 }
@@ -302,7 +303,7 @@ TEST_F(TovSuccessionStart, ExecutionThatIsHeardAfterTheChildsEndLeavesTheOtherSi
   kernel().exec(forked, words());
   const pid_t daemon = titled_copy_of(forked);
   kernel().end(forked);
-  EXPECT_TRUE(tov_revive_keeps({TOV_EVENT_EXEC, forked, 0}));
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXEC, forked, 0}));
   child_ends();
   EXPECT_EQ(found_among(*record, {daemon}).sign, TOV_SIGN_SINCE);
   first_scan();
