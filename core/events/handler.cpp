@@ -19,6 +19,7 @@
 #include "core/policy/mass.h"
 #include "core/policy/search.h"
 #include "core/policy/waits.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

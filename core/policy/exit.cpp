@@ -18,6 +18,7 @@
 #include "core/policy/revive.h"
 #include "core/policy/rules.h"
 #include "core/policy/waits.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

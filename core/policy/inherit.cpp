@@ -12,6 +12,7 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/late.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

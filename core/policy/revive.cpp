@@ -16,6 +16,7 @@
 #include "core/policy/announce.h"
 #include "core/policy/defer.h"
 #include "core/policy/inherit.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

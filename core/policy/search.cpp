@@ -15,6 +15,7 @@
 #include "core/policy/inherit.h"
 #include "core/policy/revive.h"
 #include "core/policy/succession.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"

@@ -18,6 +18,7 @@
 #include "core/policy/late.h"
 #include "core/policy/search.h"
 #include "core/policy/succession.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/flags.h"

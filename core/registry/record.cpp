@@ -6,40 +6,30 @@
 #include "core/registry/record.h"
 
 #include <assert.h>
-#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
 #include <time.h>
 
-#include <algorithm>
 #include <optional>
 
 #include "client/tov_pidfile.h"
-#include "core/registry/links.h"
 #include "core/registry/supervised.h"
 #include "core/registry/tov_chain.h"
-#include "core/run/ends.h"
 #include "core/run/lowmem.h"
-#include "core/run/wake.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "include/tov_wire.h"
 #include "log/tov_dbg.h"
-#include "util/clock.h"
 #include "util/identity.h"
 #include "util/tov_utils.h"
 
 enum {
   BURST_SPAN_S = 120,
-  BURST_LIMIT = 4,     // the start that goes beyond it is not made
-  END_DOUBLINGS = 10,  // of the pause between two questions, until it is about a second
+  BURST_LIMIT = 4,  // the start that goes beyond it is not made
   FILE_NAME_SIZE = 256,
 };
-
-static constexpr int64_t END_PAUSE_US = 1000;
-static constexpr int64_t LAST_EVENT_US = 50000;
 
 // ---- questions ------------------------------------------------------------------------------
 
@@ -89,6 +79,55 @@ tov_burst_t tov_burst_after_start(const tov_pid_t &record, bool counted, time_t 
 
 bool tov_burst_is_over(int count) {
   return count > BURST_LIMIT;
+}
+
+// ---- which record ---------------------------------------------------------------------------
+
+tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial) {
+  held.shows(tov_chains);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.serial == serial && record.pid == pid) return &record;
+  }
+  return nullptr;
+}
+
+tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && tov_record_has_process(record)) return &record;
+  }
+  return nullptr;
+}
+
+static const tov_pid_t *oldest_of(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  const tov_pid_t *oldest = nullptr;
+  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && tov_record_has_process(record)) oldest = &record;
+  }
+  return oldest;
+}
+
+tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  // Each record is newer than those behind it.
+  tov_pid_t *living = nullptr, *over = nullptr;
+  const bool is_one = tov_record_newest_of(held, pid) == oldest_of(held, pid);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid != pid || !tov_record_has_process(record)) continue;
+    const bool has_ended =
+        !is_one && tov_life_is_over(tov_identity_life(record.pid, record.identity));
+    (has_ended ? over : living) = &record;
+  }
+  return over != nullptr ? over : living;
+}
+
+tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
+  held.shows(tov_chains);
+  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
+    if (record.pid == pid && record.start.wait == TOV_WAIT_LOCK) return &record;
+  }
+  return nullptr;
 }
 
 // ---- moves ----------------------------------------------------------------------------------
@@ -195,153 +234,6 @@ void tov_record_inherit(const tov_chains_guard_t &held, tov_pid_t *record, pid_t
   record->heir = heir;
   record->heir_started = started;
   record->heir_forked = forked ? 1 : 0;
-}
-
-// ---- restarts under way -----------------------------------------------------------------------
-
-// Its first link leads to the earliest deadline.
-static tov_list_head_s waiting TOV_GUARDED_BY(tov_chains) = {&waiting, &waiting};
-
-static tov_pid_t *record_of(tov_list_head_s *link) {
-  return reinterpret_cast<tov_pid_t *>(reinterpret_cast<char *>(link) -
-                                       offsetof(tov_pid_t, start.link));
-}
-
-static void wait_until(const tov_chains_guard_t &held, tov_pid_t *record, int wait,
-                       int64_t due_us) {
-  static uint64_t last_number TOV_GUARDED_BY(tov_chains) = 0;
-  held.shows(tov_chains);
-  if (record->start.wait == TOV_WAIT_NONE) {
-    record->start.number = ++last_number;
-  } else {
-    tov_list_del(&record->start.link);
-  }
-  record->start.wait = wait;
-  record->start.due_us = due_us;
-  // From the end: most waits end after those that have begun before them.
-  tov_list_head_s *earlier = waiting.prev;
-  while (earlier != &waiting && record_of(earlier)->start.due_us > due_us)
-    earlier = earlier->prev;
-  tov_list_add(&record->start.link, earlier);
-  if (earlier == &waiting) tov_wake();
-}
-
-void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us) {
-  // They were counted for a process that is no more.
-  if (!tov_record_is_starting(*record)) record->stat_check_cnt = 0;
-  wait_until(held, record, wait, due_us);
-}
-
-void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record,
-                         std::optional<int> exit_code, int force) {
-  tov_start_t *start = tov_record_start(held, record);
-  start->end_known = exit_code ? 1 : 0;
-  start->end_code = exit_code.value_or(0);
-  start->end_force = force;
-  // The threads of a process that is killed end one after another, in less than that.
-  const int64_t pause_us = END_PAUSE_US << std::min<int>(start->end_asked++, END_DOUBLINGS);
-  tov_ends_await(record->pid);  // its threads, of which the last one's end is the end
-  wait_until(held, record, TOV_WAIT_END, tov_clock_us() + pause_us);
-}
-
-void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record) {
-  tov_record_start(held, record)->end_seen = 1;
-  wait_until(held, record, TOV_WAIT_END, tov_clock_us() + LAST_EVENT_US);
-}
-
-tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record) {
-  held.shows(tov_chains);
-  return &record->start;
-}
-
-tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child) {
-  held.shows(tov_chains);
-  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
-    tov_pid_t *record = record_of(link);
-    if (child > 0 && record->start.forked == child) return record;
-  }
-  return nullptr;
-}
-
-tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number) {
-  held.shows(tov_chains);
-  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
-    if (record_of(link)->start.number == number) return record_of(link);
-  }
-  return nullptr;
-}
-
-tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial) {
-  held.shows(tov_chains);
-  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.serial == serial && record.pid == pid) return &record;
-  }
-  return nullptr;
-}
-
-tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid) {
-  held.shows(tov_chains);
-  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid == pid && tov_record_has_process(record)) return &record;
-  }
-  return nullptr;
-}
-
-static const tov_pid_t *oldest_of(const tov_chains_guard_t &held, pid_t pid) {
-  held.shows(tov_chains);
-  const tov_pid_t *oldest = nullptr;
-  for (const tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid == pid && tov_record_has_process(record)) oldest = &record;
-  }
-  return oldest;
-}
-
-tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid) {
-  held.shows(tov_chains);
-  // Each record is newer than those behind it.
-  tov_pid_t *living = nullptr, *over = nullptr;
-  const bool is_one = tov_record_newest_of(held, pid) == oldest_of(held, pid);
-  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid != pid || !tov_record_has_process(record)) continue;
-    const bool has_ended =
-        !is_one && tov_life_is_over(tov_identity_life(record.pid, record.identity));
-    (has_ended ? over : living) = &record;
-  }
-  return over != nullptr ? over : living;
-}
-
-tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid) {
-  held.shows(tov_chains);
-  for (tov_pid_t &record : tov_chain_bucket(&tov_chains, pidhash(pid))) {
-    if (record.pid == pid && record.start.wait == TOV_WAIT_LOCK) return &record;
-  }
-  return nullptr;
-}
-
-void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
-  held.shows(tov_chains);
-  if (tov_record_is_ending(*record)) tov_ends_await_no_more(record->pid);
-  if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
-  record->start = {};
-}
-
-tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us) {
-  held.shows(tov_chains);
-  return tov_record_next_due_us(held) <= now_us ? record_of(waiting.next) : nullptr;
-}
-
-int64_t tov_record_next_due_us(const tov_chains_guard_t &held) {
-  held.shows(tov_chains);
-  return waiting.next == &waiting ? INT64_MAX : record_of(waiting.next)->start.due_us;
-}
-
-bool tov_record_any_starts(const tov_chains_guard_t &held) {
-  held.shows(tov_chains);
-  for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
-    const tov_pid_t *record = record_of(link);
-    if (tov_record_is_starting(*record) && record->start.wait != TOV_WAIT_LOCK) return true;
-  }
-  return false;
 }
 
 void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number) {

@@ -16,7 +16,8 @@
 //
 // A word on an arrow is the function that makes the move: tov_record_ended() and so on. A start
 // that need not wait for anything goes through "starting" without a stop; one that is not made
-// leads back to "ended" (end_wait) or to "suspended".
+// leads back to "ended" (end_wait) or to "suspended". wait, wait_end and end_wait stand in
+// core/registry/deadlines.
 //
 //   state       how it shows                            what may be trusted
 //   registered  as nothing else                         pid, identity; stat_check_cnt: missing
@@ -37,8 +38,8 @@
 //               .                                       ill_tm: last core dump, 0: none
 //
 // These fields, and `flags`, are written here and nowhere else (script/lib/writers looks), but for
-// pid, which tov_chain_rekey() writes. Every function that writes takes the guard of the registry
-// as its witness: who has none cannot call it.
+// pid, which tov_chain_rekey() writes, and start (core/registry/deadlines.h). Every function that
+// writes takes the guard of the registry as its witness: who has none cannot call it.
 #ifndef TOV_CORE_REGISTRY_RECORD_H
 #define TOV_CORE_REGISTRY_RECORD_H
 
@@ -93,6 +94,22 @@ tov_burst_t tov_burst_after_start(const tov_pid_t &record, bool counted, time_t 
 // Whether a burst of that many starts goes beyond the limit, so that its last is not made.
 bool tov_burst_is_over(int count);
 
+// ---- which record ---------------------------------------------------------------------------
+
+// The record of that number (`serial`), or null: it is gone, or has another id by now.
+tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial);
+
+// The newest record that has a process of that id, or null.
+tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid);
+
+// The record that an exit of `pid` concerns, or null. Of several processes that had the id it is
+// the first that has ended; of several records of one process the oldest. Asks the kernel, if
+// there is more than one.
+tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid);
+
+// The record whose exit waits until the registration file of `pid` is unlocked, or null.
+tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid);
+
 // ---- moves ----------------------------------------------------------------------------------
 
 // The exit of its process is accepted as such.
@@ -138,67 +155,6 @@ void tov_record_inherit(const tov_chains_guard_t &held, tov_pid_t *record, pid_t
 
 // Ends the suspension; the next start begins a burst.
 void tov_record_resume(const tov_chains_guard_t &held, tov_pid_t *record);
-
-// ---- what waits -------------------------------------------------------------------------------
-//
-// What waits is the record, never a thread: it stands in the order of deadlines, and the event
-// handler goes on with it when its time has come (core/policy/revive). Removing a record ends its
-// wait.
-
-// The restart of the task waits for `wait` until `due_us`. Called again it waits anew; what is
-// known of the restart (tov_start_t) stays. Wakes the event handler when that is the first
-// deadline.
-//   wait    TOV_WAIT_*, neither TOV_WAIT_NONE nor TOV_WAIT_END
-//   due_us  tov_clock_us()
-void tov_record_wait(const tov_chains_guard_t &held, tov_pid_t *record, int wait, int64_t due_us);
-
-// The end of its process was reported with this wait status, and is not certain: it is asked again
-// soon, and ever more seldom. A later report's status replaces the earlier
-// one's: that of a process is its last thread's.
-void tov_record_wait_end(const tov_chains_guard_t &held, tov_pid_t *record,
-                         std::optional<int> exit_code, int force);
-
-// The process that was reported as ended has ended; its last thread's event gets 50 ms to come.
-void tov_record_end_seen(const tov_chains_guard_t &held, tov_pid_t *record);
-
-// What is known of the restart under way: for core/policy/revive and core/policy/search, which
-// alone write there, but for the wait and its deadline.
-tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record);
-
-// The record whose restart has made this child and does not know yet whether it is the process to
-// supervise; or null.
-tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child);
-
-// The record whose restart has this number (tov_start_t), or null: it is over, or the record is
-// gone.
-tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number);
-
-// The record of that number (`serial`), or null: it is gone, or has another id by now.
-tov_pid_t *tov_record_of_serial(const tov_chains_guard_t &held, pid_t pid, uint64_t serial);
-
-// The newest record that has a process of that id, or null.
-tov_pid_t *tov_record_newest_of(const tov_chains_guard_t &held, pid_t pid);
-
-// The record that an exit of `pid` concerns, or null. Of several processes that had the id it is
-// the first that has ended; of several records of one process the oldest. Asks the kernel, if
-// there is more than one.
-tov_pid_t *tov_record_of_exit(const tov_chains_guard_t &held, pid_t pid);
-
-// The record whose exit waits until the registration file of `pid` is unlocked, or null.
-tov_pid_t *tov_record_deferred(const tov_chains_guard_t &held, pid_t pid);
-
-// It waits for nothing, and no restart is under way any more; what was known of it is forgotten.
-void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record);
-
-// The record whose deadline came first, if it has come by `now_us`, or null.
-tov_pid_t *tov_record_due(const tov_chains_guard_t &held, int64_t now_us);
-
-// The first deadline; INT64_MAX when no record waits. A record that was removed may leave an
-// earlier one until tov_record_due() is next asked.
-int64_t tov_record_next_due_us(const tov_chains_guard_t &held);
-
-// Whether a restart is under way that goes on by itself: not one whose exit is deferred.
-bool tov_record_any_starts(const tov_chains_guard_t &held);
 
 // The restart has made a child, which is to use the claim of that number (proc/claim); 0: none.
 void tov_record_claim(const tov_chains_guard_t &held, tov_pid_t *record, unsigned int number);

@@ -16,6 +16,7 @@
 #include "core/policy/announce.h"
 #include "core/policy/exit.h"
 #include "core/policy/waits.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"

@@ -14,6 +14,7 @@
 #include "core/policy/revive.h"
 #include "core/policy/search.h"
 #include "core/policy/waits.h"
+#include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_ras_comp_config.h"

@@ -3,6 +3,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "core/registry/deadlines.h"
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "core/registry/deadlines.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/wake.h"
 #include "include/tov_registry.h"
