@@ -210,6 +210,12 @@ class SuccessionSearch : public Succession {
     return record;
   }
   tov_pid_t *started() { return started(supervised()); }
+  // One whose child has executed the program.
+  tov_pid_t *executed() {
+    tov_pid_t *record = started();
+    child_executes(words());
+    return record;
+  }
   // One whose child was not heard executing anything, and has ended.
   tov_pid_t *abandoned(int exit_code = 0) {
     tov_pid_t *record = started();
@@ -219,6 +225,12 @@ class SuccessionSearch : public Succession {
   // Another program beside it, which was killed and started.
   const tov_pid_t *started_beside() { return started(supervised({LISTED, "-x"})); }
 
+  // A titled copy in a session of its own.
+  static pid_t daemon_of(pid_t maker) {
+    const pid_t pid = titled_copy_of(maker);
+    kernel().process(pid).session = pid;
+    return pid;
+  }
   // A program that runs under a title.
   static pid_t titled() {
     const pid_t pid = starts(words());
@@ -228,6 +240,12 @@ class SuccessionSearch : public Succession {
 
   // Until the search would give up.
   void search_on() { run(RETRIES_S * US_PER_S); }
+  // The child ends, and the first scan finds what it has become.
+  void expect_becomes(const tov_pid_t *record, pid_t pid, int exit_code = 0) {
+    child_ends(exit_code);
+    first_scan();
+    expect_has(record, pid);
+  }
   //   keeps  the id that the record has afterwards: the dead one's, or a child's that failed
   void expect_not_found(const tov_pid_t *record, pid_t keeps) {
     EXPECT_TRUE(waits_for(record, TOV_WAIT_SEARCH));

@@ -121,8 +121,7 @@ TEST_F(TovSuccessionSigns, TitledProgramIsNotFoundWhileTheChildRunsOrWhenItHasFa
 
 // Whatever the order in which they are asked.
 TEST_F(TovSuccessionSigns, StrongestSignWins) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   const pid_t kin = titled_copy_of(child());
   std::vector<pid_t> pids = {titled(), starts({LISTED}), starts(words()), kin};
   const std::vector<pid_t> weakest_first = pids;
@@ -141,8 +140,7 @@ TEST_F(TovSuccessionSigns, StrongestSignWins) {
 }
 
 TEST_F(TovSuccessionSigns, ChildIsTheStrongestSign) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   std::vector<pid_t> pids = {child(), starts({LISTED}), starts(words()), copy_of(child())};
   std::sort(pids.begin(), pids.end());
   do {

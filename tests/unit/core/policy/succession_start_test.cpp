@@ -179,8 +179,7 @@ TEST_F(TovSuccessionStart, CopyOfTheLastDaemonsChildIsFound) {
   kernel().end(record->pid);
   const pid_t childs = starts(words());
   follow(record, childs, false);
-  const pid_t daemon = titled_copy_of(childs);
-  kernel().process(daemon).session = daemon;
+  const pid_t daemon = daemon_of(childs);
   kernel().end(childs);
   EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, childs, EXITED_WITH_1}));
   run();
@@ -190,37 +189,23 @@ TEST_F(TovSuccessionStart, CopyOfTheLastDaemonsChildIsFound) {
 // ---- programs that go to the background -----------------------------------------------------
 
 TEST_F(TovSuccessionStart, CopyOfTheChildIsFound) {
-  const tov_pid_t *record = started();
-  child_executes(words());
-  const pid_t daemon = copy_of(child());
-  child_ends();
-  first_scan();
-  expect_has(record, daemon);
+  const tov_pid_t *record = executed();
+  expect_becomes(record, copy_of(child()));
 }
 
 TEST_F(TovSuccessionStart, CopyOfTheChildIsFoundUnderATitle) {
-  const tov_pid_t *record = started();
-  child_executes(words());
-  const pid_t daemon = titled_copy_of(child());
-  child_ends();
-  first_scan();
-  expect_has(record, daemon);
+  const tov_pid_t *record = executed();
+  expect_becomes(record, titled_copy_of(child()));
 }
 
 // It may end because it was killed: what has gone to the background runs all the same.
 TEST_F(TovSuccessionStart, CopyOfAChildThatFailedIsFoundInASessionOfItsOwn) {
-  const tov_pid_t *record = started();
-  child_executes(words());
-  const pid_t daemon = titled_copy_of(child());
-  kernel().process(daemon).session = daemon;
-  child_ends(EXITED_WITH_1);
-  first_scan();
-  expect_has(record, daemon);
+  const tov_pid_t *record = executed();
+  expect_becomes(record, daemon_of(child()), EXITED_WITH_1);
 }
 
 TEST_F(TovSuccessionStart, WorkersOfAChildThatFailedAreLeftBehind) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   (void)titled_copy_of(child());
   (void)copy_of(child());
   const pid_t failed = child();
@@ -244,8 +229,7 @@ TEST_F(TovSuccessionStart, ChildThatLivesAsSomethingElseIsTakenInTheEnd) {
 
 // The end of its first thread is no end.
 TEST_F(TovSuccessionStart, ChildThatLivesInItsThreadsIsTakenInTheEnd) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   (void)kernel().start_thread(child());
   kernel().end_thread(child());
   EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, child(), 0}));
@@ -254,20 +238,16 @@ TEST_F(TovSuccessionStart, ChildThatLivesInItsThreadsIsTakenInTheEnd) {
 }
 
 TEST_F(TovSuccessionStart, OfTwoCopiesTheElderIsTaken) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   kernel().set_next_pid(HIGH_ID);
   const pid_t elder = titled_copy_of(child());
   kernel().set_next_pid(LOW_ID);
   (void)copy_of(child());
-  child_ends();
-  first_scan();
-  expect_has(record, elder);
+  expect_becomes(record, elder);
 }
 
 TEST_F(TovSuccessionStart, OfTwoCopiesOfOneTickTheLowerIdIsTaken) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   const pid_t one = copy_of(child()), other = copy_of(child());
   kernel().process(other).started = kernel().process(one).started;
   child_ends();
@@ -276,8 +256,7 @@ TEST_F(TovSuccessionStart, OfTwoCopiesOfOneTickTheLowerIdIsTaken) {
 }
 
 TEST_F(TovSuccessionStart, ChildComesBeforeItsCopies) {
-  const tov_pid_t *record = started();
-  child_executes(words());
+  const tov_pid_t *record = executed();
   kernel().set_next_pid(LOWEST_ID);
   (void)copy_of(child());
   (void)copy_of(child());
@@ -289,11 +268,7 @@ TEST_F(TovSuccessionStart, WhatTheChildExecutedLastCounts) {
   const tov_pid_t *record = started();
   child_executes({"/opt/launcher"});
   child_executes(words());
-  const pid_t daemon = titled_copy_of(child());
-  kernel().process(daemon).session = daemon;
-  child_ends(EXITED_WITH_1);
-  first_scan();
-  expect_has(record, daemon);
+  expect_becomes(record, daemon_of(child()), EXITED_WITH_1);
 }
 
 // By then nobody can tell what it was.
