@@ -1,7 +1,7 @@
 // What a child was heard to do during the search for it is kept with its record, and told when the
 // search has ended: the process that was found may be another one.
 //
-// Tested by: tests/unit/core/policy/revive_listed_test.cpp,
+// Tested by: tests/unit/core/policy/search_test.cpp, tests/unit/core/policy/revive_listed_test.cpp,
 // tests/unit/core/policy/revive_blind_test.cpp, tests/unit/core/policy/succession_start_test.cpp,
 // tests/unit/core/policy/succession_signs_test.cpp
 #include "core/policy/search.h"

@@ -117,7 +117,6 @@ class Succession : public Waiting {
 
   // ---- its child ------------------------------------------------------------------------------
 
-  static pid_t child() { return kernel().forks.at(forks() - 1); }
   static void children_become(const words_t &words) {
     kernel().child_becomes = [words](process_s &child) {
       child.session = child.pid;

@@ -7,12 +7,14 @@
 #include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/types.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "client/requests/tov_msg.h"
 #include "core/policy/announce.h"
 #include "core/policy/exit.h"
 #include "core/policy/waits.h"
@@ -86,6 +88,14 @@ class Waiting : public Simulated {
   static void die(const tov_pid_t *record, int exit_code = SIGKILL, int force = 0) {
     tov_handle_netlink_exit(record->pid, exit_code, force);
   }
+  // A listed process asks to be registered.
+  static void registers(pid_t pid, int vsd_id = 0) {
+    tov_msg_xtach_t payload{};
+    payload.pid = pid;
+    payload.vsd_id = vsd_id;
+    (void)snprintf(payload.pathname, sizeof payload.pathname, "%s", LISTED);
+    EXPECT_EQ(tov_process_restart(&payload), 0);
+  }
   // What is true of a record until it has ended.
   static bool waits_for(const tov_pid_t *record, int wait) { return record->start.wait == wait; }
   static bool is_registered(const tov_pid_t *record) {
@@ -124,6 +134,7 @@ class Waiting : public Simulated {
   void run_first_look() { run(LOOK_PAUSE_US); }
 
   static size_t forks() { return kernel().forks.size(); }
+  static pid_t child() { return kernel().forks.at(forks() - 1); }
   static void fail_forks(int times) {
     for (int nth = 1; nth <= times; nth++)
       kernel().fail(CALL_FORK, nth, EAGAIN);
