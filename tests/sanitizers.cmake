@@ -13,6 +13,8 @@ function(tov_sanitizer_rows out)
       "sizes and offsets: the compiler has said it all"
     "^device\\.private_device"
       "tries the tests' own equipment, with programs never sanitized"
+    "^device\\.(listed_manners|real_daemons_serial)_test$"
+      "more programs: what the daemon does for them is what device.listed_service_test tries"
     "^chaos\\.looks\\."
       "tries the judge, on daemons that are broken on purpose"
     "^demo\\."

@@ -41,8 +41,7 @@ class SuspendedService : public testing::TestWithParam<Manner> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Manner, SuspendedService,
-                         testing::ValuesIn(manners_of({"Front", "Background", "TitledFront",
-                                                       "TitledBackground", "FrontWithWorkers",
+                         testing::ValuesIn(manners_of({"Front", "TitledBackground",
                                                        "BackgroundWithWorkers"})),
                          label_of);
 
@@ -143,7 +142,7 @@ class UpgradedService : public testing::TestWithParam<Manner> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Manner, UpgradedService,
-                         testing::ValuesIn(manners_of({"Front", "Background", "TitledBackground",
+                         testing::ValuesIn(manners_of({"Front", "TitledBackground",
                                                        "BackgroundWithWorkers"})),
                          label_of);
 
@@ -196,8 +195,7 @@ class SeveralServices : public testing::TestWithParam<Manner> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Manner, SeveralServices,
-                         testing::ValuesIn(manners_of({"Front", "Background", "TitledFront",
-                                                       "TitledBackground", "BackgroundWithWorkers",
+                         testing::ValuesIn(manners_of({"Front", "Background", "TitledBackground",
                                                        "AnewWithAWordInTheBackground"})),
                          label_of);
 
