@@ -87,12 +87,20 @@ static bool came_to_nothing(const tov_start_t &start, pid_t found) {
          (start.child_ended != 0 || has_ended(start.forked, start.forked_started));
 }
 
+// What has become of what the child has executed. Of a script that is a shell, which is not asked.
+static tov_life_e life_of_child(const tov_pid_t &record) {
+  const tov_start_t &start = record.start;
+  const bool is_known = start.executed.exe_ino != 0 && record.action != SHELL_RESTART;
+  return is_known ? tov_identity_life(start.forked, start.executed) : TOV_LIFE_ENDED;
+}
+
 // The search has ended. What the child used stays until the record has its process.
 static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
                      const tov_successor_t &successor, std::vector<tov_cnmsg_data_t> *heard) {
   const tov_start_t start = record->start;
   const pid_t found = successor.pid;
   const bool failed = has_failed(start, found);
+  const bool lives_as_other = found == 0 && life_of_child(*record) == TOV_LIFE_LIVES;
   tov_proc_tell_found(*record, start.forked, found);
   tell_heard(start, failed ? start.forked : found, heard);
   if (failed) {
@@ -105,6 +113,8 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
                         false);
   } else {
     tov_revive_finish(held, record, found, successor.identity);
+    // It is no process of the program. But when that is missed, it is not started beside it.
+    if (lives_as_other) tov_record_inherit(held, record, start.forked, start.forked_started, false);
   }
   tov_claim_drop(*record, start.forked);
   if (record->pid != start.forked)
@@ -119,16 +129,12 @@ static int64_t search_pause_us(const tov_start_t &start, int result) {
   return is_last ? 0 : start.scans * int64_t{TOV_SEARCH_PAUSE_US};
 }
 
-// Nothing shows that it is the program: who was executed beside the record, or the child, if that
-// lives as something else. Started once more it would run twice.
+// Who shows nothing: one that was executed beside the record, or the child, if it lives in its
+// threads alone. Started once more it would run twice.
 static tov_successor_t last_resort(const tov_chains_guard_t &held, const tov_pid_t &record) {
   const tov_successor_t heir = living_heir(held, record);
-  const tov_start_t &start = record.start;
-  const bool by_script = record.action == SHELL_RESTART;  // the child is a shell
-  const bool child_lives = start.executed.exe_ino != 0 && !by_script &&
-                           !tov_life_is_over(tov_identity_life(start.forked, start.executed));
-  if (heir.pid != 0 || !child_lives) return heir;
-  return {start.forked, start.executed, TOV_SIGN_CHILD};
+  if (heir.pid != 0 || life_of_child(record) != TOV_LIFE_THREADS) return heir;
+  return {record.start.forked, record.start.executed, TOV_SIGN_CHILD};
 }
 
 // What was found, if nobody has taken it and it has not ended while the rest was looked at: then it
