@@ -81,6 +81,7 @@ static bool note_if_registered(pid_t pid) {
 static bool is_running(tov_pid_t *program) {
   const tov_chains_guard_t held(tov_chains);
   held.shows(tov_chains);
+  if (tov_inherit_is_worker(held, *program)) return true;
   if (tov_proc_is_running(program) == nullptr) return false;
   TOV_DBG("%s--> %s is running\n", "tov_cn_msg_exec", program->process);
   tov_inherit_heard(held, tov_twin_of(*program), program->pid);
@@ -112,7 +113,9 @@ void tov_cn_msg_exec(int pid, int) {
   }
   program.vsd_id = tov_vsd_or_base(pid);
   (void)tov_identity_take(pid, &program.identity);
-  if (is_running(&program)) return;
+  // It has gone since: nothing would tell what it has made of itself. That is looked for.
+  const bool has_gone = program.identity.started != 0 && program.identity.exe_ino == 0;
+  if (has_gone || is_running(&program)) return;
   note_execution(program);
   if (tov_register_third_part(pid, type, program.process) != 0) {
     TOV_DBG_AND_LOG(TOV_LOG_ERROR, "%s--> reg_third_part_process_exit_action error!\n", __func__);
@@ -122,7 +125,7 @@ void tov_cn_msg_exec(int pid, int) {
 // ---- exits ----------------------------------------------------------------------------------
 
 // Returns false for a process without a record; else `exit_code` becomes that of the whole process.
-static bool is_registered(int pid, int *exit_code) {
+static bool know_exit(int pid, int *exit_code) {
   const tov_chains_guard_t held(tov_chains);
   if (tov_record_newest_of(held, pid) == nullptr) return false;
   if (const tov_pid_t *record = tov_record_of_exit(held, pid))
@@ -143,7 +146,7 @@ static void drop_registration(int pid) {
 
 void tov_cn_msg_exit(int pid, int exit_code) {
   // The end of every process of the machine comes here; one without a record costs one look-up.
-  if (!is_registered(pid, &exit_code)) return;
+  if (!know_exit(pid, &exit_code)) return;
   if (tov_vsd_any_is_being_deleted()) {
     drop_registration(pid);
     return;
@@ -189,7 +192,7 @@ class looking_s {
     }
     const tov_listed_walk_t::step_s step = walk_.go_on();
     if (step.found > 0) handle_found(step.found);
-    if (walks_ && !step.goes_on && walk_.is_blind()) miss_anybody();
+    if (walks_ && !step.goes_on) note_walk(walk_.is_blind());
     walks_ = step.goes_on;
     return walks_ ? 0 : std::min(look_us, walk_due_us_);
   }
@@ -211,7 +214,7 @@ class looking_s {
 
   // Somebody could not be asked what he has executed, however old he is.
   void miss_anybody() {
-    if (walk_due_us_ == INT64_MAX) walk_due_us_ = tov_clock_us() + PAUSE_US;
+    if (walk_due_us_ == INT64_MAX) walk_due_us_ = tov_clock_us() + blind_pause_us_;
     missed_at_us_ = 0;
   }
 
@@ -219,9 +222,16 @@ class looking_s {
   enum {
     SETTLES_US = 100'000,  // who goes to the background forks more than once
     PAUSE_US = 1'000'000,  // between two walks: on some machines somebody is always gone
+    BLIND_PAUSE_MAX_US = 60'000'000,
     SLACK_US = 3'000'000,  // of the times of processes, and of when an event is handled
   };
 
+  // A walk has ended. What keeps it blind may last.
+  void note_walk(bool is_blind) {
+    if (is_blind) miss_anybody();
+    const int64_t longer_us = std::min<int64_t>(blind_pause_us_ * 2, BLIND_PAUSE_MAX_US);
+    blind_pause_us_ = is_blind ? longer_us : int64_t{PAUSE_US};
+  }
   void begin_walk(int64_t born_us) {
     walks_ = true;
     walked_us_ = tov_clock_us();
@@ -239,6 +249,7 @@ class looking_s {
   int64_t walked_us_ = -PAUSE_US;  // when the last one began
   int64_t missed_at_us_ = 0;       // the kernel's time since boot
   int64_t walk_due_us_ = INT64_MAX;
+  int64_t blind_pause_us_ = PAUSE_US;  // before the walk behind one that could not read everything
   uint32_t mark_ = 0;
 };
 

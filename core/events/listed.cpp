@@ -26,6 +26,7 @@ enum {
 
 void tov_listed_walk_s::open() {
   candidates_.clear();
+  sleeping_.clear();
   processes_.emplace("/proc");
   if (!*processes_) is_blind_ = is_blind_ || tov_is_ignorance(errno);
 }
@@ -39,6 +40,7 @@ void tov_listed_walk_s::begin(int64_t born_us) {
   processes_.reset();
   chosen_.clear();
   candidates_.clear();
+  sleeping_.clear();
   if (!listed_.empty()) open();
 }
 
@@ -58,7 +60,12 @@ void tov_listed_walk_s::read(pid_t pid) {
   }
   const bool is_young = tov_ticks_us(stat.started) >= born_us_;
   if (!(reads_all_ || is_young) || !may_be_listed(pid)) return;
-  if (tov_stat_is_end(stat.state) || stat.state == 'D') return;
+  if (tov_stat_is_end(stat.state)) return;
+  if (stat.state == 'D') {
+    sleeping_.push_back(pid);
+    is_blind_ = true;
+    return;
+  }
   char command[TOV_PROCESS_SIZE];
   if (pid_to_cmdline(pid, command, sizeof command) == nullptr) return;
   rtrim(command);
@@ -70,9 +77,11 @@ bool tov_listed_walk_s::is_the_program(const candidate_s &candidate) const {
   const auto is_of_it = [&](const candidate_s &other) {
     return other.vsd_id == candidate.vsd_id && other.command == candidate.command;
   };
+  // A worker may have given up the groups of its device.
   const auto is_worker = [&](const candidate_s &one) {
     return std::any_of(candidates_.begin(), candidates_.end(), [&](const candidate_s &other) {
-      return is_of_it(other) && other.pid == one.parent;
+      return other.pid == one.parent && other.command == one.command &&
+             (one.vsd_id == other.vsd_id || one.vsd_id == 0);
     });
   };
   const auto is_alone = [&](const candidate_s &one) {
@@ -93,7 +102,9 @@ bool tov_listed_walk_s::is_the_program(const candidate_s &candidate) const {
 void tov_listed_walk_s::choose() {
   for (const candidate_s &candidate : candidates_) {
     const bool is_young = tov_ticks_us(candidate.started) >= born_us_;
-    if (is_young && is_the_program(candidate)) chosen_.push_back(candidate.pid);
+    const bool may_be_worker =
+        std::find(sleeping_.begin(), sleeping_.end(), candidate.parent) != sleeping_.end();
+    if (is_young && !may_be_worker && is_the_program(candidate)) chosen_.push_back(candidate.pid);
   }
   std::reverse(chosen_.begin(), chosen_.end());
 }

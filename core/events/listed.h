@@ -37,8 +37,8 @@ class tov_listed_walk_s {
   //            With a time it is cheaper: nothing else is read where nobody is younger
   void begin(int64_t born_us);
 
-  // Whether something could not be read for want of descriptors or memory since it began: whom it
-  // has not found may be there.
+  // Whether something could not be read since it began, for want of descriptors or memory, or since
+  // who may be listed sleeps in the kernel: whom it has not found may be there.
   bool is_blind() const { return is_blind_; }
 
   // Makes a portion of the walk, some hundred microseconds, or hands out the next program. Passed
@@ -67,7 +67,8 @@ class tov_listed_walk_s {
   bool is_blind_ = false;
   std::optional<tov_entries_t> processes_;  // while it walks
   std::vector<candidate_s> candidates_;
-  std::vector<pid_t> chosen_;  // the last one first
+  std::vector<pid_t> sleeping_;  // in the kernel, and perhaps listed
+  std::vector<pid_t> chosen_;    // the last one first
 };
 using tov_listed_walk_t = tov_listed_walk_s;
 

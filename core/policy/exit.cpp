@@ -33,6 +33,7 @@
 #include "util/entries.h"
 #include "util/identity.h"
 #include "util/owner.h"
+#include "util/procfs.h"
 #include "util/tov_utils.h"
 #include "vsd/path.h"
 
@@ -179,6 +180,11 @@ static bool remove_member_files(int vsd_no, pid_t pid) {
   return true;
 }
 
+static bool leads_session(pid_t pid) {
+  tov_stat_t stat;
+  return tov_read_stat(pid, &stat) == 0 && stat.session == pid;
+}
+
 // A stop by SIGTERM was asked for and is never answered by a restart. When the markers
 // cannot be cleared the record stays, and the sweep will bring the process back.
 void exit_case_s::accept_stop() {
@@ -189,7 +195,8 @@ void exit_case_s::accept_stop() {
   // Where another process may have the id by now, the file is that one's.
   const bool is_its_own = tov_record_life(*record_) == TOV_LIFE_ENDED;
   if (vsd_no > 0 && is_its_own && !remove_member_files(vsd_no, record_->pid)) return;
-  const bool is_worker = record_->heir_forked != 0;  // and stopped with its program
+  // A worker is stopped with its program; a successor that it has forked leads its own session.
+  const bool is_worker = record_->heir_forked != 0 && !leads_session(record_->heir);
   if (!is_worker && tov_inherit_heir(held_, record_)) return;
   TOV_DBG("%s: hlist_del\n", function);
   tov_record_forget(held_, record_);

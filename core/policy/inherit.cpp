@@ -5,12 +5,15 @@
 // tests/unit/core/policy/revive_listed_test.cpp
 #include "core/policy/inherit.h"
 
-#include <stdint.h>
+#include <stddef.h>
+#include <string.h>
 #include <sys/types.h>
 
+#include <array>
 #include <string>
 
 #include "client/tov_pidfile.h"
+#include "core/policy/exit.h"
 #include "core/policy/late.h"
 #include "core/registry/deadlines.h"
 #include "core/registry/query.h"
@@ -45,7 +48,9 @@ void tov_inherit_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   const bool shows_more =
       tov_identity_take(pid, &now) == 0 && now.exe_ino != 0 && now.started == before.started;
   tov_record_identify(held, record, shows_more ? now : before, false);
-  if (tov_life_is_over(tov_record_life(*record)))
+  const tov_life_e life = tov_record_life(*record);
+  if (life == TOV_LIFE_THREADS) tov_exit_await(held, record);
+  if (tov_life_is_over(life))
     tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(record->identity));
 }
 
@@ -64,6 +69,22 @@ static void take_over(const tov_chains_guard_t &held, tov_pid_t *record, pid_t p
 void tov_inherit_running(const tov_chains_guard_t &held, tov_pid_t *record) {
   const tov_start_t start = record->start;
   take_over(held, record, start.runs_as, start.runs, start.runs_on != 0);
+}
+
+// ---- workers --------------------------------------------------------------------------------
+
+bool tov_inherit_is_worker(const tov_chains_guard_t &held, const tov_pid_t &program) {
+  held.shows(tov_chains);
+  if (program.vsd_id > 0) return false;
+  tov_stat_t stat;
+  const pid_t parent = tov_read_stat(program.pid, &stat) == 0 ? stat.parent : 0;
+  const auto is_of = [&](const tov_pid_t &record) {
+    return record.vsd_id > 0 && strcmp(record.process, program.process) == 0 &&
+           (record.pid == parent || tov_identity_are_kin(record.identity, program.identity));
+  };
+  for (const tov_pid_t &record : tov_chain_records(&tov_chains))
+    if (record.pid != program.pid && is_of(record)) return true;
+  return false;
 }
 
 // ---- heirs ----------------------------------------------------------------------------------
@@ -100,33 +121,52 @@ void tov_inherit_heard(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
 
 // ---- executions that are being registered -------------------------------------------------------
 
-static pid_t executed_pid TOV_GUARDED_BY(tov_chains) = 0;
-static tov_identity_t executed TOV_GUARDED_BY(tov_chains);
-static std::string executed_as TOV_GUARDED_BY(tov_chains);
+namespace {
+
+struct execution_s {
+  pid_t pid = 0;
+  tov_identity_t identity{};
+  std::string command{};
+};
+
+}  // namespace
+
+// The last ones: a request is acknowledged before it is carried out.
+static std::array<execution_s, 16> executions TOV_GUARDED_BY(tov_chains);
+static size_t noted TOV_GUARDED_BY(tov_chains) = 0;
 
 void tov_inherit_note_execution(const tov_chains_guard_t &held, const tov_pid_t &program) {
   held.shows(tov_chains);
-  executed_pid = program.pid;
-  executed = program.identity;
-  executed_as = program.process;
+  for (execution_s &one : executions)
+    if (one.pid == program.pid) one.pid = 0;
+  executions[noted++ % executions.size()] = {program.pid, program.identity, program.process};
 }
 
-static bool is_executed(pid_t pid, uint64_t started) TOV_REQUIRES(tov_chains) {
-  return executed_pid == pid && executed.started != 0 && executed.started == started;
+// That of a process, or null. Of one that has gone the id alone is known.
+static execution_s *execution_of(pid_t pid, const tov_identity_t &identity)
+    TOV_REQUIRES(tov_chains) {
+  for (execution_s &one : executions) {
+    const bool is_its_own =
+        identity.started == TOV_NEVER_STARTED || identity.started == one.identity.started;
+    if (one.pid == pid && one.identity.started != 0 && is_its_own) return &one;
+  }
+  return nullptr;
 }
 
 tov_identity_t tov_inherit_more_of(const tov_chains_guard_t &held, pid_t pid,
                                    const tov_identity_t &identity) {
   held.shows(tov_chains);
-  const bool has_gone = identity.started == TOV_NEVER_STARTED;
-  const bool is_it = is_executed(pid, has_gone ? executed.started : identity.started);
-  if (identity.exe_ino != 0 || !is_it) return identity;
-  executed_pid = 0;  // the id may be given to another one
-  return executed;
+  execution_s *execution = identity.exe_ino == 0 ? execution_of(pid, identity) : nullptr;
+  if (execution == nullptr) return identity;
+  execution->pid = 0;  // the id may be given to another one
+  return execution->identity;
 }
 
 std::string tov_inherit_command_of(const tov_chains_guard_t &held, pid_t pid,
                                    const tov_identity_t &identity) {
   held.shows(tov_chains);
-  return is_executed(pid, identity.started) ? executed_as : std::string();
+  execution_s *execution = execution_of(pid, identity);
+  if (execution == nullptr) return {};
+  execution->pid = 0;  // it may execute something else
+  return execution->command;
 }

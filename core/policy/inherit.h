@@ -39,6 +39,11 @@ void tov_inherit_running(const tov_chains_guard_t &held, tov_pid_t *record);
 // nor is one that started earlier: what a process before it has left behind.
 void tov_inherit_heard(const tov_chains_guard_t &held, tov_pid_t *record, pid_t pid);
 
+// Whether a process that seems to be in no device has given up the groups of one: it is a worker of
+// a record's program there.
+//   program  its id, device, identity and command line
+bool tov_inherit_is_worker(const tov_chains_guard_t &held, const tov_pid_t &program);
+
 // Whether the record has an heir that lives.
 bool tov_inherit_heir_lives(const tov_chains_guard_t &held, const tov_pid_t &record);
 
@@ -52,6 +57,7 @@ bool tov_inherit_heir(const tov_chains_guard_t &held, tov_pid_t *record);
 void tov_inherit_note_execution(const tov_chains_guard_t &held, const tov_pid_t &program);
 
 // What is known of a process: what was read of it, or what was noted, where it has shown nothing.
+// That is told once, as is the command line.
 tov_identity_t tov_inherit_more_of(const tov_chains_guard_t &held, pid_t pid,
                                    const tov_identity_t &identity);
 

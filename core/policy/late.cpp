@@ -66,8 +66,8 @@ std::optional<int> tov_late_code(const tov_pid_t &record) {
 }
 
 int tov_late_code_of_all(const tov_pid_t &record, int exit_code) {
-  // Else the end may be that of an earlier process.
-  if (!tov_identity_is_start(record.identity.started)) return exit_code;
+  // Without a start the end may be that of an earlier process.
+  if (WIFSIGNALED(exit_code) || !tov_identity_is_start(record.identity.started)) return exit_code;
   const std::optional<int> noted = tov_late_code(record);
   const bool is_signal = noted && WIFSIGNALED(*noted);
   return is_signal ? *noted : exit_code;

@@ -18,6 +18,7 @@
 #include "core/registry/deadlines.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "proc/claim.h"
@@ -169,10 +170,12 @@ bool tov_search_keeps(const tov_cnmsg_data_t &event) {
   if (record == nullptr) return false;
   tov_start_t *start = tov_record_start(held, record);
   if (start->child_ended != 0) return false;  // a stranger that was given the child's id
+  // The end of its first thread may not be its own: then the others' are to be heard.
+  if (event.what == TOV_EVENT_EXIT) tov_ends_await(start->forked);
   const tov_life_e life =
       tov_identity_life(start->forked, tov_identity_of_start(start->forked_started));
   if (event.what == TOV_EVENT_EXEC && life == TOV_LIFE_REUSED) return false;  // its end was lost
-  if (event.what == TOV_EVENT_EXIT && life == TOV_LIFE_THREADS) return true;  // its first thread's
+  if (event.what == TOV_EVENT_EXIT && life == TOV_LIFE_THREADS) return true;
   if (event.what == TOV_EVENT_EXEC) {
     start->child_executed = 1;
     tov_revive_note_executed(held, record);

@@ -10,8 +10,7 @@
 //   word   its command line is the first word of the task's
 //   text   its command line is the task's
 //   kin    it is a copy of the child, made by fork, or of the dead one, if that ended well and
-//   soon:
-//          it has gone to the background
+//          soon: it has gone to the background
 //   child  it is the child that was started
 //
 // A process of another virtual device never counts, but for the child, nor one that has a record of

@@ -104,6 +104,7 @@ tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number) 
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   if (tov_record_is_ending(*record)) tov_ends_await_no_more(record->pid);
+  if (record->start.forked > 0) tov_ends_await_no_more(record->start.forked);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   record->start = {};
 }

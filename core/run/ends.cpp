@@ -93,10 +93,11 @@ static bool is_signal(uint32_t code) {
   return (code & 0x7f) != 0;
 }
 
-// Whether a thread that ended with `end` was ended with its process, of which `last` is the last
-// thing that is known: a thread can be killed alone as well, by what it is forbidden.
-static bool has_ended_all(const end_s &end, const end_s &last) {
-  return is_signal(end.code) && last.at_us - end.at_us <= ONE_END_US;
+// Whether the signal that ended a thread has ended its process, of which `last` is the last thing
+// that is known. A thread can be killed alone as well, by what it is forbidden; and of those that
+// were killed together one alone may say that there is a core.
+static bool has_ended_all(const end_s &killed, const end_s &last) {
+  return !is_signal(last.code) && last.at_us - killed.at_us <= ONE_END_US;
 }
 
 std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us) {

@@ -142,6 +142,29 @@ TEST_F(ListedWalk, PassesOverWhoHasEndedOrSleepsInTheKernel) {
   EXPECT_THAT(found(), IsEmpty());
 }
 
+TEST_F(ListedWalk, WorkerThatHasGivenUpTheGroupsOfItsDeviceIsStillOne) {
+  const pid_t program = start({"/opt/plain"});
+  kernel().process(program).groups = "3200";
+  const pid_t worker = start({"/opt/plain"}, program);
+  kernel().process(worker).groups = "";
+  EXPECT_THAT(found(), ElementsAre(program));
+}
+
+// Who sleeps in the kernel may be the program whose worker it would be.
+TEST_F(ListedWalk, WorkerOfOneThatSleepsInTheKernelIsPassedOverUntilThatIsKnown) {
+  const pid_t program = start({"/opt/plain"});
+  (void)start({"/opt/plain"}, program);
+  kernel().process(program).state = 'D';
+  tov_listed_walk_t walk;
+  walk.begin(0);
+  EXPECT_THAT(found_by(walk), IsEmpty());
+  EXPECT_TRUE(walk.is_blind());
+  kernel().process(program).state = 'S';
+  walk.begin(0);
+  EXPECT_THAT(found_by(walk), ElementsAre(program));
+  EXPECT_FALSE(walk.is_blind());
+}
+
 TEST_F(ListedWalk, FindsNothingWithoutAListOrWithoutProc) {
   start({"/opt/plain"});
   kernel().proc_is_mounted = false;

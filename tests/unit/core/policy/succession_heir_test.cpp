@@ -242,6 +242,23 @@ TEST_F(TovSuccessionHeir, HeirThatIsStoppedOnPurposeHasNoneItself) {
   expect_stopped(record);
 }
 
+// An upgrade by the program itself.
+TEST_F(TovSuccessionHeir, StoppedProgramGoesOnWithTheSuccessorThatItHasForked) {
+  const tov_pid_t *record = supervised();
+  const pid_t heir = executing_worker_of(record);
+  kernel().process(heir).session = heir;
+  ends(record, SIGTERM);
+  expect_found(record, heir);
+}
+
+TEST_F(TovSuccessionHeir, WorkerOfADeviceThatHasGivenUpItsGroupsIsNoProgramOfItsOwn) {
+  const tov_pid_t *record = supervised(words(), 1);
+  const pid_t worker = copy_of(record->pid);
+  kernel().process(worker).groups = "";
+  tov_cn_msg_exec(worker, 0);
+  EXPECT_THAT(platform().registered, IsEmpty());
+}
+
 TEST_F(TovSuccessionHeir, KilledProgramGoesOnWithItsHeirToo) {
   const tov_pid_t *record = supervised();
   const pid_t heir = executed();

@@ -12,6 +12,7 @@
 #include "core/policy/succession.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/ends.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "tests/unit/sim/kernel.h"
@@ -229,6 +230,23 @@ TEST_F(TovSuccessionStart, ChildThatLivesAsSomethingElseIsTakenWhenTheProgramIsM
   run_first_look();
   expect_has(record, other);
   EXPECT_EQ(forks(), 1u);
+}
+
+// The kernel tells of the first thread while others are still ending.
+TEST_F(TovSuccessionStart, ChildThatFailsWithItsThreadsIsAnsweredSoon) {
+  tov_pid_t *record = started();
+  child_executes(words());
+  const pid_t failed = child();
+  const pid_t thread = kernel().start_thread(failed);
+  kernel().end_thread(failed);
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, failed, 0x100}));
+  kernel().end_thread(thread);
+  kernel().end(failed);
+  ASSERT_TRUE(tov_ends_note(failed, thread, 0x100, kernel().now_us())) << "to be handled";
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, failed, 0x100}));
+  search_on();
+  EXPECT_EQ(record->pid, failed);
+  EXPECT_FALSE(tov_ends_note(failed, thread, 0x100, kernel().now_us())) << "awaited no more";
 }
 
 // The end of its first thread is no end.

@@ -102,6 +102,12 @@ TEST_F(TovEnds, SignalThatHasKilledTheOthersCountsThoughTheFirstOneIsToldLast) {
   EXPECT_EQ(code_of(PROCESS), 15u);
 }
 
+TEST_F(TovEnds, CoreOfTheThreadThatFailedIsNotForgottenForThoseThatWereKilledWithIt) {
+  thread_ends(11, 100);
+  process_ends(0x8b, 101);
+  EXPECT_EQ(code_of(PROCESS), 0x8bu);
+}
+
 TEST_F(TovEnds, SignalThatHasKilledOneThreadAloneDoesNotCount) {
   thread_ends(31, 100);
   process_ends(0, 2'000'000);
