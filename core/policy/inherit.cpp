@@ -126,7 +126,7 @@ namespace {
 struct execution_s {
   pid_t pid = 0;
   tov_identity_t identity{};
-  std::string command{};
+  std::string command;
 };
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <stdint.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <optional>
@@ -65,12 +64,15 @@ std::optional<int> tov_late_code(const tov_pid_t &record) {
   return code_of(record.pid, tov_late_born_us(record.identity));
 }
 
+static bool is_signal(int exit_code) {
+  return tov_ends_is_signal(static_cast<uint32_t>(exit_code));
+}
+
 int tov_late_code_of_all(const tov_pid_t &record, int exit_code) {
   // Without a start the end may be that of an earlier process.
-  if (WIFSIGNALED(exit_code) || !tov_identity_is_start(record.identity.started)) return exit_code;
+  if (is_signal(exit_code) || !tov_identity_is_start(record.identity.started)) return exit_code;
   const std::optional<int> noted = tov_late_code(record);
-  const bool is_signal = noted && WIFSIGNALED(*noted);
-  return is_signal ? *noted : exit_code;
+  return noted && is_signal(*noted) ? *noted : exit_code;
 }
 
 void tov_late_add(const tov_chains_guard_t &held, const tov_pid_t &record, tov_late_e kind,

@@ -89,15 +89,11 @@ void ring_s<SIZE>::for_each_of(pid_t pid, int64_t not_before_us, Visit visit) co
   }
 }
 
-static bool is_signal(uint32_t code) {
-  return (code & 0x7f) != 0;
-}
-
 // Whether the signal that ended a thread has ended its process, of which `last` is the last thing
 // that is known. A thread can be killed alone as well, by what it is forbidden; and of those that
 // were killed together one alone may say that there is a core.
 static bool has_ended_all(const end_s &killed, const end_s &last) {
-  return !is_signal(last.code) && last.at_us - killed.at_us <= ONE_END_US;
+  return !tov_ends_is_signal(last.code) && last.at_us - killed.at_us <= ONE_END_US;
 }
 
 std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us) {
@@ -111,7 +107,7 @@ std::optional<uint32_t> tov_ends_code(pid_t pid, int64_t not_before_us) {
   if (!is_reused) {
     threads.for_each_of(pid, not_before_us, [&](const end_s &end) {
       if (!last || end.at_us >= last->at_us) last = end;
-      if (is_signal(end.code) && (!killed || end.at_us >= killed->at_us)) killed = end;
+      if (tov_ends_is_signal(end.code) && (!killed || end.at_us >= killed->at_us)) killed = end;
     });
   }
   if (!last) return std::nullopt;

@@ -34,6 +34,12 @@ enum {
 //   at_us  when, microseconds of CLOCK_MONOTONIC
 bool tov_ends_note(pid_t tgid, pid_t tid, uint32_t code, int64_t at_us);
 
+// Whether a wait status is that of a signal.
+constexpr bool tov_ends_is_signal(uint32_t code) {
+  constexpr uint32_t signal = 0x7f;
+  return (code & signal) != 0;
+}
+
 // The wait status of a process that is known to have ended, or nothing where its end is not here.
 // That is the code of the thread that ended last, or of a signal that ended another one just
 // before: it has ended all of them, and the kernel may tell of the first one after the others. Has
