@@ -1,7 +1,8 @@
 // A record is handed over in place: at no moment is the process that runs without a registration
 // that the next daemon would find.
 //
-// Tested by: tests/unit/core/policy/succession_heir_test.cpp,
+// Tested by: tests/unit/core/policy/inherit_test.cpp,
+// tests/unit/core/policy/succession_heir_test.cpp,
 // tests/unit/core/policy/revive_listed_test.cpp
 #include "core/policy/inherit.h"
 

@@ -61,15 +61,6 @@ class TovSuccessionHeir : public tov_test::Succession {
     tov_cn_msg_exec(pid, 0);
     return pid;
   }
-  // What is known of a process, of which this was read, when 4711 was heard executing.
-  static tov_identity_t completed(pid_t pid, const tov_identity_t &read) {
-    const tov_chains_guard_t held(tov_chains);
-    tov_pid_t program{};
-    program.pid = 4711;
-    program.identity = {7, 1, 2, 3, 4};
-    tov_inherit_note_execution(held, program);
-    return tov_inherit_more_of(held, pid, read);
-  }
   // The alarm rings when the suspension is over.
   void alarm_rings() {
     kernel().pass((SELF_CHECK_S + 2) * US_PER_S);
@@ -383,23 +374,6 @@ TEST_F(TovSuccessionHeir, ProgramThatIsExecutedDuringTheSearchIsTakenWhenThatHas
 }
 
 // ---- registrations that come too late -----------------------------------------------------------
-
-TEST_F(TovSuccessionHeir, WhatWasNotedOfAnExecutionCompletesWhatIsReadLater) {
-  const tov_identity_t gone = tov_identity_of_start(TOV_NEVER_STARTED);
-  EXPECT_EQ(completed(4711, gone).stack, 1u);
-  EXPECT_EQ(completed(4711, tov_identity_of_start(7)).stack, 1u);
-  EXPECT_EQ(completed(4711, tov_identity_of_start(8)).stack, 0u) << "another one";
-  EXPECT_EQ(completed(4711, {}).stack, 0u) << "perhaps another one";
-  EXPECT_EQ(completed(4712, gone).started, TOV_NEVER_STARTED);
-  EXPECT_EQ(completed(4711, {7, 9, 2, 3, 4}).stack, 9u) << "read";
-}
-
-TEST_F(TovSuccessionHeir, WhatWasNotedOfAnExecutionCompletesOnce) {
-  const tov_identity_t gone = tov_identity_of_start(TOV_NEVER_STARTED);
-  EXPECT_EQ(completed(4711, gone).stack, 1u);
-  const tov_chains_guard_t held(tov_chains);
-  EXPECT_EQ(tov_inherit_more_of(held, 4711, gone).stack, 0u);
-}
 
 // What an upgraded program has forked are its workers, although the record is older.
 TEST_F(TovSuccessionHeir, WorkerIsKnownAfterItsProgramHasExecutedAnew) {
