@@ -88,11 +88,10 @@ static bool came_to_nothing(const tov_start_t &start, pid_t found) {
          (start.child_ended != 0 || has_ended(start.forked, start.forked_started));
 }
 
-// What has become of what the child has executed. Of a script that is a shell, which is not asked.
-static tov_life_e life_of_child(const tov_pid_t &record) {
-  const tov_start_t &start = record.start;
-  const bool is_known = start.executed.exe_ino != 0 && record.action != SHELL_RESTART;
-  return is_known ? tov_identity_life(start.forked, start.executed) : TOV_LIFE_ENDED;
+// What has become of what the child has executed.
+static tov_life_e life_of_child(const tov_start_t &start) {
+  const bool has_executed = start.executed.exe_ino != 0;
+  return has_executed ? tov_identity_life(start.forked, start.executed) : TOV_LIFE_ENDED;
 }
 
 // The search has ended. What the child used stays until the record has its process.
@@ -101,7 +100,7 @@ static void conclude(const tov_chains_guard_t &held, tov_pid_t *record,
   const tov_start_t start = record->start;
   const pid_t found = successor.pid;
   const bool failed = has_failed(start, found);
-  const bool lives_as_other = found == 0 && life_of_child(*record) == TOV_LIFE_LIVES;
+  const bool lives_as_other = found == 0 && life_of_child(start) == TOV_LIFE_LIVES;
   tov_proc_tell_found(*record, start.forked, found);
   tell_heard(start, failed ? start.forked : found, heard);
   if (failed) {
@@ -134,7 +133,7 @@ static int64_t search_pause_us(const tov_start_t &start, int result) {
 // threads alone. Started once more it would run twice.
 static tov_successor_t last_resort(const tov_chains_guard_t &held, const tov_pid_t &record) {
   const tov_successor_t heir = living_heir(held, record);
-  if (heir.pid != 0 || life_of_child(record) != TOV_LIFE_THREADS) return heir;
+  if (heir.pid != 0 || life_of_child(record.start) != TOV_LIFE_THREADS) return heir;
   return {record.start.forked, record.start.executed, TOV_SIGN_CHILD};
 }
 

@@ -232,6 +232,19 @@ TEST_F(TovSuccessionStart, ChildThatLivesAsSomethingElseIsTakenWhenTheProgramIsM
   EXPECT_EQ(forks(), 1u);
 }
 
+// Nor is what its start script runs, which shows other words.
+TEST_F(TovSuccessionStart, ScriptThatGoesOnIsTakenWhenTheProgramIsMissed) {
+  tov_pid_t *record = started(supervised(words(), 0, SHELL_RESTART));
+  child_executes(script());
+  const pid_t shell = child();
+  search_on();
+  EXPECT_NE(record->pid, shell);
+  ends_unheard(record);
+  run_first_look();
+  expect_has(record, shell);
+  EXPECT_EQ(forks(), 1u);
+}
+
 // The kernel tells of the first thread while others are still ending.
 TEST_F(TovSuccessionStart, ChildThatFailsWithItsThreadsIsAnsweredSoon) {
   tov_pid_t *record = started();
