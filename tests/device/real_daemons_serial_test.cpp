@@ -1,6 +1,6 @@
 // Real daemons of a distribution, which know nothing of us, all under one daemon: in front and in
-// the background, with titles, listed with their arguments. Each runs exactly once, whatever
-// happens to it, to the daemon, or to both.
+// the background, with titles, with workers, listed with their arguments. Each runs exactly once,
+// whatever happens to it, to the daemon, or to both.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -42,6 +42,7 @@ struct RealDaemon {
   std::string words;               // DIR and PORT stand for its own
   std::string configuration = {};  // of DIR/conf, likewise
   bool in_background = false;
+  int port = 0;
   std::string directory = {};
   std::string command = {};
 };
@@ -70,14 +71,24 @@ class RealDaemons : public testing::Test {
     return masters;
   }
 
+  bool has_registration(pid_t pid) const {
+    const auto files = device_.list("/tmp/vsd/0/tov/db");
+    return std::any_of(files.begin(), files.end(), [&](const std::string &name) {
+      return name[0] != '.' && name.ends_with("." + std::to_string(pid));
+    });
+  }
+
   // Whether it runs once, under the daemon's care, as another process than `dead`.
   bool is_supervised(const RealDaemon &daemon, pid_t dead = 0) const {
     const std::vector<pid_t> pids = instances(daemon);
-    if (pids.size() != 1 || pids[0] == dead) return false;
-    const auto files = device_.list("/tmp/vsd/0/tov/db");
-    return std::any_of(files.begin(), files.end(), [&](const std::string &name) {
-      return name[0] != '.' && name.ends_with("." + std::to_string(pids[0]));
-    });
+    return pids.size() == 1 && pids[0] != dead && has_registration(pids[0]);
+  }
+
+  // Its processes that have a registration.
+  std::vector<pid_t> registered(const RealDaemon &daemon) const {
+    std::vector<pid_t> pids = processes_of(daemon);
+    std::erase_if(pids, [&](pid_t pid) { return !has_registration(pid); });
+    return pids;
   }
 
   void start_by_hand(const RealDaemon &daemon) {
@@ -98,27 +109,47 @@ class RealDaemons : public testing::Test {
                                          << testing::PrintToString(instances(daemon));
   }
 
-  // Kills the given ones at once; each is back, once.
-  void kill_and_expect_back(const std::vector<const RealDaemon *> &condemned) {
+  // Kills the given ones at once.
+  std::vector<pid_t> kill(const std::vector<const RealDaemon *> &condemned) {
     std::vector<pid_t> dead;
     for (const RealDaemon *daemon : condemned) {
       const std::vector<pid_t> pids = instances(*daemon);
-      ASSERT_EQ(pids.size(), 1U) << daemon->label;
+      if (pids.size() != 1) throw std::runtime_error(daemon->label + " does not run once");
       dead.push_back(pids[0]);
     }
     for (const pid_t pid : dead)
       device_.kill(pid, SIGKILL);
+    return dead;
+  }
+  // Each is back, once.
+  void expect_back(const std::vector<const RealDaemon *> &condemned,
+                   const std::vector<pid_t> &dead) const {
     for (size_t i = 0; i < dead.size(); i++)
       EXPECT_TRUE(
           wait_until([&] { return is_supervised(*condemned[i], dead[i]); }, BACK_MS * patience()))
           << condemned[i]->label << " is not back\n"
           << device_.dump();
   }
+  void kill_and_expect_back(const std::vector<const RealDaemon *> &condemned) {
+    expect_back(condemned, kill(condemned));
+  }
   std::vector<const RealDaemon *> all() const {
     std::vector<const RealDaemon *> pointers;
     for (const RealDaemon &daemon : daemons_)
       pointers.push_back(&daemon);
     return pointers;
+  }
+
+  // Every second one, from the first or from the second one on.
+  std::vector<const RealDaemon *> half(size_t first) const {
+    std::vector<const RealDaemon *> pointers;
+    for (size_t i = first; i < daemons_.size(); i += 2)
+      pointers.push_back(&daemons_[i]);
+    return pointers;
+  }
+  const RealDaemon &daemon_of(const std::string &label) const {
+    const auto is_it = [&](const RealDaemon &daemon) { return daemon.label == label; };
+    return *std::find_if(daemons_.begin(), daemons_.end(), is_it);
   }
 
   Device device_;
@@ -134,6 +165,11 @@ class RealDaemons : public testing::Test {
     static const std::string DNSMASQ = "-C DIR/conf";
     static const std::string NAMES =
         "port=PORT\nlisten-address=127.0.0.1\nbind-interfaces\nuser=root\npid-file=DIR/pid\n";
+    static const std::string DBUS =
+        "<busconfig><type>session</type><listen>unix:path=DIR/bus</listen>"
+        "<policy context=\"default\"><allow own=\"*\"/></policy></busconfig>\n";
+    static const std::string UWSGI =
+        "--master --processes 2 --reuse-port --http-socket 127.0.0.1:PORT";
     return {
         {"httpd in front", "/bin/busybox", "httpd -f -p 127.0.0.1:PORT -h DIR"},
         {"httpd", "/bin/busybox", "httpd -p 127.0.0.1:PORT -h DIR", {}, true},
@@ -148,16 +184,21 @@ class RealDaemons : public testing::Test {
         {"rsync in front", "/usr/bin/rsync", "--daemon --no-detach --port=PORT --config=DIR/conf",
          RSYNC},
         {"rsync", "/usr/bin/rsync", "--daemon --port=PORT --config=DIR/conf", RSYNC, true},
+        {"dbus in front", "/usr/bin/dbus-daemon", "--config-file=DIR/conf --nofork", DBUS},
+        {"dbus", "/usr/bin/dbus-daemon", "--config-file=DIR/conf --fork", DBUS, true},
+        {"uwsgi in front", "/usr/bin/uwsgi-core", UWSGI},
+        {"uwsgi", "/usr/bin/uwsgi-core", UWSGI + " --daemonize DIR/log", {}, true},
+        {"socat", "/usr/bin/socat", "TCP-LISTEN:PORT,bind=127.0.0.1,reuseaddr,fork PIPE"},
     };
   }
 
-  static std::string filled_in(std::string text, const RealDaemon &daemon, int port) {
+  static std::string filled_in(std::string text, const RealDaemon &daemon) {
     const auto replace = [&text](const std::string &what, const std::string &by) {
       for (size_t at = text.find(what); at != std::string::npos; at = text.find(what))
         text.replace(at, what.size(), by);
     };
     replace("DIR", daemon.directory);
-    replace("PORT", std::to_string(port));
+    replace("PORT", std::to_string(daemon.port));
     return text;
   }
 
@@ -177,12 +218,12 @@ class RealDaemons : public testing::Test {
     daemon->directory =
         "/opt/" + unique_name("real" + std::to_string(daemon - daemons_.data()) + "_");
     const std::string program = daemon->directory + "/" + name;
-    const int port = next_port();
+    daemon->port = next_port();
     device_.mkdir(daemon->directory, 0777);
     copy(*daemon, program);
-    daemon->command = program + " " + filled_in(daemon->words, *daemon, port);
+    daemon->command = program + " " + filled_in(daemon->words, *daemon);
     if (!daemon->configuration.empty())
-      device_.write(daemon->directory + "/conf", filled_in(daemon->configuration, *daemon, port));
+      device_.write(daemon->directory + "/conf", filled_in(daemon->configuration, *daemon));
     device_.write("/etc/tov/proc/" + daemon->directory.substr(daemon->directory.rfind('/') + 1),
                   daemon->command + " TOV_RESTART");
   }
@@ -193,7 +234,7 @@ class RealDaemons : public testing::Test {
     device_.write(to, {std::istreambuf_iterator<char>(from), {}}, 0755);
   }
 
- private:
+  // Workers and what has outlived its program included.
   std::vector<pid_t> processes_of(const RealDaemon &daemon) const {
     std::vector<pid_t> pids;
     for (const Device::Process &process : device_.processes()) {
@@ -220,6 +261,32 @@ TEST_F(RealDaemons, KilledAloneAndTogetherAreBackOnce) {
   kill_and_expect_back(all());
   expect_all_once("the death of all");
   EXPECT_EQ(device_.count_events(ERROR_LOG, "Not Found new pid"), 0U);
+}
+
+// ---- sessions -------------------------------------------------------------------------------
+
+// A session is a worker that outlives its program, executes the same file and shows the same words.
+TEST_F(RealDaemons, SessionThatOutlivesItsProgramIsNotTakenForIt) {
+  const RealDaemon &daemon = daemon_of("socat");
+  device_.start_ready_daemon();
+  start_by_hand(daemon);
+  for (int count = 1; count <= 2; count++) {
+    SCOPED_TRACE(count);
+    const pid_t program = registered(daemon).at(0);
+    const size_t before = processes_of(daemon).size();
+    device_.spawn({daemon.original, "TCP:127.0.0.1:" + std::to_string(daemon.port), "PIPE"});
+    ASSERT_TRUE(wait_until([&] { return processes_of(daemon).size() > before; }, HAND_LIMIT_MS));
+    const std::vector<pid_t> others = processes_of(daemon);
+    device_.kill(program, SIGKILL);
+    const auto is_back = [&] {
+      const std::vector<pid_t> pids = registered(daemon);
+      return pids.size() == 1 && std::count(others.begin(), others.end(), pids[0]) == 0;
+    };
+    EXPECT_TRUE(wait_until(is_back, BACK_MS * patience())) << device_.dump();
+    std::this_thread::sleep_for(SETTLES_MS * patience());
+    EXPECT_TRUE(is_back());
+    EXPECT_EQ(processes_of(daemon).size(), others.size()) << "the sessions and one program";
+  }
 }
 
 // ---- left in peace --------------------------------------------------------------------------
@@ -272,17 +339,25 @@ TEST_F(RealDaemons, NextDaemonsKnowThemAndBringBackWhoDiedMeanwhile) {
   }
   kill_and_expect_back(all());
 
-  device_.kill_daemon();
-  for (size_t i = 0; i < daemons_.size(); i += 2)
-    for (const pid_t pid : instances(daemons_[i]))
-      device_.kill(pid, SIGKILL);
-  device_.start_ready_daemon();
-  for (const RealDaemon &daemon : daemons_)
-    EXPECT_TRUE(wait_until([&] { return is_supervised(daemon); }, BACK_MS * patience()))
-        << daemon.label << "\n"
-        << device_.dump();
-  expect_all_once("deaths while no daemon was there");
+  for (size_t first = 0; first <= 1; first++) {
+    device_.kill_daemon();
+    const std::vector<pid_t> dead = kill(half(first));
+    device_.start_ready_daemon();
+    expect_back(half(first), dead);
+    expect_all_once("deaths while no daemon was there");
+  }
   kill_and_expect_back(all());
+}
+
+TEST_F(RealDaemons, KilledTogetherWithTheDaemonAreBackOnce) {
+  device_.start_ready_daemon();
+  start_all_by_hand();
+  device_.kill(device_.daemon_pid(), SIGKILL);
+  const std::vector<pid_t> dead = kill(all());
+  ASSERT_TRUE(device_.wait_daemon(HAND_LIMIT_MS));
+  device_.start_ready_daemon();
+  expect_back(all(), dead);
+  expect_all_once("the death of all and the daemon");
 }
 
 // They run before the first daemon.

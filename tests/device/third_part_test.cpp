@@ -184,20 +184,14 @@ static pid_t supervised_background(const Device &device, const Service &service,
   return stays ? running : 0;
 }
 
-// The daemon learns of the program by its execution. One that has forked itself away before that
-// was looked into stays unknown, which on a busy machine happens; then it is started once more.
+// The daemon learns of the program by its execution, or soon after, where what was executed had
+// ended before it was looked into.
 static pid_t start_background(Device &device, const Service &service) {
-  static constexpr int TRIES = 10;
-  static constexpr Millis TRY_LIMIT_MS{3'000};
-  for (int i = 0; i < TRIES; i++) {
-    const pid_t executed = device.spawn({service.program});
-    const pid_t running = supervised_background(device, service, executed, TRY_LIMIT_MS);
-    if (running != 0) return running;
-    for (const pid_t pid : instances(device, service))
-      device.kill(pid, SIGKILL);
-    wait_until([&] { return instances(device, service).empty(); }, STORY_LIMIT_MS);
-  }
-  throw std::runtime_error(service.command + " is not registered\n" + device.dump());
+  const pid_t executed = device.spawn({service.program});
+  const pid_t running = supervised_background(device, service, executed, STORY_LIMIT_MS);
+  if (running == 0)
+    throw std::runtime_error(service.command + " is not registered\n" + device.dump());
+  return running;
 }
 
 TEST(ThirdPart, BackgroundProgramIsFoundByNameWheneverItStarts) {
