@@ -26,8 +26,8 @@ static void start_those(Run &run, const std::function<bool(const Program &)> &fi
     if (!program.should_run && fits(program)) run.fleet.start(program);
 }
 
-// A listed program that has gone into the background before the daemon looked at it is not
-// registered at all; such a one is uncertain, and enough has been waited for it.
+// A listed program that has gone into the background before the daemon looked at it is known late,
+// or under a title not at all; such a one is uncertain, and enough has been waited for it.
 static void await_registrations(Run &run, By by) {
   const auto is_done = [by](const Program &program) {
     return program.kind->by != by || !program.should_run || program.supervised || program.uncertain;
