@@ -8,7 +8,6 @@
 #include <string>
 
 #include "core/events/handler.h"
-#include "core/policy/inherit.h"
 #include "core/policy/revive.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
@@ -18,7 +17,6 @@
 #include "tests/unit/sim/platform.h"
 #include "tests/unit/succession.h"
 #include "tests/unit/waiting.h"
-#include "util/identity.h"
 
 using testing::Contains;
 using testing::ElementsAre;
