@@ -20,7 +20,6 @@
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"
 #include "include/tov_registry.h"
-#include "include/tov_wire.h"
 #include "proc/claim.h"
 #include "proc/find.h"
 #include "proc/tov_proc.h"
