@@ -80,8 +80,12 @@ bool tov_inherit_is_worker(const tov_chains_guard_t &held, const tov_pid_t &prog
   tov_stat_t stat;
   const pid_t parent = tov_read_stat(program.pid, &stat) == 0 ? stat.parent : 0;
   const auto is_of = [&](const tov_pid_t &record) {
-    return record.vsd_id > 0 && strcmp(record.process, program.process) == 0 &&
-           (record.pid == parent || tov_identity_are_kin(record.identity, program.identity));
+    const bool is_same = record.vsd_id > 0 && strcmp(record.process, program.process) == 0;
+    const auto are_kin = [&] {
+      return tov_identity_are_kin(record.identity, program.identity) &&
+             tov_identity_kin_are_known();
+    };
+    return is_same && (record.pid == parent || are_kin());
   };
   for (const tov_pid_t &record : tov_chain_records(&tov_chains))
     if (record.pid != program.pid && is_of(record)) return true;

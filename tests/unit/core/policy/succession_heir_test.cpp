@@ -442,6 +442,15 @@ TEST_F(TovSuccessionHeir, WithoutDrawnPlacesWhatWasExecutedIsAnHeir) {
   expect_found(record, heir);
 }
 
+TEST_F(TovSuccessionHeir, WithoutDrawnPlacesAProgramOfTheBaseSystemIsNoWorkerOfADevices) {
+  kernel().write_file("/proc/sys/kernel/randomize_va_space", "0\n");
+  const tov_pid_t *record = supervised(words(), 1);
+  const pid_t other = starts(words());
+  kernel().process(other).stack = record->identity.stack;
+  tov_cn_msg_exec(other, 0);
+  EXPECT_EQ(platform().registered.size(), 1u);
+}
+
 // ---- restarts that are under way ------------------------------------------------------------
 
 TEST_F(TovSuccessionHeir, ProgramThatIsExecutedDuringTheLookIsFoundByIt) {
