@@ -65,8 +65,9 @@ class RealDaemons : public testing::Test {
     const std::vector<pid_t> all = processes_of(daemon);
     std::vector<pid_t> masters;
     for (const pid_t pid : all) {
-      const pid_t parent = std::stoi(status_field(pid, "PPid"));
-      if (std::find(all.begin(), all.end(), parent) == all.end()) masters.push_back(pid);
+      const std::string parent = status_field(pid, "PPid");
+      if (parent.empty()) continue;  // it has ended since
+      if (std::find(all.begin(), all.end(), std::stoi(parent)) == all.end()) masters.push_back(pid);
     }
     return masters;
   }
