@@ -161,6 +161,7 @@ void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record) {
   tov_hlist_del(&record->pidlink);
   tov_list_del(&record->pidlist);
   if (record->start.wait == TOV_WAIT_END) tov_ends_await_no_more(record->pid);
+  if (record->start.forked > 0) tov_ends_await_no_more(record->start.forked);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   free(record);
   chains->node_num--;

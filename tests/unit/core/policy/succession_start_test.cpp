@@ -262,6 +262,20 @@ TEST_F(TovSuccessionStart, ChildThatFailsWithItsThreadsIsAnsweredSoon) {
   EXPECT_FALSE(tov_ends_note(failed, thread, 0x100, kernel().now_us())) << "awaited no more";
 }
 
+TEST_F(TovSuccessionStart, ThreadsOfAChildAreAwaitedNoMoreWhenItsRecordGoes) {
+  tov_pid_t *record = started();
+  child_executes(words());
+  const pid_t failed = child();
+  const pid_t thread = kernel().start_thread(failed);
+  kernel().end_thread(failed);
+  EXPECT_TRUE(tov_search_keeps({TOV_EVENT_EXIT, failed, 0x100}));
+  {
+    const tov_chains_guard_t held(tov_chains);
+    tov_record_forget(held, record);
+  }
+  EXPECT_FALSE(tov_ends_note(failed, thread, 0x100, kernel().now_us()));
+}
+
 // The end of its first thread is no end.
 TEST_F(TovSuccessionStart, ChildThatLivesInItsThreadsIsTakenInTheEnd) {
   const tov_pid_t *record = executed();
