@@ -98,18 +98,13 @@ static void fill(tov_pid_t *record, const tov_msg_xtach_t *payload, int action, 
   if (script != nullptr) copy_field(record->pathname, script);
 }
 
-// A record of the registry stands for the process from now on. That may have ended before, and the
-// event of its exit has found no record then: the kernel makes a process a zombie before it tells
-// of its end, so who asks from now on does not miss it.
+// A record of the registry stands for the process from now on.
 //   process  its command line
 static void stand_for(const tov_chains_guard_t &held, tov_pid_t *record, const char *process,
                       const tov_identity_t &identity) {
   tov_record_identify(held, record, tov_inherit_more_of(held, record->pid, identity),
                       strcmp(record->process, process) == 0);
-  const tov_life_e life = tov_record_life(*record);
-  if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
-  if (tov_life_is_over(life))
-    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(record->identity));
+  tov_exit_ask_entered(held, record);
 }
 
 // The record of a process, or null. One of a process that had the id before is another's.

@@ -114,6 +114,13 @@ void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record) {
     tov_record_wait_end(held, record, tov_late_code(*record), 0);
 }
 
+void tov_exit_ask_entered(const tov_chains_guard_t &held, tov_pid_t *record) {
+  const tov_life_e life = tov_record_life(*record);
+  if (life == TOV_LIFE_THREADS) return tov_exit_await(held, record);
+  if (tov_life_is_over(life))
+    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(record->identity));
+}
+
 // ---- duplicates -----------------------------------------------------------------------------
 
 tov_twin_e exit_case_s::twin() {

@@ -31,7 +31,12 @@ void tov_handle_netlink_exit(int pid, int exit_code, int force);
 // last one is waited for. Nothing where that is so already.
 void tov_exit_await(const tov_chains_guard_t &held, tov_pid_t *record);
 
-// The same decision about a record whose process two sweeps in a row did not find as it was
+// A record stands for its process from now on: asks whether that, or its first thread, has ended
+// before. The event of such an end has found no record; but the kernel makes a process a zombie
+// before it tells of its end, so who asks from now on does not miss it.
+void tov_exit_ask_entered(const tov_chains_guard_t &held, tov_pid_t *record);
+
+// The decision about the exit of a record whose process two sweeps in a row did not find as it was
 // registered: their verdict stands in place of the liveness question, because another program may
 // live under the id by now. That stranger is not touched, but for the watch over threads of that
 // id, and neither is another record of the id.

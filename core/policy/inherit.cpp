@@ -15,9 +15,7 @@
 
 #include "client/tov_pidfile.h"
 #include "core/policy/exit.h"
-#include "core/policy/late.h"
 #include "core/registry/deadlines.h"
-#include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
@@ -49,10 +47,7 @@ void tov_inherit_process(const tov_chains_guard_t &held, tov_pid_t *record, pid_
   const bool shows_more =
       tov_identity_take(pid, &now) == 0 && now.exe_ino != 0 && now.started == before.started;
   tov_record_identify(held, record, shows_more ? now : before, false);
-  const tov_life_e life = tov_record_life(*record);
-  if (life == TOV_LIFE_THREADS) tov_exit_await(held, record);
-  if (tov_life_is_over(life))
-    tov_late_add(held, *record, TOV_LATE_ENTERED, tov_late_born_us(record->identity));
+  tov_exit_ask_entered(held, record);
 }
 
 // As if it had been registered just now. What comes from the dead one goes on with its burst.
