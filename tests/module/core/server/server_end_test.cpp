@@ -209,8 +209,11 @@ class TovServerEnd : public tov_test::World {
   }
   // Lets a running server meet a failure when the next client comes.
   void run_into(Failure which) {
+    removed = 0;
     ServerThread server;
     EXPECT_TRUE(server.up());
+    // Who asked has hung up, and that event is not to be the one that fails.
+    EXPECT_TRUE(wait_until([] { return removed > 0; }, 30s));
     RawClient client;
     failure = which;
     client.connect();
