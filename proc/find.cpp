@@ -1,5 +1,5 @@
-// A search is a number of scans of /proc with growing pauses between them. No list of
-// processes is kept from one round over /proc to the next.
+// A search is a number of scans of /proc with growing pauses between them, and a scan a number of
+// rounds over /proc.
 #include "proc/find.h"
 
 #include <ctype.h>
@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "util/tov_utils.h"
 
 enum {
+  ROUNDS_MAX = 4,  // of reading, for newcomers' newcomers; on a busy machine somebody always comes
   RETRY_PAUSE_US = 100000,
 };
 
@@ -58,8 +60,8 @@ bool tov_scan_is_blind(int result) {
   return result < 0 && tov_is_ignorance(-result);
 }
 
-void tov_scan_s::read_command(const char *name) {
-  const pid_t candidate = tov_atoi(name);
+void tov_scan_s::read_command(pid_t candidate) {
+  newcomers_.push_back(candidate);
   char command[COMMAND_SIZE];
   const int result = tov_read_cmdline(candidate, command, sizeof command);
   if (tov_scan_is_blind(result)) unread_ = result;
@@ -83,29 +85,56 @@ int tov_scan_s::answer() const {
   return all_found && !asked_.empty() ? 1 : unread_;
 }
 
+// ---- rounds -------------------------------------------------------------------------------------
+
+bool tov_scan_s::is_new(pid_t candidate) const {
+  return !std::binary_search(read_.begin(), read_.end(), candidate);
+}
+
+int tov_scan_s::begin_round() {
+  rounds_++;
+  processes_ = std::make_unique<tov_entries_t>("/proc");
+  return *processes_ ? 0 : -errno;
+}
+
+// Who goes to the background may do so by two forks, and the one in between end before it is read:
+// whom that has made stands in no list yet. So one round more is made, for those who were not there
+// before, until nobody is new. Returns the scan's result, or nothing where it goes on.
+std::optional<int> tov_scan_s::end_round() {
+  const int so_far = answer();
+  if (so_far > 0 || newcomers_.empty() || rounds_ >= ROUNDS_MAX) return so_far;
+  read_.insert(read_.end(), newcomers_.begin(), newcomers_.end());
+  std::sort(read_.begin(), read_.end());
+  newcomers_.clear();
+  if (const int failed = begin_round(); failed < 0) return failed;
+  return std::nullopt;
+}
+
 // A process that vanishes between the listing and the look spoils the scan (negative errno): which
 // process it was cannot be said, so the caller scans again. On a busy machine something always
-// vanishes; so one round only looks, at once, and a second one reads the command lines, which takes
+// vanishes; so one round only looks, at once, and the others read the command lines, which takes
 // most of the time and is what portions are of.
 std::optional<int> tov_scan_s::go_on(int portion) {
   if (result_) return result_;
   if (!processes_) {
     if (const int gone = look_at_all(); gone < 0) return result_ = gone;
-    processes_.emplace("/proc");
-    if (!*processes_) return result_ = -errno;
+    if (const int failed = begin_round(); failed < 0) return result_ = failed;
   }
-  for (int read = 0; read != portion && !result_; read++) {
+  for (int read = 0; read != portion && !result_;) {
     const char *name = processes_->next();
     if (name == nullptr) {
-      result_ = answer();
-    } else if (names_a_process(name)) {
-      read_command(name);
+      result_ = end_round();
+    } else if (names_a_process(name) && is_new(tov_atoi(name))) {
+      read_command(tov_atoi(name));
+      read++;
       if (missing_ == 0 && asked_.empty()) result_ = 1;
     }
   }
   if (result_) processes_.reset();
   return result_;
 }
+
+// ---- searches -----------------------------------------------------------------------------------
 
 int tov_proc_to_pid(char *proc, pid_t *pid, int retry_times) {
   rtrim(proc);

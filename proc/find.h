@@ -6,17 +6,18 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "util/entries.h"
 
 // One scan of /proc for the processes of some command lines, to be made in portions: between two of
-// them the caller does what is more urgent. No list of processes is kept from one portion to the
-// next.
+// them the caller does what is more urgent. A program that goes to the background meanwhile is
+// seen: who came while others were read is read, too.
 //
-// One thread an object; takes no lock. Allocates what opendir(3) needs, until the scan is over, and
-// a kilobyte for each command line.
+// One thread an object; takes no lock. Allocates what opendir(3) needs, until the scan is over, a
+// kilobyte for each command line and the ids of the machine's processes.
 class tov_scan_s {
  public:
   enum { ALL = -1 };  // as a portion: the rest of the scan
@@ -58,15 +59,21 @@ class tov_scan_s {
     bool has_found = false;
   };
 
-  void read_command(const char *name);
+  void read_command(pid_t candidate);
+  bool is_new(pid_t candidate) const;
+  int begin_round();
+  std::optional<int> end_round();
 
   int answer() const;
 
   std::vector<wanted_s> wanted_;
   std::vector<asked_s> asked_;
-  size_t missing_ = 0;                      // command lines without a process
-  std::optional<tov_entries_t> processes_;  // from the second round on
-  int unread_ = 0;                          // negative errno of a command line, 0: none
+  size_t missing_ = 0;                        // command lines without a process
+  std::unique_ptr<tov_entries_t> processes_;  // once they are read
+  std::vector<pid_t> read_;                   // who has been read in earlier rounds, sorted
+  std::vector<pid_t> newcomers_;              // in this one
+  int rounds_ = 0;                            // of reading
+  int unread_ = 0;                            // negative errno of a command line, 0: none
   std::optional<int> result_;
 };
 using tov_scan_t = tov_scan_s;

@@ -65,7 +65,7 @@ TEST_F(TovProcToPid, ZombiesAndThreadsAreNotFound) {
 TEST_F(TovProcToPid, PausesGrowByATenthOfASecond) {
   pid_t found = 0;
   EXPECT_EQ(span_us([&] { EXPECT_EQ(search("/opt/foo", &found, 3), 0); }), 600 * US_PER_MS);
-  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR), 4 * 2);  // two rounds a look
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR), 4 * 3);  // three rounds a look
   EXPECT_EQ(span_us([&] { EXPECT_EQ(search("/opt/foo", &found, 10), 0); }), 5500 * US_PER_MS);
   EXPECT_EQ(span_us([&] { EXPECT_EQ(search("/opt/foo", &found, 0), 0); }), 0);
 }
@@ -98,6 +98,29 @@ TEST_F(TovProcToPid, ScanThatCannotBeMadeIsANegativeErrorNumber) {
   EXPECT_EQ(search("/opt/foo", &found), -EMFILE);
   EXPECT_EQ(found, 77);
   EXPECT_EQ(kernel().descriptors(), before);
+}
+
+// Whose maker was listed, but had ended before it was read.
+TEST_F(TovProcToPid, WhoComesByTwoForksDuringTheScanIsFound) {
+  const pid_t between = kernel().start({"/opt/foo"});
+  pid_t last = 0, found = 0;
+  kernel().before(tov_test::CALL_READLINK, 1, [&] {
+    last = kernel().start({"/opt/foo"});
+    kernel().end(between);
+  });
+  EXPECT_EQ(search("/opt/foo", &found), 1);
+  EXPECT_EQ(found, last);
+}
+
+TEST_F(TovProcToPid, ScanEndsThoughSomebodyAlwaysComes) {
+  const auto somebody_comes = [](const auto &self) -> void {
+    (void)kernel().start({"/opt/short"});
+    kernel().before(tov_test::CALL_READLINK, 1, [=] { self(self); });
+  };
+  kernel().before(tov_test::CALL_READLINK, 1, [=] { somebody_comes(somebody_comes); });
+  pid_t found = 0;
+  EXPECT_EQ(search("/opt/foo", &found), 0);
+  EXPECT_LE(kernel().calls(tov_test::CALL_OPENDIR), 5);
 }
 
 // ---- several command lines in one scan --------------------------------------------------------

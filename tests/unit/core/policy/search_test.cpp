@@ -106,8 +106,8 @@ TEST_F(TovSearch, EndsAfterTenScansInFiveAndAHalfSeconds) {
   run(1);
   EXPECT_FALSE(tov_record_is_starting(*record));
   EXPECT_EQ(kernel().now_us() - begun_us, 5'500 * US_PER_MS);
-  // Two rounds each: the look whether it runs again, and the search.
-  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2 + 2 * 10);
+  // Three rounds each: the look whether it runs again, and the search.
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 3 + 3 * 10);
   EXPECT_EQ(record->pid, dead);
   EXPECT_THAT(platform().events[TOV_LOG_ERROR],
               ElementsAre("tov_spawn--> third part[/opt/daemon] Not Found new pid!"));
@@ -276,7 +276,7 @@ TEST_F(TovSearch, ChildThatFailsInAPauseIsSearchedForOnceMoreAtOnce) {
   run(1);
   EXPECT_EQ(record->pid, forked);
   EXPECT_FALSE(tov_record_is_starting(*record));
-  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 2) << "one scan of two rounds";
+  EXPECT_EQ(kernel().calls(tov_test::CALL_OPENDIR) - before, 3) << "one scan of three rounds";
   EXPECT_THAT(heard(), ElementsAre("exit " + std::to_string(forked) + " 11"));
 }
 
