@@ -214,10 +214,13 @@ static bool ended_just_now(const left_s &left) {
 
 enum left_e { LEFT_ENTERED, LEFT_KNOWN, LEFT_REFUSED };
 
-// A process that has ended before its request was carried out is entered from its file, and what
-// follows its end is done. A file that is older is of another time: nobody would ever remove it,
-// and the next daemon would start what it names.
-static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char *script) {
+// A process that has ended before its request was carried out, or that is about to end and shows
+// nothing any more, is entered from its file, and what follows its end is done. A file that is
+// older is of another time: nobody would ever remove it, and the next daemon would start what it
+// names.
+//   identity  of one that is about to end: its end will be heard; else TOV_NEVER_STARTED
+static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char *script,
+                         const tov_identity_t &identity) {
   left_s left;
   if (!read_left(payload, action, &left)) return LEFT_REFUSED;
   const tov_chains_guard_t hold(tov_chains);
@@ -229,10 +232,12 @@ static left_e enter_left(const tov_msg_xtach_t *payload, int action, const char 
   tov_pid_t *record = tov_chain_new_record();
   fill(record, payload, action, script, left.record.process);
   tov_chain_insert(&tov_chains, record);
-  tov_record_identify(
-      hold, record,
-      tov_inherit_more_of(hold, record->pid, tov_identity_of_start(TOV_NEVER_STARTED)), true);
-  tov_late_add(hold, *record, TOV_LATE_ENTERED, left.written_us);
+  tov_record_identify(hold, record, tov_inherit_more_of(hold, record->pid, identity), true);
+  if (tov_identity_is_start(identity.started)) {
+    tov_exit_ask_entered(hold, record);
+  } else {
+    tov_late_add(hold, *record, TOV_LATE_ENTERED, left.written_us);
+  }
   return LEFT_ENTERED;
 }
 
@@ -257,8 +262,10 @@ static bool makes_record(const char *handler, const tov_msg_xtach_t *payload, in
     take_noted_command(payload->pid, identity, process);
     return insert_process(payload, action, script, process, identity);
   }
-  const bool is_gone = tov_life_is_over(tov_identity_life(payload->pid, identity));
-  const left_e left = is_gone ? enter_left(payload, action, script) : LEFT_REFUSED;
+  if (tov_life_is_over(tov_identity_life(payload->pid, identity)))
+    identity = tov_identity_of_start(TOV_NEVER_STARTED);
+  const bool is_left = identity.started != 0 && identity.exe_ino == 0;
+  const left_e left = is_left ? enter_left(payload, action, script, identity) : LEFT_REFUSED;
   if (left == LEFT_REFUSED) *result = tell_gone(handler, payload);
   return left == LEFT_ENTERED;
 }

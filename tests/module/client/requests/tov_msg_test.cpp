@@ -6,23 +6,29 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "alive/tov_sys_alive.h"
 #include "client/tov_pidfile.h"
+#include "core/policy/exit.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
 #include "include/tov_wire.h"
 #include "tests/module/program.h"
 #include "tests/module/world.h"
 #include "tests/support/child.h"
+#include "tests/support/children.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 
 using namespace std::chrono_literals;
 using tov_test::Child;
@@ -223,6 +229,31 @@ TEST_F(TovMsgOwnFile, OfAProgramThatIsGoneLeadsToItsRestart) {
   EXPECT_EQ(count(tov_chains), 1);
   EXPECT_NE(find(program.birth().pid), nullptr);
   EXPECT_NE(access(file_of(process.pid(), program.name.c_str()).c_str(), F_OK), 0);
+  EXPECT_EQ(new_descriptors(), 0u);
+}
+
+// Like one that is about to end: it shows nothing of itself any more, and is no zombie yet.
+TEST_F(TovMsgOwnFile, OfAProgramThatShowsNothingAnyMoreEntersItUntilItsEnd) {
+  const tov_test::Program program("goner");
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    std::thread([] { pause(); }).detach();
+    syscall(SYS_exit, 0);  // of this thread alone: the other one keeps the process
+  }
+  ASSERT_TRUE(tov_test::wait_until([=] { return tov_test::process_state(pid) == 'Z'; },
+                                   tov_test::PATIENT_MS));
+  auto payload = write_own_file(pid, program.path.c_str());
+  EXPECT_EQ(tov_process_restart(&payload), 0);
+  EXPECT_EQ(count(tov_chains), 1);
+  const tov_pid_t *record = find(pid);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->process, program.path);
+  EXPECT_TRUE(program.births().empty()) << "it has not ended";
+  tov_test::end_child(pid);
+  tov_handle_netlink_exit(pid, 0, 0);
+  EXPECT_NE(find(program.birth().pid), nullptr);
+  EXPECT_EQ(count(tov_chains), 1);
   EXPECT_EQ(new_descriptors(), 0u);
 }
 
