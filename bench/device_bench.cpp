@@ -9,6 +9,8 @@
 //
 // The machine should be quiet: the daemon hears every process of the machine, and handles one
 // event a millisecond. Each figure tells how many processes the machine started meanwhile.
+#include <linux/connector.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -18,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <exception>
@@ -30,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/events/connector.h"
 #include "tests/support/birth.h"
 #include "tests/support/device.h"
 #include "tests/support/processes.h"
@@ -333,22 +337,49 @@ static std::map<std::string, std::vector<double>> costs_of_strangers(pid_t daemo
   return us;
 }
 
-// One after the other, so that each is heard alone: what a storm costs is less.
-static void measure_strangers() {
+static void print_costs(pid_t pid, const char *what, const char *only) {
   static constexpr double SMALL_US = 0.05;
-  printf("strangers: processor time of the daemon for a process that is not registered\n");
-  Device device;
-  start_programs(device, "watched", IDLE_PROGRAMS);
-  const pid_t daemon = device.start_ready_daemon();
-  std::this_thread::sleep_for(SETTLE_MS);
-  const Noise noise;
   for (const char *program : {static_cast<const char *>(nullptr), "/bin/true"}) {
-    printf("  %s\n", program == nullptr ? "fork and exit" : "fork, execution and exit");
-    for (const auto &[name, us] : costs_of_strangers(daemon, program))
-      if (quantile(us, 0.5) > SMALL_US)
+    printf("  %s: %s\n", what, program == nullptr ? "fork and exit" : "fork, execution and exit");
+    for (const auto &[name, us] : costs_of_strangers(pid, program))
+      if (quantile(us, 0.5) > SMALL_US && (only == nullptr || name == only))
         printf("    %-42s median %6.2f   min %6.2f   max %6.2f  us\n", name.c_str(),
                quantile(us, 0.5), quantile(us, 0), quantile(us, 1));
   }
+}
+
+// The floor: a thread of the daemon's priority that receives ends and executions, and nothing else.
+static void measure_bare_listener() {
+  static constexpr char NAME[] = "bare_listener";
+  std::atomic<bool> is_over{false};
+  std::thread listener([&] {
+    (void)tov_set_priority(TOV_RT_PRIORITY);
+    pthread_setname_np(pthread_self(), NAME);
+    tov_connector_t connector;
+    if (tov_connector_open(&connector) != 0) return;
+    connector.others.reset();
+    while (!is_over)  // it comes back after the socket's time-out
+      (void)tov_connector_receive(connector.events.n, 0, [](const cn_msg *) {});
+  });
+  std::this_thread::sleep_for(WINDOW_MS);
+  print_costs(getpid(), "floor, a bare listener", NAME);
+  is_over = true;
+  listener.join();
+}
+
+// One after the other, so that each is heard alone: what a storm costs is less.
+static void measure_strangers() {
+  printf("strangers: processor time of the daemon for a process that is not registered\n");
+  const Noise noise;
+  for (const bool is_listed : {false, true}) {
+    Device device;
+    if (is_listed) device.write("/etc/tov/proc/other", "/opt/other/other TOV_RESTART");
+    start_programs(device, "watched", IDLE_PROGRAMS);
+    const pid_t daemon = device.start_ready_daemon();
+    std::this_thread::sleep_for(SETTLE_MS);
+    print_costs(daemon, is_listed ? "a program listed" : "nothing listed", nullptr);
+  }
+  measure_bare_listener();
 }
 
 // ---- memory ---------------------------------------------------------------------------------

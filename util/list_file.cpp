@@ -4,11 +4,13 @@
 // link and the file, and without a list file only the link and one failing open.
 #include "util/list_file.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,6 +65,19 @@ int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size) {
   exe[EXE_PATH_SIZE] = '\0';
   if (pid_to_proc(pid, exe, EXE_PATH_SIZE) == 0) return 0;
   return tov_proc_in_tovdb(list_path, exe, out, size);
+}
+
+std::optional<std::vector<std::string>> tov_lines_in_tovdb(const char *list_path) {
+  std::vector<std::string> all;
+  const tov_fd_t fd(open_list(list_path));
+  if (fd.n < 0 && errno != ENOENT) return std::nullopt;
+  if (fd.n < 0) return all;
+  tov_lines_s lines(fd.n, LIST_LINE_MAX);
+  errno = 0;
+  while (const char *line = lines.next())
+    if (line[0] != '\n') all.emplace_back(line);
+  if (errno != 0) return std::nullopt;
+  return all;
 }
 
 std::vector<std::string> tov_commands_in_tovdb(const char *list_path) {

@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,5 +33,10 @@ int tov_pid_in_tovdb(pid_t pid, const char *list_path, char *out, int size);
 // What the lines of a list file name: each without its last word. Allocates. Empty when there is
 // none.
 std::vector<std::string> tov_commands_in_tovdb(const char *list_path);
+
+// The lines of a list file, whole, in the pieces in which they are searched; empty ones are left
+// out. Allocates. None when there is no file; nothing (with errno) when there is one that cannot be
+// read.
+std::optional<std::vector<std::string>> tov_lines_in_tovdb(const char *list_path);
 
 #endif  // TOV_UTIL_LIST_FILE_H

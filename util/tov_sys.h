@@ -20,8 +20,10 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -282,6 +284,21 @@ inline int tov_sys_closedir(DIR *dir) {
   return closedir(dir);
 }
 
+// inotify_init1(2): neither waits nor survives an execution.
+inline int tov_sys_inotify_open() {
+  return inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+}
+
+// inotify_add_watch(2): of what is watched already the number stays, and the events are replaced.
+inline int tov_sys_inotify_watch(int fd, const char *path, uint32_t events) {
+  return inotify_add_watch(fd, path, events);
+}
+
+// inotify_rm_watch(2): one that is gone is refused.
+inline int tov_sys_inotify_unwatch(int fd, int watch) {
+  return inotify_rm_watch(fd, watch);
+}
+
 // ---- sockets and counters -------------------------------------------------------------------
 
 // eventfd(2).
@@ -318,6 +335,12 @@ inline ssize_t tov_sys_send(int fd, const void *data, size_t size, int flags) {
 inline ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int flags, sockaddr *sender,
                                 socklen_t *sender_size) {
   return recvfrom(fd, buf, size, flags, sender, sender_size);
+}
+
+// recvmmsg(2), without its time-out: with MSG_WAITFORONE only the first datagram is waited for.
+// What fails behind the first is told by the next call.
+inline int tov_sys_recvmmsg(int fd, mmsghdr *datagrams, unsigned int count, int flags) {
+  return recvmmsg(fd, datagrams, count, flags, nullptr);
 }
 
 #endif  // TOV_UTIL_TOV_SYS_H

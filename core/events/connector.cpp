@@ -17,8 +17,10 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <iterator>
 #include <optional>
+#include <utility>
 
 #include "include/tov_registry.h"
 #include "log/tov_dbg.h"
@@ -50,25 +52,29 @@ static void set_options(int sock) {
   }
 }
 
-// Lets through what is of interest, or (not `of_interest`) the rest. What is not clearly an event
-// counts as of interest and is judged by the reader. Returns whether the kernel has taken it.
-static bool filter_in_kernel(int sock, bool of_interest) {
+// Lets through what is of interest, or (not `of_interest`) the rest; executions belong to the one
+// or to the other. What is not clearly an event counts as of interest and is judged by the reader.
+// Returns whether the kernel has taken it: it replaces an earlier one in one step.
+static bool filter_in_kernel(int sock, bool of_interest, bool executions) {
   // The program loads words as big-endian numbers.
   constexpr uint32_t type_at = offsetof(nlmsghdr, nlmsg_type);
   constexpr uint32_t idx_at = NLMSG_HDRLEN + offsetof(cn_msg, id.idx);
   constexpr uint32_t what_at = NLMSG_HDRLEN + sizeof(cn_msg) + offsetof(proc_event, what);
   constexpr uint32_t none = proc_event::PROC_EVENT_NONE;
+  const uint32_t taken = of_interest ? TAKE_BYTES : DROP_BYTES;
+  const uint32_t dropped = of_interest ? DROP_BYTES : TAKE_BYTES;
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type_at),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(NLMSG_DONE), 0, 6),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, idx_at),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(CN_IDX_PROC), 0, 4),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, what_at),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(TOV_EVENT_EXEC), 2, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(TOV_EVENT_EXEC), 3, 0),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(TOV_EVENT_EXIT), 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(none), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, of_interest ? TAKE_BYTES : DROP_BYTES),
-      BPF_STMT(BPF_RET | BPF_K, of_interest ? DROP_BYTES : TAKE_BYTES),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(none), 0, 2),
+      BPF_STMT(BPF_RET | BPF_K, taken),
+      BPF_STMT(BPF_RET | BPF_K, executions ? TAKE_BYTES : DROP_BYTES),
+      BPF_STMT(BPF_RET | BPF_K, dropped),
   };
   sock_fprog attached{static_cast<unsigned short>(std::size(program)), program};
   return tov_sys_setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached) == 0;
@@ -94,7 +100,7 @@ static tov_fd_t open_others() {
   tov_fd_t sock = new_socket();
   if (sock.n < 0) return sock;
   (void)set_buffer(sock.n);  // a small one only overflows earlier
-  if (!filter_in_kernel(sock.n, false) || !join(sock.n, 0)) sock.reset();
+  if (!filter_in_kernel(sock.n, false, false) || !join(sock.n, 0)) sock.reset();
   return sock;
 }
 
@@ -120,12 +126,12 @@ static bool subscribe(int sock, uint32_t port_id) {
 int tov_connector_open(tov_connector_t *connector) {
   connector->events.reset();  // its port is the one that is wanted again
   connector->others.reset();
-  connector->is_complete = true;
+  connector->is_complete = connector->hears_executions = true;
   connector->events = new_socket();
   const int sock = connector->events.n;
   if (sock < 0) return TOV_CONNECTOR_NO_SOCKET;
   set_options(sock);
-  const bool is_filtered = filter_in_kernel(sock, true);
+  const bool is_filtered = filter_in_kernel(sock, true, true);
   const auto port_id = static_cast<uint32_t>(tov_sys_getpid());
   if (!join(sock, port_id)) return TOV_CONNECTOR_NOT_BOUND;
   if (is_filtered) connector->others = open_others();
@@ -135,6 +141,16 @@ int tov_connector_open(tov_connector_t *connector) {
         tov_sys_setsockopt(sock, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused) == 0;
   }
   return subscribe(sock, port_id) ? 0 : TOV_CONNECTOR_NOT_SUBSCRIBED;
+}
+
+// The one that is to have them takes them before the other leaves them.
+void tov_connector_hear_executions(tov_connector_t *connector, bool hears) {
+  if (connector->others.n < 0 || hears == connector->hears_executions) return;
+  const int taker = hears ? connector->events.n : connector->others.n;
+  const int leaver = hears ? connector->others.n : connector->events.n;
+  if (!filter_in_kernel(taker, hears, true)) return;
+  (void)filter_in_kernel(leaver, !hears, false);  // else they come over both
+  connector->hears_executions = hears;
 }
 
 // ---- datagrams ------------------------------------------------------------------------------
@@ -166,6 +182,16 @@ static void walk_messages(const char *data, size_t remaining, const tov_connecto
   }
 }
 
+static void take(const char *data, size_t length, const sockaddr_nl &sender,
+                 socklen_t sender_length, const tov_connector_visit_t &visit) {
+  if (sender_length != sizeof sender) {
+    TOV_DBG("bad address size reading netlink socket\n");
+    return;
+  }
+  if (sender.nl_pid != KERNEL_PORT_ID || sender.nl_groups != CN_IDX_PROC) return;
+  walk_messages(data, length, visit);
+}
+
 int tov_connector_receive(int sock, int flags, const tov_connector_visit_t &visit) {
   alignas(nlmsghdr) char buffer[TOV_CONNECTOR_DATAGRAM_MAX];
   sockaddr_nl sender{};
@@ -173,13 +199,31 @@ int tov_connector_receive(int sock, int flags, const tov_connector_visit_t &visi
   const ssize_t length = tov_sys_recvfrom(sock, buffer, sizeof buffer, flags,
                                           reinterpret_cast<sockaddr *>(&sender), &sender_length);
   if (length < 0) return -errno;
-  if (sender_length != sizeof sender) {
-    TOV_DBG("bad address size reading netlink socket\n");
-    return 0;
-  }
-  if (sender.nl_pid != KERNEL_PORT_ID || sender.nl_groups != CN_IDX_PROC) return 0;
-  walk_messages(buffer, static_cast<size_t>(length), visit);
+  take(buffer, static_cast<size_t>(length), sender, sender_length, visit);
   return 0;
+}
+
+tov_datagrams_s::tov_datagrams_s() : data_{}, senders_{}, rooms_{}, headers_{} {
+  for (size_t i = 0; i < AT_ONCE; i++) {
+    rooms_[i] = {data_[i], sizeof data_[i]};
+    headers_[i].msg_hdr.msg_name = &senders_[i];
+    headers_[i].msg_hdr.msg_namelen = sizeof senders_[i];
+    headers_[i].msg_hdr.msg_iov = &rooms_[i];
+    headers_[i].msg_hdr.msg_iovlen = 1;
+  }
+}
+
+int tov_datagrams_s::receive(int sock, int flags, const tov_connector_visit_t &visit) {
+  const int count = tov_sys_recvmmsg(sock, headers_, AT_ONCE, flags);
+  if (count < 0) return -errno;
+  for (size_t i = 0; i < static_cast<size_t>(count); i++) {
+    // What the call has replaced is as before again.
+    const socklen_t sender_length =
+        std::exchange(headers_[i].msg_hdr.msg_namelen, socklen_t{sizeof senders_[i]});
+    take(data_[i], std::min<size_t>(headers_[i].msg_len, sizeof data_[i]), senders_[i],
+         sender_length, visit);
+  }
+  return count;
 }
 
 std::optional<uint32_t> tov_connector_drops(int sock) {

@@ -20,10 +20,12 @@
 #include <utility>
 
 #include "core/events/connector.h"
+#include "core/events/listing.h"
 #include "core/events/numbers.h"
 #include "core/events/tov_fifo.h"
 #include "core/run/ends.h"
 #include "core/run/flags.h"
+#include "core/run/known.h"
 #include "core/run/loss.h"
 #include "core/run/quit.h"
 #include "core/run/thread.h"
@@ -40,12 +42,15 @@ enum {
   RECEIVE_TIMEOUT_MS = TOV_CONNECTOR_TIMEOUT_S * 1000,
   OTHERS_AT_ONCE = 1024,  // read of the second socket for what the first has brought
   OTHERS_MAX = 65536,     // more than its buffer holds
+  GAPS_TOGETHER = 64,     // datagrams behind which missing numbers are looked for at the latest
+  GAP_MS = 250,           // or so long behind the first that is missing
 };
 static constexpr int64_t US_PER_S = 1'000'000;
 static constexpr int64_t NS_PER_US = 1'000;
 static constexpr int64_t STOOD_STILL_US = 1 * US_PER_S;  // so late an event was not read: we slept
 static constexpr int64_t ANSWER_US = 5 * US_PER_S;       // longest wait for a subscription's answer
-static constexpr int64_t SILENCE_US = 60 * US_PER_S;     // afterwards we ask whether we still hear
+static constexpr int64_t LIST_US = 60 * US_PER_S;  // the list is read anew, whatever a watch says
+static constexpr int64_t SILENCE_US = 60 * US_PER_S;  // afterwards we ask whether we still hear
 
 namespace {
 
@@ -119,7 +124,7 @@ static bool is_fatal(int error) {
 
 // What tov_recv_netlink_msg() makes of a result of tov_connector_receive().
 static int judge(int res) {
-  if (res == 0) return 0;
+  if (res >= 0) return 0;
   TOV_DBG("%s: netlink recvfrom fail: %s\n", "tov_recv_netlink_msg", strerror(-res));
   errno = -res;
   return is_fatal(errno) ? -1 : 0;
@@ -138,29 +143,40 @@ class reader_s {
  public:
   // All of them return 0 or the thread's result, with errno.
   int open();
-  int take_or_wait();  // takes one datagram, or waits for one: some seconds at the most
+  int take_or_wait();  // takes some datagrams, or waits for one: some seconds at the most
 
  private:
   void take(const cn_msg *message);
+  void take_execution(const tov_cnmsg_data_t &event);
+  void follow_list();
   void queue(const tov_cnmsg_data_t &event);
   void note_answer(const proc_event &event);
   int receive(int flags);
+  int sleep();
   int wait();
   void hear();
   void catch_up();
   void judge_gaps(int at_most);
   void settle();
   void tell_drops(uint32_t reasons);
-  int take_other();
+  void take_other(const cn_msg *message);
+  int receive_others();
   bool read_others(int at_most, bool all);
   int judge_silence();
   bool proves_life();
+  bool settles_gaps_later();
 
   tov_connector_t connector_;
+  tov_datagrams_t events_, others_;
+  tov_listing_t listing_;
+  int64_t list_read_us_ = 0;
   tov_numbers_t numbers_;
   bool is_first_ = false;         // the next event shows how late it is read
   bool has_stood_still_ = false;  // so late that we have slept
+  bool is_read_empty_ = false;    // the first socket, by the last call
   int since_caught_up_ = 0;       // datagrams
+  int since_judged_ = 0;          // datagrams, since missing numbers were last looked for
+  int64_t gap_since_us_ = 0;      // 0: none is missing
 
   bool is_reopened_ = false;
   bool is_heard_ = false;  // an event came since the subscription
@@ -192,7 +208,9 @@ int reader_s::open() {
   drops_told_ = tov_connector_drops(connector_.events.n);
   is_heard_ = has_overflowed_ = false;
   answer_error_ = 0;
-  subscribed_us_ = last_heard_us_ = now_us();
+  subscribed_us_ = last_heard_us_ = list_read_us_ = now_us();
+  listing_.doubt();
+  follow_list();
   return 0;
 }
 
@@ -215,6 +233,22 @@ void reader_s::note_answer(const proc_event &event) {
   tov_loss_tell(TOV_LOSS_SUBSCRIBED, 0);
 }
 
+// Of a list that has begun to name something: who was executed behind that may be in the second
+// socket.
+void reader_s::follow_list() {
+  listing_.refresh();
+  if (listing_.any() == connector_.hears_executions) return;
+  tov_connector_hear_executions(&connector_, listing_.any());
+  if (listing_.any()) (void)read_others(OTHERS_MAX, true);
+}
+
+// Over whichever socket it came. What a process executes concerns us where programs are listed.
+void reader_s::take_execution(const tov_cnmsg_data_t &event) {
+  follow_list();
+  const pid_t pid = event.process_pid;
+  if (listing_.any() && (tov_known_may_be(pid) || listing_.may_be_listed(pid))) queue(event);
+}
+
 void reader_s::take(const cn_msg *message) {
   proc_event event;
   const size_t length = copy_event(message, &event);
@@ -227,13 +261,21 @@ void reader_s::take(const cn_msg *message) {
   const auto &exit = event.event_data.exit;
   const bool is_awaited = is_exit(event, length) &&
                           tov_ends_note(exit.process_tgid, exit.process_pid, exit.exit_code, at_us);
-  if (const auto of = of_interest(event, length)) queue(*of);
+  const auto of = of_interest(event, length);
+  if (of && of->what == TOV_EVENT_EXEC) {
+    take_execution(*of);
+  } else if (of && tov_known_may_be(of->process_pid)) {
+    queue(*of);
+  }
   if (is_awaited) queue({TOV_EVENT_EXIT, exit.process_tgid, exit.exit_code});
 }
 
 int reader_s::receive(int flags) {
-  return tov_connector_receive(connector_.events.n, flags,
-                               [this](const cn_msg *message) { take(message); });
+  const int count =
+      events_.receive(connector_.events.n, flags, [this](const cn_msg *message) { take(message); });
+  is_read_empty_ = 0 <= count && count < tov_datagrams_t::AT_ONCE;
+  since_caught_up_ += std::max(count, 0);
+  return count;
 }
 
 // With what else there is to tell, so that it is one look.
@@ -247,23 +289,31 @@ void reader_s::tell_drops(uint32_t reasons) {
   drops_told_ = drops;
 }
 
-int reader_s::take_other() {
-  return tov_connector_receive(connector_.others.n, MSG_DONTWAIT, [this](const cn_msg *message) {
-    proc_event event;
-    if (copy_event(message, &event) >= offsetof(proc_event, event_data))
-      numbers_.seen(event.cpu, message->seq);
-  });
+void reader_s::take_other(const cn_msg *message) {
+  proc_event event;
+  const size_t length = copy_event(message, &event);
+  if (length < offsetof(proc_event, event_data)) return;
+  numbers_.seen(event.cpu, message->seq);
+  const auto of = of_interest(event, length);
+  if (of && of->what == TOV_EVENT_EXEC) take_execution(*of);
+}
+
+int reader_s::receive_others() {
+  return others_.receive(connector_.others.n, MSG_DONTWAIT,
+                         [this](const cn_msg *message) { take_other(message); });
 }
 
 // Reads the second socket: `all` of it, or as long as numbers are missing. Returns whether it is
 // empty.
 bool reader_s::read_others(int at_most, bool all) {
   if (connector_.others.n < 0) return true;
-  for (int i = 0; i < at_most && (all || numbers_.any_missing()); i++) {
-    const int res = take_other();
-    if (res == -EAGAIN) return true;
+  for (int taken = 0; taken < at_most && (all || numbers_.any_missing());) {
+    const int count = receive_others();
+    const bool is_empty = 0 <= count && count < tov_datagrams_t::AT_ONCE;
+    if (is_empty || count == -EAGAIN) return true;
     // What it lost concerns nobody, but those numbers are missing.
-    if (res == -ENOBUFS) unsettled_ = SETTLED_AFTER_OVERFLOW;
+    if (count == -ENOBUFS) unsettled_ = SETTLED_AFTER_OVERFLOW;
+    taken += std::max(count, 1);
   }
   return false;
 }
@@ -289,6 +339,12 @@ void reader_s::judge_gaps(int at_most) {
   if (lost > 0) tov_loss_tell(TOV_LOSS_EVENTS, lost);
 }
 
+// Each fork leaves a gap, which the second socket fills: many are looked for together.
+bool reader_s::settles_gaps_later() {
+  if (gap_since_us_ == 0) gap_since_us_ = last_heard_us_;
+  return since_judged_ < GAPS_TOGETHER && last_heard_us_ - gap_since_us_ < GAP_MS * int64_t{1'000};
+}
+
 // The first socket is empty: what is missing is in the second one, or lost. An overflow leaves
 // gaps, too; it is one loss, and counted by the kernel.
 void reader_s::catch_up() {
@@ -302,18 +358,23 @@ void reader_s::catch_up() {
     tov_loss_tell(reasons, 0);
   }
   if (unsettled_ > 0) return settle();
-  if (numbers_.any_missing() && connector_.is_complete) judge_gaps(OTHERS_AT_ONCE + taken);
+  since_judged_ += taken;
+  const bool is_gap = numbers_.any_missing() && connector_.is_complete;
+  if (is_gap && settles_gaps_later()) return;
+  if (is_gap) judge_gaps(OTHERS_AT_ONCE + since_judged_);
+  since_judged_ = 0;
+  gap_since_us_ = 0;
 }
 
 // A new name of this thread is an event.
 bool reader_s::proves_life() {
   if (connector_.others.n < 0) {
     (void)tov_sys_set_name(thread_name);
-    return receive(MSG_DONTWAIT) == 0;
+    return receive(MSG_DONTWAIT) > 0;
   }
   (void)read_others(OTHERS_MAX, true);
   (void)tov_sys_set_name(thread_name);
-  return take_other() == 0;
+  return receive_others() > 0;
 }
 
 // Nothing has come for some seconds: because nothing happens on this machine, or because the kernel
@@ -342,6 +403,24 @@ void reader_s::hear() {
   last_heard_us_ = now_us();
 }
 
+// Sleeps until an event comes, `quit` is raised, the list changes or missing numbers are due.
+// Returns what poll(2) says.
+int reader_s::sleep() {
+  pollfd waited[] = {{connector_.events.n, POLLIN, 0},
+                     {tov_quit_fd(), POLLIN, 0},
+                     {listing_.watch().changes(), POLLIN, 0},
+                     {listing_.watch().mounts(), POLLPRI, 0}};
+  const int ready = tov_sys_poll(waited, std::size(waited),
+                                 gap_since_us_ != 0 ? int{GAP_MS} : int{RECEIVE_TIMEOUT_MS});
+  const bool is_list_old = last_heard_us_ - list_read_us_ >= LIST_US;
+  if (is_list_old || waited[2].revents != 0 || waited[3].revents != 0) {
+    listing_.doubt();
+    list_read_us_ = last_heard_us_;
+    follow_list();
+  }
+  return ready;
+}
+
 // Waits for an event or for `quit`; without the latter's descriptor for its flag, in the receive
 // before.
 int reader_s::wait() {
@@ -353,25 +432,28 @@ int reader_s::wait() {
     (void)judge(-EAGAIN);  // silence is told about
     return judge_silence();
   }
-  pollfd waited[] = {{connector_.events.n, POLLIN, 0}, {tov_quit_fd(), POLLIN, 0}};
-  const int ready = tov_sys_poll(waited, std::size(waited), RECEIVE_TIMEOUT_MS);
+  const int ready = sleep();
   if (ready > 0) {
     hear();
     return 0;
   }
+  if (ready == 0 && gap_since_us_ != 0) {
+    last_heard_us_ = now_us();
+    return 0;
+  }
   // No memory: a bounded wait all the same.
-  const int res = ready < 0 ? receive(0) : -EAGAIN;
+  const int res = ready < 0 ? receive(MSG_WAITFORONE) : -EAGAIN;
   if (judge(res) < 0) return RESULT_RECEIVE;
-  return res == 0 ? 0 : judge_silence();
+  return res > 0 ? 0 : judge_silence();
 }
 
-// Nothing is waited for before the socket is empty: a storm costs one call a datagram.
+// Nothing is waited for before the socket is empty: a storm costs a call for many datagrams.
 int reader_s::take_or_wait() {
   const bool may_wait = tov_quit_fd() < 0;
-  const int res = receive(may_wait ? 0 : MSG_DONTWAIT);
+  if (!may_wait && std::exchange(is_read_empty_, false)) return wait();
+  const int res = receive(may_wait ? MSG_WAITFORONE : MSG_DONTWAIT);
   if (res == -EAGAIN) return wait();
   if (res == -ENOBUFS) has_overflowed_ = true;
-  since_caught_up_++;
   if (may_wait) last_heard_us_ = now_us();
   return judge(res) < 0 ? RESULT_RECEIVE : 0;
 }

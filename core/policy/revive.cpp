@@ -20,6 +20,7 @@
 #include "core/registry/query.h"
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
+#include "core/run/known.h"
 #include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
@@ -168,7 +169,9 @@ static void start_now(const tov_chains_guard_t &held, tov_pid_t *record) {
   start->listed = listed ? 1 : 0;
   // The search may outlast this daemon, and its child is known by that it is younger than the file.
   if (listed) (void)tov_db_keep(record);
-  start->forked = tov_proc_fork(held, record, start->vsd_no, listed);
+  // Until it is known who the child is, as that of this start or as the record's process.
+  const tov_known_all_t all_are_heard;
+  tov_record_take_child(held, record, tov_proc_fork(held, record, start->vsd_no, listed));
   start->forked_started = started_of(start->forked);
   forks_fail_until_us = start->forked > 0 ? 0 : now_us + TOV_FORK_PAUSE_S * US_PER_S;
   // After a failed fork, too: another process may have started the program meanwhile. The child is
@@ -236,7 +239,7 @@ void tov_revive_follow(const tov_chains_guard_t &held, tov_pid_t *record, pid_t 
   start->announced = 1;
   start->listed = 1;
   start->followed = 1;
-  start->forked = child;
+  tov_record_take_child(held, record, child);
   start->child_ended = has_ended ? 1 : 0;
   start->forked_started = has_ended ? 0 : started_of(child);
   if (!has_ended) tov_revive_note_executed(held, record);

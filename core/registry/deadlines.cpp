@@ -17,6 +17,7 @@
 #include "core/registry/record.h"
 #include "core/registry/tov_chain.h"
 #include "core/run/ends.h"
+#include "core/run/known.h"
 #include "core/run/wake.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
@@ -84,6 +85,13 @@ tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record)
   return &record->start;
 }
 
+void tov_record_take_child(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child) {
+  tov_start_t *start = tov_record_start(held, record);
+  tov_known_enter(child);
+  tov_chain_forget_child(start->forked);
+  start->forked = child;
+}
+
 tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child) {
   held.shows(tov_chains);
   for (tov_list_head_s *link = waiting.next; link != &waiting; link = link->next) {
@@ -104,7 +112,7 @@ tov_pid_t *tov_record_of_start(const tov_chains_guard_t &held, uint64_t number) 
 void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record) {
   held.shows(tov_chains);
   if (tov_record_is_ending(*record)) tov_ends_await_no_more(record->pid);
-  if (record->start.forked > 0) tov_ends_await_no_more(record->start.forked);
+  tov_chain_forget_child(record->start.forked);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
   record->start = {};
 }

@@ -44,6 +44,10 @@ void tov_record_end_wait(const tov_chains_guard_t &held, tov_pid_t *record);
 // alone write there, but for the wait and its deadline.
 tov_start_t *tov_record_start(const tov_chains_guard_t &held, tov_pid_t *record);
 
+// The restart has made this child, whose end is heard from now on (core/run/known.h); below 1: the
+// fork has failed, with that number.
+void tov_record_take_child(const tov_chains_guard_t &held, tov_pid_t *record, pid_t child);
+
 // The record whose restart has made this child and does not know yet whether it is the process to
 // supervise; or null.
 tov_pid_t *tov_record_of_child(const tov_chains_guard_t &held, pid_t child);

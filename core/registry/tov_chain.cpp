@@ -23,6 +23,7 @@
 #include "core/registry/supervised.h"
 #include "core/registry/watched.h"
 #include "core/run/ends.h"
+#include "core/run/known.h"
 #include "include/tov_registry.h"
 #include "include/tov_thread_safety.h"
 #include "log/tov_dbg.h"
@@ -154,21 +155,35 @@ void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record) {
   record->serial = __atomic_add_fetch(&last_serial, 1, __ATOMIC_RELAXED);  // of all registries
   tov_list_init(&record->pidlist);
   tov_hlist_add_head(&record->pidlink, bucket_of(chains, record->pid));
+  if (chains == &tov_chains) tov_known_enter(record->pid);
   chains->node_num++;
+}
+
+void tov_chain_forget_child(pid_t child) {
+  if (child < 1) return;
+  tov_ends_await_no_more(child);
+  tov_known_leave(child);
 }
 
 void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record) {
   tov_hlist_del(&record->pidlink);
   tov_list_del(&record->pidlist);
   if (record->start.wait == TOV_WAIT_END) tov_ends_await_no_more(record->pid);
-  if (record->start.forked > 0) tov_ends_await_no_more(record->start.forked);
   if (record->start.wait != TOV_WAIT_NONE) tov_list_del(&record->start.link);
+  if (chains == &tov_chains) {
+    tov_chain_forget_child(record->start.forked);
+    tov_known_leave(record->pid);
+  }
   free(record);
   chains->node_num--;
 }
 
 void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid) {
   tov_hlist_del(&record->pidlink);
+  if (chains == &tov_chains) {
+    tov_known_enter(new_pid);
+    tov_known_leave(record->pid);
+  }
   record->pid = new_pid;
   tov_hlist_add_head(&record->pidlink, bucket_of(chains, new_pid));
 }

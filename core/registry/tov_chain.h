@@ -82,6 +82,10 @@ void tov_chain_insert(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*cha
 // gone releases it. Caller holds the lock.
 void tov_chain_remove(tov_chains_t *chains, tov_pid_t *record) TOV_REQUIRES(*chains);
 
+// The ends of the child of a restart (tov_record_take_child()), and of its threads, concern the
+// record no more; below 1 there is none. Any thread.
+void tov_chain_forget_child(pid_t child);
+
 // Moves `record` to the head of the bucket of `new_pid` and stores the id; the count stays. What is
 // named after the old id (the registration file) is removed before this. Caller holds the lock.
 void tov_chain_rekey(tov_chains_t *chains, tov_pid_t *record, pid_t new_pid) TOV_REQUIRES(*chains);

@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 #include <stdint.h>
 
+#include <optional>
 #include <ostream>
+#include <utility>
 #include <vector>
 
 #include "core/events/tov_fifo.h"
+#include "core/run/known.h"
 #include "core/run/wake.h"
 #include "include/tov_registry.h"
 
@@ -25,7 +28,7 @@ inline std::ostream &operator<<(std::ostream &out, const Event &event) {
   return out << "{" << event.what << ", " << event.pid << ", " << event.code << "}";
 }
 
-// What a fixture inherits beside its world: each test has a ring of its own.
+// What a fixture inherits beside its world: each test has a ring of its own, and hears everybody.
 class EventRing {
  protected:
   EventRing() { EXPECT_EQ(tov_cnmsg_fifo_alloc(), 0); }
@@ -58,6 +61,9 @@ class EventRing {
       all.push_back({event.what, event.process_pid, event.exit_code});
     return all;
   }
+
+  // Without it only who is known is heard.
+  std::optional<tov_known_all_t> everybody_{std::in_place};
 };
 
 }  // namespace tov_test

@@ -46,7 +46,7 @@ static pid_t (*next_waitpid)(pid_t, int *, int);
 static int (*next_execvpe)(const char *, char *const[], char *const[]);
 static int (*next_unlink)(const char *);
 static ssize_t (*next_recv)(int, void *, size_t, int);
-static ssize_t (*next_recvfrom)(int, void *, size_t, int, struct sockaddr *, socklen_t *);
+static int (*next_recvmmsg)(int, struct mmsghdr *, unsigned int, int, struct timespec *);
 
 static int breaks(const char *what) {
   return strcmp(broken, what) == 0;
@@ -67,7 +67,7 @@ __attribute__((constructor)) static void prepare(void) {
   look_up("execvpe", &next_execvpe);
   look_up("unlink", &next_unlink);
   look_up("recv", &next_recv);
-  look_up("recvfrom", &next_recvfrom);
+  look_up("recvmmsg", &next_recvmmsg);
 }
 
 SEEN pid_t setsid(void) {
@@ -152,15 +152,16 @@ SEEN ssize_t recv(int fd, void *buffer, size_t size, int flags) {
   return got;
 }
 
-SEEN ssize_t recvfrom(int fd, void *restrict buffer, size_t size, int flags, __SOCKADDR_ARG from,
-                      socklen_t *restrict from_size) {
-  const socklen_t room = *from_size;
-  ssize_t got = 0;
-  do {
-    *from_size = room;
-    got = next_recvfrom(fd, buffer, size, flags, from.__sockaddr__, from_size);
-  } while (got > 0 &&
-           (breaks("mute") || (breaks("lose") && is_end_by(SIGKILL, buffer, (size_t)got))));
-  if (got > 0) look_at_event(buffer, (size_t)got);
+/* An event that is not to be heard of comes as a datagram without a message. */
+SEEN int recvmmsg(int fd, struct mmsghdr *datagrams, unsigned int count, int flags,
+                  struct timespec *timeout) {
+  const int got = next_recvmmsg(fd, datagrams, count, flags, timeout);
+  for (int i = 0; i < got; i++) {
+    char *datagram = datagrams[i].msg_hdr.msg_iov->iov_base;
+    const size_t length = datagrams[i].msg_len;
+    if (breaks("mute") || (breaks("lose") && is_end_by(SIGKILL, datagram, length)))
+      datagrams[i].msg_len = 0;
+    look_at_event(datagram, length);
+  }
   return got;
 }

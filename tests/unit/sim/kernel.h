@@ -94,6 +94,7 @@ enum call_e {
   CALL_BIND,
   CALL_SEND,
   CALL_RECVFROM,
+  CALL_RECVMMSG,
   CALL_COUNT
 };
 

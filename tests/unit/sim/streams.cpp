@@ -104,6 +104,25 @@ FILE *tov_simulated_fdopen(int fd, const char *how) {
   return fopencookie(new stream_s{fd}, how, calls);
 }
 
+// ---- watches --------------------------------------------------------------------------------
+
+static int refuse_watches() {
+  errno = ENOSYS;
+  return -1;
+}
+
+int tov_sys_inotify_open() {
+  return refuse_watches();
+}
+
+int tov_sys_inotify_watch(int, const char *, uint32_t) {
+  return refuse_watches();
+}
+
+int tov_sys_inotify_unwatch(int, int) {
+  return refuse_watches();
+}
+
 // ---- counters -------------------------------------------------------------------------------
 
 int tov_sys_eventfd(unsigned int count, int flags) {
@@ -232,4 +251,21 @@ ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int flags, sockaddr *se
   return call_on_socket(tov_test::CALL_RECVFROM, fd, [&](auto &) {
     return kernel().receive(fd, buf, size, flags, sender, sender_size);
   });
+}
+
+int tov_sys_recvmmsg(int fd, mmsghdr *datagrams, unsigned int count, int flags) {
+  return static_cast<int>(call_on_socket(tov_test::CALL_RECVMMSG, fd, [&](auto &) {
+    unsigned int taken = 0;
+    for (; taken < count; taken++) {
+      msghdr &header = datagrams[taken].msg_hdr;
+      const int how = taken > 0 || (flags & MSG_WAITFORONE) == 0 ? flags | MSG_DONTWAIT : 0;
+      const ssize_t length = kernel().receive(
+          fd, header.msg_iov->iov_base, header.msg_iov->iov_len, how & ~MSG_WAITFORONE,
+          static_cast<sockaddr *>(header.msg_name), &header.msg_namelen);
+      if (length < 0 && taken == 0) return length;
+      if (length < 0) break;
+      datagrams[taken].msg_len = static_cast<unsigned int>(length);
+    }
+    return ssize_t{taken};
+  }));
 }

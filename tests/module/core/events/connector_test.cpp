@@ -24,6 +24,8 @@
 
 #include "core/events/numbers.h"
 #include "tests/module/world.h"
+#include "tests/support/child.h"
+#include "tests/support/children.h"
 
 namespace {
 
@@ -191,4 +193,67 @@ TEST_F(TovConnector, OverflowIsSaidOnceAndItsDropsAreCounted) {
 
 TEST_F(TovConnector, DropsOfWhatIsNoSocketAreUnknown) {
   EXPECT_EQ(tov_connector_drops(-1), std::nullopt);
+}
+
+// ---- executions -----------------------------------------------------------------------------
+
+static int count_executions(const std::vector<event_s> &events) {
+  return static_cast<int>(std::count_if(events.begin(), events.end(), [](const event_s &event) {
+    return event.what == proc_event::PROC_EVENT_EXEC;
+  }));
+}
+
+TEST_F(TovConnector, ExecutionsComeOverTheSocketThatIsToHaveThem) {
+  ASSERT_GE(connector_.others.n, 0);
+  for (const bool hears : {true, false, false, true}) {
+    SCOPED_TRACE(hears);
+    tov_connector_hear_executions(&connector_, hears);
+    EXPECT_EQ(connector_.hears_executions, hears);
+    (void)read_first();
+    (void)read_second();
+    tov_test::end_child(tov_test::start("/bin/true"));
+    make_processes(1);
+    std::vector<event_s> first = read_first(), second = read_second();
+    EXPECT_GE(count_executions(hears ? first : second), 1);
+    EXPECT_EQ(count_executions(hears ? second : first), 0);
+    EXPECT_TRUE(std::any_of(first.begin(), first.end(), [](const event_s &event) {
+      return event.what == proc_event::PROC_EVENT_EXIT;
+    })) << "ends as always";
+    tov_numbers_t numbers;
+    first.insert(first.end(), second.begin(), second.end());
+    std::sort(first.begin(), first.end(),
+              [](const event_s &a, const event_s &b) { return a.at_ns < b.at_ns; });
+    for (const event_s &event : first)
+      numbers.seen(event.processor, event.number);
+    numbers.mark();
+    EXPECT_EQ(numbers.lost(), 0u);
+  }
+}
+
+TEST_F(TovConnector, WithOneSocketExecutionsStayWhereTheyAre) {
+  connector_.others.reset();
+  tov_connector_hear_executions(&connector_, false);
+  EXPECT_TRUE(connector_.hears_executions);
+  (void)read_first();
+  tov_test::end_child(tov_test::start("/bin/true"));
+  EXPECT_GE(count_executions(read_first()), 1);
+}
+
+// ---- many at once ---------------------------------------------------------------------------
+
+TEST_F(TovConnector, ManyDatagramsComeWithOneCall) {
+  (void)read_first();
+  make_processes(tov_datagrams_t::AT_ONCE);
+  tov_datagrams_t datagrams;
+  int messages = 0;
+  const auto count = [&](const cn_msg *) { messages++; };
+  int received = datagrams.receive(connector_.events.n, MSG_DONTWAIT, count);
+  EXPECT_EQ(received, int{tov_datagrams_t::AT_ONCE});
+  EXPECT_EQ(messages, received);
+  while (received == int{tov_datagrams_t::AT_ONCE})
+    received = datagrams.receive(connector_.events.n, MSG_DONTWAIT, count);
+  EXPECT_GE(messages, 2 * int{tov_datagrams_t::AT_ONCE}) << "a thread and a process each";
+  while (received >= 0)
+    received = datagrams.receive(connector_.events.n, MSG_DONTWAIT, count);
+  EXPECT_EQ(received, -EAGAIN);
 }

@@ -22,6 +22,7 @@
 
 #include "core/events/netlink.h"
 #include "core/run/flags.h"
+#include "include/tov_ras_comp_config.h"
 #include "include/tov_registry.h"
 #include "tests/module/program.h"
 #include "tests/module/refused_calls.h"
@@ -41,7 +42,16 @@ using tov_test::Event;
 
 namespace {
 
-class TovProcessNetlink : public tov_test::World, protected tov_test::EventRing {};
+// Executions are heard as long as anything is listed.
+class TovProcessNetlink : public tov_test::World, protected tov_test::EventRing {
+ protected:
+  void SetUp() override {
+    World::SetUp();
+    std::filesystem::create_directories("/etc/tov");
+    tov_test::write_file(TOV_THIRD_PART_LIST, "/opt/other TOV_RESTART\n");
+  }
+  ~TovProcessNetlink() override { tov_test::clear_path(TOV_THIRD_PART_LIST); }
+};
 
 // Socket descriptors of this process.
 std::set<int> sockets() {
@@ -209,7 +219,7 @@ TEST_F(TovProcessNetlink, RefusedSubscriptionEndsTheDaemon) {
 
 TEST_F(TovProcessNetlink, FailedSocketEndsTheDaemon) {
   tov_test::in_child([] {
-    tov_test::refuse({SYS_recvfrom}, ENOTCONN);
+    tov_test::refuse({SYS_recvmmsg}, ENOTCONN);
     tov_process_netlink(nullptr);
     EXPECT_EQ(tov_flag_get(quit), 1);
   });

@@ -15,6 +15,7 @@
 #include "core/events/tov_fifo.h"
 #include "core/run/ends.h"
 #include "core/run/flags.h"
+#include "core/run/known.h"
 #include "core/run/loss.h"
 #include "core/run/quit.h"
 #include "core/run/wake.h"
@@ -163,6 +164,75 @@ TEST_F(TovProcessNetlink, OthersEventsAreReadOnlyWhereANumberIsMissing) {
   at(6, [] { EXPECT_TRUE(second().queue.empty()); });
   run();
   EXPECT_EQ(told().reasons, 0u);
+}
+
+// Each fork leaves a gap until the second socket is read: not for each of them.
+TEST_F(TovProcessNetlink, GapsOfManyForksAreLookedForTogether) {
+  const auto after_ms = [](int64_t ms, const std::function<void()> &what) {
+    kernel().after(US_PER_S + ms * 1'000, what);
+  };
+  after_ms(0, [] { post_exit(1); });
+  after_ms(10, [] {
+    post_fork();
+    post_exit(2);
+  });
+  after_ms(20, [] {
+    post_fork();
+    post_exit(3);
+  });
+  after_ms(100, [] { EXPECT_EQ(second().queue.size(), 2u); });
+  after_ms(300, [] { EXPECT_TRUE(second().queue.empty()); });
+  after_ms(400, [] {
+    kernel().lose(1);
+    post_exit(4);
+  });
+  after_ms(500, [] { EXPECT_EQ(told().count, 0u); });
+  after_ms(700, [] { EXPECT_EQ(told().count, 1u); });
+  run();
+}
+
+TEST_F(TovProcessNetlink, CrowdOfGapsIsLookedForSooner) {
+  at(1, [] {
+    post_exit(1);
+    for (int pid = 2; pid <= 100; pid++) {
+      post_fork();
+      post_exit(pid);
+    }
+    kernel().lose(1);
+    post_exit(101);
+  });
+  kernel().after(US_PER_S + 1'000, [] { EXPECT_EQ(told().count, 1u); });
+  run();
+}
+
+// ---- strangers ------------------------------------------------------------------------------
+
+TEST_F(TovProcessNetlink, EndsOfStrangersAreNotedAndGoNoFurther) {
+  everybody_.reset();
+  tov_known_enter(77);
+  at(1, [] {
+    post_exit(76, 3);
+    post_exit(77, 4);
+    post_exit(78, 5);
+    kernel().post(exec_of(79));  // whoever executes something may be listed
+  });
+  run();
+  tov_known_leave(77);
+  EXPECT_THAT(queued(), ElementsAre(Event{0x80000000, 77, 4}, Event{2, 79, 0}));
+  EXPECT_EQ(tov_ends_code(76, 0), 3u);
+  EXPECT_EQ(tov_ends_code(78, 0), 5u);
+}
+
+TEST_F(TovProcessNetlink, EndsOfStrangersDoNotFillTheRing) {
+  everybody_.reset();
+  fill_ring(0);
+  at(1, [] {
+    for (int pid = 1; pid <= 100; pid++)
+      post_exit(pid);
+  });
+  run();
+  EXPECT_EQ(told().reasons, 0u);
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("res=0, ")));
 }
 
 // ---- overflows ------------------------------------------------------------------------------

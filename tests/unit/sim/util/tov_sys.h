@@ -90,6 +90,11 @@ int tov_sys_closedir(DIR *dir);
 FILE *tov_simulated_fdopen(int fd, const char *how);
 #define fdopen tov_simulated_fdopen
 
+// Nothing can be watched there: it is looked at each time.
+int tov_sys_inotify_open();
+int tov_sys_inotify_watch(int fd, const char *path, uint32_t events);
+int tov_sys_inotify_unwatch(int fd, int watch);
+
 // ---- sockets and counters -------------------------------------------------------------------
 
 int tov_sys_eventfd(unsigned int count, int flags);
@@ -100,5 +105,7 @@ int tov_sys_bind(int fd, const sockaddr *address, socklen_t size);
 ssize_t tov_sys_send(int fd, const void *data, size_t size, int flags);
 ssize_t tov_sys_recvfrom(int fd, void *buf, size_t size, int flags, sockaddr *sender,
                          socklen_t *sender_size);
+
+int tov_sys_recvmmsg(int fd, mmsghdr *datagrams, unsigned int count, int flags);
 
 #endif  // TOV_UTIL_TOV_SYS_H
