@@ -148,7 +148,13 @@ void tov_connector_hear_executions(tov_connector_t *connector, bool hears) {
   if (connector->others.n < 0 || hears == connector->hears_executions) return;
   const int taker = hears ? connector->events.n : connector->others.n;
   const int leaver = hears ? connector->others.n : connector->events.n;
-  if (!filter_in_kernel(taker, hears, true)) return;
+  if (!filter_in_kernel(taker, hears, true)) {
+    int unused =
+        0;  // without a filter everything comes over the first one, and works at that price
+    if (!hears ||
+        tov_sys_setsockopt(taker, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused) < 0)
+      return;
+  }
   (void)filter_in_kernel(leaver, !hears, false);  // else they come over both
   connector->hears_executions = hears;
 }

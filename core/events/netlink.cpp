@@ -170,6 +170,7 @@ class reader_s {
   tov_datagrams_t events_, others_;
   tov_listing_t listing_;
   int64_t list_read_us_ = 0;
+  bool others_may_be_listed_ = false;  // of whom the second socket tells
   tov_numbers_t numbers_;
   bool is_first_ = false;         // the next event shows how late it is read
   bool has_stood_still_ = false;  // so late that we have slept
@@ -234,12 +235,12 @@ void reader_s::note_answer(const proc_event &event) {
 }
 
 // Of a list that has begun to name something: who was executed behind that may be in the second
-// socket.
+// socket. That is read when this event and what came with it are done with.
 void reader_s::follow_list() {
   listing_.refresh();
   if (listing_.any() == connector_.hears_executions) return;
   tov_connector_hear_executions(&connector_, listing_.any());
-  if (listing_.any()) (void)read_others(OTHERS_MAX, true);
+  others_may_be_listed_ = listing_.any();
 }
 
 // Over whichever socket it came. What a process executes concerns us where programs are listed.
@@ -348,6 +349,7 @@ bool reader_s::settles_gaps_later() {
 // The first socket is empty: what is missing is in the second one, or lost. An overflow leaves
 // gaps, too; it is one loss, and counted by the kernel.
 void reader_s::catch_up() {
+  if (std::exchange(others_may_be_listed_, false)) (void)read_others(OTHERS_MAX, true);
   const int taken = std::exchange(since_caught_up_, 0);
   const uint32_t reasons =
       std::exchange(has_stood_still_, false) ? uint32_t{TOV_LOSS_STOOD_STILL} : 0;

@@ -6,6 +6,7 @@
 #include <stddef.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "include/tov_ras_comp_config.h"
@@ -41,6 +42,7 @@ class Strangers : public testing::Test {
 };
 
 const std::string LIST = TOV_THIRD_PART_LIST;
+constexpr Millis PAUSE_MS{20};
 
 }  // namespace
 
@@ -56,6 +58,22 @@ TEST_F(Strangers, ProgramThatIsListedRightBeforeItsExecutionIsRegistered) {
     need_registered(task);
     if (i == MANY - 1) expect_back(task);
   }
+}
+
+TEST_F(Strangers, ProgramThatIsListedInTheMiddleOfAStormIsRegistered) {
+  static constexpr int MANY = 20;
+  device.start_ready_daemon();
+  const pid_t storm = device.spawn({"sh", "-c", "while :; do /bin/true & /bin/true; done"});
+  for (int i = 0; i < MANY; i++) {
+    SCOPED_TRACE(i);
+    Task task = install_task(device, "storm_listed" + std::to_string(i) + "_", {});
+    device.write(LIST, "");
+    std::this_thread::sleep_for(PAUSE_MS);
+    list_and_start(task, line(task) + " > " + LIST);
+    need_registered(task);
+  }
+  device.kill(storm, SIGKILL);
+  EXPECT_THAT(device.event_log(ERROR_LOG), IsEmpty()) << "nothing is taken for lost";
 }
 
 TEST_F(Strangers, EveryWayToChangeTheListIsSeen) {
