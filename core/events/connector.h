@@ -39,7 +39,7 @@ enum tov_connector_result_e {
 struct tov_connector_s {
   tov_fd_t events;  // executions as long as they are heard, all ends, answers to subscriptions,
                     // what is not known
-  tov_fd_t others;               // everything else; none: it comes over `events`
+  tov_fd_t others;  // everything else; none: it comes over `events`
   bool is_complete = true;       // every event comes over one of them
   bool hears_executions = true;  // over `events`
 };

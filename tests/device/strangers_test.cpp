@@ -13,6 +13,7 @@
 #include "tests/device/story.h"
 #include "tests/support/device.h"
 #include "tests/support/event_log.h"
+#include "tests/support/processes.h"
 
 using namespace tov_test;
 using testing::IsEmpty;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-
 #include "core/registry/deadlines.h"
 #include "core/registry/tov_chain.h"
 #include "include/tov_registry.h"
