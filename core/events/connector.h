@@ -17,7 +17,6 @@
 #include <linux/netlink.h>
 #include <stdint.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <functional>
 #include <optional>
